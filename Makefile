@@ -1,0 +1,152 @@
+# SPDX-License-Identifier: Apache-2.0
+# One command per purpose, over CMake and pip. `make help` lists them.
+#
+# Everything lands in $(VENV) and build/. Stamps say what is done already, so a second run repeats
+# only what has changed. VENV=none builds for the interpreter PYTHON as it is and downloads nothing.
+
+VENV ?= .venv
+PYTEST_ARGS ?=
+JOBS ?= $(shell nproc)
+export VENV PYTHON
+
+SHELL := bash
+.SHELLFLAGS := -euo pipefail -c
+.DEFAULT_GOAL := help
+.DELETE_ON_ERROR:
+MAKEFLAGS += --no-builtin-rules --no-print-directory
+
+ifeq ($(VENV),none)
+PY := $(or $(shell VENV=none PYTHON='$(PYTHON)' scripts/find_python.sh),$(error no usable Python))
+SITE := build/site-packages
+STAMP := build/installed
+export PYTHONPATH := $(abspath $(SITE))
+else
+PY := $(VENV)/bin/python
+SITE :=
+STAMP := $(VENV)/korvex-installed
+export PATH := $(abspath $(VENV)/bin):$(PATH)
+endif
+# Read in recipes only, when the environment exists: builds for two interpreters do not mix.
+BUILD = build/$(shell $(PY) -c 'import sys; print(sys.implementation.cache_tag)')
+
+# What the installed package is made from. Folders are named for files that go.
+SOURCES := CMakeLists.txt pyproject.toml LICENSE $(shell find cmake korvex -name __pycache__ -prune \
+  -o \( -type d -o -type f \) -print)
+CODE_FOLDERS := $(wildcard korvex tests examples benchmarks)
+CXX_FILES := $(shell find $(CODE_FOLDERS) \( -name '*.cpp' -o -name '*.h' -o -name '*.cu' \
+  -o -name '*.cuh' \) -print)
+HEADERS := $(filter %.h %.cuh,$(CXX_FILES))
+TIDY_STAMPS := $(patsubst %,build/tidy/%.ok,$(filter %.cpp,$(CXX_FILES)))
+
+.PHONY: help demo test check environment install cpp-tests python-tests test-long leaks fuzz sanitize verify-elementary gpu lint \
+  format-check tidy configure format wheel clean distclean
+
+help: ## this list
+	@sed -n 's/^\([a-z-]*\):.*## /make \1\t/p' Makefile | expand -t 16
+
+demo: install ## build, install and run the demonstration
+	@$(PY) examples/exact_sum.py --demo
+
+test: check lint ## what CI runs: build, C++ tests, Python tests, format and lint
+	@echo "make test: format and lint are clean"
+	@$(PY) scripts/report_tests.py C++=build/ctest.xml Python=build/pytest.xml
+
+check: cpp-tests python-tests ## build and run all tests, without format and lint
+	@$(PY) scripts/report_tests.py C++=build/ctest.xml Python=build/pytest.xml
+
+# --- Environment and build
+
+environment:
+ifneq ($(VENV),none)
+	@scripts/set_up_environment.sh $(VENV)
+endif
+
+install: environment
+	@$(MAKE) --silent $(STAMP)
+
+$(STAMP): $(SOURCES) scripts/install_tree.sh
+	@mkdir -p build
+	@scripts/install_tree.sh $(PY) $(BUILD) $(SITE)
+	@touch $@
+
+# The C++ tests join the build folder of the wheel, so nothing is compiled twice.
+configure: install
+	@cmake -S . -B $(BUILD) -DKORVEX_BUILD_TESTS=ON >build/configure.log || \
+	  { cat build/configure.log; exit 1; }
+
+# With kernels for every architecture; in a build folder of its own, as the other one keeps its few.
+wheel: environment ## a wheel in dist/, with the kernels for all GPUs
+	@scripts/fetch_cuda_compilers.sh $(PY) build/cuda-compilers
+	@CXX=$$(scripts/find_compiler.sh) $(PY) -m pip wheel --quiet --no-deps --no-build-isolation --no-index \
+	  --config-settings build-dir=build/wheel \
+	  --config-settings cmake.define.KORVEX_CUDA_ARCHITECTURES=all \
+	  --config-settings cmake.define.KORVEX_CUDA_COMPILERS=$(CURDIR)/build/cuda-compilers \
+	  --wheel-dir dist .
+	@ls dist/*.whl
+
+# --- Tests
+
+cpp-tests: configure
+	@cmake --build $(BUILD) --parallel $(JOBS)
+	@ctest --test-dir $(BUILD) --no-tests=error --output-on-failure --parallel $(JOBS) \
+	  --output-junit $(CURDIR)/build/ctest.xml
+
+# -P: the tree must not shadow the installed package. No test collected is a failure.
+python-tests: install
+	@$(PY) -P -m pytest $(PYTEST_ARGS) --junitxml=build/pytest.xml
+
+test-long: install ## the Python tests that take minutes and do not run otherwise
+	@$(PY) -P -m pytest -m long $(PYTEST_ARGS)
+
+leaks: install ## ten thousand calls of every function: memory, references and tensors stay flat
+	@$(PY) -P -m pytest -m long tests/runtime/test_leaks.py tests/runtime/test_leaks_of_all.py $(PYTEST_ARGS)
+
+FUZZ_SEED ?= $(shell date +%s)
+FUZZ_SECONDS ?= 500
+
+fuzz: install ## random calls on the module and its rendering; FUZZ_SECONDS=500, FUZZ_SEED=the time
+	@$(PY) -P tests/fuzz/fuzz_module.py --seed $(FUZZ_SEED) --seconds $(FUZZ_SECONDS)
+
+sanitize: environment ## all tests on a build under AddressSanitizer and UndefinedBehaviorSanitizer
+	@scripts/run_sanitized.sh $(PY) $(PYTEST_ARGS)
+
+# Some minutes: error bounds worked out anew, then ten million arguments of each function.
+verify-elementary: install ## exp, log, sqrt, sigmoid and tanh against MPFR, bit for bit
+	@$(PY) scripts/check_elementary_bounds.py
+	@$(PY) scripts/verify_elementary.py
+
+# One call, under ten minutes, on a machine with a GPU: downloads nothing.
+gpu: ## all that needs a GPU: tests, checks and figures, as one report in benchmarks/results/
+	@scripts/gpu_run.sh
+
+# --- Format and lint
+
+lint: format-check tidy ## clang-format, ruff and clang-tidy
+
+format-check: environment
+	@clang-format --dry-run -Werror --ferror-limit=1 $(CXX_FILES)
+	@ruff check .
+	@ruff format --check .
+
+tidy: configure
+	@$(PY) scripts/tidy_commands.py $(BUILD)/compile_commands.json build/tidy
+	@$(MAKE) --silent -j$(JOBS) $(TIDY_STAMPS)
+
+build/tidy/%.ok: % $(HEADERS) .clang-tidy
+	@echo "clang-tidy $<"
+	@clang-tidy -p build/tidy --quiet $<
+	@mkdir -p $(@D)
+	@touch $@
+
+format: environment ## rewrite all files in the project's format
+	@clang-format -i $(CXX_FILES)
+	@ruff check --fix .
+	@ruff format .
+
+# --- Cleaning
+
+clean: ## remove what was built
+	@rm -rf build dist $(STAMP)
+
+distclean: clean ## and the environment
+	@rm -rf .venv

@@ -1,0 +1,140 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What correctly rounded exp, log, sqrt, sigmoid and tanh cost on the host, and who misrounds.
+
+The kernels of both host libraries against torch, NumPy and mpmath (53 bits), in turns, on one
+thread; with the share of inputs that need the accurate phase, and of results that each candidate
+rounds wrongly, judged by MPFR.
+"""
+
+import argparse
+import ctypes
+import sys
+from pathlib import Path
+
+import numpy as np
+import torch
+from common import RESULTS_FOLDER, measure, print_table, write_results
+
+from korvex.emulation._library import INSTRUCTION_SETS, HostLibrary, best_instruction_set
+
+ROOT = Path(__file__).resolve().parents[1]
+sys.path += [str(ROOT / "tests" / "support"), str(ROOT / "scripts")]
+import elementary_reference as reference  # noqa: E402
+from elementary_probe import Probe  # noqa: E402
+
+SEED = 1991
+SLOW = 2_000  # elements for what works one by one
+
+INPUTS = {
+    "exp, [-700, 700]": ("exp", lambda rng, n: rng.uniform(-700, 700, n)),
+    "exp, [-1, 1]": ("exp", lambda rng, n: rng.uniform(-1, 1, n)),
+    "log, all binades": ("log", lambda rng, n: np.exp2(rng.uniform(-1000, 1000, n))),
+    "log, [1/2, 2]": ("log", lambda rng, n: rng.uniform(0.5, 2, n)),
+    "sqrt, [0, 100]": ("sqrt", lambda rng, n: rng.uniform(0, 100, n)),
+    "sigmoid, [-30, 30]": ("sigmoid", lambda rng, n: rng.uniform(-30, 30, n)),
+    "tanh, [-10, 10]": ("tanh", lambda rng, n: rng.uniform(-10, 10, n)),
+    "tanh, [-0.4, 0.4]": ("tanh", lambda rng, n: rng.uniform(-0.4, 0.4, n)),
+}
+
+
+def numpy_function(name):
+    return (lambda x: 1 / (1 + np.exp(-x))) if name == "sigmoid" else getattr(np, name)
+
+
+def mpmath_function(name):
+    try:
+        import mpmath
+    except ImportError:
+        return None
+    function = getattr(mpmath.mp, name, None) or (lambda v: 1 / (1 + mpmath.exp(-v)))
+    return lambda x: np.array([float(function(mpmath.mpf(v))) for v in x[:SLOW].tolist()])
+
+
+def kernel_call(instruction_set, name, x):
+    library, out = HostLibrary(instruction_set, 1), np.empty_like(x)
+    row = library.kernels[f"tqx_{name}_kernel"]
+    pointers = [ctypes.c_void_p(array.ctypes.data) for array in (x, out)]
+
+    def call():
+        library.launch(row, (1, 1, 1), (row.block, 1, 1), [*pointers, ctypes.c_int64(len(x))])
+        return out
+
+    return call
+
+
+def candidates_of(name, x):
+    best = INSTRUCTION_SETS.index(best_instruction_set())
+    tensor = torch.from_numpy(x)
+    candidates = {
+        f"tqx_{name}_kernel, {chosen}": kernel_call(chosen, name, x)
+        for chosen in reversed(INSTRUCTION_SETS[: best + 1])
+    }
+    candidates["torch"] = lambda: getattr(torch, name)(tensor).numpy()
+    candidates["NumPy"] = lambda: numpy_function(name)(x)
+    if by_mpmath := mpmath_function(name):
+        candidates["mpmath, 53 bits"] = lambda: by_mpmath(x)
+    return candidates
+
+
+def run(label, options, probe):
+    name, draw = INPUTS[label]
+    x = draw(np.random.default_rng(SEED), options.n)
+    expected = np.array(reference.REFERENCE[name](x.tolist()))
+    candidates = candidates_of(name, x)
+    timings = measure(candidates, options.repeats)
+    rows, misrounded = [], {}
+    for candidate, call in candidates.items():
+        result = call()
+        count = len(result)
+        wrong = int(np.count_nonzero(result != expected[:count]))
+        if candidate.startswith("tqx") and wrong:
+            raise AssertionError(f"{candidate}: {wrong} of {count} are not correctly rounded")
+        misrounded[candidate] = wrong / count
+        timing = timings[candidate]
+        rows.append(
+            {
+                "candidate": candidate,
+                "ns_per_element": round(timing.median / count * 1e9, 2),
+                "ns_per_element_processor": round(timing.processor_median / count * 1e9, 2),
+                "ns_per_element_least": round(timing.processor_least / count * 1e9, 2),
+            }
+        )
+    accurate = 0.0
+    if name != "sqrt":
+        accurate = probe.undecided(name, np.abs(x) if name == "tanh" else x) / len(x)
+    print_table(
+        f"{label}, n = {options.n}; accurate phase for {accurate:.1e}",
+        ["candidate", "ns", "processor ns", "least", "misrounded"],
+        [
+            [candidate, *(f"{figure:.2f}" for figure in figures), f"{misrounded[candidate]:.3%}"]
+            for candidate, *figures in map(dict.values, rows)
+        ],
+    )
+    return {
+        "input": label,
+        "share_of_accurate_phase": accurate,
+        "share_misrounded": misrounded,
+        "results": rows,
+    }
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--n", type=int, default=400_000, help="elements (400000)")
+    parser.add_argument("--repeats", type=int, default=9, help="timed rounds (9)")
+    parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
+    parser.add_argument("--output", type=Path, help="folder for the JSON file")
+    options = parser.parse_args()
+    if options.quick:
+        options.n, options.repeats = min(options.n, 20_000), min(options.repeats, 3)
+    torch.set_num_threads(1)
+    probe = Probe()
+    runs = [run(label, options, probe) for label in INPUTS]
+    folder = options.output or (None if options.quick else RESULTS_FOLDER)
+    if folder:
+        settings = {"n": options.n, "repeats": options.repeats, "seed": SEED, "threads": 1}
+        write_results("bench_elementary", folder, {"settings": settings, "runs": runs})
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,165 @@
+# SPDX-License-Identifier: Apache-2.0
+"""How fast is an exact matrix product on the emulated device?
+
+Against `torch.matmul` in float64, against a product in two doubles per element written with torch
+operations, and on the smallest size against `Fraction`. Exact elements are compared with rational
+arithmetic before anything is timed.
+"""
+
+import argparse
+import ctypes
+import random
+from collections.abc import Callable
+from fractions import Fraction
+from pathlib import Path
+from typing import Any
+
+import torch
+from common import RESULTS_FOLDER, Timing, measure, print_table, write_results
+from plain_products import double_double, rational
+
+from korvex.emulation._library import INSTRUCTION_SETS, HostLibrary, best_instruction_set
+
+SEED = 20050601
+KERNEL = "tqx_matmul_kernel"
+MANY = 2  # threads of the parallel candidate
+MOST_NANOSECONDS = 4.0  # for a multiply-add of N(0,1) on one thread
+JUDGED_FROM = 64
+LARGEST_FOR_TORCH_PAIRS = 512
+FRACTION_SIZE = 24
+
+Candidates = dict[str, Callable[[], Any]]
+
+
+def matrices(size: int) -> tuple[torch.Tensor, torch.Tensor]:
+    generator = torch.Generator().manual_seed(SEED + size)
+    return tuple(torch.randn(size, size, generator=generator, dtype=torch.float64) for _ in "ab")
+
+
+# --- Candidates
+
+
+def kernel_call(
+    library: HostLibrary, a: torch.Tensor, b: torch.Tensor, threads: int
+) -> Callable[[], list[torch.Tensor]]:
+    """A function that launches the kernel; it returns the three limbs."""
+    row = library.kernels[KERNEL]
+    m, k = a.shape
+    n = b.shape[1]
+    limbs = [torch.zeros(m, n, dtype=torch.float64) for _ in range(3)]
+    grid = ((n + 15) // 16, (m + 15) // 16, 1)
+
+    def call() -> list[torch.Tensor]:
+        library.threads = threads
+        pointers = [ctypes.c_void_p(array.data_ptr()) for array in (a, b, *limbs)]
+        library.launch(row, grid, (16, 16, 1), [*pointers, *map(ctypes.c_int64, (m, n, k))])
+        return limbs
+
+    return call
+
+
+def exact_candidates(a: torch.Tensor, b: torch.Tensor) -> Candidates:
+    best = best_instruction_set()
+    candidates: Candidates = {}
+    for instruction_set in INSTRUCTION_SETS[: INSTRUCTION_SETS.index(best) + 1]:
+        library = HostLibrary(instruction_set, 1)
+        candidates[f"{KERNEL}, {instruction_set}, 1 thread"] = kernel_call(library, a, b, 1)
+    candidates[f"{KERNEL}, {best}, {MANY} threads"] = kernel_call(HostLibrary(best, 1), a, b, MANY)
+    return candidates
+
+
+def torch_call(a: torch.Tensor, b: torch.Tensor) -> Callable[[], torch.Tensor]:
+    def call() -> torch.Tensor:
+        torch.set_num_threads(1)
+        return torch.matmul(a, b)
+
+    return call
+
+
+def all_candidates(a: torch.Tensor, b: torch.Tensor) -> Candidates:
+    candidates: Candidates = {"torch.matmul, 1 thread": torch_call(a, b)}
+    if a.shape[0] <= LARGEST_FOR_TORCH_PAIRS:
+        candidates["two doubles in torch, 1 thread"] = lambda: double_double(a, b)
+    if a.shape[0] <= FRACTION_SIZE:
+        candidates["Fraction"] = lambda: rational(a, b)
+    return candidates | exact_candidates(a, b)
+
+
+# --- One size
+
+
+def check_results(a: torch.Tensor, b: torch.Tensor) -> None:
+    """A few elements: the sum of the three limbs is exact, or within the last limb's ulp."""
+    source = random.Random(SEED)
+    places = [(source.randrange(a.shape[0]), source.randrange(b.shape[1])) for _ in range(8)]
+    for name, call in exact_candidates(a, b).items():
+        limbs = call()
+        for i, j in places:
+            [[expected]] = rational(a[i : i + 1], b[:, j : j + 1])
+            found = sum(Fraction(limb[i, j].item()) for limb in limbs)
+            if abs(found - expected) > abs(expected) / 2**159:
+                raise AssertionError(f"{name}, element {i}, {j}: off by {float(found - expected)}")
+
+
+def run_size(size: int, options: argparse.Namespace) -> dict[str, Any]:
+    """Times all candidates on one size, and prints the table."""
+    a, b = matrices(size)
+    check_results(a, b)
+    timings = measure(all_candidates(a, b), options.repeats)
+    results = [result_row(label, timing, size**3) for label, timing in timings.items()]
+    print_table(
+        f"{size} x {size} x {size}, median of {options.repeats}, ns per multiply-add",
+        ["candidate", "median", "least", "most", "processor"],
+        [
+            [label, *(f"{time:.3f}" for time in figures)]
+            for label, *figures in (result.values() for result in results)
+        ],
+    )
+    targets = judge(results) if size >= JUDGED_FROM else []
+    return {"size": size, "results": results, "targets": targets}
+
+
+def result_row(label: str, timing: Timing, products: int) -> dict[str, Any]:
+    return {
+        "candidate": label,
+        "ns_per_multiply_add": round(timing.median / products * 1e9, 4),
+        "ns_per_multiply_add_least": round(timing.least / products * 1e9, 4),
+        "ns_per_multiply_add_most": round(timing.most / products * 1e9, 4),
+        "ns_per_multiply_add_processor": round(timing.processor_median / products * 1e9, 4),
+    }
+
+
+def judge(results: list[dict[str, Any]]) -> list[dict[str, Any]]:
+    """Whether one thread is fast enough, by processor time."""
+    targets = []
+    for result in results:
+        name = result["candidate"]
+        if name.startswith(KERNEL) and name.endswith("1 thread"):
+            met = result["ns_per_multiply_add_processor"] <= MOST_NANOSECONDS
+            targets.append({"candidate": name, "ns_at_most": MOST_NANOSECONDS, "met": met})
+            print(f"target: {name}: {'met' if met else 'NOT MET'}")
+    return targets
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--n", type=int, default=512, help="largest size (512)")
+    parser.add_argument("--large", action="store_true", help="also 2048; takes minutes")
+    parser.add_argument("--repeats", type=int, default=5, help="timed rounds (5)")
+    parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
+    parser.add_argument("--output", type=Path, help="folder for the JSON file")
+    options = parser.parse_args()
+    sizes = [size for size in (FRACTION_SIZE, 64, 128, 256, 512) if size <= options.n]
+    if options.quick:
+        sizes, options.repeats = [FRACTION_SIZE], min(options.repeats, 3)
+    elif options.large:
+        sizes.append(2048)
+    runs = [run_size(size, options) for size in sizes]
+    folder = options.output or (None if options.quick else RESULTS_FOLDER)
+    if folder:
+        settings = {"n": sizes[-1], "sizes": sizes, "repeats": options.repeats, "seed": SEED}
+        write_results("bench_matmul", folder, {"settings": settings, "runs": runs})
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,114 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What all benchmarks share: fair timing, a table for the reader, a JSON file for the record.
+
+Candidates run in turns, so that a change of the machine's mood falls on all of them, and are
+compared by their medians within one run. Smallest and largest times are kept: they show the noise.
+"""
+
+import json
+import os
+import platform
+import re
+import statistics
+import time
+from collections.abc import Callable
+from dataclasses import dataclass
+from datetime import UTC, datetime
+from importlib.metadata import version
+from pathlib import Path
+from typing import Any
+
+RESULTS_FOLDER = Path(__file__).resolve().parent / "results"
+
+
+@dataclass(frozen=True)
+class Timing:
+    """Seconds that one call took, over all rounds: on the clock, and of processor time.
+
+    Processor time counts all threads of this process and leaves out the turns of other processes,
+    so on a busy machine it is the fairer measure of one thread.
+    """
+
+    median: float
+    least: float
+    most: float
+    processor_median: float
+    processor_least: float
+
+    @classmethod
+    def of(cls, rounds: list[tuple[float, float]]) -> "Timing":
+        clock, processor = zip(*rounds, strict=True)
+        return cls(
+            statistics.median(clock),
+            min(clock),
+            max(clock),
+            statistics.median(processor),
+            min(processor),
+        )
+
+
+def measure(candidates: dict[str, Callable[[], Any]], repeats: int) -> dict[str, Timing]:
+    """Times every candidate `repeats` times, in turns, after one untimed round."""
+    rounds: dict[str, list[tuple[float, float]]] = {name: [] for name in candidates}
+    for call in candidates.values():
+        call()
+    for _ in range(repeats):
+        for name, call in candidates.items():
+            begin, processor_begin = time.perf_counter(), time.process_time()
+            call()
+            processor_end, end = time.process_time(), time.perf_counter()
+            rounds[name].append((end - begin, processor_end - processor_begin))
+    return {name: Timing.of(taken) for name, taken in rounds.items()}
+
+
+def print_table(title: str, columns: list[str], rows: list[list[str]]) -> None:
+    """The first column to the left, the others to the right."""
+    widths = [max(map(len, cells)) for cells in zip(columns, *rows, strict=True)]
+    print(f"\n{title}")
+    for cells in [columns, ["-" * width for width in widths], *rows]:
+        first = cells[0].ljust(widths[0])
+        others = [cell.rjust(width) for cell, width in zip(cells[1:], widths[1:], strict=True)]
+        print("  ".join([first, *others]), flush=True)
+
+
+# --- The machine
+
+
+def processor_name() -> str:
+    names = re.findall(r"^model name\s*: (.+)$", Path("/proc/cpuinfo").read_text(), re.MULTILINE)
+    return names[0] if names else platform.machine()
+
+
+def host_kind() -> str:
+    """A word for file names: results of like machines replace each other."""
+    return re.sub(r"[^a-z0-9]+", "-", f"{processor_name()} {os.cpu_count()}cpu".lower()).strip("-")
+
+
+def host_description() -> dict[str, Any]:
+    flags = re.search(r"^flags\s*: (.+)$", Path("/proc/cpuinfo").read_text(), re.MULTILINE)
+    known = ("fma", "avx2", "avx512f")
+    return {
+        "processor": processor_name(),
+        "processors": os.cpu_count(),
+        "instructions": [name for name in known if flags and name in flags[1].split()],
+        "system": platform.platform(),
+        "versions": {
+            "python": platform.python_version(),
+            **{name: version(name) for name in ("korvex-tqx", "numpy", "torch")},
+        },
+        # Others at work on the machine; 1.0 is one busy processor.
+        "load_average_1_minute": round(os.getloadavg()[0], 2),
+    }
+
+
+# --- The record
+
+
+def write_results(name: str, folder: Path, content: dict[str, Any]) -> None:
+    """Writes folder/NAME-HOST.json with the date and the machine."""
+    now = datetime.now(UTC).isoformat(timespec="seconds")
+    record = {"benchmark": name, "date": now, "host": host_description(), **content}
+    folder.mkdir(parents=True, exist_ok=True)
+    path = folder / f"{name}-{host_kind()}.json"
+    path.write_text(json.dumps(record, indent=2) + "\n")
+    print(f"\nwritten: {os.path.relpath(path)}")

@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+// An array argument read through __cuda_array_interface__, which cupy arrays and many others have.
+#pragma once
+
+#include "korvex/cubin_loader_native/launcher.h"
+#include "korvex/tqx_runtime/object.h"
+
+namespace korvex::cubin_loader {
+
+// The array behind a Python object. TypeError if it is no CUDA array of float64, ValueError if it
+// is not contiguous or not aligned. On which device it is, the driver tells later.
+ArrayArgument read_array(const char* kernel, const Parameter& parameter, Handle value);
+
+}  // namespace korvex::cubin_loader

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: Apache-2.0
+// Loading the kernels on one device.
+#include "korvex/cubin_loader_native/device_kernels.h"
+
+#include <cstdint>
+#include <fstream>
+#include <iterator>
+
+namespace korvex::cubin_loader {
+namespace {
+
+// The whole file and a NUL, by which the driver finds the end of PTX.
+std::string read_image(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::string image((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  if (image.empty()) throw DeviceFailure("cannot read " + path.string());
+  image.push_back('\0');
+  return image;
+}
+
+}  // namespace
+
+DeviceInfo::DeviceInfo(const Driver& driver, int device_ordinal) : ordinal(device_ordinal) {
+  driver.device_get(&handle, ordinal);
+  char text[256] = {};
+  driver.device_name(text, sizeof text - 1, handle);
+  name = text;
+  driver.device_attribute(&capability.major, kCapabilityMajor, handle);
+  driver.device_attribute(&capability.minor, kCapabilityMinor, handle);
+  driver.device_attribute(&multiprocessors, kMultiprocessorCount, handle);
+}
+
+LoadedModule::LoadedModule(const Driver& driver, const KernelFile& file) : driver_(driver) {
+  const std::string image = read_image(file.path);
+  char log[4096] = {};
+  LoadOption options[] = {kErrorLog, kErrorLogBytes};
+  void* values[] = {log, reinterpret_cast<void*>(std::uintptr_t{sizeof log - 1})};
+  const Result result = driver_.module_load.attempt(&module_, image.data(), 2, options, values);
+  if (result == kSuccess) return;
+  try {
+    throw_failed_call(driver_.module_load.name(), result);
+  } catch (const DeviceFailure& failure) {
+    const std::string compiler_log = log[0] == '\0' ? "" : std::string("\n") + log;
+    throw DeviceFailure(file.path.string() + ": " + failure.what() + compiler_log);
+  }
+}
+
+void DeviceKernels::load(const KernelFile& file) {
+  CurrentContext current(driver_, context());
+  module_ = std::make_unique<LoadedModule>(driver_, file);
+  current.leave();
+}
+
+DeviceKernels::~DeviceKernels() {
+  if (module_ == nullptr) return;
+  try {
+    const CurrentContext current(driver_, context());
+    module_.reset();
+  } catch (const DeviceFailure&) {
+    // Nobody is left to tell; the share in the context is given back all the same.
+  }
+}
+
+Function DeviceKernels::function(int kernel) {
+  const auto position = static_cast<std::size_t>(kernel);
+  const std::lock_guard guard(mutex_);
+  if (functions_[position] == nullptr) {
+    driver_.module_function(&functions_[position], module_->handle(), kKernelTable[kernel].name);
+  }
+  return functions_[position];
+}
+
+}  // namespace korvex::cubin_loader

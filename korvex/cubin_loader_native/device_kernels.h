@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+// The compiled kernels on one device: its primary context and the module loaded there.
+#pragma once
+
+#include <array>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "korvex/cubin_loader_native/context.h"
+#include "korvex/cubin_loader_native/kernel_files.h"
+#include "korvex/cubin_loader_native/parameters.h"
+
+namespace korvex::cubin_loader {
+
+// A device as the driver tells it; to read this needs no context.
+struct DeviceInfo {
+  DeviceInfo(const Driver& driver, int device_ordinal);
+
+  int ordinal;
+  Device handle = 0;
+  std::string name;
+  Capability capability;
+  int multiprocessors = 0;
+};
+
+// A module in a context that is current at construction and at destruction.
+class LoadedModule {
+ public:
+  // DeviceFailure if the file cannot be read or the driver does not take it.
+  LoadedModule(const Driver& driver, const KernelFile& file);
+  ~LoadedModule() { driver_.module_unload.attempt(module_); }
+  LoadedModule(const LoadedModule&) = delete;
+  LoadedModule& operator=(const LoadedModule&) = delete;
+
+  Module handle() const { return module_; }
+
+ private:
+  const Driver& driver_;
+  Module module_ = nullptr;
+};
+
+class DeviceKernels {
+ public:
+  // Takes a share in the device's primary context.
+  DeviceKernels(const Driver& driver, const DeviceInfo& device)
+      : driver_(driver), context_(driver, device.handle) {}
+  ~DeviceKernels();
+  DeviceKernels(const DeviceKernels&) = delete;
+  DeviceKernels& operator=(const DeviceKernels&) = delete;
+
+  // Loads the file there. Once, before anything else; after a failure the object is of no use.
+  void load(const KernelFile& file);
+
+  Context context() const { return context_.handle(); }
+
+  // The kernel of that row of the table; the context must be current. Any thread may ask.
+  Function function(int kernel);
+
+ private:
+  const Driver& driver_;
+  PrimaryContext context_;
+  std::unique_ptr<LoadedModule> module_;
+  std::mutex mutex_;                                // guards functions_
+  std::array<Function, kKernelCount> functions_{};  // null until asked for
+};
+
+}  // namespace korvex::cubin_loader

@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: Apache-2.0
+// The check of a launch against the kernel's row: what passes reads and writes inside its arrays.
+#pragma once
+
+#include "korvex/cubin_loader_native/launcher.h"
+#include "korvex/tqx_runtime/object.h"
+
+namespace korvex::cubin_loader {
+
+// Checks the arguments of one launch and puts them into it. TypeError if their number or the kind
+// of one is wrong; ValueError for a size out of range, or an array that is not contiguous or is
+// shorter than the sizes say.
+void take_arguments(Launch& launch, Handle const* arguments, Py_ssize_t count);
+
+// A grid or a block within the limits that every CUDA device has. A grid may have an extent of 0.
+Extent read_grid(const char* kernel, Handle value);
+Extent read_block(const char* kernel, Handle value);
+
+}  // namespace korvex::cubin_loader

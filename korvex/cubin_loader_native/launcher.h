@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+// Launches on any device of the process, below Python: nothing here needs the interpreter's lock.
+//
+// A launch goes to the device that its arrays are on, in that device's primary context, on the
+// legacy null stream. On the thread's current device it is left running, for the caller to wait on
+// that stream; on another one it has finished when the call returns. Either way the thread's
+// context stack is afterwards what it was.
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "korvex/cubin_loader_native/device_kernels.h"
+
+namespace korvex::cubin_loader {
+
+using Extent = std::array<unsigned, 3>;
+
+// An array argument. It is float64, contiguous and long enough: that has been checked.
+struct ArrayArgument {
+  const Parameter* parameter = nullptr;
+  DevicePointer pointer = 0;
+  std::int64_t element_count = 0;
+  Stream stream = kLegacyStream;  // where the work that fills it was queued
+};
+
+struct Launch {
+  int kernel = 0;  // row of the kernel table
+  Extent grid{};
+  Extent block{};
+  bool limits_grid = false;  // to what fills the device, where the row says so
+  // A pointer, an int64_t or a double each, in the order of the parameters.
+  std::array<std::uint64_t, kMaxParameters> values{};
+  std::array<ArrayArgument, kMaxParameters> arrays{};
+  std::size_t array_count = 0;
+};
+
+class Launcher {
+ public:
+  // Initialises the driver and chooses a file for each device, but loads none: a context takes
+  // memory of a device that this process may never use. DeviceFailure if no kernel can be launched
+  // on any device.
+  explicit Launcher(std::filesystem::path folder);
+  ~Launcher();
+  Launcher(const Launcher&) = delete;
+  Launcher& operator=(const Launcher&) = delete;
+
+  // The current device if it has a fitting file, else the first that has.
+  const DeviceInfo& first_device() const { return devices_[first_]->info; }
+  const std::filesystem::path& first_path() const { return devices_[first_]->file->path; }
+
+  void launch(const Launch& launch);
+
+ private:
+  struct DeviceSlot {
+    DeviceInfo info;
+    std::optional<KernelFile> file;
+    std::unique_ptr<DeviceKernels> kernels;  // made by the first launch on the device
+  };
+
+  std::size_t current_ordinal() const;
+  std::size_t choose_first() const;
+  std::string why_none_fits(const DeviceInfo& device) const;
+  std::size_t device_of(const Launch& launch) const;
+  int ordinal_of(const ArrayArgument& array) const;
+  DeviceKernels& kernels_on(DeviceSlot& slot);
+  void wait_for_producers(const Launch& launch) const;
+  void enqueue(const Launch& launch, const DeviceInfo& device, Function function) const;
+
+  const Driver& driver_;
+  pid_t process_;  // the one whose contexts these are
+  KernelFiles files_;
+  std::vector<std::unique_ptr<DeviceSlot>> devices_;  // by ordinal, never empty
+  std::size_t first_ = 0;
+  std::mutex mutex_;  // guards the making of DeviceSlot::kernels
+};
+
+}  // namespace korvex::cubin_loader

@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the module object keeps for its types.
+#pragma once
+
+#include "korvex/tqx_runtime/object.h"
+
+namespace korvex::cubin_loader {
+
+struct ModuleState {
+  Object kernel_type;
+};
+
+}  // namespace korvex::cubin_loader

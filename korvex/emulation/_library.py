@@ -1,0 +1,113 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The kernels compiled for the host: one of two shared libraries beside this package."""
+
+from __future__ import annotations
+
+import ctypes
+import os
+from collections.abc import Sequence
+from pathlib import Path
+from typing import Any, NamedTuple
+
+from korvex.emulation._signature import Parameter, parse
+
+INSTRUCTION_SETS = ("base", "fma")
+
+_Extent = ctypes.c_uint * 3
+
+
+class KernelRow(NamedTuple):
+    """One row of the kernel table."""
+
+    number: int
+    name: str
+    form: str  # "function": the caller gives the block; "launch": the kernel knows it
+    block: int  # threads in a block of form "launch", else 0
+    parameters: tuple[Parameter, ...]
+
+
+class HostLibrary:
+    """One of the libraries, loaded for the rest of the process.
+
+    Parameters
+    ----------
+    instruction_set : {"base", "fma"}
+    threads : int
+        Host threads that one kernel may use; may be changed between launches.
+
+    Raises
+    ------
+    ImportError
+        If the file is missing or cannot be loaded.
+    """
+
+    def __init__(self, instruction_set: str, threads: int) -> None:
+        self.path = _path(instruction_set)
+        self.instruction_set = instruction_set
+        self.threads = threads
+        self._functions = _load(instruction_set)
+        self.kernels = {row.name: row for row in self._rows()}
+
+    def _rows(self) -> list[KernelRow]:
+        functions = self._functions
+        return [
+            KernelRow(
+                number,
+                functions.korvex_host_kernel_name(number).decode(),
+                functions.korvex_host_kernel_form(number).decode(),
+                functions.korvex_host_kernel_block(number),
+                parse(functions.korvex_host_kernel_parameters(number).decode()),
+            )
+            for number in range(functions.korvex_host_kernel_count())
+        ]
+
+    def launch(
+        self,
+        kernel: KernelRow,
+        grid: Sequence[int],
+        block: Sequence[int],
+        values: Sequence[Any],
+    ) -> None:
+        """Run a kernel to its end on checked arguments; the interpreter lock is released."""
+        pointers = (ctypes.c_void_p * len(values))(*map(ctypes.addressof, values))
+        failed = self._functions.korvex_host_launch(
+            kernel.number, _Extent(*grid), _Extent(*block), pointers, self.threads
+        )
+        if failed:
+            raise RuntimeError(f"{self.path} does not run {kernel.name}")
+
+
+def best_instruction_set() -> str:
+    """Return the one with the fastest kernels that this processor can run."""
+    return INSTRUCTION_SETS[_load("base").korvex_host_cpu_has_fma()]
+
+
+def default_threads() -> int:
+    """Return how many processors this process may run on."""
+    return len(os.sched_getaffinity(0))
+
+
+def _path(instruction_set: str) -> Path:
+    return Path(__file__).with_name(f"libkorvex_host_kernels_{instruction_set}.so")
+
+
+def _load(instruction_set: str) -> ctypes.CDLL:
+    path = _path(instruction_set)
+    try:
+        functions = ctypes.CDLL(str(path))
+    except OSError as error:
+        raise ImportError(f"the kernels of the emulated device do not load: {error}") from error
+    for name in ("name", "form", "parameters"):
+        getattr(functions, f"korvex_host_kernel_{name}").restype = ctypes.c_char_p
+    functions.korvex_host_kernel_block.restype = ctypes.c_uint
+    functions.korvex_host_launch.argtypes = [
+        ctypes.c_int,
+        _Extent,
+        _Extent,
+        ctypes.POINTER(ctypes.c_void_p),
+        ctypes.c_int,
+    ]
+    functions.korvex_host_instruction_set.restype = ctypes.c_char_p
+    if functions.korvex_host_instruction_set().decode() != instruction_set:
+        raise ImportError(f"{path} holds kernels for another instruction set")
+    return functions

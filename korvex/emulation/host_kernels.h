@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+// C interface of the kernels compiled for the host; both libraries, base and fma, have it.
+//
+// It follows the shape of the driver's launch: a kernel, a grid, a block and pointers to arguments.
+// Nothing is checked here: the caller holds the table of parameters and has checked by it. Each
+// call runs under the default floating-point environment and leaves the caller's as it was.
+#pragma once
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define KORVEX_HOST_API __attribute__((visibility("default")))
+
+KORVEX_HOST_API int korvex_host_kernel_count(void);
+
+// One row of the kernel table; a null pointer or 0 for an index out of range.
+KORVEX_HOST_API const char* korvex_host_kernel_name(int index);
+KORVEX_HOST_API const char* korvex_host_kernel_form(int index);  // "function" or "launch"
+KORVEX_HOST_API unsigned korvex_host_kernel_block(int index);    // 0 for form "function"
+KORVEX_HOST_API const char* korvex_host_kernel_parameters(int index);
+
+// Runs one kernel to its end. args[i] points to the value of the i-th argument: a double*, an
+// int64_t or a double. At most `threads` host threads work; the result does not depend on how many.
+// A grid or a block without extent does nothing. Returns 0, or 1 for an index out of range.
+KORVEX_HOST_API int korvex_host_launch(int index, const unsigned grid[3], const unsigned block[3],
+                                       void* const* args, int threads);
+
+// "base" or "fma": which of the two libraries this is.
+KORVEX_HOST_API const char* korvex_host_instruction_set(void);
+
+// 1 where this processor and system can run the fma library, else 0. Ask the base library.
+KORVEX_HOST_API int korvex_host_cpu_has_fma(void);
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+// Kernels of one operand and one result per element, on host threads.
+#pragma once
+
+#include <cstdint>
+
+#include "korvex/arithmetic/logarithm.h"
+#include "korvex/arithmetic/logistic.h"
+#include "korvex/arithmetic/unary.h"
+#include "korvex/emulation/slices.h"
+
+namespace korvex::emulation {
+
+// out[i] = operation(x[i]): elements are independent, so the slices do not show.
+template <class Operation>
+void for_each_element(const double* x, double* out, std::int64_t n, int threads,
+                      const Operation& operation) {
+  struct Nothing {};
+  for_each_slice<Nothing>(
+      n, threads,
+      [=](std::int64_t begin, std::int64_t end, Nothing&) {
+        for (std::int64_t i = begin; i < end; ++i) out[i] = operation(x[i]);
+      },
+      [](const Nothing&) {});
+}
+
+// Arguments: x, out, n.
+template <double (*Function)(double), class Arguments>
+void run_unary(const Arguments& arguments) {
+  for_each_element(arguments.array(0), arguments.array(1), arguments.integer(2),
+                   arguments.threads(), [](double x) { return Function(x); });
+}
+
+// Arguments: x, negative_slope, out, n.
+template <class Arguments>
+void run_leaky_relu(const Arguments& arguments) {
+  const double slope = arguments.number(1);
+  for_each_element(arguments.array(0), arguments.array(2), arguments.integer(3),
+                   arguments.threads(),
+                   [slope](double x) { return arithmetic::leaky_relu(x, slope); });
+}
+
+}  // namespace korvex::emulation

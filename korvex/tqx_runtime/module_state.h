@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the process remembers of the one module: its object, its dict, the names, the callable type.
+#pragma once
+
+#include "korvex/tqx_runtime/names.h"
+#include "korvex/tqx_runtime/object.h"
+
+namespace korvex {
+
+// Written while the module is imported, only read afterwards.
+struct ModuleState {
+  Names names;
+  Object function_type;
+  Object module;   // the remembered module; empty before the exec step and after one that failed
+  Object globals;  // its dict
+};
+
+// The state of this process. It is made by the first exec step and never destroyed: its objects
+// must not be released after the interpreter is gone.
+ModuleState& module_state();
+
+}  // namespace korvex

@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+// The phases of the elementary functions one by one, for the scripts that measure them.
+#include <cstddef>
+
+#include "korvex/arithmetic/logarithm.h"
+#include "korvex/arithmetic/logistic.h"
+
+namespace {
+
+using namespace korvex::arithmetic;
+
+// Results of the fast phase: value, error limb and exponent, the number being
+// (value + error) * 2^exponent.
+using Phase = void (*)(double x, double* out);
+
+void exp_phase(double x, double* out) {
+  const ScaledPair pair = exp_pair(x);
+  out[0] = pair.high;
+  out[1] = pair.low;
+  out[2] = pair.exponent;
+}
+
+void write(const ValueAndError& pair, double* out) {
+  out[0] = pair.value;
+  out[1] = pair.error;
+  out[2] = 0;
+}
+
+void reduced_exp_phase(double x, double* out) {
+  const ReducedExp reduced = reduced_exp(x);
+  out[0] = reduced.high;
+  out[1] = reduced.low;
+  out[2] = 64 * reduced.exponent + reduced.table_index;  // the multiple of log(2)/64 taken off
+}
+
+void log_phase(double x, double* out) { write(log_pair(x), out); }
+void expm1_phase(double x, double* out) { write(expm1_pair(x), out); }
+
+void sigmoid_phase(double x, double* out) {
+  const ScaledPair e = exp_pair(x < 0 ? x : -x);
+  const ValueAndError numerator = x > 0 ? ValueAndError{1.0, 0.0} : ValueAndError{e.high, e.low};
+  write(pair_quotient(numerator, one_plus(e)), out);
+  out[2] = x > 0 ? 0 : e.exponent;
+}
+
+void tanh_phase(double x, double* out) {
+  const ValueAndError e = expm1_pair(2 * x);
+  const ValueAndError sum = two_sum(e.value, 2.0);
+  write(pair_quotient(e, fast_two_sum(sum.value, sum.error + e.error)), out);
+}
+
+constexpr Phase kPhases[] = {exp_phase,   reduced_exp_phase, log_phase,
+                             expm1_phase, sigmoid_phase,     tanh_phase};
+
+bool is_decided(int function, double x) {
+  double pair[3];
+  kPhases[function](x, pair);
+  const ScaledPair scaled_pair{pair[0], pair[1], static_cast<int>(pair[2])};
+  if (function == 0) return round_pair(scaled_pair, kExpError).decided;
+  if (function == 4) return round_pair(scaled_pair, kSigmoidError).decided;
+  double bound = kLogError;
+  if (function == 5) bound = x < 0.5 ? kTanhSmallError : kTanhError;
+  const double error = pair[0] * bound;
+  return pair[0] + (pair[1] - error) == pair[0] + (pair[1] + error);
+}
+
+}  // namespace
+
+extern "C" {
+
+// out: three numbers for each argument. function: 0 exp, 1 the reduced exp, 2 log, 3 expm1,
+// 4 sigmoid, 5 tanh; arguments in the range of the phase.
+void probe_pairs(int function, const double* x, double* out, std::size_t n) {
+  for (std::size_t i = 0; i < n; ++i) kPhases[function](x[i], out + 3 * i);
+}
+
+// How many of the arguments need the accurate phase.
+std::size_t probe_undecided(int function, const double* x, std::size_t n) {
+  std::size_t count = 0;
+  for (std::size_t i = 0; i < n; ++i) count += is_decided(function, x[i]) ? 0 : 1;
+  return count;
+}
+
+// The accurate phase alone: 0 exp, 2 log, 4 sigmoid, 5 tanh of positive arguments.
+void probe_accurate(int function, const double* x, double* out, std::size_t n) {
+  for (std::size_t i = 0; i < n; ++i) {
+    if (function == 0) out[i] = accurate_exp(x[i]);
+    if (function == 2) out[i] = accurate_log(x[i], log_pair(x[i]).value);
+    if (function == 4) out[i] = widened_sigmoid(x[i]);
+    if (function == 5) out[i] = widened_tanh(x[i]);
+  }
+}
+
+}  // extern "C"

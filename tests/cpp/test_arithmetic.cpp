@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: Apache-2.0
+// Runs the suites of the arithmetic headers; built under several flags that must agree on each bit.
+#include "check.h"
+#include "suites.h"
+
+int main() {
+  korvex::test::test_flags();
+  korvex::test::test_eft();
+  korvex::test::test_long_accumulator();
+  korvex::test::test_canonical();
+  korvex::test::test_exact_sum();
+  korvex::test::test_sum();
+  korvex::test::test_dot();
+  korvex::test::test_matrix_product();
+  korvex::test::test_pairs();
+  korvex::test::test_elementary();
+  korvex::test::test_reductions();
+  return korvex::test::Tally::all().finish();
+}

@@ -1,0 +1,255 @@
+// SPDX-License-Identifier: Apache-2.0
+// The bodies of the sum kernels: chosen cases with their limbs written out, then every shape of
+// data against exact bits, in scalar and in vector lanes, whole and in slices.
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "bit_number.h"
+#include "check.h"
+#include "korvex/arithmetic/sum.h"
+#include "random_data.h"
+#include "suites.h"
+#include "sum_checks.h"
+
+namespace korvex::test {
+namespace {
+
+using arithmetic::HostLanes;
+using arithmetic::ScalarLanes;
+
+constexpr double kMax = std::numeric_limits<double>::max();
+constexpr double kInf = std::numeric_limits<double>::infinity();
+
+void expect_exact(const std::vector<double>& x) {
+  const std::vector<double> four = canonical_limbs(x, 4);
+  CHECK(all_ways_give(x, four, canonical_limbs(x, 2)));
+  for (const double limb : sequential_limbs<HostLanes>(x)) {
+    Tally::all().record(limb);
+  }
+}
+
+void expect_limbs(const std::vector<double>& x, const std::vector<double>& four) {
+  CHECK(all_ways_give(x, four, {four[0], four[1]}));
+}
+
+// The same elements once more in an array long enough for the cascade: zeros change no sum.
+std::vector<double> spread_over_chunks(const std::vector<double>& x) {
+  std::vector<double> result(x.size() * 301, 0.0);
+  for (std::size_t i = 0; i < x.size(); ++i) {
+    result[i * 301] = x[i];
+  }
+  return result;
+}
+
+void expect_exact_short_and_long(const std::vector<double>& x) {
+  expect_exact(x);
+  expect_exact(spread_over_chunks(x));
+}
+
+void empty_and_zero_sums_are_plus_zero() {
+  expect_limbs({}, {0.0, 0.0, 0.0, 0.0});
+  expect_limbs({-0.0}, {0.0, 0.0, 0.0, 0.0});
+  expect_limbs(std::vector<double>(5000, -0.0), {0.0, 0.0, 0.0, 0.0});
+  Limbs4 out = {7.0, 7.0, 7.0, 7.0};
+  arithmetic::sum_sequential<HostLanes>(nullptr, out.data(), -5);
+  CHECK(same_limbs(out, std::vector<double>(4, 0.0)));
+}
+
+void a_sum_that_overflows_midway_comes_back() {
+  const double large = 0x1p+1023;
+  const std::vector<double> x = {large, large, -large, -large, 0x1p-1074};
+  expect_limbs(x, {0x1p-1074, 0.0, 0.0, 0.0});
+  expect_limbs(spread_over_chunks(x), {0x1p-1074, 0.0, 0.0, 0.0});
+  std::vector<double> many(3000, kMax);
+  many.resize(6000, -kMax);
+  many.push_back(1.0);
+  expect_limbs(many, {1.0, 0.0, 0.0, 0.0});
+}
+
+void six_levels_each_a_limb_apart() {
+  for (int offset = 51; offset <= 55; ++offset) {
+    std::vector<double> x;
+    x.reserve(6);
+    for (int level = 0; level < 6; ++level) {
+      x.push_back(std::ldexp(level % 2 == 0 ? 1.0 : -1.0, 200 - offset * level));
+    }
+    expect_exact_short_and_long(x);
+    std::reverse(x.begin(), x.end());
+    expect_exact_short_and_long(x);
+  }
+}
+
+void more_than_four_limbs_round_the_last() {
+  expect_limbs({0x1p+900, 0x1p+600, 0x1p+300, 1, 0x1p-300}, {0x1p+900, 0x1p+600, 0x1p+300, 1});
+  expect_limbs({0x1p+900, 0x1p+600, 0x1p+300, 1, 0x1p-53, 0x1p-300},
+               {0x1p+900, 0x1p+600, 0x1p+300, 0x1.0000000000001p+0});
+}
+
+void every_order_of(std::vector<double> x) {
+  const std::vector<double> four = canonical_limbs(x, 4);
+  const std::vector<double> two = canonical_limbs(x, 2);
+  std::sort(x.begin(), x.end());
+  do {
+    CHECK(all_ways_give(x, four, two));
+  } while (std::next_permutation(x.begin(), x.end()));
+}
+
+void every_order_gives_the_same_limbs() {
+  for (const double half : {0x1p-53, -0x1p-53}) {
+    for (const double smallest : {0x1p-1074, -0x1p-1074}) {
+      every_order_of({1, half, smallest});
+    }
+  }
+  every_order_of({1, -1, 0x1p-53, 0x1p-106, 0x1p-1074});
+  every_order_of({0x1p+1023, 0x1p+1023, -0x1p+1023, -0x1p+1023, 0x1p-1074});
+  every_order_of({kMax, kMax, -kMax, 0x1p+970, -0x1p+969});
+  every_order_of({0x1p+100, 0x1p+47, 0x1p-6, -0x1p-59, 0x1p-112, 0x1p-165});
+}
+
+void everything_cancels() {
+  Random random(41);
+  for (int shape = 0; shape < static_cast<int>(Shape::kCount); ++shape) {
+    for (const std::size_t count : {2U, 100U, 5000U}) {
+      const std::vector<double> x = draw_many(random, static_cast<Shape>(shape), count, true);
+      expect_limbs(x, {0.0, 0.0, 0.0, 0.0});
+    }
+  }
+}
+
+void overflow_saturates_limb_by_limb() {
+  expect_limbs({kMax, 0x1p+970}, {kMax, 0x1p+970, 0.0, 0.0});
+  expect_limbs({1.7e308, 1.7e308}, {kMax, 1.7e308 - (kMax - 1.7e308), 0.0, 0.0});
+  CHECK(all_ways_give({kMax, kMax, kMax}, {kMax, kMax, kMax, 0.0}, {kInf, 0.0}));
+  CHECK(all_ways_give({-kMax, -kMax, -kMax}, {-kMax, -kMax, -kMax, 0.0}, {-kInf, 0.0}));
+  CHECK(all_ways_give(std::vector<double>(4, kMax), {kMax, kMax, kMax, kMax}, {kInf, 0.0}));
+  CHECK(all_ways_give(std::vector<double>(5, kMax), {kInf, 0.0, 0.0, 0.0}, {kInf, 0.0}));
+  CHECK(all_ways_give(std::vector<double>(9000, -kMax), {-kInf, 0.0, 0.0, 0.0}, {-kInf, 0.0}));
+}
+
+void special_values_decide_wherever_they_stand() {
+  const double nan = double_of(0x7ff8000000000000);
+  for (const std::size_t place : {0U, 1U, 511U, 512U, 513U, 3000U, 4999U}) {
+    std::vector<double> x(5000, 1.5);
+    x[place] = kInf;
+    expect_limbs(x, {kInf, 0.0, 0.0, 0.0});
+    x[4998] = -kInf;
+    expect_limbs(x, {nan, 0.0, 0.0, 0.0});
+    x[4998] = 1.5;
+    x[place] = double_of(0xfff8000000000001);
+    expect_limbs(x, {nan, 0.0, 0.0, 0.0});
+    x[place] = -kInf;
+    expect_limbs(x, {-kInf, 0.0, 0.0, 0.0});
+  }
+}
+
+void lengths_around_the_ends_of_chunks() {
+  Random random(42);
+  for (const int border : {2, 4, 8, 256, 512, 1024, 2048}) {
+    for (int n = border - 1; n <= border + 1; ++n) {
+      expect_exact(draw_many(random, Shape::kNarrow, static_cast<std::size_t>(n), false));
+      expect_exact(draw_many(random, Shape::kWide, static_cast<std::size_t>(n), false));
+    }
+  }
+}
+
+void unaligned_arrays_sum_alike() {
+  Random random(43);
+  const std::vector<double> x = draw_many(random, Shape::kWide, 3000, false);
+  for (std::size_t offset = 1; offset < 5; ++offset) {
+    const std::vector<double> rest(x.begin() + static_cast<std::ptrdiff_t>(offset), x.end());
+    Limbs4 out{};
+    arithmetic::sum_sequential<HostLanes>(x.data() + offset, out.data(),
+                                          static_cast<std::int64_t>(x.size() - offset));
+    CHECK(same_limbs(out, sequential_limbs<ScalarLanes>(rest)));
+  }
+}
+
+void each_shape_is_exact_over_many_chunks() {
+  Random random(44);
+  for (int shape = 0; shape < static_cast<int>(Shape::kCount); ++shape) {
+    for (int i = 0; i < 4; ++i) {
+      const auto count = static_cast<std::size_t>(random.between(1, 9000));
+      expect_exact(draw_many(random, static_cast<Shape>(shape), count, i % 2 == 1));
+    }
+  }
+}
+
+// Equal positive elements drive each slice to the end of its binade.
+void slices_filled_to_the_brim_stay_exact() {
+  for (const double x :
+       {1.0, 0x1.fffffffffffffp+0, -0x1.fffffffffffffp+0, 0x1.fffffffffffffp+950,
+        0x1.fffffffffffffp+1003, 0x1p+1004, -0x1.fffffffffffffp+1010, 0x1.fffffffffffffp+1011,
+        0x1.fffffffffffffp-1000, 0x1p-1074, 0x0.fffffffffffffp-1022}) {
+    expect_exact(std::vector<double>(4500, x));
+  }
+}
+
+// Elements whose rests below the first slice are all just short of half a grid step and of one
+// sign.
+void second_slices_filled_to_the_brim_stay_exact() {
+  Random random(46);
+  for (const double rest : {0x1p-44 - 0x1p-52, 0x1p-52 - 0x1p-44}) {
+    std::vector<double> x(4500);
+    for (double& element : x) {
+      element = random.sign() + rest;
+    }
+    expect_exact(x);
+  }
+}
+
+// So many large elements that the counts of grid units, written as doubles, come near overflow.
+void large_counts_of_large_units_stay_finite() {
+  for (const int exponent : {1003, 1007, 1011}) {
+    std::vector<double> x(70000, std::ldexp(0x1.fffffffffffffp+0, exponent));
+    x.resize(140000, -x[0]);
+    x.push_back(1.0);
+    expect_limbs(x, {1.0, 0.0, 0.0, 0.0});
+  }
+}
+
+// One element out of scale in each chunk in turn: the plan must widen, give up or recover, exactly.
+void an_outlier_anywhere_is_kept() {
+  Random random(45);
+  for (const int exponent : {-1070, -300, -100, 30, 60, 200, 950, 951, 952, 1000, 1023}) {
+    std::vector<double> x = draw_many(random, Shape::kNarrow, 6000, false);
+    x[static_cast<std::size_t>(random.below(6000))] = std::ldexp(random.sign(), exponent);
+    expect_exact(x);
+  }
+}
+
+// A partial sum that leaves the binade of the first slice and returns within one chunk.
+void a_partial_sum_that_leaves_the_binade_and_returns() {
+  for (const double large : {0x1p+8, 0x1p+9, 0x1p+20, 0x1p+40, 0x1p+62, 0x1p+300}) {
+    std::vector<double> x(4096, 0x1.5555555555555p+0);
+    for (std::size_t i = 2048; i < 2100; ++i) {
+      x[i] = large;
+      x[i + 64] = -large;
+    }
+    expect_exact(x);
+  }
+}
+
+}  // namespace
+
+void test_sum() {
+  empty_and_zero_sums_are_plus_zero();
+  a_sum_that_overflows_midway_comes_back();
+  six_levels_each_a_limb_apart();
+  more_than_four_limbs_round_the_last();
+  every_order_gives_the_same_limbs();
+  everything_cancels();
+  overflow_saturates_limb_by_limb();
+  special_values_decide_wherever_they_stand();
+  lengths_around_the_ends_of_chunks();
+  unaligned_arrays_sum_alike();
+  each_shape_is_exact_over_many_chunks();
+  slices_filled_to_the_brim_stay_exact();
+  second_slices_filled_to_the_brim_stay_exact();
+  large_counts_of_large_units_stay_finite();
+  an_outlier_anywhere_is_kept();
+  a_partial_sum_that_leaves_the_binade_and_returns();
+}
+
+}  // namespace korvex::test

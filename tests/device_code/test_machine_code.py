@@ -1,0 +1,166 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The compiled kernels of the installation, read without a GPU: what they hold and what they cost.
+
+The golden table is written by scripts/record_machine_code.py.
+"""
+
+import json
+import re
+import shutil
+from pathlib import Path
+
+import machine_code
+import pytest
+
+import korvex
+
+CUBINS = Path(korvex.__file__).parent / "cubins"
+FILES = sorted(CUBINS.glob("*.cubin"), key=machine_code.architecture)
+PTX_FILES = sorted(CUBINS.glob("*.ptx"), key=machine_code.architecture)
+SOURCE_TREE = Path(__file__).resolve().parents[2]
+GOLDEN = json.loads((Path(__file__).parent / "golden.json").read_text())
+
+# As many as the source of each kernel and of all that it calls holds; what is inlined or unrolled
+# more than once counts so often.
+FUSED_IN_SOURCE = {
+    "tqx_sum_seq_kernel": 0,
+    "tqx_sum_kernel": 0,
+    "tqx_dot_seq_kernel": 17,
+    "tqx_dot_kernel": 8,
+    "tqx_matmul_kernel": 14,
+    "tqx_var_kernel": 33,
+    "tqx_norm_kernel": 33,
+    "tqx_prod_kernel": 0,
+    "tqx_cumsum_kernel": 0,
+    "tqx_logsumexp_kernel": 52,
+    "tqx_add_kernel": 0,
+    "tqx_sub_kernel": 0,
+    "tqx_mul_kernel": 1,  # the error of the product
+    "tqx_div_kernel": 1,  # the remainder
+    "tqx_relu_kernel": 0,
+    "tqx_neg_kernel": 0,
+    "tqx_exp_kernel": 12,
+    "tqx_log_kernel": 12,
+    "tqx_sqrt_kernel": 0,
+    "tqx_sigmoid_kernel": 14,
+    "tqx_tanh_kernel": 28,
+    "tqx_leaky_relu_kernel": 0,
+    "tqx_rms_norm_kernel": 10,
+}
+
+pytestmark = pytest.mark.skipif(
+    not FILES and shutil.which("nvcc") is None,
+    reason="no compiler for device code, so the package holds no kernels",
+)
+needs_cuobjdump = pytest.mark.skipif(
+    machine_code.tool("cuobjdump") is None, reason="no cuobjdump: pip install nvidia-cuda-cuobjdump"
+)
+needs_nvdisasm = pytest.mark.skipif(
+    machine_code.tool("nvdisasm") is None, reason="no nvdisasm: pip install nvidia-cuda-nvdisasm"
+)
+
+
+def kernels_of_the_table() -> set[str]:
+    text = (SOURCE_TREE / "korvex" / "arithmetic" / "kernel_table.h").read_text()
+    return set(re.findall(r'^\s*\{"(\w+)", "(?:function|launch)"', text, re.MULTILINE))
+
+
+def name(path: Path) -> str:
+    return path.stem
+
+
+def golden_row(cubin: Path) -> dict:
+    key = f"sm_{machine_code.architecture(cubin)}, {machine_code.compiler_of(cubin)}"
+    if key not in GOLDEN:
+        pytest.skip(f"no golden row for {key}")
+    return GOLDEN[key]
+
+
+def test_kernels_were_built_where_there_is_a_compiler():
+    assert FILES
+    assert PTX_FILES
+
+
+def test_every_kernel_has_its_count_of_fused_operations():
+    assert FUSED_IN_SOURCE.keys() == kernels_of_the_table()
+
+
+# --- Machine code
+
+
+@needs_cuobjdump
+@pytest.mark.parametrize("cubin", FILES, ids=name)
+def test_machine_code_holds_exactly_the_kernels_of_the_table(cubin):
+    assert machine_code.resources(cubin).keys() == kernels_of_the_table()
+
+
+@pytest.mark.parametrize("cubin", FILES, ids=name)
+def test_machine_code_needs_nothing_from_outside(cubin):
+    """Undefined symbols of the compiler's own begin with a dot; no library is linked in."""
+    undefined, functions = machine_code.symbols(cubin)
+    assert [symbol for symbol in undefined if not symbol.startswith(".nv.")] == []
+    assert kernels_of_the_table() <= set(functions)
+    assert [symbol for symbol in functions if "__nv_" in symbol] == []
+
+
+@needs_cuobjdump
+@pytest.mark.parametrize("cubin", FILES, ids=name)
+def test_machine_code_takes_no_more_than_it_did(cubin):
+    golden = golden_row(cubin)
+    for kernel, taken in machine_code.resources(cubin).items():
+        assert kernel in golden, f"run scripts/record_machine_code.py for {kernel}"
+        for resource, amount in taken.items():
+            assert amount <= golden[kernel][resource], f"{kernel}: {resource}"
+
+
+@needs_nvdisasm
+@pytest.mark.parametrize(
+    "cubin",
+    [path for path in FILES if machine_code.architecture(path) >= machine_code.OLDEST_DISASSEMBLED],
+    ids=name,
+)
+def test_inner_loops_hold_the_operations_of_the_algorithm_and_no_more(cubin):
+    """Three additions an element and slice; two slices as a rule, up to four for one thread."""
+    golden = golden_row(cubin)
+    loops = machine_code.element_loops(cubin)
+    assert {loop["fp64_per_element"] for loop in loops["tqx_sum_seq_kernel"]} == {6, 9, 12}
+    for kernel in ("tqx_sum_seq_kernel", "tqx_sum_kernel"):
+        fastest = loops[kernel][0]
+        assert fastest["fp64_per_element"] == golden[kernel]["fp64_per_element"] == 6
+        assert fastest["cycles_per_element"] <= golden[kernel]["cycles_per_element"]
+
+
+# --- PTX
+
+
+@pytest.mark.parametrize("ptx", PTX_FILES, ids=name)
+def test_ptx_holds_exactly_the_kernels_and_their_fused_operations(ptx):
+    assert machine_code.fused_operations(ptx.read_text()) == FUSED_IN_SOURCE
+
+
+@pytest.mark.parametrize("ptx", PTX_FILES, ids=name)
+def test_ptx_rounds_every_operation_as_written_and_calls_no_library(ptx):
+    assert machine_code.ptx_problems(ptx.read_text()) == []
+
+
+@pytest.mark.parametrize(
+    "planted",
+    [
+        "add.f64 %fd1, %fd2, %fd3;",
+        "add.rn.ftz.f32 %f1, %f2, %f3;",
+        "div.approx.f64 %fd1, %fd2, %fd3;",
+        "mul.rn.f32 %f1, %f2, %f3;",
+        ".extern .func (.param .b64 r) exp (.param .b64 x);",
+        ".func (.param .b64 r) __nv_exp(.param .b64 x) {",
+    ],
+)
+def test_a_planted_operation_is_found(planted):
+    sound = ".visible .entry f()\n{\nadd.rn.f64 %fd1, %fd2, %fd3;\nret;\n}\n"
+    assert machine_code.ptx_problems(sound) == []
+    assert len(machine_code.ptx_problems(sound + planted + "\n}\n")) == 1
+
+
+def test_a_fused_operation_is_counted_where_a_callee_holds_it():
+    callee = ".func helper()\n{\nfma.rn.f64 %fd1, %fd2, %fd3, %fd4;\nret;\n}\n"
+    kernel = ".visible .entry f()\n{\ncall.uni helper, ();\nret;\n}\n"
+    assert machine_code.fused_operations(callee + kernel) == {"f": 1}

@@ -1,0 +1,67 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Golden digests of the single-block reductions. Run it to write kernel_reductions.json."""
+
+import math
+import pathlib
+import sys
+
+sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "support"))
+import exact_arithmetic
+import exact_reductions as exact
+import golden
+from golden import Case
+
+REFERENCE = "whole numbers and fractions, rounded once; MPFR at 4000 bits for logarithms"
+
+INPUTS = {
+    "uniform": lambda: golden.uniform("reduction", 2000),
+    "wide": lambda: golden.wide("reduction", 1500),
+    "any bits": lambda: golden.patterns("reduction", 600),
+    "integers": lambda: golden.integers("reduction", 1025, 1, 9),
+    "near one": lambda: [1.0 + v / 8 for v in golden.uniform("near one", 1024)],
+    "a large mean": lambda: [1e9 + v * 2.0**-20 for v in golden.integers("mean", 1023, 0, 3)],
+    "logits": lambda: [v * 30 for v in golden.uniform("logits", 1000)],
+    "one large": lambda: [0.0, *(v * 300 - 400 for v in golden.uniform("low", 500))],
+    "subnormal": lambda: [v * 5e-324 for v in golden.integers("small", 257, 1, 2**20)],
+    "largest": lambda: [exact_arithmetic.LARGEST] * 3 + [-exact_arithmetic.LARGEST] * 3,
+    "one infinity": lambda: [1.0, -math.inf, 2.0],
+    "a NaN": lambda: [math.inf, math.nan, 1.0],
+    "nothing": list,
+    "one": lambda: [0.1],
+    "special": lambda: golden.SPECIAL,
+}
+
+
+def folded(values):
+    first, second = exact.product_limbs(values)
+    return first + second
+
+
+def root_of_variance(values):
+    variance = exact.variance(values)
+    return variance if math.isnan(variance) else math.sqrt(variance)
+
+
+# Name of a case, the reference, the call.
+FUNCTIONS = {
+    "tqx_var": (exact.variance, lambda m, x: m.tqx_var(x)),
+    "tqx_std": (root_of_variance, lambda m, x: m.tqx_std(x)),
+    "tqx_norm": (exact.norm, lambda m, x: m.tqx_norm(x)),
+    "tqx_prod limbs": (exact.product_limbs, lambda m, x: m.tqx_prod(x, return_tqx=True)),
+    "tqx_prod": (folded, lambda m, x: m.tqx_prod(x)),
+    "tqx_cumsum limbs": (exact.prefix_limbs, lambda m, x: m.tqx_cumsum(x, return_tqx=True)),
+    "tqx_cumsum": (lambda v: exact.prefix_limbs(v)[0], lambda m, x: m.tqx_cumsum(x)),
+    "tqx_logsumexp": (exact.logsumexp, lambda m, x: m.tqx_logsumexp(x)),
+}
+
+
+def _cases():
+    for name, (expected, run) in FUNCTIONS.items():
+        for kind, inputs in INPUTS.items():
+            yield Case(f"{name}, {kind}", lambda inputs=inputs: (inputs(),), expected, run)
+
+
+CASES = [*_cases()]
+
+if __name__ == "__main__":
+    golden.write(__file__, CASES, REFERENCE)

@@ -1,0 +1,80 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Golden checksums. Run it to write provenance.json: python make_provenance.py
+
+The texts are those that two machines compare, so they must never change.
+"""
+
+import hashlib
+import pathlib
+import struct
+import sys
+
+sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "support"))
+import golden
+from golden import Case
+
+REFERENCE = "hashlib over struct.pack of the doubles, which are rounded by struct for narrow types"
+
+
+def sha256(values):
+    return hashlib.sha256(struct.pack(f"<{len(values)}d", *values)).hexdigest()
+
+
+def flat(matrix):
+    return [value for row in matrix for value in row]
+
+
+def narrow(values):
+    return [struct.unpack("<f", struct.pack("<f", value))[0] for value in values]
+
+
+OPERANDS = {
+    "uniform": lambda: (golden.uniform("checksum", 1000),),
+    "any bits": lambda: (golden.patterns("checksum", 1000),),
+    "zeros": lambda: ([0.0, -0.0],),
+    "nothing": lambda: ([],),
+}
+
+
+def _checksums():
+    for kind, inputs in OPERANDS.items():
+        yield Case(f"tqx_checksum_hex, {kind}", inputs, sha256, lambda m, x: m.tqx_checksum_hex(x))
+        yield Case(
+            f"tqx_checksum, {kind}",
+            inputs,
+            lambda values: sha256(values)[:16],
+            lambda m, x: m.tqx_checksum(x),
+        )
+    yield Case(
+        "tqx_checksum_hex of a transposed matrix",
+        lambda: (golden.rows(golden.uniform("matrix", 120), 8),),
+        lambda matrix: sha256(flat(zip(*matrix, strict=True))),
+        lambda m, x: m.tqx_checksum_hex(x.t()),
+    )
+    yield Case(
+        "tqx_checksum_hex of single precision",
+        lambda: (golden.uniform("narrow", 100),),
+        lambda values: sha256(narrow(values)),
+        lambda m, x: m.tqx_checksum_hex(x.float()),
+    )
+    yield Case(
+        "tqx_checksum_hex of limbs",
+        lambda: (golden.wide("high", 100), golden.wide("low", 100, -120, -113)),
+        lambda high, low: sha256([a + b for a, b in zip(high, low, strict=True)]),
+        lambda m, high, low: m.tqx_checksum_hex(m.TQXResult([high, low])),
+    )
+    yield Case(
+        "TQXVerifiedResult",
+        lambda: (golden.uniform("verified", 50),),
+        lambda values: [sha256(values)[:16], sha256(values)],
+        lambda m, x: [
+            m.TQXVerifiedResult(x).checksum,
+            m.TQXVerifiedResult(x).checksum_full,
+        ],
+    )
+
+
+CASES = [*_checksums()]
+
+if __name__ == "__main__":
+    golden.write(__file__, CASES, REFERENCE)

@@ -1,0 +1,36 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Results on the device of this run against the digests that references worked out."""
+
+import device
+import golden
+import pytest
+
+LOADED = {maker.stem.removeprefix("make_"): golden.load(maker) for maker in golden.makers()}
+CASES = [
+    pytest.param(case, data, id=f"{folder}: {case.name}")
+    for folder, (script, data) in LOADED.items()
+    for case in script.CASES
+]
+
+
+@pytest.mark.parametrize("case, data", CASES)
+def test_result_has_the_digest_of_the_reference(module, case, data):
+    golden.compare(module, case, data["cases"][case.name], device.tensor)
+
+
+@pytest.mark.parametrize("folder", LOADED)
+def test_file_holds_the_cases_of_its_script(folder):
+    script, data = LOADED[folder]
+    assert list(data["cases"]) == [case.name for case in script.CASES]
+    assert data["made_by"] == f"tests/golden/make_{folder}.py" and data["reference"]
+
+
+def test_every_file_of_digests_has_its_script():
+    files = {path.stem for path in golden.FOLDER.glob("*.json")} - {"surface"}
+    assert files == set(LOADED)
+
+
+def test_digest_tells_signs_of_zero_apart_and_not_kinds_of_nan():
+    negative_nan = -float("nan")
+    assert golden.digest([0.0]) != golden.digest([-0.0])
+    assert golden.digest([float("nan")]) == golden.digest([negative_nan])

@@ -1,0 +1,254 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What reaches the driver at a launch: device, context, stream, grid, block, arguments."""
+
+
+def test_function_launches_exactly_its_grid_and_block_on_the_null_stream(run):
+    run(
+        """
+        loader = import_loader().NativeCubinLoader()
+        x, out = DeviceArray(driver, [2.0, 3.0]), DeviceArray(driver, [0.0] * 4)
+        kernel = loader.get_kernel("tqx_sum_seq_kernel")
+        assert kernel.function((3, 2, 1), (4, 5, 6), (x, out, 2)) is None
+        assert launches(driver.take_log()) == [
+            ("tqx_sum_seq_kernel", (3, 2, 1), (4, 5, 6), stub_driver.LEGACY_STREAM)]
+        """
+    )
+
+
+def test_launch_uses_the_kernels_own_block(run):
+    run(
+        """
+        loader = import_loader().NativeCubinLoader()
+        x, out, out_err = (DeviceArray(driver, [1e16, 1.0]), DeviceArray(driver, [0.0]),
+                           DeviceArray(driver, [0.0]))
+        kernel = loader.get_kernel("tqx_sum_kernel")
+        assert kernel.launch(x, out, out_err, 2, grid=(1, 1, 1)) is None
+        assert launches(driver.take_log()) == [
+            ("tqx_sum_kernel", (1, 1, 1), (256, 1, 1), stub_driver.LEGACY_STREAM)]
+        assert (out.tolist(), out_err.tolist()) == ([1e16], [1.0])
+        """
+    )
+
+
+def test_grid_of_a_striding_kernel_is_limited_by_launch_alone(run):
+    """Device 0 has 4 multiprocessors, device 1 has 2, and 8 blocks fill one."""
+    run(
+        """
+        loader = import_loader().NativeCubinLoader()
+        kernel = loader.get_kernel("tqx_sum_kernel")
+        assert kernel.blocks_per_multiprocessor == 8
+        results = set()
+        for device, grid, expected in (
+                (0, 31, 31), (0, 32, 32), (0, 33, 32), (0, 2**31 - 1, 32), (1, 99, 16)):
+            arrays = [DeviceArray(driver, values, device) for values in ([0.1] * 999, [0.0], [0.0])]
+            kernel.launch(*arrays, 999, grid=(grid, 1, 1))
+            [launch] = launches(driver.take_log())
+            assert launch[1] == (expected, 1, 1), launch
+            results.add((*arrays[1].tolist(), *arrays[2].tolist()))
+        assert len(results) == 1
+        kernel.function((99, 1, 1), (256, 1, 1), (*arrays, 999))
+        assert launches(driver.take_log())[0][1] == (99, 1, 1)
+        """
+    )
+
+
+def test_launch_on_the_current_device_is_left_to_the_caller_to_wait_for(run):
+    run(
+        """
+        loader = import_loader().NativeCubinLoader()
+        driver.set_device(1)
+        x, out = DeviceArray(driver, [0.5, 0.25], 1), DeviceArray(driver, [0.0] * 4, 1)
+        driver.take_log()
+        loader.get_kernel("tqx_sum_seq_kernel").function((1, 1, 1), (1, 1, 1), (x, out, 2))
+        calls = driver.take_calls()
+        assert not {"cuCtxPushCurrent_v2", "cuStreamSynchronize"} & set(calls), calls
+        assert out.tolist() == [0.0] * 4 and driver.state()["pending"] == [0, 1]
+        driver.synchronize()
+        assert out.tolist() == [0.75, 0.0, 0.0, 0.0]
+        """
+    )
+
+
+def test_launch_on_another_device_has_finished_there_when_the_call_returns(run):
+    run(
+        """
+        loader = import_loader().NativeCubinLoader()
+        for current in (None, 0):
+            if current is not None:
+                driver.set_device(current)
+            depth = driver.state()["context depth"]
+            x, out = DeviceArray(driver, [0.5, 0.25], 1), DeviceArray(driver, [0.0] * 4, 1)
+            driver.take_log()
+            loader.get_kernel("tqx_sum_seq_kernel").function((1, 1, 1), (1, 1, 1), (x, out, 2))
+            assert out.tolist() == [0.75, 0.0, 0.0, 0.0]
+            assert driver.state()["context depth"] == depth
+            calls = driver.take_calls()
+            expected = ["cuLaunchKernel", "cuStreamSynchronize", "cuCtxPopCurrent_v2"]
+            assert calls[-3:] == expected, calls
+        """
+    )
+
+
+def test_arrays_on_two_devices_are_refused(run):
+    run(
+        """
+        loader = import_loader().NativeCubinLoader()
+        x, out = DeviceArray(driver, [0.5], 0), DeviceArray(driver, [0.0] * 4, 1)
+        kernel = loader.get_kernel("tqx_sum_seq_kernel")
+        with pytest.raises(ValueError) as caught:
+            kernel.function((1, 1, 1), (1, 1, 1), (x, out, 1))
+        assert str(caught.value) == (
+            "tqx_sum_seq_kernel: 'x' is on device 0 and 'out' on device 1: "
+            "all arrays of a launch must be on one device")
+        assert not launches(driver.take_log())
+        """
+    )
+
+
+def test_memory_that_the_driver_does_not_know_is_refused(run):
+    run(
+        """
+        import ctypes
+        loader = import_loader().NativeCubinLoader()
+        host = (ctypes.c_double * 2)()
+        x = DeviceArray(driver, [1.0, 2.0], data=(ctypes.addressof(host), False))
+        kernel = loader.get_kernel("tqx_sum_seq_kernel")
+        with pytest.raises(ValueError, match="^tqx_sum_seq_kernel: 'x' is not in the memory of a"):
+            kernel.function((1, 1, 1), (1, 1, 1), (x, DeviceArray(driver, [0.0] * 4), 2))
+        assert not launches(driver.take_log())
+        """
+    )
+
+
+def test_empty_array_decides_no_device(run):
+    run(
+        """
+        loader = import_loader().NativeCubinLoader()
+        x, out = DeviceArray(driver, [], 0), DeviceArray(driver, [7.0] * 4, 1)
+        loader.get_kernel("tqx_sum_seq_kernel").function((1, 1, 1), (1, 1, 1), (x, out, 0))
+        assert out.tolist() == [0.0] * 4
+        """
+    )
+
+
+def test_grid_without_extent_does_nothing_after_the_checks(run):
+    run(
+        """
+        loader = import_loader().NativeCubinLoader()
+        arrays = [DeviceArray(driver, values) for values in ([], [7.0], [8.0])]
+        kernel = loader.get_kernel("tqx_sum_kernel")
+        driver.take_log()
+        for grid in ((0, 1, 1), (1, 0, 1), (1, 1, 0)):
+            assert kernel.launch(*arrays, 0, grid=grid) is None
+            assert kernel.function(grid, (256, 1, 1), (*arrays, 0)) is None
+        assert driver.take_log() == []
+        assert (arrays[1].tolist(), arrays[2].tolist()) == ([7.0], [8.0])
+        with pytest.raises(ValueError, match="'x' must have at least n = 1 elements, but has 0"):
+            kernel.launch(*arrays, 1, grid=(0, 1, 1))
+        """
+    )
+
+
+def test_two_loaders_share_nothing_and_give_everything_back(run):
+    run(
+        """
+        module = import_loader()
+        before = driver.state()
+        loaders = [module.NativeCubinLoader() for _ in range(2)]
+        kernels = [loader.get_kernel("tqx_sum_seq_kernel") for loader in loaders]
+        for device in (0, 1):
+            for loader in loaders:
+                exact_sum(loader, [1.0], device)
+        assert driver.state()["modules"] == 4
+        assert driver.state()["retained"] == [2, 2]
+        del loader, loaders
+        assert driver.state()["modules"] == 4, "a kernel keeps what it runs on"
+        del kernels[0]
+        assert driver.state()["modules"] == 2
+        kernels.clear()
+        assert driver.state() == before
+        """
+    )
+
+
+def test_interpreter_runs_while_the_driver_waits(run):
+    """Were the lock held, nobody could unblock the driver, and its call would fail in the end."""
+    run(
+        """
+        import threading
+        module = import_loader()
+        for call in ("cuInit", "cuModuleLoadDataEx", "cuLaunchKernel", "cuStreamSynchronize"):
+            driver.block(call)
+            results = []
+            thread = threading.Thread(
+                target=lambda: results.append(exact_sum(module.NativeCubinLoader(), [4.0], 1)))
+            thread.start()
+            assert driver.wait_until_blocked(), call
+            driver.unblock()
+            thread.join()
+            assert results == [[4.0, 0.0, 0.0, 0.0]], call
+        """
+    )
+
+
+def test_threads_load_a_device_once(run):
+    run(
+        """
+        import threading
+        loader = import_loader().NativeCubinLoader()
+        results = []
+        def work(number):
+            for turn in range(20):
+                results.append(exact_sum(loader, [1e100, number + turn, -1e100], turn % 2)[0]
+                               - number - turn)
+        threads = [threading.Thread(target=work, args=(number,)) for number in range(4)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        assert results == [0.0] * 80
+        assert driver.take_calls().count("cuModuleLoadDataEx") == 2
+        """
+    )
+
+
+def test_stream_of_an_array_is_waited_for_before_the_launch(run):
+    """A stream that was made non-blocking is none that the null stream waits for."""
+    run(
+        """
+        loader = import_loader().NativeCubinLoader()
+        kernel = loader.get_kernel("tqx_sum_seq_kernel")
+        for streams, waits in (
+                ((None, None), []), ((1, 1), []), ((7, 1), [7]), ((7, 7), [7]), ((7, 8), [7, 8])):
+            driver.set_device(0)
+            x = DeviceArray(driver, [1.0], stream=streams[0])
+            out = DeviceArray(driver, [0.0] * 4, stream=streams[1])
+            driver.take_log()
+            kernel.function((1, 1, 1), (1, 1, 1), (x, out, 1))
+            log = driver.take_log()
+            assert [line for line in log if "Synchronize" in line] == [
+                f"cuStreamSynchronize {stream}" for stream in waits]
+            assert log[-1].startswith("cuLaunchKernel")
+            driver.synchronize()
+        """
+    )
+
+
+def test_array_without_a_stream_needs_no_wait(run):
+    run(
+        """
+        loader = import_loader().NativeCubinLoader()
+        class Plain:
+            def __init__(self, array):
+                self.__cuda_array_interface__ = dict(array.__cuda_array_interface__)
+                del self.__cuda_array_interface__["stream"]
+                del self.__cuda_array_interface__["strides"]
+        driver.set_device(0)
+        x, out = DeviceArray(driver, [1.0]), DeviceArray(driver, [0.0] * 4)
+        kernel = loader.get_kernel("tqx_sum_seq_kernel")
+        kernel.function((1, 1, 1), (1, 1, 1), (Plain(x), Plain(out), 1))
+        assert "cuStreamSynchronize" not in driver.take_calls()
+        driver.synchronize()
+        assert out.tolist() == [1.0, 0.0, 0.0, 0.0]
+        """
+    )

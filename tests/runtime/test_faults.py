@@ -1,0 +1,163 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A failure at every call out of the module, one after the other.
+
+Each function walks its courses (`courses.py`) with spies; then again and again with the first, the
+second, ... the last operation failing. The exception must come out as the very object that was
+raised, nothing may follow it, and blocks of memory must not add up. Two places are told to treat
+an exception in another way, and there the rendering in plain Python says how it must end.
+"""
+
+import gc
+import sys
+
+import courses
+import pytest
+import reference_runtime
+from public_signatures import ROWS
+
+
+class Fault(Exception):
+    """No exception that any code could expect."""
+
+
+class Stop(BaseException):
+    """Like the interpreter's own ways out: KeyboardInterrupt, SystemExit."""
+
+
+KINDS = [Fault, Stop, RuntimeError, AttributeError, TypeError, ImportError]
+
+# Long courses are loops of like steps: the ordinary run takes so many places of each, spread out.
+MOST_PLACES = 120
+
+
+@pytest.fixture(autouse=True)
+def _restored(module):
+    reference_runtime.bind(module)
+    with courses.restored(module, reference_runtime):
+        yield
+
+
+def distinct(row, module):
+    return courses.distinct_courses(row, module, courses.without_numbers)
+
+
+def places(count, most=MOST_PLACES):
+    step = max(1, count // most)
+    return range(0, count, step)
+
+
+def count_of_events(course, module):
+    return len(courses.walk(course, module)[0].events)
+
+
+def may_be_told_otherwise(event, kind):
+    """torch.broadcast_shapes may be reworded; hasattr takes an AttributeError for a no."""
+    return (kind is RuntimeError and "broadcast_shapes(" in event) or (
+        kind is AttributeError and "(" not in event
+    )
+
+
+def check_fault(course, module, place, kind):
+    told = kind("fault")
+    recorder, result, error = courses.walk(course, module, place, told)
+    if error is not told and may_be_told_otherwise(recorder.events[place], kind):
+        check_as_rendered(course, module, place, kind)
+        return
+    assert error is told, f"{course}, event {place}: {recorder.events[place]}"
+    assert error.__context__ is None and error.__cause__ is None
+    assert len(recorder.events) == place + 1, f"{course} went on after {recorder.events[place]}"
+
+
+def check_as_rendered(course, module, place, kind):
+    endings = []
+    for runtime in (module, reference_runtime):
+        recorder, _, error = courses.walk(course, runtime, place, kind("fault"))
+        endings.append(
+            (
+                recorder.events,
+                type(error),
+                str(error),
+                type(error and error.__cause__),
+                type(error and error.__context__),
+            )
+        )
+    assert endings[0] == endings[1], f"{course}, event {place}"
+
+
+@pytest.mark.parametrize("row", ROWS, ids=[row.path for row in ROWS])
+def test_fault_at_every_call_comes_out_unchanged(module, row, record_property):
+    injected = 0
+    for course in distinct(row, module):
+        count = count_of_events(course, module)
+        for place in places(count):
+            check_fault(course, module, place, KINDS[injected % len(KINDS)])
+            injected += 1
+        for kind in KINDS:  # each kind at the last call too
+            if count:
+                check_fault(course, module, count - 1, kind)
+                injected += 1
+        assert count_of_events(course, module) == count  # it works as before
+    record_property("faults injected", injected)
+
+
+@pytest.mark.long
+@pytest.mark.parametrize("row", ROWS, ids=[row.path for row in ROWS])
+def test_fault_of_every_kind_at_every_call(module, row, record_property):
+    injected = 0
+    for course in distinct(row, module):
+        for place in range(count_of_events(course, module)):
+            for kind in KINDS:
+                check_fault(course, module, place, kind)
+                injected += 1
+    record_property("faults injected", injected)
+
+
+def all_faults(found, module):
+    """Every course of a function with a fault at one of its calls, then at another, ..."""
+    injected = 0
+    for course, count in found:
+        for place in places(count, 30):
+            courses.walk(course, module, place, Fault())
+            injected += 1
+    gc.collect()
+    return injected
+
+
+@pytest.mark.parametrize("row", ROWS, ids=[row.path for row in ROWS])
+def test_faults_leave_nothing(module, row, record_property):
+    found = [(course, count_of_events(course, module)) for course in distinct(row, module)]
+    gc.collect()
+    gc.freeze()
+    try:
+        injected = all_faults(found, module)
+        for _ in range(4):  # free lists fill in some rounds, a leak shows in all
+            before = sys.getallocatedblocks()
+            all_faults(found, module)
+            if sys.getallocatedblocks() - before < max(injected / 2, 5):
+                break
+        else:
+            pytest.fail("memory grows with every round of faults")
+    finally:
+        gc.unfreeze()
+    record_property("faults injected", 2 * injected)
+
+
+def test_wrong_exception_would_be_noticed(module, monkeypatch):
+    """A runtime that rewords a failure does not pass."""
+
+    class Rewording:
+        def __init__(self, row):
+            self.row, self.path = row, row.path
+
+        def __getattr__(self, name):
+            return getattr(self.row, name)
+
+        def call(self, runtime, *args, **kwargs):
+            try:
+                return self.row.call(runtime, *args, **kwargs)
+            except Exception as error:
+                raise ValueError("reworded") from error
+
+    row = next(row for row in ROWS if row.path == "tqx_sum")
+    with pytest.raises(AssertionError):
+        check_fault(courses.Course(Rewording(row)), module, 3, Fault)

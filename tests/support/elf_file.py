@@ -1,0 +1,62 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Reads from a 64-bit little-endian ELF shared object what it needs and what it exports."""
+
+import struct
+from pathlib import Path
+
+_SECTION_DYNAMIC = 6
+_SECTION_DYNAMIC_SYMBOLS = 11
+_TAG_NEEDED = 1
+_TAG_RPATH = 15
+_TAG_RUNPATH = 29
+_BIND_LOCAL = 0
+
+
+class ElfFile:
+    """Attributes: `needed` (library names), `search_paths`, `exported` (names of symbols)."""
+
+    def __init__(self, path: Path) -> None:
+        self._image = path.read_bytes()
+        assert self._image[:6] == b"\x7fELF\x02\x01", f"{path} is no 64-bit little-endian ELF file"
+        self._sections = self._read_sections()
+        self.needed = self._dynamic_strings(_TAG_NEEDED)
+        self.search_paths = self._dynamic_strings(_TAG_RPATH, _TAG_RUNPATH)
+        self.exported = self._read_exported()
+
+    def _read_sections(self) -> list[tuple]:
+        """(name, type, flags, address, offset, size, link, info, alignment, entry size) each."""
+        (table_offset,) = struct.unpack_from("<Q", self._image, 0x28)
+        entry_size, count = struct.unpack_from("<HH", self._image, 0x3A)
+        return [
+            struct.unpack_from("<IIQQQQIIQQ", self._image, table_offset + index * entry_size)
+            for index in range(count)
+        ]
+
+    def _records(self, section_type: int, layout: str):
+        """Each record of the sections of one type, with the offset of their string table."""
+        for section in self._sections:
+            if section[1] == section_type:
+                strings_offset = self._sections[section[6]][4]
+                contents = self._image[section[4] : section[4] + section[5]]
+                for record in struct.iter_unpack(layout, contents):
+                    yield record, strings_offset
+
+    def _string(self, offset: int) -> str:
+        return self._image[offset : self._image.index(b"\0", offset)].decode()
+
+    def _dynamic_strings(self, *tags: int) -> list[str]:
+        return [
+            self._string(strings_offset + value)
+            for (tag, value), strings_offset in self._records(_SECTION_DYNAMIC, "<qQ")
+            if tag in tags
+        ]
+
+    def _read_exported(self) -> list[str]:
+        """Symbols that are defined here (their section is not 0) and not local."""
+        return sorted(
+            self._string(strings_offset + name)
+            for (name, info, _, section, _, _), strings_offset in self._records(
+                _SECTION_DYNAMIC_SYMBOLS, "<IBBHQQ"
+            )
+            if section != 0 and info >> 4 != _BIND_LOCAL
+        )

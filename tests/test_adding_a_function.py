@@ -1,0 +1,85 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The checklist in docs/adding_a_function.md, followed to the letter for its made-up function."""
+
+import os
+import re
+import shutil
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+TREE = Path(__file__).resolve().parent.parent
+STEP = re.compile(
+    r"^### \d+\. `(?P<file>[^`]+)`.*?"
+    r"^(?P<where>After|Before) the line `(?P<line>[^\n]*)`:\n\n```\w+\n(?P<text>.*?)^```$",
+    re.MULTILINE | re.DOTALL,
+)
+BUILT_FROM = ["CMakeLists.txt", "LICENSE", "README.md", "cmake", "korvex", "pyproject.toml"]
+
+
+def steps():
+    text = (TREE / "docs" / "adding_a_function.md").read_text()
+    return [match.groupdict() for match in STEP.finditer(text)]
+
+
+def follow(step, tree):
+    """Put the text of a step before or after the one line it names."""
+    path = tree / step["file"]
+    lines = path.read_text().splitlines(keepends=True)
+    [place] = [number for number, line in enumerate(lines) if line == step["line"] + "\n"]
+    lines.insert(place + (step["where"] == "After"), step["text"])
+    path.write_text("".join(lines))
+
+
+def test_every_step_names_a_file_and_one_line_of_it():
+    assert len(steps()) == 8
+    for step in steps():
+        lines = (TREE / step["file"]).read_text().splitlines()
+        assert lines.count(step["line"]) == 1, f"{step['file']}: {step['line']}"
+
+
+def test_tests_that_the_checklist_names_exist():
+    text = (TREE / "docs" / "adding_a_function.md").read_text()
+    named = re.findall(r"`((?:tests|docs)/[\w/]+\.(?:py|md))`", text)
+    assert len(named) > 6
+    assert [name for name in named if not (TREE / name).exists()] == []
+
+
+CALLS = """
+import korvex.emulation
+korvex.emulation.activate()
+import korvex.tqx_runtime as runtime, torch
+x = torch.tensor([2.0, -0.1, float("nan")], dtype=torch.float64, device="cuda")
+assert runtime.__all__[-1] == "tqx_cube" and runtime.tqx_cube.__doc__ == "Cube of each element."
+cubes = runtime.tqx_cube(x).cpu().tolist()
+assert cubes[:2] == [8.0, -0.1 * -0.1 * -0.1], cubes
+assert runtime.tqx_cube(x, return_tqx=True).n_limbs == 1
+try:
+    runtime.tqx_cube()
+except TypeError as error:
+    assert str(error) == "tqx_cube() takes at least 1 positional argument (0 given)"
+else:
+    raise AssertionError
+"""
+
+
+@pytest.mark.long
+def test_steps_make_a_function_that_works(tmp_path):
+    """Builds the changed tree: some minutes."""
+    tree = tmp_path / "tree"
+    tree.mkdir()
+    for name in [*BUILT_FROM, "scripts"]:
+        source = TREE / name
+        if source.is_dir():
+            shutil.copytree(source, tree / name, ignore=shutil.ignore_patterns("__pycache__"))
+        elif source.exists():
+            shutil.copy(source, tree / name)
+    for step in steps():
+        follow(step, tree)
+    site = tmp_path / "site"
+    command = [tree / "scripts" / "install_tree.sh", sys.executable, tmp_path / "build", site]
+    subprocess.run([*command, "KORVEX_CUDA_ARCHITECTURES=none"], check=True, cwd=tree)
+    environment = os.environ | {"PYTHONPATH": str(site)}
+    subprocess.run([sys.executable, "-P", "-c", CALLS], check=True, env=environment, cwd=tmp_path)

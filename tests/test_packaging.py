@@ -1,0 +1,207 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What the distribution declares and holds, and how its build and set-up fail."""
+
+import importlib.metadata
+import os
+import re
+import shutil
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+SOURCE_TREE = Path(__file__).resolve().parent.parent
+SCRIPTS = SOURCE_TREE / "scripts"
+INSTALLED_SUFFIXES = {".cubin", ".json", ".ptx", ".py", ".pyi", ".so", ".typed"}
+
+
+def distribution() -> importlib.metadata.Distribution:
+    return importlib.metadata.distribution("korvex-tqx")
+
+
+# --- What is installed
+
+
+def test_only_python_files_and_built_objects_are_installed():
+    files = [path for path in distribution().files if path.parts[0] == "korvex"]
+    sources = [path for path in files if "__pycache__" not in path.parts]
+    assert {path.suffix for path in sources} <= INSTALLED_SUFFIXES
+    assert "korvex/py.typed" in map(str, sources)
+
+
+def test_nothing_is_installed_outside_the_package():
+    folders = {path.parts[0] for path in distribution().files}
+    assert folders == {"korvex", "korvex_tqx-3.4.8.dist-info"}
+
+
+def test_licence_text_is_installed():
+    metadata = distribution().metadata
+    assert metadata["License-Expression"] == "Apache-2.0"
+    [licence] = [path for path in distribution().files if path.name == "LICENSE"]
+    assert licence.read_text() == (SOURCE_TREE / "LICENSE").read_text()
+
+
+def test_required_interpreter_and_packages():
+    metadata = distribution().metadata
+    always = [text for text in distribution().requires if "extra ==" not in text]
+    assert metadata["Requires-Python"] == ">=3.12"
+    assert {re.match("[a-z-]+", text).group() for text in always} == {"numpy", "torch"}
+
+
+@pytest.mark.parametrize(
+    ("extra", "package"),
+    [("cuda11", "cupy-cuda11x"), ("cuda12", "cupy-cuda12x"), ("cuda13", "cupy-cuda13x")],
+)
+def test_extra_brings_the_cupy_of_its_cuda_release(extra, package):
+    assert f'{package}; extra == "{extra}"' in [
+        text.replace("'", '"') for text in distribution().requires
+    ]
+
+
+def test_pytest_finds_the_emulated_device():
+    [entry_point] = distribution().entry_points.select(group="pytest11")
+    assert entry_point.value == "korvex.emulation.pytest_plugin"
+
+
+# --- How the build fails
+
+
+def configure(source: Path, build: Path, *definitions: str) -> subprocess.CompletedProcess:
+    places = os.pathsep.join([str(Path(sys.executable).parent), os.environ["PATH"]])
+    cmake = shutil.which("cmake", path=places)
+    command = [cmake, "-S", source, "-B", build, f"-DPython_EXECUTABLE={sys.executable}"]
+    return subprocess.run([*command, *definitions], capture_output=True, text=True)
+
+
+@pytest.mark.parametrize(
+    ("system", "processor"), [("Linux", "aarch64"), ("FreeBSD", "x86_64"), ("Generic", "x86_64")]
+)
+def test_another_platform_is_refused(tmp_path, system, processor):
+    run = configure(
+        SOURCE_TREE,
+        tmp_path,
+        f"-DCMAKE_SYSTEM_NAME={system}",
+        f"-DCMAKE_SYSTEM_PROCESSOR={processor}",
+    )
+    assert run.returncode != 0
+    assert "korvex builds on 64-bit x86 Linux only" in run.stderr
+    assert f"{system} on {processor}" in " ".join(run.stderr.split())
+
+
+def test_flags_that_would_change_results_are_refused(tmp_path):
+    run = configure(SOURCE_TREE, tmp_path, "-DCMAKE_CXX_FLAGS=-O2 -ffast-math")
+    assert run.returncode != 0
+    assert "-ffast-math would change results" in run.stderr
+
+
+def test_a_missing_source_folder_is_refused(tmp_path):
+    tree = tmp_path / "tree"
+    shutil.copytree(SOURCE_TREE / "cmake", tree / "cmake")
+    shutil.copytree(SOURCE_TREE / "korvex", tree / "korvex")
+    shutil.copy(SOURCE_TREE / "CMakeLists.txt", tree)
+    shutil.rmtree(tree / "korvex" / "provenance")
+    run = configure(tree, tmp_path / "build")
+    assert run.returncode != 0
+    assert "korvex/provenance holds no C++ source" in run.stderr
+
+
+# --- How the set-up fails: one line that says what to install
+
+
+@pytest.fixture
+def bare_machine(tmp_path):
+    """An environment whose PATH holds a shell and its tools: no Python, compiler or CMake."""
+    tools = tmp_path / "bin"
+    tools.mkdir()
+    for name in ("bash", "cat", "dirname", "head", "mkdir", "realpath", "rm", "sed", "sort"):
+        (tools / name).symlink_to(shutil.which(name))
+    return {"PATH": str(tools), "HOME": str(tmp_path), "PYENV_ROOT": str(tmp_path / "pyenv")}
+
+
+def add_program(path: Path, text: str) -> None:
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_text(f"#!{shutil.which('bash')}\n{text}\n")
+    path.chmod(0o755)
+
+
+def run_script(name: str, *arguments, environment: dict) -> subprocess.CompletedProcess:
+    return subprocess.run(
+        [SCRIPTS / name, *arguments], capture_output=True, text=True, env=environment
+    )
+
+
+def assert_one_line(run: subprocess.CompletedProcess, *words: str) -> None:
+    assert run.returncode != 0
+    [line] = run.stderr.splitlines()
+    assert all(word in line for word in words)
+
+
+def test_no_python(bare_machine):
+    run = run_script("find_python.sh", environment=bare_machine)
+    assert_one_line(run, "No CPython 3.12 or newer", "install python3.12")
+
+
+def test_a_shim_that_does_not_run_is_passed_over(bare_machine, tmp_path):
+    real = tmp_path / "pyenv" / "versions" / "3.12.99" / "bin" / "python3.12"
+    add_program(Path(bare_machine["PATH"]) / "python3.12", "exit 127")
+    add_program(real, f'exec "{sys.executable}" "$@"')
+    run = run_script("find_python.sh", environment=bare_machine)
+    assert run.stdout.strip() == str(real)
+
+
+def test_a_named_python_that_does_not_run_is_refused(bare_machine):
+    broken = Path(bare_machine["PATH"]) / "python3"
+    add_program(broken, "exit 127")
+    run = run_script("find_python.sh", environment=bare_machine | {"PYTHON": str(broken)})
+    assert_one_line(run, f"PYTHON={broken}", "3.12 or newer")
+
+
+def test_no_compiler(bare_machine):
+    run = run_script("find_compiler.sh", environment=bare_machine)
+    assert_one_line(run, "No C++20 compiler", "install g++")
+
+
+def test_a_compiler_that_is_too_old_is_refused(bare_machine):
+    compiler = Path(bare_machine["PATH"]) / "c++"
+    add_program(compiler, "exit 1")
+    run = run_script("find_compiler.sh", environment=bare_machine | {"CXX": str(compiler)})
+    assert_one_line(run, f"CXX={compiler}", "C++20")
+
+
+@pytest.mark.parametrize("version", [None, "3.24.4"])
+def test_no_cmake_or_an_old_one(bare_machine, tmp_path, version):
+    tools = Path(bare_machine["PATH"])
+    add_program(tools / "python", f'exec "{sys.executable}" "$@"')
+    add_program(tools / "g++", "exit 0")
+    if version is not None:
+        add_program(tools / "cmake", f"echo cmake version {version}")
+    run = run_script("install_tree.sh", tools / "python", tmp_path, environment=bare_machine)
+    assert_one_line(run, "No CMake 3.25 or newer", "install cmake")
+
+
+def test_scripts_are_executable():
+    programs = [*SCRIPTS.glob("*.sh"), SOURCE_TREE / ".ci" / "run"]
+    assert all(os.access(path, os.X_OK) for path in programs)
+
+
+# --- How a run ends
+
+
+def closing_line(tmp_path: Path, *cases: str) -> subprocess.CompletedProcess:
+    junit_file = tmp_path / "run.xml"
+    junit_file.write_text(f"<testsuites><testsuite>{''.join(cases)}</testsuite></testsuites>")
+    command = [sys.executable, SCRIPTS / "report_tests.py", f"Python={junit_file}"]
+    return subprocess.run(command, capture_output=True, text=True)
+
+
+def test_closing_line_counts_the_tests(tmp_path):
+    run = closing_line(tmp_path, "<testcase/>", "<testcase/>", "<testcase><skipped/></testcase>")
+    assert (run.returncode, run.stdout) == (0, "passed: 2 Python tests (1 skipped)\n")
+
+
+@pytest.mark.parametrize("cases", [[], ["<testcase><skipped/></testcase>"]])
+def test_a_run_without_tests_fails(tmp_path, cases):
+    run = closing_line(tmp_path, *cases)
+    assert run.returncode == 1
+    assert run.stdout.startswith("FAILED: no Python test ran")
