@@ -219,7 +219,7 @@ constexpr int kSecondTryWords = 5;         // 256 bits after the point
 constexpr int kThirdTryWords = kLn2Words;  // 1472
 
 // Of n elements: -infinity for none, or where all are -infinity; NaN where one is; +infinity where
-// one is; a single finite element itself.
+// one is; a single finite element itself, -0 as +0.
 template <class Runner>
 KORVEX_HD double log_sum_exp(const Runner& runner, std::int64_t n) {
   const LargestElement head = runner.template over<LargestElement>(
@@ -229,7 +229,7 @@ KORVEX_HD double log_sum_exp(const Runner& runner, std::int64_t n) {
     return canonical_nan();
   }
   if (!is_finite(largest) || head.finite_count == 1) {
-    return largest;
+    return add_rn(largest, 0.0);
   }
   const ExpSum sum =
       runner.template over<ExpSum>([=](const double* x, std::int64_t count, ExpSum& part) {

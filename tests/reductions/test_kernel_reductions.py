@@ -127,6 +127,7 @@ def test_product_of_the_prime_factors_of_a_mersenne_number(module):
 
 def test_single_value_is_its_own_logsumexp(module):
     check(module.tqx_logsumexp(tensor([0.1])), 0.1)
+    check(module.tqx_logsumexp(tensor([-0.0, -INF])), 0.0)
 
 
 def test_long_data_has_the_same_bits_in_slices(module):

@@ -87,7 +87,7 @@ def logsumexp(values):
         return largest
     finite = [v for v in values if not math.isinf(v)]
     if len(finite) == 1:
-        return finite[0]
+        return finite[0] + 0.0  # -0 as +0
     with gmpy2.context(precision=LOG_BITS):
         rest = sum((gmpy2.exp(mpfr(v) - mpfr(largest)) for v in finite), mpfr(0))
         result = gmpy2.mpq(mpfr(largest) + gmpy2.log(rest))
