@@ -121,9 +121,12 @@ void Binding::take_keyword(Handle name, Handle value) {
   raise_formatted(PyExc_TypeError, messages::kUnexpectedKeyword, row_.signature().name, name);
 }
 
-void Binding::require_all() const {
+// Whatever came by keyword counts as given up to the first argument that is missing.
+void Binding::require_all() {
   for (std::size_t i = 0; i < row_.required_count_; ++i) {
-    if (arguments_.values_[i].empty()) refuse_count();
+    if (!arguments_.values_[i].empty()) continue;
+    given_ = static_cast<Py_ssize_t>(i);
+    refuse_count();
   }
 }
 

@@ -18,7 +18,7 @@ class Binding {
   void take_keywords();
   void require_string_keywords() const;
   void take_keyword(Handle name, Handle value);
-  void require_all() const;
+  void require_all();
   void convert();
   void test_types() const;
   [[noreturn]] void refuse_count(std::size_t expected, const char* more_or_less) const;

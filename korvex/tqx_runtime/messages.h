@@ -15,7 +15,7 @@ inline constexpr char kKeywordsMustBeStrings[] = "%.200s() keywords must be stri
 inline constexpr char kArgumentType[] =
     "Argument '%.200s' has incorrect type (expected %.200s, got %.200s)";
 inline constexpr char kSubclassNote[] =
-    "Subclasses of built-in types are rejected deliberately: pass an exact '%.200s'.";
+    "Note that subclasses of built-in types are rejected deliberately: pass an exact '%.200s'.";
 inline constexpr char kReturnType[] = "Expected %s, got %.200s";
 
 // ---- start-up ----

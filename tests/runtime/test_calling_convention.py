@@ -102,10 +102,16 @@ def test_count_of_a_verified_results_method_includes_self(runtime):
     assert caught.value.args == ("verify() takes exactly 1 positional argument (2 given)",)
 
 
-def test_number_given_counts_positional_arguments_only(runtime):
+def test_number_given_counts_up_to_the_first_missing_argument(runtime):
     with pytest.raises(TypeError) as caught:
         runtime.tqx_verify(expected="", truncate=3)
     assert str(caught.value) == count_text("tqx_verify", "at least", 2, 0)
+    with pytest.raises(TypeError) as caught:
+        runtime.tqx_verify(x=1, truncate=3)
+    assert str(caught.value) == count_text("tqx_verify", "at least", 2, 1)
+    with pytest.raises(TypeError) as caught:
+        runtime.tqx_where(1, y=2)
+    assert str(caught.value) == count_text("tqx_where", "exactly", 3, 1)
 
 
 def test_any_number_of_arguments_where_all_are_taken(runtime):
@@ -518,7 +524,7 @@ def test_subclass_is_refused_with_a_note(runtime, call, parameter, expected, val
         f"Argument '{parameter}' has incorrect type (expected {expected}, got {name})",
     )
     (note,) = caught.value.__notes__
-    assert "subclasses of built-in types are rejected deliberately" in note.lower()
+    assert "subclasses of built-in types are rejected deliberately" in note
 
 
 def test_torch_size_is_a_subclass_of_tuple_and_refused(runtime):

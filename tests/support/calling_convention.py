@@ -12,7 +12,7 @@ import math
 import sys
 
 _WRONG_TYPE = "Argument '%.200s' has incorrect type (expected %.200s, got %.200s)"
-_SUBCLASS_NOTE = "Subclasses of built-in types are rejected deliberately."
+_SUBCLASS_NOTE = "Note that subclasses of built-in types are rejected deliberately."
 _NAME_POINTER_OFFSET = 3 * ctypes.sizeof(ctypes.c_void_p)  # past count, type and size
 
 
@@ -68,10 +68,10 @@ def _bind(function_name, placed, named, takes_rest, args, kwargs):
         if keyword not in (p.name for p in named):
             raise TypeError(f"{function_name}() got an unexpected keyword argument '{keyword}'")
         bound[keyword] = value
-    for p in named:
+    for place, p in enumerate(named):
         if p.name not in bound and p.default is p.empty:
             exact = required == most and not takes_rest
-            raise _wrong_count(function_name, exact, "at least", required, len(args))
+            raise _wrong_count(function_name, exact, "at least", required, place)
         bound.setdefault(p.name, p.default)
     return bound
 
