@@ -8,8 +8,6 @@
 namespace korvex {
 namespace {
 
-constexpr char kModuleName[] = "korvex.tqx_runtime";
-
 Object make_member(const Method& method, const char* class_name, Handle module_name) {
   const ModuleState& state = module_state();
   const FunctionHome home{module_name, state.globals, class_name};

@@ -57,9 +57,25 @@ void remember(Handle module) {
   if (remembered_state == nullptr) {
     remembered_state = new ModuleState;
     remembered_state->function_type = make_function_type();
+    const Handle builtins = PyImport_AddModule("builtins");
+    if (builtins == nullptr) throw PythonError{};
+    remembered_state->builtins = object(PyModule_GetDict(builtins));
   }
   remembered_state->module = object(module);
   remembered_state->globals = object(PyModule_GetDict(module));
+}
+
+// A later import starts again from the create step. What the failed one defined can still be
+// reached, through an exception's traceback or a bare exec_module, so its globals stay.
+void forget_module() {
+  const Object error = Object::steal(PyErr_GetRaisedException());
+  const Object module = std::exchange(remembered_state->module, Object());
+  const Object modules = object(PyImport_GetModuleDict());
+  const Object name = Object::steal(PyUnicode_FromString(kModuleName));
+  const Object entry = Object::steal(PyObject_GetItem(modules, name));
+  if (entry.handle() == module.handle()) PyObject_DelItem(modules, name);
+  PyErr_Clear();
+  PyErr_SetRaisedException(Object(error).release());
 }
 
 void execute(Handle module) {
@@ -71,9 +87,7 @@ void execute(Handle module) {
   try {
     run_startup(remembered_state->module, remembered_state->globals);
   } catch (...) {
-    // A later import starts again from the create step.
-    remembered_state->module = Object();
-    remembered_state->globals = Object();
+    forget_module();
     throw;
   }
 }

@@ -7,12 +7,16 @@
 
 namespace korvex {
 
+// Under this name the module stands in sys.modules, whatever it was imported as.
+inline constexpr char kModuleName[] = "korvex.tqx_runtime";
+
 // Written while the module is imported, only read afterwards.
 struct ModuleState {
   Names names;
   Object function_type;
-  Object module;   // the remembered module; empty before the exec step and after one that failed
-  Object globals;  // its dict
+  Object module;    // the remembered module; empty before the exec step and after one that failed
+  Object globals;   // its dict
+  Object builtins;  // dict of the module builtins; a calling frame may have others of its own
 };
 
 // The state of this process. It is made by the first exec step and never destroyed: its objects

@@ -13,7 +13,7 @@ Object global(Handle name) {
   const Handle own = PyDict_GetItemWithError(globals, name);
   if (own != nullptr) return Object::borrow(own);
   if (PyErr_Occurred() != nullptr) throw PythonError{};
-  const Handle builtin = PyDict_GetItemWithError(PyEval_GetBuiltins(), name);
+  const Handle builtin = PyDict_GetItemWithError(module_state().builtins, name);
   if (builtin != nullptr) return Object::borrow(builtin);
   if (PyErr_Occurred() != nullptr) throw PythonError{};
   raise_formatted(PyExc_NameError, "name '%U' is not defined", name);

@@ -14,6 +14,7 @@
 #include "korvex/spectral/spectral.h"
 #include "korvex/tqx_runtime/backend_info.h"
 #include "korvex/tqx_runtime/messages.h"
+#include "korvex/tqx_runtime/module_state.h"
 #include "korvex/tqx_runtime/public_names.h"
 
 namespace korvex {
@@ -50,7 +51,7 @@ class Startup {
   // The module can be imported under another name or path; it is always found under its own.
   void register_module() const {
     const Object modules = object(PyImport_GetModuleDict());
-    const Object name = interned("korvex.tqx_runtime");
+    const Object name = interned(kModuleName);
     if (checked(PySequence_Contains(modules, name)) == 0) {
       checked(PyObject_SetItem(modules, name, module_));
     }

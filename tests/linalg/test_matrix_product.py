@@ -294,3 +294,12 @@ OPTIMISED = """
 
 def test_without_assertions_nothing_replaces_them():
     assert run_python(OPTIMISED, "-O").splitlines()[-1] == "all as told"
+
+
+def test_builtins_of_the_calling_frame_do_not_matter(module):
+    x = tensor([[1.0, 2.0], [3.0, 4.0]])
+    names = {"__builtins__": {}, "product": module.tqx_matmul, "x": x}
+    assert eval("product(x, x)", names).tolist() == [[7.0, 10.0], [15.0, 22.0]]
+    limbs = module.TQXResult([x, x])
+    total = eval("add(x, x)", {"__builtins__": {}, "add": module.tqx_add, "x": limbs})
+    assert total.tolist() == [[4.0, 8.0], [12.0, 16.0]]

@@ -489,10 +489,42 @@ def test_create_after_a_failed_exec_makes_a_new_module():
             assert is_install_error(error)
         fake.add_all()
         fresh = importlib.util.module_from_spec(spec)
-        assert fresh is not failed
-        sys.modules.pop(MODULE, None)
+        assert fresh is not failed and MODULE not in sys.modules
         spec.loader.exec_module(fresh)
         assert fresh._USE_NATIVE_CUBIN is True and sys.modules[MODULE] is fresh
+    """)
+
+
+def test_entry_of_a_failed_exec_under_another_name_goes():
+    run_startup("""
+        fake.add_all()
+        fake.add_loader(ABSOLUTE, has_cupy=False)
+        spec = importlib.util.spec_from_file_location("tqx_runtime", fake.extension_file())
+        failed = importlib.util.module_from_spec(spec)
+        try:
+            spec.loader.exec_module(failed)
+        except ImportError as error:
+            assert is_install_error(error) and error.__context__ is None
+        assert MODULE not in sys.modules
+        assert fake.import_module()._USE_NATIVE_CUBIN is True
+    """)
+
+
+def test_what_a_failed_exec_defined_still_works():
+    run_startup("""
+        fake.add_all()
+        fake.hide("cupy")
+        spec = importlib.util.find_spec(MODULE)
+        failed = importlib.util.module_from_spec(spec)
+        try:
+            spec.loader.exec_module(failed)
+        except ImportError:
+            pass
+        assert failed.TQXResult([]).n_limbs == 0
+        try:
+            failed.TQXResult([]).collapse()
+        except Exception as error:
+            assert not isinstance(error, SystemError), error
     """)
 
 
