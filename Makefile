@@ -38,8 +38,8 @@ CXX_FILES := $(shell find $(CODE_FOLDERS) \( -name '*.cpp' -o -name '*.h' -o -na
 HEADERS := $(filter %.h %.cuh,$(CXX_FILES))
 TIDY_STAMPS := $(patsubst %,build/tidy/%.ok,$(filter %.cpp,$(CXX_FILES)))
 
-.PHONY: help demo test check environment install cpp-tests python-tests test-long leaks fuzz sanitize verify-elementary gpu lint \
-  format-check tidy configure format wheel clean distclean
+.PHONY: help demo test check environment install cpp-tests python-tests test-long leaks fuzz \
+  sanitize verify-elementary gpu site lint format-check tidy configure format wheel clean distclean
 
 help: ## this list
 	@sed -n 's/^\([a-z-]*\):.*## /make \1\t/p' Makefile | expand -t 16
@@ -47,7 +47,7 @@ help: ## this list
 demo: install ## build, install and run the demonstration
 	@$(PY) examples/exact_sum.py --demo
 
-test: check lint ## what CI runs: build, C++ tests, Python tests, format and lint
+test: check lint site ## what CI runs: build, C++ tests, Python tests, format, lint and the site
 	@echo "make test: format and lint are clean"
 	@$(PY) scripts/report_tests.py C++=build/ctest.xml Python=build/pytest.xml
 
@@ -118,6 +118,12 @@ verify-elementary: install ## exp, log, sqrt, sigmoid and tanh against MPFR, bit
 # One call, under ten minutes, on a machine with a GPU: downloads nothing.
 gpu: ## all that needs a GPU: tests, checks and figures, as one report in benchmarks/results/
 	@scripts/gpu_run.sh
+
+# --- Documents
+
+site: install ## the documents and the reference as web pages, in build/site
+	@scripts/build_site.sh $(PY) build/site
+	@echo "site: build/site/index.html"
 
 # --- Format and lint
 

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # usage: set_up_environment.sh FOLDER
-# Makes the virtual environment FOLDER hold what building, testing and checking the tree needs.
+# Makes the virtual environment FOLDER hold what building, testing and checking the tree and its site needs.
 #
 # Quiet and quick when nothing changed: the list of requirements that pip last installed is kept
 # in the environment, and pip runs only if the list differs. An environment whose interpreter is
@@ -28,7 +28,7 @@ elif [ -n "${PYTHON:-}" ] && [ "$(base_of "$PYTHON")" != "$(base_of "$python")" 
   exit 1
 fi
 
-wanted_list=$("$python" "$here/list_requirements.py" test dev)
+wanted_list=$("$python" "$here/list_requirements.py" test dev docs)
 if [ "$wanted_list" != "$(cat "$installed_list" 2>/dev/null)" ]; then
   echo "installing the requirements into $environment (the first time takes minutes: torch is big)"
   rm -f "$installed_list"

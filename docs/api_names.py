@@ -1,0 +1,133 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The directive of the reference pages: names of a module, as the installed package has them.
+
+    ```{api-names} korvex.tqx_runtime
+    tqx_sum
+    TQXResult
+    ```
+
+Each name gets its signature, and its doc string word for word: doc strings are plain text, not
+markup. A class brings its members, save those with one leading underscore. The emulated device is
+activated first, so that the runtime imports on every machine; no signature depends on the device.
+"""
+
+import importlib
+import inspect
+import types
+import warnings
+from collections.abc import Iterator
+from typing import Any
+
+from docutils import nodes
+from docutils.parsers.rst import directives
+from docutils.statemachine import StringList
+from sphinx.application import Sphinx
+from sphinx.domains import python
+from sphinx.util.docutils import SphinxDirective
+from sphinx.util.inspect import stringify_signature
+
+import korvex.emulation
+
+_NO_DOC = ("__init__", "__repr__")  # told by the signature of the class, and by the name
+_NOT_MADE_BY_CALLERS = ("Kernel",)
+
+
+class ApiNames(SphinxDirective):
+    """Entries of the Python domain, one a line of the content, after the module's doc string."""
+
+    required_arguments = 1
+    has_content = True
+    option_spec = {"with-module-doc": directives.flag}
+
+    def run(self) -> list[nodes.Node]:
+        module_name = self.arguments[0]
+        module = _imported(module_name)
+        self.env.ref_context["py:module"] = module_name
+        made: list[nodes.Node] = []
+        if "with-module-doc" in self.options:
+            made.append(_doc_block(module))
+        for name in filter(None, map(str.strip, self.content)):
+            if not hasattr(module, name):
+                raise self.error(f"{module_name} has no name {name}")
+            made += self._entry(name, getattr(module, name))
+        return made
+
+    def _entry(self, name: str, value: Any) -> list[nodes.Node]:
+        if isinstance(value, type):
+            return self._class(name, value)
+        if callable(value):
+            return self._described("function", python.PyFunction, name + _signature(value), value)
+        return self._described("data", python.PyVariable, name, None)
+
+    def _class(self, name: str, cls: type) -> list[nodes.Node]:
+        shown = name if name in _NOT_MADE_BY_CALLERS else name + _signature(cls)
+        made = self._described("class", python.PyClasslike, shown, cls)
+        for member_name, member in _members(cls):
+            self.env.ref_context["py:class"] = name  # each member takes it away at its end
+            made[-1][-1].extend(self._member(f"{name}.{member_name}", member))
+        return made
+
+    def _member(self, path: str, member: Any) -> list[nodes.Node]:
+        if callable(member):
+            shown = path + _signature(member, skip_self=True)
+            return self._described("method", python.PyMethod, shown, member)
+        getter = getattr(member, "fget", None)
+        returned = getter.__annotations__.get("return") if getter else None
+        options = {"type": returned} if returned else {}
+        return self._described("property", python.PyProperty, path, member, options)
+
+    def _described(
+        self, kind: str, directive: type, shown: str, documented: Any, options: dict | None = None
+    ) -> list[nodes.Node]:
+        """What the Python domain makes of one signature, with the doc string inside."""
+        made = directive(
+            f"py:{kind}",
+            [shown],
+            options or {},
+            StringList(),
+            self.lineno,
+            self.content_offset,
+            self.block_text,
+            self.state,
+            self.state_machine,
+        ).run()
+        if documented and inspect.getdoc(documented):
+            made[-1][-1] += _doc_block(documented)
+        return made
+
+
+def _imported(name: str) -> types.ModuleType:
+    """The module, on the emulated device; the loader warns where there is no driver."""
+    korvex.emulation.activate()
+    with warnings.catch_warnings():
+        warnings.simplefilter("ignore", RuntimeWarning)
+        return importlib.import_module(name)
+
+
+def _doc_block(documented: Any) -> nodes.literal_block:
+    text = inspect.getdoc(documented)
+    return nodes.literal_block(text, text, language="text", classes=["doc-string"])
+
+
+def _signature(function: Any, skip_self: bool = False) -> str:
+    signature = inspect.signature(function)
+    if skip_self and "self" in signature.parameters:
+        kept = [each for name, each in signature.parameters.items() if name != "self"]
+        signature = signature.replace(parameters=kept)
+    return stringify_signature(signature)
+
+
+def _members(cls: type) -> Iterator[tuple[str, Any]]:
+    """Methods and properties that the class itself defines and tells something about."""
+    for name, member in vars(cls).items():
+        private = name.startswith("_") and not name.endswith("__")
+        attribute = isinstance(member, (types.GetSetDescriptorType, property))
+        if private or name in _NO_DOC or name in ("__dict__", "__weakref__", "__new__"):
+            continue
+        if attribute or callable(member):
+            yield name, member
+
+
+def setup(app: Sphinx) -> dict[str, bool]:
+    app.add_directive("api-names", ApiNames)
+    return {"parallel_read_safe": False, "parallel_write_safe": True}
