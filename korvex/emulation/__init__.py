@@ -8,8 +8,10 @@ Importing this package changes nothing and imports neither torch nor `korvex.tqx
 
 from __future__ import annotations
 
+import os
 import threading
 from collections.abc import Callable
+from pathlib import Path
 from typing import TYPE_CHECKING, Any
 
 if TYPE_CHECKING:
@@ -21,7 +23,11 @@ _active: EmulatedDevice | None = None
 _activating = threading.Lock()
 
 
-def activate(threads: int | None = None, instruction_set: str | None = None) -> EmulatedDevice:
+def activate(
+    threads: int | None = None,
+    instruction_set: str | None = None,
+    library: str | os.PathLike[str] | None = None,
+) -> EmulatedDevice:
     """Give this process an emulated CUDA device, and `korvex.tqx_runtime` that runs on it.
 
     Call it before `korvex.tqx_runtime` is imported, and before names are taken out of torch as in
@@ -36,6 +42,9 @@ def activate(threads: int | None = None, instruction_set: str | None = None) -> 
     instruction_set : {"base", "fma"}, optional
         Which build of the kernels to use: plain x86-64, or with FMA and AVX2 instructions. The
         faster one that the processor can run if not given. Results have the same bits with both.
+    library : path, optional
+        A file of kernels built from the same sources in another way, in place of those beside this
+        package; it says itself which instruction set it is for.
 
     Returns
     -------
@@ -47,17 +56,18 @@ def activate(threads: int | None = None, instruction_set: str | None = None) -> 
     RuntimeError
         If `korvex.tqx_runtime` was already imported with another loader, if this process already
         uses a real CUDA device, if the processor lacks the instructions asked for, or if an earlier
-        call chose another `instruction_set`.
+        call chose another `instruction_set` or `library`.
     ValueError
         If `threads` is below 1 or `instruction_set` is unknown.
     ImportError
-        If the kernel libraries beside this package or `korvex.tqx_runtime` cannot be loaded.
+        If a kernel library or `korvex.tqx_runtime` cannot be loaded.
     """
     global _active
     from korvex.emulation import _activation
 
     with _activating:
-        _active = _activation.activate(_active, threads, instruction_set)
+        path = None if library is None else Path(library)
+        _active = _activation.activate(_active, threads, instruction_set, path)
         return _active
 
 

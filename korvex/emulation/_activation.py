@@ -61,7 +61,10 @@ class EmulatedDevice:
 
 
 def activate(
-    active: EmulatedDevice | None, threads: int | None, instruction_set: str | None
+    active: EmulatedDevice | None,
+    threads: int | None,
+    instruction_set: str | None,
+    library: Path | None,
 ) -> EmulatedDevice:
     """Do what `korvex.emulation.activate` tells; `active` is what an earlier call left."""
     if threads is not None and threads < 1:
@@ -69,11 +72,18 @@ def activate(
     if instruction_set not in (None, *_library.INSTRUCTION_SETS):
         known = " or ".join(map(repr, _library.INSTRUCTION_SETS))
         raise ValueError(f"instruction_set must be {known}, not {instruction_set!r}")
+    if library is not None:
+        library = library.resolve()
     if active is None:
-        return _activate_first(threads, instruction_set)
+        return _activate_first(threads, instruction_set, library)
     if instruction_set not in (None, active.instruction_set):
         raise RuntimeError(
             f"the emulated device is active with {active.instruction_set!r} instructions, "
+            "and stays so for the life of the process"
+        )
+    if library not in (None, active.library.resolve()):
+        raise RuntimeError(
+            f"the emulated device is active with the kernels in {active.library}, "
             "and stays so for the life of the process"
         )
     if threads is not None:
@@ -81,7 +91,9 @@ def activate(
     return active
 
 
-def _activate_first(threads: int | None, instruction_set: str | None) -> EmulatedDevice:
+def _activate_first(
+    threads: int | None, instruction_set: str | None, path: Path | None
+) -> EmulatedDevice:
     if _RUNTIME in sys.modules:
         raise RuntimeError(
             f"{_RUNTIME} was imported before korvex.emulation.activate() was called, "
@@ -90,9 +102,13 @@ def _activate_first(threads: int | None, instruction_set: str | None) -> Emulate
     if torch.cuda.is_initialized():
         raise RuntimeError("this process already uses a real CUDA device")
     best = _library.best_instruction_set()
+    if path is not None and instruction_set is None:
+        instruction_set = _library.instruction_set_of(path)
     if instruction_set == "fma" and best != "fma":
         raise RuntimeError("this processor has no FMA and AVX2 instructions")
-    library = _library.HostLibrary(instruction_set or best, threads or _library.default_threads())
+    library = _library.HostLibrary(
+        instruction_set or best, threads or _library.default_threads(), path
+    )
     device = EmulatedDevice(library)
     patches = Patches()
     try:

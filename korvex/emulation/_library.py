@@ -34,6 +34,8 @@ class HostLibrary:
     instruction_set : {"base", "fma"}
     threads : int
         Host threads that one kernel may use; may be changed between launches.
+    path : Path, optional
+        A file built from the same sources, in place of the one beside this package.
 
     Raises
     ------
@@ -41,11 +43,11 @@ class HostLibrary:
         If the file is missing or cannot be loaded.
     """
 
-    def __init__(self, instruction_set: str, threads: int) -> None:
-        self.path = _path(instruction_set)
+    def __init__(self, instruction_set: str, threads: int, path: Path | None = None) -> None:
+        self.path = path or _path(instruction_set)
         self.instruction_set = instruction_set
         self.threads = threads
-        self._functions = _load(instruction_set)
+        self._functions = _load(self.path, instruction_set)
         self.kernels = {row.name: row for row in self._rows()}
 
     def _rows(self) -> list[KernelRow]:
@@ -79,7 +81,7 @@ class HostLibrary:
 
 def best_instruction_set() -> str:
     """Return the one with the fastest kernels that this processor can run."""
-    return INSTRUCTION_SETS[_load("base").korvex_host_cpu_has_fma()]
+    return INSTRUCTION_SETS[_load(_path("base"), "base").korvex_host_cpu_has_fma()]
 
 
 def default_threads() -> int:
@@ -91,12 +93,22 @@ def _path(instruction_set: str) -> Path:
     return Path(__file__).with_name(f"libkorvex_host_kernels_{instruction_set}.so")
 
 
-def _load(instruction_set: str) -> ctypes.CDLL:
-    path = _path(instruction_set)
+def instruction_set_of(path: Path) -> str:
+    """Return what the kernels in a file were compiled for."""
+    return _functions_of(path).korvex_host_instruction_set().decode()
+
+
+def _functions_of(path: Path) -> ctypes.CDLL:
     try:
         functions = ctypes.CDLL(str(path))
-    except OSError as error:
+        functions.korvex_host_instruction_set.restype = ctypes.c_char_p
+    except (OSError, AttributeError) as error:
         raise ImportError(f"the kernels of the emulated device do not load: {error}") from error
+    return functions
+
+
+def _load(path: Path, instruction_set: str) -> ctypes.CDLL:
+    functions = _functions_of(path)
     for name in ("name", "form", "parameters"):
         getattr(functions, f"korvex_host_kernel_{name}").restype = ctypes.c_char_p
     functions.korvex_host_kernel_block.restype = ctypes.c_uint
@@ -107,7 +119,6 @@ def _load(instruction_set: str) -> ctypes.CDLL:
         ctypes.POINTER(ctypes.c_void_p),
         ctypes.c_int,
     ]
-    functions.korvex_host_instruction_set.restype = ctypes.c_char_p
     if functions.korvex_host_instruction_set().decode() != instruction_set:
         raise ImportError(f"{path} holds kernels for another instruction set")
     return functions

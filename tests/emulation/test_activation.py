@@ -5,10 +5,13 @@ An activation needs a process of its own. Cases that can share one do: it tells 
 """
 
 import json
+import shutil
 from pathlib import Path
 
 import pytest
 from subprocess_run import run_python
+
+import korvex.emulation
 
 LOADER = "korvex.cubin_loader_native"
 
@@ -70,6 +73,11 @@ try:
     korvex.emulation.activate(instruction_set="fma")
 except RuntimeError as error:
     facts["other instructions"] = str(error)
+facts["same library"] = korvex.emulation.activate(library=device.library) is device
+try:
+    korvex.emulation.activate(library="/elsewhere/kernels.so")
+except RuntimeError as error:
+    facts["other library"] = str(error)
 facts["changed"] = torch.zeros is not zeros or runtime._NATIVE_LOADER is not loader
 tell(facts)
 """)
@@ -119,6 +127,29 @@ def test_instructions_cannot_be_changed_later(activated):
         "the emulated device is active with 'base' instructions, "
         "and stays so for the life of the process"
     )
+
+
+def test_library_cannot_be_changed_later(activated):
+    assert activated["same library"] is True
+    assert activated["other library"] == (
+        f"the emulated device is active with the kernels in {activated['library']}, "
+        "and stays so for the life of the process"
+    )
+
+
+def test_library_from_elsewhere_tells_its_own_instruction_set(tmp_path):
+    folder = Path(korvex.emulation.__file__).parent
+    copy = shutil.copy(folder / "libkorvex_host_kernels_base.so", tmp_path / "kernels.so")
+    run_python(f"""
+        import pathlib
+        import korvex.emulation
+        device = korvex.emulation.activate(library={str(copy)!r})
+        import torch, korvex.tqx_runtime as runtime
+        assert device.library == pathlib.Path({str(copy)!r}).resolve()
+        assert device.instruction_set == "base"
+        assert runtime.get_backend_info()["native_cubin"] == str(device.library)
+        assert runtime.tqx_sum(torch.ones(9, device="cuda")).item() == 9.0
+    """)
 
 
 def test_defaults_are_those_of_the_processor():
@@ -185,6 +216,9 @@ path, _library._path = _library._path, lambda name: pathlib.Path("/nowhere/kerne
 try_it("library")
 _library._path = path
 
+try_it("library that is none", library="/etc/hostname")
+try_it("library of other instructions", instruction_set="fma", library=_library._path("base"))
+
 facts["changed"] = attributes() != before or "korvex.tqx_runtime" in sys.modules
 facts["active"] = korvex.emulation.active_device() is not None
 tell(facts)
@@ -215,6 +249,13 @@ def test_activation_is_refused(case, refusal, refusals):
 def test_missing_library_is_an_import_error(refusals):
     kind, text = refusals["library"]
     assert kind == "ImportError" and "/nowhere/kernels.so" in text
+
+
+def test_library_that_does_not_fit_is_an_import_error(refusals):
+    kind, text = refusals["library that is none"]
+    assert kind == "ImportError" and text.startswith("the kernels of the emulated device do not")
+    kind, text = refusals["library of other instructions"]
+    assert kind == "ImportError" and text.endswith("holds kernels for another instruction set")
 
 
 def test_refused_activation_changes_nothing(refusals):
