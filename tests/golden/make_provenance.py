@@ -28,6 +28,12 @@ def narrow(values):
     return [struct.unpack("<f", struct.pack("<f", value))[0] for value in values]
 
 
+def texts(values):
+    """The checksum, and the same with its last digit changed."""
+    right = sha256(values)
+    return right, right[:-1] + ("0" if right[-1] != "0" else "1")
+
+
 OPERANDS = {
     "uniform": lambda: (golden.uniform("checksum", 1000),),
     "any bits": lambda: (golden.patterns("checksum", 1000),),
@@ -70,6 +76,21 @@ def _checksums():
         lambda m, x: [
             m.TQXVerifiedResult(x).checksum,
             m.TQXVerifiedResult(x).checksum_full,
+        ],
+    )
+    yield Case(
+        "TQXVerifiedResult.verify",
+        lambda: (golden.uniform("verified", 50),),
+        lambda values: True,
+        lambda m, x: m.TQXVerifiedResult(x, m.tqx_checksum(x)).verify(),
+    )
+    yield Case(
+        "tqx_verify",
+        lambda: (golden.uniform("verified", 50), *texts(golden.uniform("verified", 50))),
+        lambda values, right, wrong: [True, False],
+        lambda m, x, right, wrong: [
+            m.tqx_verify(x, right, truncate=64),
+            m.tqx_verify(x, wrong, truncate=64, raise_on_mismatch=False),
         ],
     )
 

@@ -2,34 +2,40 @@
 """exp, log, sqrt, sigmoid and tanh rounded correctly by MPFR, and arguments to try them on.
 
 Imports nothing of the project. MPFR rounds four of them itself, subnormal results included. For
-sigmoid a quotient of 200 bits is widened until both ends of its error round to one double.
+sigmoid a quotient of 200 bits is widened until both ends of its error round to one double. gmpy2,
+which brings MPFR, is needed to work out results and not to read what was worked out.
 """
 
 import math
 
-import gmpy2
 import numpy as np
-from gmpy2 import mpfr
 
-DOUBLE = gmpy2.ieee(64)
 NAMES = ("exp", "log", "sqrt", "sigmoid", "tanh")
 
 
-def _by_mpfr(function):
+def _by_mpfr(name):
     def rounded(values):
-        with gmpy2.context(DOUBLE):
-            return [float(function(mpfr(value))) for value in values]
+        import gmpy2
+
+        function = getattr(gmpy2, name)
+        with gmpy2.context(gmpy2.ieee(64)):
+            return [float(function(gmpy2.mpfr(value))) for value in values]
 
     return rounded
 
 
 def _to_doubles(wide):
-    with gmpy2.context(DOUBLE):
-        return [float(mpfr(value)) for value in wide]
+    import gmpy2
+
+    with gmpy2.context(gmpy2.ieee(64)):
+        return [float(gmpy2.mpfr(value)) for value in wide]
 
 
 def sigmoid(values, precision=200):
     """1 / (1 + exp(-x)): three roundings, each of at most 2**-precision."""
+    import gmpy2
+    from gmpy2 import mpfr
+
     with gmpy2.context(precision=precision):
         wide = [1 / (1 + gmpy2.exp(-mpfr(value))) for value in values]
         margin = mpfr(2) ** (4 - precision)
@@ -46,11 +52,11 @@ def sigmoid(values, precision=200):
 
 
 REFERENCE = {
-    "exp": _by_mpfr(gmpy2.exp),
-    "log": _by_mpfr(gmpy2.log),
-    "sqrt": _by_mpfr(gmpy2.sqrt),
+    "exp": _by_mpfr("exp"),
+    "log": _by_mpfr("log"),
+    "sqrt": _by_mpfr("sqrt"),
     "sigmoid": sigmoid,
-    "tanh": _by_mpfr(gmpy2.tanh),
+    "tanh": _by_mpfr("tanh"),
 }
 
 # ---- arguments ----

@@ -1,15 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
 """What the single-block reductions should leave: rational arithmetic, and MPFR for logarithms.
 
-Imports nothing of the project. Each result is rounded once, from its exact value.
+Imports nothing of the project. Each result is rounded once, from its exact value. gmpy2, which
+brings MPFR, is needed for logarithms only.
 """
 
 import math
 from fractions import Fraction
 
 import exact_arithmetic as exact
-import gmpy2
-from gmpy2 import mpfr
 
 NAN = exact.from_bits(exact.NAN_BITS)
 LOG_BITS = 4000  # of working precision: the smallest result beside 1 needs 1200
@@ -88,6 +87,9 @@ def logsumexp(values):
     finite = [v for v in values if not math.isinf(v)]
     if len(finite) == 1:
         return finite[0] + 0.0  # -0 as +0
+    import gmpy2
+    from gmpy2 import mpfr
+
     with gmpy2.context(precision=LOG_BITS):
         rest = sum((gmpy2.exp(mpfr(v) - mpfr(largest)) for v in finite), mpfr(0))
         result = gmpy2.mpq(mpfr(largest) + gmpy2.log(rest))

@@ -9,13 +9,15 @@ each case on the device of the run and compares. A case:
 
     inputs()             the operands: lists of doubles (nested for matrices), numbers, texts
     expected(*operands)  what the reference says, never from the code under test
-    run(module, *tensors) what the module says; each list arrives as a tensor on the device
+    run(module, *tensors) what the module says; lists and arrays arrive as tensors on the device
 
-Results are numbers, lists, tensors, limb results, decimals or texts, or tuples of them. Their
-digest is the SHA-256 of all doubles, little-endian, with every NaN as 0x7ff8000000000000; a text
-counts as UTF-8 and a line feed, and so does a decimal, as digits without trailing zeros. Inputs
-come from whole-number arithmetic alone, so they are the same on every machine, and their own digest
-is kept beside the result's.
+A case of many values says `long`: it runs with the tests of that mark and in `make verify-long`.
+
+Results are numbers, lists, arrays, tensors, limb results, decimals or texts, or tuples of them.
+Their digest is the SHA-256 of all doubles, little-endian, with every NaN as 0x7ff8000000000000; a
+text counts as UTF-8 and a line feed, and so does a decimal, as digits without trailing zeros.
+Inputs come from whole-number arithmetic alone, so they are the same on every machine, and their own
+digest is kept beside the result's.
 """
 
 import hashlib
@@ -31,8 +33,10 @@ from decimal import Decimal
 from fractions import Fraction
 from typing import Any
 
+import numpy as np
+
 FOLDER = pathlib.Path(__file__).parents[1] / "golden"
-CANONICAL_NAN = struct.pack("<Q", 0x7FF8000000000000)
+CANONICAL_NAN = 0x7FF8000000000000
 _SHOWN = 8  # so many values of a result stand in the file in full, for a reader
 
 
@@ -42,6 +46,7 @@ class Case:
     inputs: Callable[[], tuple]
     expected: Callable[..., Any]
     run: Callable[..., Any]
+    long: bool = False
 
 
 # ---- inputs ----
@@ -132,7 +137,14 @@ def flat(value):
         return [part for item in value for part in flat(item)]
     if hasattr(value, "limbs"):
         return flat(value.limbs)
-    return flat(value.double().cpu().flatten().tolist())  # a tensor
+    return array(value).tolist()
+
+
+def array(value):
+    """The doubles of an array or a tensor on any device, flat."""
+    if not isinstance(value, np.ndarray):
+        value = value.double().cpu().flatten().numpy()
+    return value.astype("<f8").ravel()
 
 
 def decimal_text(value):
@@ -153,17 +165,63 @@ def decimal_text(value):
 
 def digest(value):
     state = hashlib.sha256()
-    for part in flat(value):
-        if isinstance(part, str):
-            state.update(part.encode() + b"\n")
-        else:
-            state.update(CANONICAL_NAN if math.isnan(part) else struct.pack("<d", part))
+    for part in _stored(value):
+        state.update(part)
     return state.hexdigest()
+
+
+def _stored(value):
+    """The bytes that a result counts as, piece by piece."""
+    if isinstance(value, str):
+        yield value.encode() + b"\n"
+    elif isinstance(value, (Decimal, Fraction)):
+        yield decimal_text(value).encode() + b"\n"
+    elif isinstance(value, (bool, int, float)):
+        yield _doubles(np.array([value], dtype="<f8"))
+    elif isinstance(value, (list, tuple)):
+        if value and all(type(item) is float for item in value):
+            yield _doubles(np.array(value, dtype="<f8"))
+        else:
+            for item in value:
+                yield from _stored(item)
+    elif hasattr(value, "limbs"):
+        yield from _stored(value.limbs)
+    else:
+        yield _doubles(array(value))
+
+
+def _doubles(values):
+    """With every NaN as the one that counts."""
+    patterns = values.view("<u8")
+    return np.where(np.isnan(values), np.uint64(CANONICAL_NAN), patterns).astype("<u8").tobytes()
+
+
+def count(value):
+    """How many doubles and texts a result has."""
+    if isinstance(value, np.ndarray):
+        return value.size
+    if isinstance(value, (list, tuple)) and not all(type(item) is float for item in value):
+        return sum(map(count, value))
+    return len(flat(value))
 
 
 def shown(value):
     """The first values of a result, exactly: hexadecimal doubles and shortened texts."""
-    return [part[:80] if isinstance(part, str) else part.hex() for part in flat(value)[:_SHOWN]]
+    return [part[:80] if isinstance(part, str) else part.hex() for part in _first(value, _SHOWN)]
+
+
+def _first(value, most):
+    """So many doubles and texts of a result, without making a list of all of them."""
+    if isinstance(value, (list, tuple)):
+        found = []
+        for item in value:
+            found += _first(item, most - len(found))
+            if len(found) >= most:
+                break
+        return found
+    if isinstance(value, np.ndarray):
+        value = value.ravel()[:most]
+    return flat(value)[:most]
 
 
 # ---- making ----
@@ -190,7 +248,7 @@ def _entry(case):
     expected = case.expected(*operands)
     return {
         "inputs": digest(operands),
-        "count": len(flat(expected)),
+        "count": count(expected),
         "sha256": digest(expected),
         "first": shown(expected),
     }
@@ -217,10 +275,23 @@ def load(maker):
     return load_script(maker), json.loads(data.read_text())
 
 
+def outcome(module, case, to_tensor):
+    """Run one case: what its file would say of the inputs and of the result."""
+    operands = case.inputs()
+    result = case.run(
+        module, *(to_tensor(o) if isinstance(o, (list, np.ndarray)) else o for o in operands)
+    )
+    return {
+        "inputs": digest(operands),
+        "count": count(result),
+        "sha256": digest(result),
+        "first": shown(result),
+    }
+
+
 def compare(module, case, entry, to_tensor):
     """Run one case and hold its result against the file."""
-    operands = case.inputs()
-    assert digest(operands) == entry["inputs"], "the inputs are not those the file was made from"
-    result = case.run(module, *(to_tensor(o) if isinstance(o, list) else o for o in operands))
-    assert (len(flat(result)), shown(result)) == (entry["count"], entry["first"])
-    assert digest(result) == entry["sha256"]
+    found = outcome(module, case, to_tensor)
+    assert found["inputs"] == entry["inputs"], "the inputs are not those the file was made from"
+    assert (found["count"], found["first"]) == (entry["count"], entry["first"])
+    assert found["sha256"] == entry["sha256"]
