@@ -39,7 +39,8 @@ HEADERS := $(filter %.h %.cuh,$(CXX_FILES))
 TIDY_STAMPS := $(patsubst %,build/tidy/%.ok,$(filter %.cpp,$(CXX_FILES)))
 
 .PHONY: help demo test check environment install cpp-tests python-tests test-long leaks fuzz \
-  sanitize verify-elementary gpu site lint format-check tidy configure format wheel clean distclean
+  sanitize verify verify-long verify-elementary gpu site lint format-check tidy configure format \
+  wheel clean distclean
 
 help: ## this list
 	@sed -n 's/^\([a-z-]*\):.*## /make \1\t/p' Makefile | expand -t 16
@@ -109,6 +110,15 @@ fuzz: install ## random calls on the module and its rendering; FUZZ_SECONDS=500,
 
 sanitize: environment ## all tests on a build under AddressSanitizer and UndefinedBehaviorSanitizer
 	@scripts/run_sanitized.sh $(PY) $(PYTEST_ARGS)
+
+VERIFY_ARGS ?=
+
+verify: install ## are the bits the same here: every promised function against tests/golden
+	@$(PY) scripts/verify.py $(VERIFY_ARGS)
+
+verify-long: install ## the same with a million values per kernel; adds a report to docs/verification/
+	@$(PY) scripts/verify.py --long --record $(VERIFY_ARGS)
+	@$(PY) scripts/verify_report.py
 
 # Some minutes: error bounds worked out anew, then ten million arguments of each function.
 verify-elementary: install ## exp, log, sqrt, sigmoid and tanh against MPFR, bit for bit
