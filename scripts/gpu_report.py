@@ -8,7 +8,6 @@ stage, so a run that is cut short leaves what it had. gpu_run.sh chooses the Pyt
 
 import argparse
 import importlib.machinery
-import importlib.metadata
 import importlib.util
 import json
 import os
@@ -27,7 +26,16 @@ from datetime import UTC, datetime
 from pathlib import Path
 from typing import Any
 
-SOURCE_TREE = Path(__file__).resolve().parent.parent
+from machine_facts import (
+    SOURCE_TREE,
+    first_line,
+    gpu_fact,
+    slug,
+    source_facts,
+    toolkit,
+    version_of,
+)
+
 BUILD = SOURCE_TREE / "build" / "gpu"
 BUILT_SITE = BUILD / "site-packages"
 TAIL = 3000  # characters of a failed stage's output that the report keeps
@@ -72,6 +80,21 @@ def build_stage() -> Stage:
 def check_stage(name: str, limit: int, options: argparse.Namespace) -> Stage:
     arguments = [name, "--emulated"] if options.dry_run else [name]
     return Stage(name, script("scripts/gpu_checks.py", *arguments), limit, read=last_line_json)
+
+
+def verify_stage(options: argparse.Namespace) -> Stage:
+    """The digests of tests/golden, with a report of its own."""
+    if options.dry_run:
+        arguments = ["--only", "base-all", "--results", str(BUILD)]
+    else:
+        arguments = ["--long", "--need", "gpu", "--only", "gpu", "base-all", "fma-all"]
+        arguments += ["--results", str(options.results)] if options.has_results else ["--record"]
+    return Stage("verify", script("scripts/verify.py", *arguments), 120, read=last_line)
+
+
+def last_line(output: str) -> str | None:
+    lines = output.strip().splitlines()
+    return lines[-1] if lines else None
 
 
 def benchmark_stage(options: argparse.Namespace) -> Stage:
@@ -124,7 +147,7 @@ def all_stages(options: argparse.Namespace, junit: Path) -> list[Stage]:
     names = ("sums", "elementwise", "dots", "matrices", "reductions", "grids", "nan")
     stages += [check_stage(name, 60, options) for name in names]
     stages += [check_stage("large", 30, options), check_stage("division", 60, options)]
-    stages += [benchmark_stage(options), tests_stage(options, junit)]
+    stages += [verify_stage(options), benchmark_stage(options), tests_stage(options, junit)]
     stages += [sanitizer_stage(tool) for tool in SANITIZER_TOOLS]
     return stages
 
@@ -178,35 +201,13 @@ def run_limited(command: list[str], limit: float, environment: dict[str, str]):
 # --- What the figures belong to
 
 
-def first_line(command: list[str], pattern: str = "(.*)") -> str | None:
-    try:
-        text = subprocess.run(command, capture_output=True, text=True, cwd=SOURCE_TREE).stdout
-    except OSError:
-        return None
-    found = re.search(pattern, text)
-    return found.group(1).strip() or None if found else None
-
-
-def version_of(distribution: str) -> str | None:
-    try:
-        return importlib.metadata.version(distribution)
-    except importlib.metadata.PackageNotFoundError:
-        return None
-
-
-def gpu_fact(name: str) -> str | None:
-    return first_line(["nvidia-smi", f"--query-gpu={name}", "--format=csv,noheader"])
-
-
 def environment_facts() -> dict[str, Any]:
     facts = ("name", "driver_version", "compute_cap", "memory.total", "clocks.max.sm")
-    changed = first_line(["git", "status", "--porcelain"])
     return {
         "gpu": {fact: gpu_fact(fact) for fact in facts},
-        "toolkit": first_line(["nvcc", "--version"], r"(release .*)"),
+        "toolkit": toolkit(),
         "sanitizer": first_line(["compute-sanitizer", "--version"], r"(Version .*)"),
-        "commit": first_line(["git", "rev-parse", "HEAD"]),
-        "tree_has_changes": changed is not None,
+        **source_facts(),
         "python": platform.python_version(),
         "system": platform.platform(),
         "processors": os.cpu_count(),
@@ -233,8 +234,7 @@ def kernel_files(site: Path | None) -> dict[str, str] | None:
 
 def report_path(options: argparse.Namespace, facts: dict[str, Any]) -> Path:
     gpu = facts["gpu"]["name"] or "no-gpu"
-    slug = re.sub(r"[^a-z0-9]+", "-", gpu.lower()).strip("-")
-    return options.results / f"{'dry-run' if options.dry_run else 'gpu'}-{slug}.json"
+    return options.results / f"{'dry-run' if options.dry_run else 'gpu'}-{slug(gpu)}.json"
 
 
 def write_report(path: Path, report: dict[str, Any]) -> None:
@@ -289,6 +289,8 @@ def print_stage(stage: Stage, entry: dict[str, Any]) -> None:
         print(
             f"  {result['passed']} passed, {result['failed']} failed, {result['skipped']} skipped"
         )
+    elif stage.name == "verify" and result:
+        print(f"  {result}")
     elif isinstance(result, dict) and result.get("wrong"):
         print("  " + "\n  ".join(result["wrong"][:3]))
     if entry["outcome"] == "failed":
@@ -302,6 +304,7 @@ def main() -> int:
     parser.add_argument("--results", type=Path, help="folder for the report")
     parser.add_argument("--seconds", type=int, default=570, help="time for everything (570)")
     options = parser.parse_args()
+    options.has_results = options.results is not None
     if options.results is None:
         results = BUILD if options.dry_run else SOURCE_TREE / "benchmarks" / "results"
         options.results = results
