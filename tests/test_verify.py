@@ -171,3 +171,12 @@ def test_configurations_are_those_the_page_names():
     text = verify_report.PAGE.read_text()
     names = [one.name for one in verify_configurations.all_configurations()]
     assert len(names) == 9 and all(f"`{name}`" in text for name in names)
+
+
+def test_reports_are_of_trees_without_changes_and_of_the_long_form():
+    files = list(verify_report.FOLDER.glob("*.json"))
+    reports = [json.loads(path.read_text()) for path in files]
+    assert reports
+    for path, report in zip(files, reports, strict=True):
+        assert report["form"] == "long" and report["tree_has_changes"] is False
+        assert path.stem.endswith(report["commit"][:10])
