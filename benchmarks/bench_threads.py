@@ -1,0 +1,158 @@
+# SPDX-License-Identifier: Apache-2.0
+"""How much faster are the parallel kernels of the emulated device on two threads than on one?
+
+Each kernel runs with either number in turns; their bits are compared first. Only a round that the
+system left alone tells what splitting costs: one that had two processors used about twice as much
+processor time as passed on the clock. So the least times are compared, and rounds go on until the
+fastest on two threads had its processors, or patience ends. What it had stands beside its time:
+well below 2, other processes were at work, or threads waited for each other.
+"""
+
+import argparse
+import time
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+from common import RESULTS_FOLDER, print_table, write_results
+from host_kernels import launch_of
+
+from korvex.emulation._library import HostLibrary, best_instruction_set
+
+SEED = 1967
+MANY = 2
+TARGET = 1.7  # times as fast on two threads, at least
+# Kernels of one thread by their contract: they add in the order of their elements.
+SEQUENTIAL = ("tqx_sum_seq_kernel", "tqx_dot_seq_kernel")
+MATRIX = "tqx_matmul_kernel"
+# Elements of a kernel as a share of --n: short rounds are likelier to be left alone.
+SHARES = {"tqx_sum_kernel": 1.0, "tqx_dot_kernel": 0.5, "tqx_var_kernel": 0.5}
+USUAL_SHARE = 0.1
+POSITIVE = ("tqx_log_kernel", "tqx_sqrt_kernel")
+LEFT_ALONE = 1.9  # processors
+
+
+def operands_and_sizes(name: str, n: int) -> tuple[dict[str, np.ndarray], dict[str, int]]:
+    generator = np.random.default_rng(SEED)
+    if name == MATRIX:
+        side = round((2 * n) ** (1 / 3))
+        a, b = (generator.standard_normal(side * side) for _ in "ab")
+        return {"a": a, "b": b}, {"M": side, "N": side, "K": side}
+    count = int(n * SHARES.get(name, USUAL_SHARE))
+    x, y = (generator.standard_normal(count) for _ in "xy")
+    return {"x": np.abs(x) if name in POSITIVE else x, "y": y}, {"n": count}
+
+
+def rounds_of(call: Any, options: argparse.Namespace) -> dict[int, list[tuple[float, float]]]:
+    """Seconds on the clock and of processor time, by number of threads."""
+    taken: dict[int, list[tuple[float, float]]] = {1: [], MANY: []}
+    deadline = time.perf_counter() + options.patience
+    while len(taken[1]) < options.repeats or (
+        processors_of_fastest(taken[MANY]) < LEFT_ALONE and time.perf_counter() < deadline
+    ):
+        for threads, times in taken.items():
+            begin, processor_begin = time.perf_counter(), time.process_time()
+            call(threads)
+            processor_end, end = time.process_time(), time.perf_counter()
+            times.append((end - begin, processor_end - processor_begin))
+    return taken
+
+
+def processors_of_fastest(rounds: list[tuple[float, float]]) -> float:
+    clock, processor = min(rounds)
+    return processor / clock
+
+
+def least_processor(rounds: list[tuple[float, float]]) -> float:
+    return min(processor for _, processor in rounds)
+
+
+def run_kernel(library: HostLibrary, name: str, options: argparse.Namespace) -> dict[str, Any]:
+    operands, sizes = operands_and_sizes(name, options.n)
+    call, outputs = launch_of(library, name, operands, sizes)
+    call(1)
+    expected = [output.tobytes() for output in outputs]
+    call(MANY)
+    if [output.tobytes() for output in outputs] != expected:
+        raise AssertionError(f"{name}: other bits on {MANY} threads than on 1")
+    taken = rounds_of(call, options)
+    (one, _), (many, _) = min(taken[1]), min(taken[MANY])
+    return {
+        "candidate": name,
+        "n": max(sizes.values()),
+        "milliseconds_1_thread": round(one * 1e3, 3),
+        f"milliseconds_{MANY}_threads": round(many * 1e3, 3),
+        "times_faster": round(one / many, 2),
+        "times_faster_of_medians": round(
+            float(np.median(taken[1], axis=0)[0] / np.median(taken[MANY], axis=0)[0]), 2
+        ),
+        "processors_had": round(processors_of_fastest(taken[MANY]), 2),
+        # Of processor time: what the work grows by when it is split.
+        "processor_time_grows_by": round(
+            least_processor(taken[MANY]) / least_processor(taken[1]), 3
+        ),
+        "rounds": len(taken[1]),
+    }
+
+
+def judge(results: list[dict[str, Any]]) -> list[dict[str, Any]]:
+    targets = []
+    for row in results:
+        met = row["times_faster"] >= TARGET
+        targets.append({"candidate": row["candidate"], "times_faster_at_least": TARGET, "met": met})
+        verdict = "met" if met else "NOT MET"
+        print(f"target: {row['candidate']}, two threads: at least {TARGET} times: {verdict}")
+    return targets
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument(
+        "--n",
+        type=int,
+        default=10_000_000,
+        help="elements of a sum; other kernels get fewer (10000000)",
+    )
+    parser.add_argument("--repeats", type=int, default=21, help="timed rounds, at least (21)")
+    parser.add_argument("--patience", type=float, default=3.0, help="seconds a kernel (3)")
+    parser.add_argument("--kernel", action="append", help="only this one; may be repeated")
+    parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
+    parser.add_argument("--output", type=Path, help="folder for the JSON file")
+    options = parser.parse_args()
+    if options.quick:
+        options.n, options.repeats, options.patience = min(options.n, 300_000), 3, 0.0
+    library = HostLibrary(best_instruction_set(), 1)
+    names = [name for name in library.kernels if name not in SEQUENTIAL]
+    chosen = [name for name in names if name in (options.kernel or names)]
+    results = [run_kernel(library, name, options) for name in chosen]
+    print_table(
+        f"{library.instruction_set}, least of {options.repeats} rounds or more",
+        [
+            "kernel",
+            "n",
+            "ms, 1 thread",
+            f"ms, {MANY} threads",
+            "times",
+            "of medians",
+            "processors",
+            "work",
+            "rounds",
+        ],
+        [[str(value) for value in row.values()] for row in results],
+    )
+    targets = judge(results)
+    folder = options.output or (None if options.quick or options.kernel else RESULTS_FOLDER)
+    if folder:
+        settings = {
+            "n": options.n,
+            "repeats": options.repeats,
+            "seed": SEED,
+            "threads": [1, MANY],
+            "instruction_set": library.instruction_set,
+        }
+        content = {"settings": settings, "results": results, "targets": targets}
+        write_results("bench_threads", folder, content)
+
+
+if __name__ == "__main__":
+    main()
