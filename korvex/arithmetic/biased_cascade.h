@@ -35,7 +35,10 @@ class BiasedCascade {
   KORVEX_INLINE explicit BiasedCascade(int bias_exponent) { start<0>(bias_exponent); }
 
   // Adds x[0] to x[kStep - 1].
-  KORVEX_INLINE void feed(const double* x) { feed_stream<0>(x); }
+  KORVEX_INLINE void feed(const double* x) {
+    Lanes::look_ahead(x);
+    feed_stream<0>(x);
+  }
 
   // True where count() tells the exact sum of all that was fed.
   KORVEX_INLINE bool is_exact() const {

@@ -18,6 +18,8 @@ struct ScalarLanes {
       4;  // of a biased cascade, before the long accumulator is faster
 
   KORVEX_INLINE static Value load(const double* x) { return *x; }
+  // A hint that what lies some way behind x will be read soon; a device has other threads to run.
+  KORVEX_INLINE static void look_ahead(const double*) {}
   KORVEX_INLINE static Value broadcast(double x) { return x; }
   KORVEX_INLINE static Bits bits(Value x) { return to_bits(x); }
   // x * y - product, where product is RN(x * y); see korvex/arithmetic/eft.h for when it is exact.

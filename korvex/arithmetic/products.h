@@ -27,7 +27,11 @@ class ProductCascade : public BiasedCascade<Lanes, kSlices, kStreams, kProductSl
   using Base::Base;
 
   // Adds x[i] * y[i] for i = 0 to kStep - 1.
-  KORVEX_INLINE void feed(const double* x, const double* y) { feed_stream<0>(x, y); }
+  KORVEX_INLINE void feed(const double* x, const double* y) {
+    Lanes::look_ahead(x);
+    Lanes::look_ahead(y);
+    feed_stream<0>(x, y);
+  }
 
   // True where some product was so small that its error may be inexact; zeros are among them.
   KORVEX_INLINE bool saw_small() const { return Lanes::any(small_) != 0; }

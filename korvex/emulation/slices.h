@@ -21,8 +21,8 @@ constexpr int slice_count(std::int64_t n, int threads) {
   return static_cast<int>(std::max<std::int64_t>(1, std::min<std::int64_t>(useful, threads)));
 }
 
-// A part in cache lines of its own: two threads that write to one line take turns. Twice the line, as
-// processors fetch lines in pairs.
+// A part in cache lines of its own: two threads that write to one line take turns. Twice the line,
+// as processors fetch lines in pairs.
 template <class Part>
 struct alignas(128) Slot {
   Part part;

@@ -99,6 +99,7 @@ struct DeviceLanes {
     }
     return result;
   }
+  __device__ __forceinline__ static void look_ahead(const double*) {}
   __device__ __forceinline__ static Value broadcast(double x) {
     Value result;
 #pragma unroll
