@@ -32,8 +32,9 @@ def launch_of(
             outputs.append(np.zeros(math.prod(extents)))
             arguments.append(ctypes.c_void_p(outputs[-1].ctypes.data))
     block = (row.block or 1, 1, 1)
+    kept = (operands, outputs)  # as long as the call, which has their addresses only
 
-    def call(threads: int) -> None:
+    def call(threads: int, kept: object = kept) -> None:
         library.threads = threads
         library.launch(row, (1, 1, 1), block, arguments)
 

@@ -5,6 +5,7 @@
 // result only in this order. Operands are anything that has the operators; nothing is checked,
 // converted or waited for, and overflow and NaN flow through the formulas.
 #include "korvex/limbs/rows.h"
+#include "korvex/limbs/two_sum.h"
 #include "korvex/tqx_runtime/definitions.h"
 #include "korvex/tqx_runtime/runtime.h"
 
@@ -14,12 +15,7 @@ namespace {
 // TwoSum (Knuth, TAOCP 2, 4.2.2): six operations, valid for either order of magnitude.
 Object two_sum_pair(const Object& a, const Object& b) {
   const Object s = add(a, b);
-  const Object v = subtract(s, a);
-  const Object a_rounded = subtract(s, v);
-  const Object a_error = subtract(a, a_rounded);
-  const Object b_error = subtract(b, v);
-  const Object e = add(a_error, b_error);
-  return tuple(s, e);
+  return tuple(s, rounding_error(s, a, b));
 }
 
 // Two functions with one body: each keeps its own callers, and replacing one in the module must

@@ -3,6 +3,7 @@
 //
 // A sum keeps at most four limbs. That cap is the one place where adding gives information up.
 #include "korvex/limbs/rows.h"
+#include "korvex/limbs/two_sum.h"
 #include "korvex/tqx_runtime/definitions.h"
 #include "korvex/tqx_runtime/runtime.h"
 
@@ -49,11 +50,7 @@ Object cascade(const Object& limbs) {
   Object acc = limbs.at(names().zero).method(names().clone);
   for_each(tail(limbs, 1), [&](const Object& limb) {
     const Object s = add(acc, limb);
-    const Object v = subtract(s, acc);
-    const Object acc_rounded = subtract(s, v);
-    const Object acc_error = subtract(acc, acc_rounded);
-    const Object limb_error = subtract(limb, v);
-    const Object e = add(acc_error, limb_error);
+    const Object e = rounding_error(s, acc, limb);
     acc = s;
     if (greater(largest_magnitude(e), names().zero)) append(errors, e);
   });

@@ -5,6 +5,7 @@
 // derived results carry the device string on unchanged.
 #include "korvex/limbs/decimal_conversion.h"
 #include "korvex/limbs/limbs.h"
+#include "korvex/limbs/two_sum.h"
 #include "korvex/tqx_runtime/definitions.h"
 #include "korvex/tqx_runtime/runtime.h"
 
@@ -52,11 +53,7 @@ Object collapse(const Arguments& arguments) {
   for_each(indices, [&](const Object& i) {
     const Object limb = limb_as_double(self, i);
     const Object s = add(result, limb);
-    const Object v = subtract(s, result);
-    const Object s_part = subtract(s, v);
-    const Object result_error = subtract(result, s_part);
-    const Object limb_error = subtract(limb, v);
-    const Object e = add(result_error, limb_error);
+    const Object e = rounding_error(s, result, limb);
     result = s;
     carry = add(carry, e);
   });
