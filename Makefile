@@ -39,8 +39,8 @@ HEADERS := $(filter %.h %.cuh,$(CXX_FILES))
 TIDY_STAMPS := $(patsubst %,build/tidy/%.ok,$(filter %.cpp,$(CXX_FILES)))
 
 .PHONY: help demo test check environment install cpp-tests python-tests test-long leaks fuzz \
-  sanitize verify verify-long verify-elementary gpu site lint format-check tidy configure format \
-  wheel clean distclean
+  sanitize verify verify-long verify-elementary figures gpu site lint format-check tidy configure \
+  format wheel clean distclean
 
 help: ## this list
 	@sed -n 's/^\([a-z-]*\):.*## /make \1\t/p' Makefile | expand -t 16
@@ -124,6 +124,13 @@ verify-long: install ## the same with a million values per kernel; adds a report
 verify-elementary: install ## exp, log, sqrt, sigmoid and tanh against MPFR, bit for bit
 	@$(PY) scripts/check_elementary_bounds.py
 	@$(PY) scripts/verify_elementary.py
+
+# With nothing else on the machine; what it wrote is committed together. FIGURES="--only PART..."
+# makes some parts anew, FIGURES=--quick tries all in build/figures.
+FIGURES ?=
+
+figures: install ## measure and draw every figure of the documents anew (under 25 minutes)
+	@$(PY) benchmarks/make_figures.py $(FIGURES)
 
 # One call, under ten minutes, on a machine with a GPU: downloads nothing.
 gpu: ## all that needs a GPU: tests, checks and figures, as one report in benchmarks/results/

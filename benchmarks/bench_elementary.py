@@ -13,7 +13,7 @@ from pathlib import Path
 
 import numpy as np
 import torch
-from common import RESULTS_FOLDER, measure, print_table, write_results
+from common import RESULTS_FOLDER, measure, print_table, print_targets, write_results
 
 from korvex.emulation._library import INSTRUCTION_SETS, HostLibrary, best_instruction_set
 
@@ -24,6 +24,9 @@ from elementary_probe import Probe  # noqa: E402
 
 SEED = 1991
 SLOW = 2_000  # elements for what works one by one
+# Nanoseconds an element on one thread with the best instruction set, by function: at most.
+MOST_NANOSECONDS = {"exp": 10.0, "log": 10.0}
+JUDGED_FROM = 100_000  # elements
 
 INPUTS = {
     "exp, [-700, 700]": ("exp", lambda rng, n: rng.uniform(-700, 700, n)),
@@ -115,7 +118,18 @@ def run(label, options, probe):
         "share_of_accurate_phase": accurate,
         "share_misrounded": misrounded,
         "results": rows,
+        "targets": judge(name, rows) if options.n >= JUDGED_FROM else [],
     }
+
+
+def judge(name, rows):
+    """Whether one thread is fast enough, by processor time."""
+    judged = f"tqx_{name}_kernel, {best_instruction_set()}"
+    [time] = [row["ns_per_element_processor"] for row in rows if row["candidate"] == judged]
+    most = MOST_NANOSECONDS.get(name)
+    targets = [{"candidate": judged, "ns_at_most": most, "met": time <= most}] if most else []
+    print_targets(targets)
+    return targets
 
 
 def main():

@@ -175,7 +175,7 @@ def run_process(name: str, n: int, side: str, options: argparse.Namespace) -> di
 def run_case(
     name: str, n: int, rivals: dict[Any, dict[str, float]], options: argparse.Namespace
 ) -> dict[str, Any] | None:
-    """None where the time is over. A rival runs once for all forms of a function."""
+    """None where time or the memory of a GPU is over. A rival runs once for all its forms."""
     rival = (CASES[name].rival, n)
     try:
         ours = run_process(name, n, "korvex", options)
@@ -183,6 +183,11 @@ def run_case(
             rivals[rival] = run_process(name, n, "torch", options)
     except subprocess.TimeoutExpired:
         print(f"{name}, {n}: no time left", flush=True)
+        return None
+    except subprocess.CalledProcessError as failure:
+        if "OutOfMemoryError" not in failure.stderr:
+            raise
+        print(f"{name}, {n}: no memory left on this device", flush=True)
         return None
     theirs = rivals[rival]
     steps = n**3 if name.startswith(MATRIX) else n

@@ -121,7 +121,7 @@ def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--n", type=int, default=100, help="elements of the operand (100)")
     parser.add_argument("--calls", type=int, default=10, help="calls in a timed batch (10)")
-    parser.add_argument("--repeats", type=int, default=101, help="timed batches (101)")
+    parser.add_argument("--repeats", type=int, default=51, help="timed batches (51)")
     parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
     parser.add_argument("--output", type=Path, help="folder for the JSON file")
     options = parser.parse_args()

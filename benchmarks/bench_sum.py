@@ -14,7 +14,15 @@ from typing import Any
 
 import numpy as np
 import torch
-from common import RESULTS_FOLDER, Timing, measure, print_table, write_results
+from common import (
+    RESULTS_FOLDER,
+    Timing,
+    measure,
+    print_table,
+    print_targets,
+    threads_target,
+    write_results,
+)
 
 from korvex import emulation
 from korvex.emulation._library import INSTRUCTION_SETS, HostLibrary, best_instruction_set
@@ -38,10 +46,12 @@ def wide(count: int) -> np.ndarray:
     return generator.standard_normal(count) * 2.0 ** generator.uniform(-60.0, 60.0, count)
 
 
-# Name, generator, and how many times faster than math.fsum one thread is to be.
+# Name, generator, how many times faster than math.fsum one thread is to be, and the nanoseconds
+# that it may take an element: what the best known exact methods take, xsum's large accumulator 0.9
+# and a vectorised binned sum with a fallback 0.6, gives them their size.
 DATA = {
-    "N(0,1)": (normal, 8.0),
-    "N(0,1) * 2^U(-60,60)": (wide, 15.0),
+    "N(0,1)": (normal, 8.0, 1.0),
+    "N(0,1) * 2^U(-60,60)": (wide, 15.0, 2.0),
 }
 
 
@@ -144,14 +154,14 @@ def check_results(candidates: Candidates, expected: float) -> None:
 
 def run_data(name: str, options: argparse.Namespace) -> dict[str, Any]:
     """Times all candidates on one kind of data, and prints the table."""
-    generate, target = DATA[name]
+    generate, times_faster, most = DATA[name]
     values = generate(options.n)
     exact = exact_candidates(values)
     check_results(exact, math.fsum(values))
     timings = measure(all_candidates(values, exact), options.repeats)
     results = [result_row(label, timings, options.n) for label in timings]
     show_table(name, options, results)
-    targets = judge(results, target) if options.n >= JUDGED_FROM else []
+    targets = judge(results, times_faster, most) if options.n >= JUDGED_FROM else []
     return {"data": name, "results": results, "targets": targets}
 
 
@@ -185,19 +195,22 @@ def show_table(name: str, options: argparse.Namespace, results: list[dict[str, A
     )
 
 
-def judge(results: list[dict[str, Any]], target: float) -> list[dict[str, Any]]:
-    """Whether the one-thread sum with the best instruction set is fast enough, by both measures."""
+def judge(results: list[dict[str, Any]], times_faster: float, most: float) -> list[dict[str, Any]]:
+    """Whether one thread with the best instruction set is fast enough; what two threads gain."""
     best = best_instruction_set()
-    judged = (f"tqx_sum_seq_kernel, {best}, 1 thread", f"tqx_sum, {best}, 1 thread")
+    by_name = {result["candidate"]: result for result in results}
     targets = []
-    for result in results:
-        name = result["candidate"]
-        if name in judged:
-            ratios = [value for key, value in result.items() if key.startswith("times_faster")]
-            met = min(ratios) >= target
-            targets.append({"candidate": name, "times_faster_at_least": target, "met": met})
-            verdict = "met" if met else "NOT MET"
-            print(f"target: {name}, {target:g} times faster than math.fsum: {verdict}")
+    for name in (f"tqx_sum_seq_kernel, {best}, 1 thread", f"tqx_sum, {best}, 1 thread"):
+        row = by_name[name]
+        ratio = min(value for key, value in row.items() if key.startswith("times_faster"))
+        targets.append(
+            {"candidate": name, "times_faster_at_least": times_faster, "met": ratio >= times_faster}
+        )
+        met = row["ns_per_element_processor"] <= most
+        targets.append({"candidate": name, "ns_at_most": most, "met": met})
+    one, many = (f"tqx_sum_kernel, {best}, {threads_text(threads)}" for threads in (1, MANY))
+    targets.append(threads_target(many, *(by_name[name]["ns_per_element"] for name in (one, many))))
+    print_targets(targets)
     return targets
 
 

@@ -71,6 +71,35 @@ def print_table(title: str, columns: list[str], rows: list[list[str]]) -> None:
         print("  ".join([first, *others]), flush=True)
 
 
+# --- Targets
+
+TIMES_ON_TWO_THREADS = 1.7  # as fast as on one, at least, for the parallel kernels
+
+
+def threads_target(candidate: str, one: float, many: float) -> dict[str, Any]:
+    """What the second thread gains, from the times on one thread and on two."""
+    times = round(one / many, 2)
+    least = TIMES_ON_TWO_THREADS
+    return {
+        "candidate": candidate,
+        "times_on_two_threads_at_least": least,
+        "times_on_two_threads": times,
+        "met": times >= least,
+    }
+
+
+def print_targets(targets: list[dict[str, Any]]) -> None:
+    """One line for each: the candidate, what it was to reach, and whether it did."""
+    words = {
+        "times_faster_at_least": "at least {:g} times faster than math.fsum",
+        "ns_at_most": "at most {:g} ns",
+        "times_on_two_threads_at_least": "two threads: at least {:g} times",
+    }
+    for target in targets:
+        [aim] = [text.format(target[key]) for key, text in words.items() if key in target]
+        print(f"target: {target['candidate']}, {aim}: {'met' if target['met'] else 'NOT MET'}")
+
+
 # --- The machine
 
 

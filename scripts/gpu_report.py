@@ -103,6 +103,15 @@ def benchmark_stage(options: argparse.Namespace) -> Stage:
     return Stage("benchmark", command, 90, read=last_line_json)
 
 
+def large_stage(options: argparse.Namespace) -> Stage:
+    """Time and memory of the largest inputs; what it has no time for is left out of its record."""
+    script_arguments = ["--gpu", "--repeats", "1", "--seconds", "80", "--json"]
+    if options.dry_run:
+        script_arguments = ["--quick", "--json"]
+    command = script("benchmarks/bench_large.py", *script_arguments)
+    return Stage("large inputs", command, 90, read=last_line_json)
+
+
 def tests_stage(options: argparse.Namespace, junit: Path) -> Stage:
     parallel = importlib.util.find_spec("xdist") is not None
     command = [sys.executable, "-P", "-m", "pytest", "-q", "--tb=short", f"--junitxml={junit}"]
@@ -148,6 +157,7 @@ def all_stages(options: argparse.Namespace, junit: Path) -> list[Stage]:
     stages += [check_stage(name, 60, options) for name in names]
     stages += [check_stage("large", 30, options), check_stage("division", 60, options)]
     stages += [verify_stage(options), benchmark_stage(options), tests_stage(options, junit)]
+    stages += [large_stage(options)]
     stages += [sanitizer_stage(tool) for tool in SANITIZER_TOOLS]
     return stages
 

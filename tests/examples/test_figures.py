@@ -1,0 +1,109 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The figures in the documents are those of the records, and one command makes them all anew."""
+
+import json
+import re
+import shutil
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+BENCHMARKS = ROOT / "benchmarks"
+DOCUMENTS = [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]
+BLOCK = re.compile(r"<!-- figures: (\w+) -->\n(.*?)<!-- end of figures -->", re.DOTALL)
+# A time or a speed as people write it.
+FIGURE = re.compile(r"\d(?:\.\d+)? (?:ns|us|µs|ms)\b|\d times faster")
+# Targets and clock rates of GPUs, which no benchmark of the host takes.
+OTHER_FIGURES = {"gpu.md"}
+
+
+def run(script, *arguments):
+    return subprocess.run(
+        [sys.executable, BENCHMARKS / f"{script}.py", *map(str, arguments)],
+        capture_output=True,
+        text=True,
+        timeout=300,
+    )
+
+
+def blocks():
+    return [(path, name) for path in DOCUMENTS for name, _ in BLOCK.findall(path.read_text())]
+
+
+def copy_of_documents(folder):
+    (folder / "docs").mkdir()
+    for path in DOCUMENTS:
+        shutil.copy(path, folder / path.relative_to(ROOT))
+    return folder
+
+
+def test_documents_agree_with_the_records():
+    checked = run("write_figures", "--check")
+    assert (checked.returncode, checked.stdout) == (0, "stale: nothing\n"), checked.stderr
+
+
+def test_documents_quote_figures_in_several_places():
+    assert {path.name for path, _ in blocks()} == {
+        "README.md",
+        "performance.md",
+        "series.md",
+        "solvers.md",
+    }
+
+
+def test_no_block_is_empty():
+    for path in DOCUMENTS:
+        for name, text in BLOCK.findall(path.read_text()):
+            assert re.search(r"\d", text), f"{path.name}: {name}"
+
+
+@pytest.mark.parametrize("document", ["README.md", "docs/performance.md", "docs/series.md"])
+def test_changed_figure_is_found_and_mended(tmp_path, document):
+    tree = copy_of_documents(tmp_path)
+    path = tree / document
+    text = path.read_text()
+    begin = BLOCK.search(text).start(2)
+    digit = re.compile(r"\d").search(text, begin).start()
+    path.write_text(text[:digit] + str((int(text[digit]) + 1) % 10) + text[digit + 1 :])
+    stale = run("write_figures", "--check", "--root", tree)
+    assert (stale.returncode, stale.stdout) == (1, f"stale: {document}\n")
+    assert run("write_figures", "--root", tree).returncode == 0
+    assert path.read_text() == text
+
+
+@pytest.mark.parametrize("path", DOCUMENTS, ids=lambda path: path.name)
+def test_time_stands_in_a_marked_place_only(path):
+    if path.name not in OTHER_FIGURES:
+        assert FIGURE.findall(BLOCK.sub("", path.read_text())) == []
+
+
+def test_record_of_the_full_run_names_every_part():
+    [newest] = sorted(
+        (json.loads(path.read_text()) for path in BENCHMARKS.glob("results/figures-*.json")),
+        key=lambda record: record["date"],
+    )[-1:]
+    parts = [part["part"] for part in newest["parts"]]
+    scripts = {path.stem for path in BENCHMARKS.glob("bench_*.py") if "_gpu_" not in path.stem}
+    assert set(parts) == scripts | {"series_errors", "refined_solves"}
+    assert len(parts) == len(set(parts))
+
+
+def test_pictures_are_drawn_from_the_records(tmp_path):
+    pytest.importorskip("matplotlib")
+    drawn = run("draw_figures", "--output", tmp_path)
+    assert drawn.returncode == 0, drawn.stderr
+    names = {path.name for path in tmp_path.glob("*.png")}
+    shown = set(re.findall(r"\((\w+\.png)\)", (ROOT / "docs" / "performance.md").read_text()))
+    assert names == shown and len(names) == 4
+    assert all((ROOT / "docs" / name).exists() for name in names)
+
+
+def test_one_part_can_be_tried_without_a_change_to_the_tree():
+    kept = {path: path.read_bytes() for path in [*DOCUMENTS, *BENCHMARKS.glob("results/*")]}
+    tried = run("make_figures", "--quick", "--only", "bench_errors")
+    assert tried.returncode == 0, tried.stderr
+    assert re.search(r"^bench_errors +\d+\.\d s$", tried.stdout, re.MULTILINE)
+    assert {path: path.read_bytes() for path in kept} == kept
