@@ -25,6 +25,7 @@ def configure(tmp_path):
         command += [f"-DPython_EXECUTABLE={sys.executable}"]
         command += [f"-DKORVEX_CUDA_ARCHITECTURES={architectures}"]
         environment = os.environ | {"PATH": path}
+        environment.pop("LD_PRELOAD", None)  # a sanitizer's library is for this process alone
         return subprocess.run(command, capture_output=True, text=True, env=environment)
 
     return run
