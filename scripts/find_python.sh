@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # usage: find_python.sh [3.MINOR]
-# Prints the CPython to build with: 3.12 if there is one, else 3.13, else a newer one. With a version:
-# one of that version, and PYTHON counts for nothing.
+# Prints the CPython to build with: 3.12 if there is one, else 3.13, else a newer one. With an
+# argument: one of that version, and PYTHON counts for nothing.
 #
 # A candidate counts only if it runs (a pyenv shim may not), is a CPython of 3.12 or newer with the
 # GIL, and has its headers and the venv module. PYTHON=path overrides the search, not the demands.
@@ -92,8 +92,9 @@ case $state in
     ;;
   *)
     if [ -n "$version_wanted" ]; then
-      echo "No CPython $version_wanted found: install python$version_wanted, python$version_wanted-venv" \
-        "and python$version_wanted-dev, or run 'pyenv install $version_wanted'." >&2
+      name=python$version_wanted
+      echo "No CPython $version_wanted found: install $name, $name-venv and $name-dev, or run" \
+        "'pyenv install $version_wanted'." >&2
       exit 1
     fi
     echo "No CPython 3.12 or newer found: install python3.12, python3.12-venv and python3.12-dev," \

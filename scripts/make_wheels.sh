@@ -3,10 +3,10 @@
 # usage: make_wheels.sh PYTHON [PYTEST_ARGUMENT...]
 # A wheel for each CPython of $versions, in dist/, and the test suite on each as installed.
 #
-# `make wheel` makes the wheel of PYTHON, that of the tree's environment, and the kernels for all GPUs,
-# which the other wheels take as they are. Each wheel is tested in an environment made anew, which goes when all
-# tests have passed; what failed is left for a look. The tests run from the tree, on the wheel. The
-# last lines are one for each CPython; the exit status is 1 if one of them says FAILED.
+# `make wheel` makes the wheel of PYTHON, that of the tree's environment, and the kernels for all
+# GPUs, which the other wheels take as they are. Each wheel is tested in an environment made anew,
+# which goes when all tests have passed; what failed is left for a look. The tests run from the tree,
+# on the wheel. The last lines are one for each CPython; the exit status is 1 if one says FAILED.
 set -euo pipefail
 shopt -s inherit_errexit
 
@@ -48,8 +48,11 @@ build_wheel() {
   fi
   # The tag then names the oldest C library that has what the wheel's objects ask for.
   mkdir -p "$work/$tag/tagged"
-  auditwheel repair --wheel-dir "$work/$tag/tagged" "$work/$tag"/*.whl &>"$work/$tag/auditwheel.log" ||
-    { cat "$work/$tag/auditwheel.log" >&2 && exit 1; }
+  local log=$work/$tag/auditwheel.log
+  if ! auditwheel repair --wheel-dir "$work/$tag/tagged" "$work/$tag"/*.whl &>"$log"; then
+    cat "$log" >&2
+    exit 1
+  fi
   rm -f dist/korvex_tqx-*-"$tag"-*.whl
   mv "$work/$tag"/tagged/*.whl dist/
   echo dist/korvex_tqx-*-"$tag"-*.whl

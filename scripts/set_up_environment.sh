@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # usage: set_up_environment.sh FOLDER [EXTRA...]
 # Makes the virtual environment FOLDER hold what building, testing and checking the tree and its site
-# needs: the requirements of these extras of the distribution, of test, dev and docs if none is named.
+# needs: the requirements of these extras of the distribution, or, if none is named, of test, dev and
+# docs.
 #
 # Quiet and quick when nothing changed: the list of requirements that pip last installed is kept
 # in the environment, and pip runs only if the list differs. An environment whose interpreter is

@@ -11,6 +11,7 @@ import _imp
 import builtins
 import json
 import os
+import sys
 import types
 
 from fake_siblings import ABSOLUTE, MODULE, RELATIVE, extension_file
@@ -225,6 +226,7 @@ def check_fault(behaviour, place, kind):
         assert type(error) is ImportError and error is not told
     elif error is not None and error is not behaviour.get("import cupy"):
         assert type(error) is ImportError and error.args == (INSTALL_TEXT,)
+    assert (MODULE in sys.modules) == (error is None)
 
 
 def check_create_fault(place, kind):
