@@ -5,8 +5,8 @@
 // Phases: each thread takes a run of neighbouring elements into a part of its own, in static
 // memory; the parts are joined two by two; one thread rounds. Parts are exact, or lie on a grid, so
 // the number of threads does not show. Only block 0 works, and any number of threads up to
-// kMostThreads may do. The kernels ask for one block on a multiprocessor: left to itself the compiler
-// halves the registers where two would fit, for a second block that is never there.
+// kMostThreads may do. The kernels ask for one block on a multiprocessor: left to itself the
+// compiler halves the registers where two would fit, for a second block that is never there.
 #pragma once
 
 #include <new>
