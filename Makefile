@@ -40,7 +40,7 @@ TIDY_STAMPS := $(patsubst %,build/tidy/%.ok,$(filter %.cpp,$(CXX_FILES)))
 
 .PHONY: help demo test check environment install cpp-tests python-tests test-long leaks fuzz \
   sanitize verify verify-long verify-elementary figures gpu site lint format-check tidy configure \
-  format wheel clean distclean
+  format wheel wheels clean distclean
 
 help: ## this list
 	@sed -n 's/^\([a-z-]*\):.*## /make \1\t/p' Makefile | expand -t 16
@@ -84,6 +84,9 @@ wheel: environment ## a wheel in dist/, with the kernels for all GPUs
 	  --config-settings cmake.define.KORVEX_CUDA_COMPILERS=$(CURDIR)/build/cuda-compilers \
 	  --wheel-dir dist .
 	@ls dist/*.whl
+
+wheels: environment ## wheels for CPython 3.12 and 3.13 in dist/, each installed and tested
+	@scripts/make_wheels.sh $(PY) $(PYTEST_ARGS)
 
 # --- Tests
 

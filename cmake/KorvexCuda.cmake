@@ -10,6 +10,8 @@ set(KORVEX_CUDA_ARCHITECTURES "auto" CACHE STRING
 for the GPUs of this machine, else 90, if there is a compiler")
 set(KORVEX_CUDA_COMPILERS "" CACHE PATH
   "Folder in which pip has put NVIDIA's compilers; searched after PATH and before site-packages")
+set(KORVEX_KERNELS "" CACHE PATH
+  "Folder of kernels that another build of this tree has made: they are installed, and none compiled")
 
 # Every operation in the source is one operation of the device, rounded as IEEE 754 says.
 set(korvex_nvcc_flags

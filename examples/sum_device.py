@@ -2,6 +2,7 @@
 """The device that the sums run on: a CUDA device if this machine has one, else the emulated one."""
 
 import importlib
+import warnings
 from types import ModuleType
 
 import numpy as np
@@ -31,11 +32,13 @@ def choose_device(force_emulated: bool = False) -> SumDevice:
 
 
 def _why_no_cuda_device() -> str:
-    """Empty if there is one. A failure beyond these two tests is an error, not a reason."""
+    """Empty if there is one. A failure beyond these tests is an error, not a reason."""
     if not torch.cuda.is_available():
         return "torch finds no CUDA device"
     try:
-        importlib.import_module("korvex.cubin_loader_native")
+        with warnings.catch_warnings():  # what the loader warns of is told in the description
+            warnings.simplefilter("ignore", RuntimeWarning)
+            loader = importlib.import_module("korvex.cubin_loader_native")
     except ImportError as error:
         return f"the CUDA device cannot be used: {error}"
-    return ""
+    return "" if loader.HAS_CUPY else f"the CUDA device cannot be used: {loader.UNAVAILABLE_REASON}"

@@ -1,12 +1,15 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Prints the CPython to build with: 3.12 if there is one, else 3.13, else a newer one.
+# usage: find_python.sh [3.MINOR]
+# Prints the CPython to build with: 3.12 if there is one, else 3.13, else a newer one. With an
+# argument: one of that version, and PYTHON counts for nothing.
 #
 # A candidate counts only if it runs (a pyenv shim may not), is a CPython of 3.12 or newer with the
 # GIL, and has its headers and the venv module. PYTHON=path overrides the search, not the demands.
 # Failure is one line that says what is missing and which package brings it.
 set -euo pipefail
 
+version_wanted=${1:-}
 environment=$(realpath -m "${VENV:-.venv}")
 
 # A build straight into an interpreter (VENV=none) makes no environment.
@@ -57,7 +60,11 @@ candidates() {
   printf '%s\n' "$HOME"/.local/share/uv/python/cpython-3."$1"*/bin/"$name"
 }
 
-if [ -n "${PYTHON:-}" ]; then
+if [ -n "$version_wanted" ]; then
+  while read -r path; do
+    try "$path"
+  done < <(candidates "${version_wanted#3.}")
+elif [ -n "${PYTHON:-}" ]; then
   try "$(command -v "$PYTHON" || true)"
   if [ -z "$incomplete" ]; then
     echo "PYTHON=$PYTHON is no CPython 3.12 or newer that runs: pass another, or none." >&2
@@ -84,6 +91,12 @@ case $state in
     echo "$path cannot make environments: install python$version-venv (Debian, Ubuntu)." >&2
     ;;
   *)
+    if [ -n "$version_wanted" ]; then
+      name=python$version_wanted
+      echo "No CPython $version_wanted found: install $name, $name-venv and $name-dev, or run" \
+        "'pyenv install $version_wanted'." >&2
+      exit 1
+    fi
     echo "No CPython 3.12 or newer found: install python3.12, python3.12-venv and python3.12-dev," \
       "or run 'pyenv install 3.12', or pass PYTHON=path." >&2
     ;;

@@ -287,14 +287,7 @@ def check_matrices(device, host, shapes=MATRICES) -> dict:
     draw = np.random.default_rng(SEED + 2)
     row = host.kernels()["tqx_matmul_kernel"]
     tile = 16
-    for m, k, n in [
-        (1, 1, 1),
-        (3, 0, 2),
-        (16, 16, 16),
-        (17, 33, 5),
-        (64, 200, 48),
-        (100, 1000, 70),
-    ]:
+    for m, k, n in shapes:
         sizes = {"M": m, "K": k, "N": n}
         for exponents in (0, 60, 1000):
             a, b = (
@@ -341,7 +334,42 @@ def check_grids(device, host) -> dict:
             for grid, block in [((1, 1, 1), (32, 1, 1)), ((9, 2, 2), (64, 2, 2))]:
                 report.same(f"{name}, {grid}, {block}", sums.sequential(grid, block), four)
     check_launches_in_a_row(device, host, list(shaped.values()), report)
+    check_launch_shapes(device, host, report)
     return report.finish()
+
+
+def launch_shapes(row) -> list[tuple[tuple, tuple]]:
+    """Grids and blocks that a kernel must serve; the first is the one that the package uses."""
+    one = (1, 1, 1)
+    if row.name == "tqx_matmul_kernel":
+        return [((3, 2, 1), (16, 16, 1)), (one, (16, 16, 1)), ((40, 1, 1), (8, 4, 1)), (one, one)]
+    if row.form == "function":  # one thread does it all
+        return [(one, one), ((3, 2, 2), (32, 2, 1)), ((1, 5, 1), (256, 1, 1))]
+    if row.block == 1024:  # block 0 does it all
+        blocks = [(1024, 1, 1), (32, 1, 1), (96, 1, 1), (1, 1, 1), (16, 16, 2)]
+        return [(one, block) for block in blocks] + [((2, 3, 2), (512, 1, 1))]
+    grids = [(12, 1, 1), one, (3, 1, 1), (500, 1, 1)]
+    return [(grid, (threads, 1, 1)) for grid in grids for threads in (256, 32, 96)]
+
+
+def check_launch_shapes(device, host, report: Report, n: int = 3001) -> None:
+    """Every kernel on every such grid and block: the same bits as on the host."""
+    for row in host.kernels().values():
+        sources, sizes = small_launch(row, operands()["any bits"], n)
+        grid, block = launch_shapes(row)[0]
+        expected = run_kernel(host, row, sources, sizes, grid, block)
+        for grid, block in launch_shapes(row):
+            actual = run_kernel(device, row, sources, sizes, grid, block)
+            report.same_arrays(f"{row.name}, grid {grid}, block {block}", actual, expected)
+
+
+def small_launch(row, arrays: list[np.ndarray], n: int) -> tuple[list[np.ndarray], dict[str, int]]:
+    """Operands out of two arrays, and sizes: n elements, or matrices of fewer than n."""
+    if row.name == "tqx_matmul_kernel":
+        m, k, columns = 37, 50, 41
+        sizes = {"M": m, "K": k, "N": columns}
+        return [np.resize(arrays[0], m * k), np.resize(arrays[1], k * columns)], sizes
+    return [array[:n].copy() for array in arrays], {"n": min(n, arrays[0].size)}
 
 
 def check_launches_in_a_row(device, host, arrays: list[np.ndarray], report: Report) -> None:
@@ -366,7 +394,26 @@ def check_nan(device, host) -> dict:
             what = f"{payload:#x} at {place}"
             report.same(what, sums.sequential(), [NAN, 0, 0, 0])
             report.same(what, sums.parallel(), [NAN, 0])
+    check_nan_of_all(device, host, payloads, report)
     return report.finish()
+
+
+def check_nan_of_all(device, host, payloads: list[int], report: Report) -> None:
+    """Every kernel: its results hold a NaN, and each has those bits; neg alone passes NaN on."""
+    values = np.linspace(-3.0, 3.0, 600)
+    values[::7].view(np.uint64)[:] = np.resize(np.array(payloads, dtype=np.uint64), 86)
+    for row in host.kernels().values():
+        sources, sizes = small_launch(row, [values, values[::-1].copy()], values.size)
+        grid, block = launch_shapes(row)[0]
+        expected = run_kernel(host, row, sources, sizes, grid, block)
+        actual = run_kernel(device, row, sources, sizes, grid, block)
+        report.same_arrays(f"{row.name}, NaN of all kinds", actual, expected)
+        patterns = {int(word) for word in actual[np.isnan(actual.view(np.float64))]}
+        if row.name == "tqx_neg_kernel":
+            given = {int(word) ^ 1 << 63 for word in values[np.isnan(values)].view(np.uint64)}
+            report.same(f"{row.name}, NaN with the other sign", sorted(patterns), sorted(given))
+        else:
+            report.same(f"{row.name}, the one NaN", sorted(patterns), [NAN])
 
 
 def check_large(device, host) -> dict:
@@ -445,10 +492,12 @@ def check_sanitizer(device, host) -> dict:
             report.same(f"{name}, sequential", sums.sequential(), four)
             report.same(f"{name}, parallel", sums.parallel(), two)
             report.same(f"{name}, 5 blocks", sums.parallel((5, 1, 1)), two)
-    matrices = check_matrices(device, host, MATRICES[:4])
-    reductions = check_reductions(device, host, 2500)
-    report.compared += matrices["compared"] + reductions["compared"]
-    report.wrong += matrices["wrong"] + reductions["wrong"]
+    for figures in (
+        check_matrices(device, host, MATRICES[:4]),
+        check_reductions(device, host, 2500),
+    ):
+        report.compared += figures["compared"]
+        report.wrong += figures["wrong"]
     return report.finish()
 
 

@@ -4,7 +4,8 @@
 # Everything that needs a GPU, in one call of less than ten minutes, and downloads nothing.
 #
 # Takes $PYTHON, else the first of the environment's and the system's Python with a torch that sees a
-# GPU, else the first with a torch. --site names an installed korvex, which is then not built again.
+# GPU, else the first with a torch. --site names an installed korvex, and nothing is built then.
+# $KORVEX_COMMIT names the commit for the report where the tree was copied without its history.
 # --dry-run prints the stages and tries on the emulated device what can be tried there.
 set -euo pipefail
 cd "$(dirname "$0")/.."

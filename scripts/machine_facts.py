@@ -42,11 +42,14 @@ REPORTS = ("benchmarks/results", "docs/verification", "docs/reproducibility.md")
 
 
 def source_facts() -> dict[str, Any]:
-    """The commit, and whether the tree was that of the commit; unknown outside a checkout."""
+    """The commit, and whether the tree was that of the commit: unknown outside a checkout, where
+    $KORVEX_COMMIT may name the commit of the copy."""
     commit = first_line(["git", "rev-parse", "HEAD"])
+    if not commit:
+        return {"commit": os.environ.get("KORVEX_COMMIT"), "tree_has_changes": None}
     others = [f":(exclude){path}" for path in REPORTS]
     changed = first_line(["git", "status", "--porcelain", "--", ".", *others])
-    return {"commit": commit, "tree_has_changes": changed is not None if commit else None}
+    return {"commit": commit, "tree_has_changes": changed is not None}
 
 
 def processor() -> str:

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# usage: set_up_environment.sh FOLDER
-# Makes the virtual environment FOLDER hold what building, testing and checking the tree and its site needs.
+# usage: set_up_environment.sh FOLDER [EXTRA...]
+# Makes the virtual environment FOLDER hold what building, testing and checking the tree and its site
+# needs: the requirements of these extras of the distribution, or, if none is named, of test, dev and
+# docs.
 #
 # Quiet and quick when nothing changed: the list of requirements that pip last installed is kept
 # in the environment, and pip runs only if the list differs. An environment whose interpreter is
@@ -11,6 +13,8 @@ set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
 environment=$1
+extras=("${@:2}")
+[ ${#extras[@]} -gt 0 ] || extras=(test dev docs)
 python=$environment/bin/python
 installed_list=$environment/korvex-requirements.txt
 
@@ -28,7 +32,7 @@ elif [ -n "${PYTHON:-}" ] && [ "$(base_of "$PYTHON")" != "$(base_of "$python")" 
   exit 1
 fi
 
-wanted_list=$("$python" "$here/list_requirements.py" test dev docs)
+wanted_list=$("$python" "$here/list_requirements.py" "${extras[@]}")
 if [ "$wanted_list" != "$(cat "$installed_list" 2>/dev/null)" ]; then
   echo "installing the requirements into $environment (the first time takes minutes: torch is big)"
   rm -f "$installed_list"

@@ -1,12 +1,15 @@
 # SPDX-License-Identifier: Apache-2.0
 """What the distribution declares and holds, and how its build and set-up fail."""
 
+import base64
+import hashlib
 import importlib.metadata
 import os
 import re
 import shutil
 import subprocess
 import sys
+import zipfile
 from pathlib import Path
 
 import pytest
@@ -57,6 +60,14 @@ def test_extra_brings_the_cupy_of_its_cuda_release(extra, package):
     assert f'{package}; extra == "{extra}"' in [
         text.replace("'", '"') for text in distribution().requires
     ]
+
+
+def test_tag_is_that_of_this_interpreter():
+    tags = re.findall("^Tag: (.*)$", distribution().read_text("WHEEL"), re.MULTILINE)
+    version = "cp{}{}".format(*sys.version_info)
+    assert tags and all(
+        re.fullmatch(rf"{version}-{version}-(many)?linux\w*_x86_64", tag) for tag in tags
+    )
 
 
 def test_pytest_finds_the_emulated_device():
@@ -157,6 +168,22 @@ def test_a_named_python_that_does_not_run_is_refused(bare_machine):
     assert_one_line(run, f"PYTHON={broken}", "3.12 or newer")
 
 
+def test_a_python_of_one_version_is_asked_for(bare_machine, tmp_path):
+    for minor in (12, 13):
+        real = tmp_path / "pyenv" / "versions" / f"3.{minor}.99" / "bin" / f"python3.{minor}"
+        add_program(real, f'exec "{sys.executable}" "$@"')
+    run = run_script("find_python.sh", "3.13", environment=bare_machine | {"PYTHON": "python3"})
+    assert run.stdout.strip() == str(real)
+
+
+def test_a_missing_interpreter_ends_the_making_of_wheels_at_once(bare_machine, tmp_path):
+    real = tmp_path / "pyenv" / "versions" / "3.12.99" / "bin" / "python3.12"
+    add_program(real, f'exec "{sys.executable}" "$@"')
+    run = run_script("make_wheels.sh", sys.executable, environment=bare_machine)
+    assert_one_line(run, "No CPython 3.13 found", "install python3.13", "pyenv install 3.13")
+    assert run.stdout == ""
+
+
 def test_no_compiler(bare_machine):
     run = run_script("find_compiler.sh", environment=bare_machine)
     assert_one_line(run, "No C++20 compiler", "install g++")
@@ -183,6 +210,109 @@ def test_no_cmake_or_an_old_one(bare_machine, tmp_path, version):
 def test_scripts_are_executable():
     programs = [*SCRIPTS.glob("*.sh"), SOURCE_TREE / ".ci" / "run"]
     assert all(os.access(path, os.X_OK) for path in programs)
+
+
+# --- The check of a wheel as a file
+
+BUILT = ("cubin_loader_native", "tqx_runtime")
+
+
+@pytest.fixture
+def wheel(tmp_path):
+    """Makes a wheel out of installed files; the content None is that of a built module."""
+
+    def make(tags="cp312-cp312-linux_x86_64", **changes):
+        files = {
+            str(path): path.read_binary()
+            for path in distribution().files
+            if path.suffix in (".py", ".pyi", ".typed")
+        }
+        module = Path(distribution().locate_file("korvex"))
+        library = next(module.glob("tqx_runtime.*.so")).read_bytes()
+        files |= {f"korvex/{n}.cpython-312-x86_64-linux-gnu.so": library for n in BUILT}
+        files["korvex/cubins/korvex_sm_90.cubin"] = b"kernels"
+        information = "korvex_tqx-3.4.8.dist-info"
+        files[f"{information}/METADATA"] = distribution().read_text("METADATA").encode()
+        files[f"{information}/WHEEL"] = (
+            b"Wheel-Version: 1.0\nRoot-Is-Purelib: false\nTag: cp312-cp312-linux_x86_64\n"
+        )
+        added = changes.pop("added", {})
+        files |= {name: library if data is None else data for name, data in added.items()}
+        record = [f"{name},sha256={digest(data)},{len(data)}" for name, data in files.items()]
+        files |= changes.pop("after_the_record", {})
+        record.append(f"{information}/RECORD,,")
+        files[f"{information}/RECORD"] = "\n".join(record).encode()
+        path = tmp_path / f"korvex_tqx-3.4.8-{tags}.whl"
+        with zipfile.ZipFile(path, "w") as archive:
+            for name, data in files.items():
+                archive.writestr(name, data)
+        return path
+
+    return make
+
+
+def digest(data: bytes) -> str:
+    return base64.urlsafe_b64encode(hashlib.sha256(data).digest()).rstrip(b"=").decode()
+
+
+def check_wheel(path: Path, *options) -> subprocess.CompletedProcess:
+    command = [sys.executable, SCRIPTS / "check_wheel.py", path, *options]
+    return subprocess.run(command, capture_output=True, text=True)
+
+
+@pytest.fixture
+def kernels(tmp_path):
+    folder = tmp_path / "kernels"
+    folder.mkdir()
+    (folder / "korvex_sm_90.cubin").write_bytes(b"kernels")
+    return folder
+
+
+def test_a_sound_wheel_passes(wheel, kernels):
+    run = check_wheel(wheel(), "--kernels", kernels)
+    assert run.returncode == 0 and "1 of them kernels; no fault" in run.stdout, run.stderr
+
+
+@pytest.mark.parametrize(
+    ("changes", "fault"),
+    [
+        ({"added": {"korvex/sum.cpp": b""}}, "korvex/sum.cpp: neither Python nor built"),
+        ({"added": {"tests/test.py": b""}}, "tests/test.py: not part of the package"),
+        (
+            {"added": {"korvex/tqx_runtime.cpython-313-x86_64-linux-gnu.so": None}},
+            "extension modules: ",
+        ),
+        (
+            {"after_the_record": {"korvex/__init__.py": b"import os"}},
+            "korvex/__init__.py is not the file that RECORD lists",
+        ),
+        ({"after_the_record": {"korvex/more.py": b""}}, "RECORD lists other files"),
+        ({"tags": "cp312-abi3-linux_x86_64"}, "tags cp312-abi3"),
+        ({"tags": "cp312-cp312-any"}, "platform any: x86-64 Linux expected"),
+        ({"tags": "cp312-cp312-manylinux_2_36_x86_64"}, "and the file another name"),
+        (
+            {"added": {"korvex/cubins/korvex_sm_90.cubin": b"other"}},
+            "korvex_sm_90.cubin: not as in",
+        ),
+        (
+            {"added": {"korvex_tqx-3.4.8.dist-info/METADATA": b"Name: other\nVersion: 3.4.8\n"}},
+            "METADATA: Name is other, and korvex-tqx in pyproject.toml",
+        ),
+    ],
+)
+def test_a_fault_of_a_wheel_is_told(wheel, kernels, changes, fault):
+    run = check_wheel(wheel(**changes), "--kernels", kernels)
+    assert run.returncode == 1 and fault in run.stderr
+
+
+def test_a_library_that_a_wheel_may_not_need_is_told(wheel):
+    """The interpreter's own modules link to more than ours may."""
+    import _ctypes
+
+    name = "korvex/tqx_runtime.cpython-312-x86_64-linux-gnu.so"
+    foreign = Path(_ctypes.__file__).read_bytes()
+    run = check_wheel(wheel(added={name: foreign}))
+    assert run.returncode == 1 and f"{name} needs libffi" in run.stderr
 
 
 # --- How a run ends

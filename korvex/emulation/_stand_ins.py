@@ -83,13 +83,20 @@ class Kernel:
     def function(
         self, grid: tuple[int, int, int], block: tuple[int, int, int], args: tuple[Any, ...]
     ) -> None:
-        """Run with the block that is given, and return when it is done; raises as `launch`."""
+        """Run with the block that is given, and return when it is done; raises as `launch`.
+
+        A kernel that has a block of its own takes no other: its threads share work by that number.
+        """
         self._run(grid, block, args)
 
     def _run(self, grid: Any, block: Any, arguments: Any) -> None:
         row = self._row
         check_extent(row.name, "grid", grid)
         check_extent(row.name, "block", block)
+        if row.form == "launch" and block != (row.block, 1, 1):
+            raise ValueError(f"{row.name}: block must be ({row.block}, 1, 1), not {block!r}")
+        if not isinstance(arguments, tuple):
+            raise TypeError(f"{row.name}: args must be a tuple, not {type(arguments).__name__}")
         check_arguments(row.name, row.parameters, arguments, DeviceArray)
         if 0 not in grid:
             kinds = (parameter.kind for parameter in row.parameters)

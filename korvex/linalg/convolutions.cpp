@@ -13,22 +13,18 @@ Object functional(Handle name) {
   return global(names().torch).get(names().nn).get(names().functional).get(name);
 }
 
-// torch.zeros(a, b, c, dtype=torch.float64, device=x.device)
-template <typename LastExtent>
-Object zero_stack(const Object& a, const Object& b, const LastExtent& c, const Object& x) {
-  const Object zeros = global(names().torch).get(names().zeros);
-  const Object last = c();
+// zeros(a, b, c, dtype=torch.float64, device=x.device); `zeros` is torch's, looked up before the
+// sizes were worked out.
+Object zero_stack(const Object& zeros, const Object& a, const Object& b, const Object& c,
+                  const Object& x) {
   const Object dtype = global(names().torch).get(names().float64);
   const Object device = x.get(names().device);
-  return zeros.call_with(names().dtype_device_keywords, a, b, last, dtype, device);
+  return zeros.call_with(names().dtype_device_keywords, a, b, c, dtype, device);
 }
 
-// tqx_matmul(a, b(), return_tqx=False)
-template <typename Second>
-Object product(const Object& a, const Second& b) {
-  const Object matmul = global(names().tqx_matmul);
-  const Object second = b();
-  return matmul.call_with(names().return_tqx_keyword, a, second, boolean(false));
+// matmul(a, b, return_tqx=False); `matmul` is tqx_matmul, looked up before the operands.
+Object collapsed_product(const Object& matmul, const Object& a, const Object& b) {
+  return matmul.call_with(names().return_tqx_keyword, a, b, boolean(false));
 }
 
 // size += 2 * padding
@@ -61,11 +57,13 @@ Object tqx_conv2d(const Arguments& arguments) {
   const Object unfold = functional(names().unfold);
   const Object x_col = unfold.call_with(names().stride_keyword, x, tuple(kh, kw), stride);
   const Object weight_mat = weight.method(names().view, out_channels, names().minus_one);
-  const Object output =
-      zero_stack(batch_size, out_channels, [&] { return multiply(h_out, w_out); }, x);
+  const Object zeros = global(names().torch).get(names().zeros);
+  const Object positions = multiply(h_out, w_out);
+  const Object output = zero_stack(zeros, batch_size, out_channels, positions, x);
   for_each(range_to(batch_size), [&](const Object& b) {
-    const Object member = product(weight_mat, [&] { return x_col.at(b); });
-    set_item(output, b, member);
+    const Object matmul = global(names().tqx_matmul);
+    const Object x_member = x_col.at(b);
+    set_item(output, b, collapsed_product(matmul, weight_mat, x_member));
   });
   return output.method(names().view, batch_size, out_channels, h_out, w_out);
 }
@@ -95,17 +93,12 @@ Object tqx_conv_transpose2d(const Arguments& arguments) {
   const Object zeros = global(names().torch).get(names().zeros);
   const Object rows = multiply(multiply(out_channels, kh), kw);
   const Object columns = multiply(h_in, w_in);
-  const Object dtype = global(names().torch).get(names().float64);
-  const Object device = x.get(names().device);
-  const Object output_col =
-      zeros.call_with(names().dtype_device_keywords, batch_size, rows, columns, dtype, device);
+  const Object output_col = zero_stack(zeros, batch_size, rows, columns, x);
   for_each(range_to(batch_size), [&](const Object& b) {
     const Object matmul = global(names().tqx_matmul);
     const Object transposed = weight_mat.method(names().t);
     const Object x_member = x_flat.at(b);
-    const Object member =
-        matmul.call_with(names().return_tqx_keyword, transposed, x_member, boolean(false));
-    set_item(output_col, b, member);
+    set_item(output_col, b, collapsed_product(matmul, transposed, x_member));
   });
   const Object fold = functional(names().fold);
   return fold.call_with(names().stride_padding_keywords, output_col, tuple(h_out, w_out),

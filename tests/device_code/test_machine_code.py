@@ -139,6 +139,15 @@ def test_ptx_holds_exactly_the_kernels_and_their_fused_operations(ptx):
 
 
 @pytest.mark.parametrize("ptx", PTX_FILES, ids=name)
+def test_ptx_of_single_block_kernels_leaves_them_all_registers(ptx):
+    """The compiler would else spare half of them for a second block of 1024 threads."""
+    heads = re.findall(r"\.entry (\w+)\(.*?\)([^{]*)\{", ptx.read_text(), re.DOTALL)
+    single_block = {kernel: head for kernel, head in heads if ".maxntid 1024" in head}
+    assert len(single_block) == 6
+    assert all(".minnctapersm 1\n" in head for head in single_block.values())
+
+
+@pytest.mark.parametrize("ptx", PTX_FILES, ids=name)
 def test_ptx_rounds_every_operation_as_written_and_calls_no_library(ptx):
     assert machine_code.ptx_problems(ptx.read_text()) == []
 

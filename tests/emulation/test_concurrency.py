@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """Threads, forked processes and interrupts around launches on the emulated device."""
 
+import ctypes
+import sys
 import threading
 import time
 
@@ -8,6 +10,9 @@ import device
 import pytest
 import torch
 from subprocess_run import run_python
+
+from korvex.emulation._library import HostLibrary
+from korvex.emulation._stand_ins import Kernel
 
 pytestmark = pytest.mark.skipif(
     not device.choose().emulated, reason="launches of the emulated device"
@@ -37,22 +42,61 @@ def test_bits_depend_neither_on_threads_nor_on_instructions():
     assert len(outputs) == 1 and "0x" in outputs.pop()
 
 
-def test_kernel_runs_without_the_interpreter_lock(module):
-    x = torch.ones(10_000_000, dtype=torch.float64, device="cuda")
-    span, moments = [], []
+class _Kernel:
+    """The sequential sum of ten million elements, ready to launch."""
+
+    def __init__(self, library):
+        runtime = device.choose().runtime
+        x = torch.ones(10_000_000, dtype=torch.float64, device="cuda")
+        out = torch.zeros(4, dtype=torch.float64, device="cuda")
+        self._kernel = Kernel(library, library.kernels["tqx_sum_seq_kernel"])
+        self._arguments = (runtime.cp.from_dlpack(x), runtime.cp.from_dlpack(out), x.numel())
+
+    def launch(self):
+        self._kernel.function((1, 1, 1), (1, 1, 1), self._arguments)
+
+
+@pytest.fixture
+def is_lock_never_taken_away():
+    """A thread gives the interpreter lock up by itself, or keeps it."""
+    before = sys.getswitchinterval()
+    sys.setswitchinterval(1e6)
+    yield
+    sys.setswitchinterval(before)
+
+
+def runs_beside(kernel, most_launches):
+    """Whether this thread is let in while another one is inside one of so many launches."""
+    is_inside = is_seen = False
 
     def launch():
-        span.append(time.perf_counter())
-        module.tqx_sum(x)
-        span.append(time.perf_counter())
+        nonlocal is_inside
+        for _ in range(most_launches):
+            is_inside = True
+            kernel.launch()
+            is_inside = False
+            if is_seen:
+                return
 
     thread = threading.Thread(target=launch)
     thread.start()
-    while thread.is_alive():
-        moments.append(time.perf_counter())
-        time.sleep(0.0005)
-    began, ended = span
-    assert sum(began < moment < ended for moment in moments) >= 3
+    while thread.is_alive() and not is_seen:
+        is_seen = is_inside
+        time.sleep(0)  # gives the lock up
+    thread.join()
+    return is_seen
+
+
+def test_kernel_runs_without_the_interpreter_lock(is_lock_never_taken_away):
+    assert runs_beside(_Kernel(HostLibrary("base", threads=1)), 2000)
+
+
+def test_a_kernel_that_kept_the_lock_would_be_noticed(is_lock_never_taken_away):
+    library = HostLibrary("base", threads=1)
+    keeping = ctypes.PyDLL(str(library.path))
+    keeping.korvex_host_launch.argtypes = library._functions.korvex_host_launch.argtypes
+    library._functions = keeping
+    assert not runs_beside(_Kernel(library), 5)
 
 
 def test_threads_of_a_program_compute_side_by_side(module):

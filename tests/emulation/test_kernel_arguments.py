@@ -8,6 +8,7 @@ import device
 import pytest
 import torch
 
+from korvex.emulation._library import HostLibrary
 from korvex.emulation._signature import Parameter, check_arguments, check_extent, parse
 
 pytestmark = pytest.mark.skipif(
@@ -190,6 +191,37 @@ def test_launch_needs_a_kernel_with_a_block_of_its_own(module):
     kernel = module._NATIVE_LOADER.get_kernel("tqx_sum_seq_kernel")
     with pytest.raises(TypeError, match="tqx_sum_seq_kernel has no block of its own"):
         kernel.launch(*arrays(module, zeros(1), zeros(4)), 1, grid=ONE)
+
+
+def test_kernel_with_a_block_of_its_own_takes_no_other(module):
+    """Every such kernel, before it looks at its arguments; so does the loader of a real device."""
+    loader = module._NATIVE_LOADER
+    rows = HostLibrary("base", threads=1).kernels.values()
+    own = [row for row in rows if row.form == "launch"]
+    assert 0 < len(own) < len(rows)
+    for row in own:
+        kernel = loader.get_kernel(row.name)
+        for block in [(row.block - 1, 1, 1), (row.block // 2, 2, 1), (32, 1, 1)]:
+            text = f"{row.name}: block must be ({row.block}, 1, 1), not {block}"
+            with pytest.raises(ValueError, match=f"^{re.escape(text)}$"):
+                kernel.function(ONE, block, ())
+        with pytest.raises(TypeError, match=f"^{row.name} takes .* but got 0$"):
+            kernel.function(ONE, (row.block, 1, 1), ())
+
+
+def test_function_and_launch_of_such_a_kernel_leave_the_same(module):
+    kernel = module._NATIVE_LOADER.get_kernel("tqx_sum_kernel")
+    x = torch.arange(1000.0, dtype=torch.float64, device="cuda") / 3
+    outputs = [(zeros(1), zeros(1)) for _ in range(2)]
+    kernel.launch(*arrays(module, x, *outputs[0]), 1000, grid=(4, 1, 1))
+    kernel.function((4, 1, 1), (256, 1, 1), (*arrays(module, x, *outputs[1]), 1000))
+    assert [v.item() for v in outputs[0]] == [v.item() for v in outputs[1]]
+
+
+def test_function_takes_its_arguments_as_a_tuple(module):
+    kernel = module._NATIVE_LOADER.get_kernel("tqx_sum_kernel")
+    with pytest.raises(TypeError, match="^tqx_sum_kernel: args must be a tuple, not list$"):
+        kernel.function(ONE, (256, 1, 1), [*arrays(module, zeros(1), zeros(1), zeros(1)), 1])
 
 
 def test_array_keeps_the_memory_of_its_tensor_alive(module):

@@ -188,7 +188,11 @@ def test_fork_between_import_and_first_loader_harms_nobody(run):
 
 
 def test_nothing_leaks(run):
-    """No reference and no memory of ours over many launches, good and refused ones."""
+    """No reference and no memory over many launches, good and refused ones.
+
+    The interpreter fills its own stores in the first rounds, and not in the same one in each of its
+    releases; a leak shows in every round.
+    """
     run(
         """
         import gc, sys
@@ -210,12 +214,15 @@ def test_nothing_leaks(run):
         def measure():
             gc.collect()
             return (sys.getallocatedblocks(), *map(sys.getrefcount, (x, out, count, kernel)))
-        for _ in range(300):
-            work()
-        before = measure()
-        for _ in range(600):
-            work()
-        after = measure()
-        assert abs(after[0] - before[0]) < 20 and after[1:] == before[1:], (before, after)
+        counts = [measure()]
+        for _ in range(6):
+            for _ in range(300):
+                work()
+            counts.append(measure())
+            before, after = counts[-2:]
+            if len(counts) > 2 and after[1:] == before[1:] and abs(after[0] - before[0]) < 3:
+                break
+        else:
+            raise AssertionError(counts)
         """
     )

@@ -5,7 +5,8 @@
 // Phases: each thread takes a run of neighbouring elements into a part of its own, in static
 // memory; the parts are joined two by two; one thread rounds. Parts are exact, or lie on a grid, so
 // the number of threads does not show. Only block 0 works, and any number of threads up to
-// kMostThreads may do.
+// kMostThreads may do. The kernels ask for one block on a multiprocessor: left to itself the
+// compiler halves the registers where two would fit, for a second block that is never there.
 #pragma once
 
 #include <new>
@@ -122,7 +123,7 @@ __device__ __forceinline__ void scan_segments(const BlockRunner& runner) {
 }  // namespace korvex::kernels
 
 // out_mean[0], out_var[0]: mean and variance of x, divisor n - 1, correctly rounded.
-extern "C" __global__ void __launch_bounds__(1024)
+extern "C" __global__ void __launch_bounds__(1024, 1)
     tqx_var_kernel(const double* x, double* out_mean, double* out_var, long long n) {
   using namespace korvex;
   using arithmetic::Moments;
@@ -140,7 +141,7 @@ extern "C" __global__ void __launch_bounds__(1024)
 }
 
 // out[0]: the Euclidean norm of x, correctly rounded.
-extern "C" __global__ void __launch_bounds__(1024)
+extern "C" __global__ void __launch_bounds__(1024, 1)
     tqx_norm_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
   using arithmetic::ExactProductSum;
@@ -158,7 +159,7 @@ extern "C" __global__ void __launch_bounds__(1024)
 }
 
 // out[0], out_err[0]: the product of x, and what is left of it, each correctly rounded.
-extern "C" __global__ void __launch_bounds__(1024)
+extern "C" __global__ void __launch_bounds__(1024, 1)
     tqx_prod_kernel(const double* x, double* out, double* out_err, long long n) {
   using namespace korvex;
   using arithmetic::FastProduct;
@@ -175,7 +176,7 @@ extern "C" __global__ void __launch_bounds__(1024)
 }
 
 // out[i], out_err[i]: the sum of x[0] to x[i], and what is left of it, each correctly rounded.
-extern "C" __global__ void __launch_bounds__(1024)
+extern "C" __global__ void __launch_bounds__(1024, 1)
     tqx_cumsum_kernel(const double* x, double* out, double* out_err, long long n) {
   using namespace korvex;
   using kernels::SegmentSum;
@@ -196,7 +197,7 @@ extern "C" __global__ void __launch_bounds__(1024)
 }
 
 // out[0]: log(exp(x[0]) + ... + exp(x[n - 1])), correctly rounded save where 1472 bits cannot tell.
-extern "C" __global__ void __launch_bounds__(1024)
+extern "C" __global__ void __launch_bounds__(1024, 1)
     tqx_logsumexp_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
   if (!kernels::is_in_first_block()) {

@@ -55,7 +55,7 @@ __device__ __noinline__ void find_root(int warps, std::int64_t n, double eps,
 
 // out[i]: x[i] / sqrt(mean of all x[j]^2 + eps), correctly rounded. One block; others leave at
 // once.
-extern "C" __global__ void __launch_bounds__(1024)
+extern "C" __global__ void __launch_bounds__(1024, 1)
     tqx_rms_norm_kernel(const double* x, double* out, long long n, double eps) {
   using namespace korvex;
   __shared__ alignas(arithmetic::InverseRoot) unsigned char memory[sizeof(kernels::RmsNormMemory)];

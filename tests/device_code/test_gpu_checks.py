@@ -1,0 +1,106 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The checks for a GPU, tried with host kernels in its place: they reach and judge every kernel."""
+
+import importlib
+import sys
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+SCRIPTS = Path(__file__).resolve().parents[2] / "scripts"
+
+
+@pytest.fixture(scope="module")
+def modules():
+    """The checks and the devices that they run on."""
+    sys.path.insert(0, str(SCRIPTS))
+    try:
+        return importlib.import_module("gpu_checks"), importlib.import_module("cuda_device")
+    finally:
+        sys.path.remove(str(SCRIPTS))
+
+
+@pytest.fixture(scope="module")
+def all_inputs(modules):
+    return modules[0].inputs()
+
+
+@pytest.fixture
+def checks(modules, all_inputs, monkeypatch):
+    """On inputs so short that all of them take a moment."""
+    small = {name: values[:400].copy() for name, values in all_inputs.items()}
+    monkeypatch.setattr(modules[0], "inputs", lambda: small)
+    monkeypatch.setattr(modules[0], "MATRICES", modules[0].MATRICES[:3])
+    return modules[0]
+
+
+@pytest.fixture
+def host(modules):
+    return modules[1].HostDevice("base")
+
+
+class Watched:
+    """A host device that notes the kernels it runs and spoils the results of one of them."""
+
+    def __init__(self, host, spoiled=None):
+        self._host, self._spoiled = host, spoiled
+        self.launched = set()
+        self._touched = ()  # by the last launch, if that was one of the spoiled kernel
+
+    def __getattr__(self, name):
+        return getattr(self._host, name)
+
+    def launch(self, name, grid, block, *arguments):
+        self.launched.add(name)
+        self._host.launch(name, grid, block, *arguments)
+        self._touched = arguments if name == self._spoiled else ()
+
+    def read(self, address, count):
+        """The last bit of every element is turned after a launch of the spoiled kernel."""
+        values = self._host.read(address, count)
+        if address in self._touched:
+            values.view(np.uint64)[:] ^= 1
+        return values
+
+
+COMPARISONS = ("sums", "elementwise", "dots", "matrices", "reductions")
+
+
+def launched_by(checks, host, *names):
+    device = Watched(host)
+    for name in names:
+        figures = checks.CHECKS[name](device, host)
+        assert figures["compared"] > 0 and figures["wrong"] == []
+    return device.launched
+
+
+def test_every_kernel_is_compared_with_the_host(checks, host):
+    assert launched_by(checks, host, *COMPARISONS) == set(host.kernels())
+
+
+@pytest.mark.parametrize("check", ["grids", "nan", "sanitizer"])
+def test_every_kernel_is_reached_by(checks, host, check):
+    """On several grids and blocks, with all kinds of NaN, under compute-sanitizer."""
+    assert launched_by(checks, host, check) == set(host.kernels())
+
+
+def test_there_are_several_shapes_for_every_kernel(checks, host):
+    for row in host.kernels().values():
+        shapes = checks.launch_shapes(row)
+        assert len(set(shapes)) == len(shapes) > 2
+        assert len({grid for grid, _ in shapes}) > 1 and len({block for _, block in shapes}) > 1
+
+
+def kernel_names():
+    from korvex.emulation._library import HostLibrary
+
+    return list(HostLibrary("base", threads=1).kernels)
+
+
+@pytest.mark.parametrize("kernel", kernel_names())
+def test_a_wrong_bit_of_any_kernel_is_noticed(checks, host, kernel):
+    figures = checks.check_sanitizer(Watched(host, spoiled=kernel), host)
+    told = " ".join(figures["wrong"])
+    others = set(kernel_names()) - {kernel}
+    assert figures["wrong"] and not any(f"{name}, " in told for name in others)
