@@ -92,8 +92,8 @@ def where(records: Records) -> Lines:
     minutes = sum(part["seconds"] for part in record["parts"]) / 60
     processors = host["processors"]
     return [
-        f"All figures are of one run of `make figures` on {record['date'][:10]}, which took",
-        f"{minutes:.0f} minutes: {host['processor']}, {processors} processors, CPython",
+        f"All figures are of `make figures` on {record['date'][:10]}, whose parts took",
+        f"{minutes:.0f} minutes in all: {host['processor']}, {processors} processors, CPython",
         f"{versions['python']}, torch {versions['torch']}, NumPy {versions['numpy']}. The load",
         f"average reached {busy:.1f}; much above {processors}, other processes were at work, and",
         "only processor times are of use.",
