@@ -87,6 +87,13 @@ KORVEX_COLD inline Rounded round_to_subnormal(const ScaledPair& pair, double err
   return {scaled(kept, pair.exponent), distance < sub_rn(half_gap, slack)};
 }
 
+// RN(high + low) for a sum that is known but for `error`, unless a boundary lies within it.
+KORVEX_INLINE Rounded rounding_test(double high, double low, double error) {
+  const double lower = add_rn(high, sub_rn(low, error));
+  const double upper = add_rn(high, add_rn(low, error));
+  return {upper, lower == upper};
+}
+
 // RN((high + low) 2^exponent), for a pair in [1/4, 4) that is known with the relative error given.
 KORVEX_INLINE Rounded round_pair(const ScaledPair& pair, double relative_error) {
   const double error = mul_rn(pair.high, relative_error);
@@ -177,6 +184,16 @@ KORVEX_INLINE double exponential(double x) {
   if (magnitude < 0x1p-54) return 1.0;
   const Rounded fast = round_pair(exp_pair(x), kExpError);
   return fast.decided ? fast.value : accurate_exp(x);
+}
+
+// The fast phase alone, for those who try it first: undecided where the result may not be normal,
+// for NaN, and where the rounding test fails.
+KORVEX_INLINE Rounded try_exponential(double x) {
+  constexpr double kUsual = 708.0;
+  if ((to_bits(x) & ~kSignBit) >= to_bits(kUsual)) return {x, false};
+  const ScaledPair pair = exp_pair(x);
+  const Rounded sum = rounding_test(pair.high, pair.low, mul_rn(pair.high, kExpError));
+  return {mul_rn(sum.value, power_of_two(pair.exponent)), sum.decided};  // exact
 }
 
 }  // namespace korvex::arithmetic

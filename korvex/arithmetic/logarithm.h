@@ -120,10 +120,17 @@ KORVEX_INLINE double logarithm(double x) {
   if (!is_finite(x)) return x;
   if (x == 1.0) return 0.0;
   const ValueAndError y = log_pair(x);
-  const double error = mul_rn(y.value, kLogError);
-  const double lower = add_rn(y.value, sub_rn(y.error, error));
-  const double upper = add_rn(y.value, add_rn(y.error, error));
-  return lower == upper ? upper : accurate_log(x, upper);
+  const Rounded sum = rounding_test(y.value, y.error, mul_rn(y.value, kLogError));
+  return sum.decided ? sum.value : accurate_log(x, sum.value);
+}
+
+// The fast phase alone, for those who try it first: undecided for what is not a positive normal
+// number, and where the rounding test fails.
+KORVEX_INLINE Rounded try_logarithm(double x) {
+  constexpr std::uint64_t kLeastNormal = std::uint64_t{1} << kFractionBits;
+  if (to_bits(x) - kLeastNormal >= kInfinityBits - kLeastNormal) return {x, false};
+  const ValueAndError y = log_pair(x);
+  return rounding_test(y.value, y.error, mul_rn(y.value, kLogError));
 }
 
 }  // namespace korvex::arithmetic

@@ -31,6 +31,22 @@ void run_unary(const Arguments& arguments) {
                    arguments.threads(), [](double x) { return Function(x); });
 }
 
+template <double (*Function)(double)>
+__attribute__((noinline)) double out_of_line(double x) {
+  return Function(x);
+}
+
+// The same for a function whose first try decides nearly every element: what else it does would
+// crowd the loop.
+template <arithmetic::Rounded (*Try)(double), double (*Function)(double), class Arguments>
+void run_tried_unary(const Arguments& arguments) {
+  for_each_element(arguments.array(0), arguments.array(1), arguments.integer(2),
+                   arguments.threads(), [](double x) {
+                     const arithmetic::Rounded tried = Try(x);
+                     return tried.decided ? tried.value : out_of_line<Function>(x);
+                   });
+}
+
 // Arguments: x, negative_slope, out, n.
 template <class Arguments>
 void run_leaky_relu(const Arguments& arguments) {

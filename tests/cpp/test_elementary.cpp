@@ -149,6 +149,40 @@ void phases_agree() {
   }
 }
 
+// What a first try decides is what the whole function gives; it leaves few open, and all that is
+// not ordinary.
+void first_tries_agree() {
+  Random random(78);
+  int open = 0;
+  constexpr int kCount = 20000;
+  for (int i = 0; i < kCount; ++i) {
+    const double unit = static_cast<double>(random_bits(random) >> 11) * 0x1p-53;
+    const double argument = std::ldexp(unit - 0.5, random.below(70) - 58);
+    const double any = from_bits(random_bits(random));
+    for (const double x : {argument, any, std::ldexp(unit, -1060), 1.0 + argument * 0x1p-20}) {
+      const Rounded power = try_exponential(x);
+      if (power.decided) CHECK_SAME_BITS(power.value, exponential(x));
+      const Rounded log = try_logarithm(x);
+      if (log.decided) CHECK_SAME_BITS(log.value, logarithm(x));
+    }
+    if (!try_exponential(1400 * (unit - 0.5)).decided) ++open;
+    if (!try_logarithm(1e300 * unit).decided) ++open;
+  }
+  CHECK(open < kCount / 100);
+  const double borders[] = {708.0, 709.78,       709.79, 745.2,    746.0,
+                            kInf,  std::nan(""), 0.0,    0x1p-1074};
+  for (const double x : borders) {
+    for (const double signed_x : {x, -x}) {
+      const Rounded power = try_exponential(signed_x);
+      if (power.decided) CHECK_SAME_BITS(power.value, exponential(signed_x));
+      CHECK(power.decided == (x < 708.0));
+      const Rounded log = try_logarithm(signed_x);
+      if (log.decided) CHECK_SAME_BITS(log.value, logarithm(signed_x));
+      CHECK(log.decided == (signed_x >= 0x1p-1022 && signed_x < kInf));
+    }
+  }
+}
+
 void widths_agree() {
   Random random(77);
   for (int i = 0; i < 30; ++i) {
@@ -188,6 +222,7 @@ void test_elementary() {
   square_roots_are_cut_to_units();
   rounding_gives_back_doubles_and_finds_midpoints();
   phases_agree();
+  first_tries_agree();
   widths_agree();
   special_arguments();
 }
