@@ -128,19 +128,8 @@ def _traces():
 MAKES = {"uniform": golden.uniform, "wide": golden.wide, "integers": golden.integers}
 
 
-def collapsed(limbs):
-    """Limbs as one double, by the steps of a collapse on Python's own floats."""
-    result, carry = limbs[0], 0.0
-    for limb in limbs[1:]:
-        s = result + limb
-        v = s - result
-        carry = carry + ((result - (s - v)) + (limb - v))
-        result = s
-    return result + carry
-
-
 def rounded_limbs(values):
-    return collapsed(exact.sum_limbs(values, 4))
+    return exact.collapsed(exact.sum_limbs(values, 4))
 
 
 # ---- products ----
@@ -151,7 +140,7 @@ def element(a, b, i, j):
 
 
 def product(a, b):
-    return [[collapsed(element(a, b, i, j)) for j in range(len(b[0]))] for i in range(len(a))]
+    return [[exact.collapsed(element(a, b, i, j)) for j in range(len(b[0]))] for i in range(len(a))]
 
 
 def _products():
@@ -320,7 +309,7 @@ def _results():
     }
 
     def expected(*limbs):
-        return collapsed([limb[0] for limb in limbs])
+        return exact.collapsed([limb[0] for limb in limbs])
 
     yield from cases("TQXResult.item", limbs, expected, lambda m, *x: m.TQXResult([*x]).item())
     yield from cases("TQXResult.__float__", limbs, expected, lambda m, *x: float(m.TQXResult([*x])))

@@ -16,17 +16,6 @@ REFERENCE = "integers in units of 2**-2148, rounded by Python's division (exact_
 # ---- dot products ----
 
 
-def collapsed(limbs):
-    """Limbs as one double, by the steps of a collapse on Python's own floats."""
-    result, carry = limbs[0], 0.0
-    for limb in limbs[1:]:
-        s = result + limb
-        v = s - result
-        carry = carry + ((result - (s - v)) + (limb - v))
-        result = s
-    return result + carry
-
-
 def drawn(make, count, *options):
     return lambda: (make("x of a dot", count, *options), make("y of a dot", count, *options))
 
@@ -70,7 +59,7 @@ def _dots():
         yield Case(
             f"tqx_dot, {kind}",
             inputs,
-            lambda x, y: collapsed(exact.dot_limbs(x, y, 4)),
+            lambda x, y: exact.collapsed(exact.dot_limbs(x, y, 4)),
             lambda m, x, y: m.tqx_dot(x, y),
         )
         yield Case(
@@ -139,13 +128,17 @@ def _matrix_products():
         yield Case(
             f"tqx_matmul, {kind}",
             inputs,
-            lambda a, b: [collapsed(limbs) for limbs in zip(*product_limbs(a, b), strict=True)],
+            lambda a, b: [
+                exact.collapsed(limbs) for limbs in zip(*product_limbs(a, b), strict=True)
+            ],
             lambda m, a, b: m.tqx_matmul(a, b),
         )
         yield Case(
             f"tqx_bmm, {kind}",
             inputs,
-            lambda a, b: [collapsed(limbs) for limbs in zip(*product_limbs(a, b), strict=True)],
+            lambda a, b: [
+                exact.collapsed(limbs) for limbs in zip(*product_limbs(a, b), strict=True)
+            ],
             lambda m, a, b: m.tqx_bmm(a.unsqueeze(0), b.unsqueeze(0)),
         )
 

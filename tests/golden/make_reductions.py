@@ -16,17 +16,6 @@ REFERENCE = "integers in units of 2**-1074, rounded by Python's division (exact_
 # ---- sums ----
 
 
-def collapsed(limbs):
-    """Limbs as one double, by the steps of a collapse on Python's own floats."""
-    result, carry = limbs[0], 0.0
-    for limb in limbs[1:]:
-        s = result + limb
-        v = s - result
-        carry = carry + ((result - (s - v)) + (limb - v))
-        result = s
-    return result + carry
-
-
 def cancelling(seed, count):
     """Values of very different size whose sum is the last one alone."""
     values = golden.wide(seed, count, -900, 900)
@@ -69,7 +58,7 @@ def _sums():
         yield Case(
             f"tqx_sum, {kind}",
             lambda inputs=inputs: (inputs(),),
-            lambda values: collapsed(four(values)),
+            lambda values: exact.collapsed(four(values)),
             lambda m, x: m.tqx_sum(x),
         )
         yield Case(

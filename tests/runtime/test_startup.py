@@ -10,21 +10,10 @@ import textwrap
 import pytest
 from subprocess_run import run_python
 
-INSTALL_TEXT = (
-    "TQX requires cupy for exact GPU arithmetic. Install with:\n"
-    "  pip install korvex-tqx[cuda12]  # For CUDA 12\n"
-    "  pip install korvex-tqx[cuda11]  # For CUDA 11\n"
-    "\n"
-    "Or install cupy directly:\n"
-    "  pip install cupy-cuda12x  # For CUDA 12\n"
-    "  pip install cupy-cuda11x  # For CUDA 11"
-)
-
-PRELUDE = f"""
+PRELUDE = """
 import fake_siblings as fake
-from fake_siblings import ABSOLUTE, MODULE, RELATIVE, Loader
+from fake_siblings import ABSOLUTE, INSTALL_TEXT, MODULE, RELATIVE, Loader
 import importlib, importlib.util, sys
-INSTALL_TEXT = {INSTALL_TEXT!r}
 
 def is_install_error(error):
     return type(error) is ImportError and error.args == (INSTALL_TEXT,)

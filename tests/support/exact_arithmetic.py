@@ -132,3 +132,14 @@ def decimal_of_limbs(limbs):
     for limb in limbs:
         total = round_to_digits(total + stated_value(limb))
     return total
+
+
+def collapsed(limbs):
+    """Limbs as one double, by the steps of a collapse on Python's own floats."""
+    result, carry = limbs[0], 0.0
+    for limb in limbs[1:]:
+        s = result + limb
+        v = s - result
+        carry = carry + ((result - (s - v)) + (limb - v))
+        result = s
+    return result + carry

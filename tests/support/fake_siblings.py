@@ -13,6 +13,15 @@ import types
 MODULE = "korvex.tqx_runtime"
 RELATIVE = "korvex.cubin_loader_native"
 ABSOLUTE = "cubin_loader_native"
+INSTALL_TEXT = (
+    "TQX requires cupy for exact GPU arithmetic. Install with:\n"
+    "  pip install korvex-tqx[cuda12]  # For CUDA 12\n"
+    "  pip install korvex-tqx[cuda11]  # For CUDA 11\n"
+    "\n"
+    "Or install cupy directly:\n"
+    "  pip install cupy-cuda12x  # For CUDA 12\n"
+    "  pip install cupy-cuda11x  # For CUDA 11"
+)
 
 
 class Loader:

@@ -14,17 +14,7 @@ import os
 import sys
 import types
 
-from fake_siblings import ABSOLUTE, MODULE, RELATIVE, extension_file
-
-INSTALL_TEXT = (
-    "TQX requires cupy for exact GPU arithmetic. Install with:\n"
-    "  pip install korvex-tqx[cuda12]  # For CUDA 12\n"
-    "  pip install korvex-tqx[cuda11]  # For CUDA 11\n"
-    "\n"
-    "Or install cupy directly:\n"
-    "  pip install cupy-cuda12x  # For CUDA 12\n"
-    "  pip install cupy-cuda11x  # For CUDA 11"
-)
+from fake_siblings import ABSOLUTE, INSTALL_TEXT, MODULE, RELATIVE, extension_file
 
 RENDERING = """
 import torch
