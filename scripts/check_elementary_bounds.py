@@ -99,31 +99,36 @@ def exp_relative():
 # ---- expm1 ----
 
 
-def expm1_relative(least):
-    """For y >= least; `least` 0 takes the arguments without a reduction in."""
-    direct = ReducedExp(direct=True).relative if least == 0 else mpfr(0)
-    error = exp_pair_error() * 2 + 8 * U * U  # a table value below 2, and head.error
-    least = max(mpfr(least), gmpy2.const_log2() / 128 * (1 - mpfr(2) ** -30))
+def expm1_error_of_exp():
+    """Relative to exp(y); without a reduction the error is one of exp(y) - 1 < 1/128."""
     # exp(y) - 1 in the scale of the table, 2^-k: exp(y) / 2^k is at least the table value / 1.006.
-    return max(direct, error * gmpy2.exp(least) / gmpy2.expm1(least))
+    reduced = exp_pair_error() * 2 + 8 * U * U  # a table value below 2, and head.error
+    return max(reduced, ReducedExp(direct=True).relative / 128)
+
+
+def expm1_relative():
+    least = gmpy2.const_log2() / 128 * (1 - mpfr(2) ** -30)  # with a reduction
+    reduced = expm1_error_of_exp() * gmpy2.exp(least) / gmpy2.expm1(least)
+    return max(reduced, ReducedExp(direct=True).relative)
 
 
 # ---- log ----
 
 
-def log_relative():
+def log_errors():
+    """Absolute and relative."""
     entries = table("kLogTable")
-    worst = mpfr(0)
+    worst = mpfr(0), mpfr(0)
     for i, entry in enumerate(entries):
         halved = i >= int(re.search(r"kLogHalfFrom = (\d+)", TABLES)[1])
         low, high = (mpfr(1 + (i + end) / 256) / (2 if halved else 1) for end in (0, 1))
         for k in (0, *(2**p for p in range(11)), *(-(2**p) for p in range(11))):
-            worst = max(worst, _log_entry(entry, low, high, k))
+            worst = tuple(map(max, worst, _log_entry(entry, low, high, k)))
     return worst
 
 
 def _log_entry(entry, low, high, k):
-    """x = m 2^k' with k' from k to 2k and m from low to high."""
+    """Absolute and relative; x = m 2^k' with k' from k to 2k and m from low to high."""
     c, _, t_low = entry
     r = max(abs(low * c - 1), abs(high * c - 1))
     r_low = mpfr(0) if c == 1 else U * (1 + r)
@@ -142,7 +147,7 @@ def _log_entry(entry, low, high, k):
         + U * (cube + r_low + 2 * U * r)  # series.error + rest
     )
     if c == 1 and k == 0:
-        return series / (r * (1 - r))  # as in ReducedExp: a factor r^3 in each term
+        return series, series / (r * (1 - r))  # as in ReducedExp: a factor r^3 in each term
     count = 2 * abs(k)
     ln2_high, ln2_low = constant("kLn2High"), constant("kLn2Low")
     size = count * ln2_high + 1
@@ -156,7 +161,7 @@ def _log_entry(entry, low, high, k):
         + U * (U * size + table_low)
         + U * (U * size + table_low + cube + r_low + U * r)  # low
     )
-    return (series + others) / least
+    return series + others, (series + others) / least
 
 
 # ---- quotients ----
@@ -172,8 +177,17 @@ def sigmoid_relative():
     return exp_relative() * (1 + mpfr(2) ** -20) + quotient_relative() + 4 * U * U + mpfr(2) ** -118
 
 
-def tanh_relative(least):
-    return expm1_relative(least) * (1 + mpfr(2) ** -20) + quotient_relative() + 4 * U * U
+def tanh_relative():
+    return expm1_relative() * (1 + mpfr(2) ** -20) + quotient_relative() + 4 * U * U
+
+
+def tanh_absolute():
+    """tanh is e / (e + 2), which passes on an error of e with the factor 2 / (e + 2)^2.
+
+    That of e is one of e + 1, and 2 (e + 1) / (e + 2)^2 is at most 1/2.
+    """
+    passed_on = expm1_error_of_exp() / 2 * (1 + mpfr(2) ** -20)
+    return passed_on + quotient_relative() + 4 * U * U
 
 
 # ---- measuring ----
@@ -193,7 +207,19 @@ REFERENCES = {
 }
 
 
-def measured(probe, name, x, absolute=False):
+def relative(exact):
+    return abs(exact)
+
+
+def absolute(_):
+    return 1
+
+
+def of_exponential(expm1):
+    return expm1 + 1
+
+
+def measured(probe, name, x, size):
     rows = probe.pairs(name, x)
     worst = mpfr(0)
     with gmpy2.context(precision=240):
@@ -201,7 +227,7 @@ def measured(probe, name, x, absolute=False):
             exponent = 0 if name == "reduced_exp" else int(row[2])
             exact = REFERENCES[name](value, row)
             error = abs((mpfr(row[0]) + mpfr(row[1])) * mpfr(2) ** exponent - exact)
-            worst = max(worst, error if absolute else error / abs(exact))
+            worst = max(worst, error / size(exact))
     return worst
 
 
@@ -223,8 +249,9 @@ def samples(count):
         "expm1": np.concatenate([direct, uniform(0.0054, 0.06), uniform(0.0054, 1)]),
         "expm1 from 1": uniform(1, 39),
         "sigmoid": np.concatenate([uniform(-700, 38), uniform(-3, 3)]),
-        "tanh": np.concatenate([direct / 2, uniform(0.0027, 0.03), uniform(0.0027, 0.5)]),
-        "tanh from 1/2": uniform(0.5, 19),
+        "tanh": np.concatenate(
+            [direct / 2, uniform(0.0027, 0.03), uniform(0.0027, 0.5), uniform(0.5, 19)]
+        ),
     }
 
 
@@ -235,12 +262,13 @@ def main():
     gmpy2.set_context(CONTEXT)
     x, probe = samples(options.count), Probe()
 
-    def met(name, kind=None, absolute=False):
-        return measured(probe, name, x[kind or name], absolute)
+    def met(name, kind=None, size=relative):
+        return measured(probe, name, x[kind or name], size)
 
+    log_absolute, log_relative = log_errors()
     # Name, bound, claimed, used, measured; claims and uses are exponents of 2.
     rows = [
-        ("reduced_exp", ReducedExp(False).error, -74, 0, met("reduced_exp", "exp", True)),
+        ("reduced_exp", ReducedExp(False).error, -74, 0, met("reduced_exp", "exp", absolute)),
         (
             "reduced_exp, k = j = 0",
             ReducedExp(True).relative,
@@ -249,13 +277,20 @@ def main():
             met("reduced_exp", "direct"),
         ),
         ("exp_pair", exp_relative(), -73, -71, met("exp")),
-        ("log_pair", log_relative(), -67.5, -66, met("log")),
-        ("expm1_pair", expm1_relative(0), -65, 0, met("expm1")),
-        ("expm1_pair, y >= 1", expm1_relative(1), -72, 0, met("expm1", "expm1 from 1")),
+        ("log_pair", log_relative, -67.5, -66, met("log")),
+        ("log_pair, absolute", log_absolute, -75.5, -74, met("log", size=absolute)),
+        ("expm1_pair", expm1_relative(), -65, 0, met("expm1")),
+        (
+            "expm1_pair, of exp",
+            expm1_error_of_exp(),
+            -72.5,
+            0,
+            max(met("expm1", kind, of_exponential) for kind in ("expm1", "expm1 from 1")),
+        ),
         ("pair_quotient", quotient_relative(), -100, 0, mpfr(0)),
         ("sigmoid", sigmoid_relative(), -71, -69, met("sigmoid")),
-        ("tanh, x < 1/2", tanh_relative(0), -65, -64, met("tanh")),
-        ("tanh, x >= 1/2", tanh_relative(1), -71, -69, met("tanh", "tanh from 1/2")),
+        ("tanh", tanh_relative(), -65, -64, met("tanh")),
+        ("tanh, absolute", tanh_absolute(), -72.5, -71, met("tanh", size=absolute)),
     ]
     print("log2 of the error       computed  claimed  used    measured")
     failed = False

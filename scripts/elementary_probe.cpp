@@ -37,10 +37,10 @@ void log_phase(double x, double* out) { write(log_pair(x), out); }
 void expm1_phase(double x, double* out) { write(expm1_pair(x), out); }
 
 void sigmoid_phase(double x, double* out) {
-  const ScaledPair e = exp_pair(x < 0 ? x : -x);
-  const ValueAndError numerator = x > 0 ? ValueAndError{1.0, 0.0} : ValueAndError{e.high, e.low};
-  write(pair_quotient(numerator, one_plus(e)), out);
-  out[2] = x > 0 ? 0 : e.exponent;
+  const ScaledPair pair = sigmoid_pair(x);
+  out[0] = pair.high;
+  out[1] = pair.low;
+  out[2] = pair.exponent;
 }
 
 void tanh_phase(double x, double* out) {
@@ -53,15 +53,10 @@ constexpr Phase kPhases[] = {exp_phase,   reduced_exp_phase, log_phase,
                              expm1_phase, sigmoid_phase,     tanh_phase};
 
 bool is_decided(int function, double x) {
-  double pair[3];
-  kPhases[function](x, pair);
-  const ScaledPair scaled_pair{pair[0], pair[1], static_cast<int>(pair[2])};
-  if (function == 0) return round_pair(scaled_pair, kExpError).decided;
-  if (function == 4) return round_pair(scaled_pair, kSigmoidError).decided;
-  double bound = kLogError;
-  if (function == 5) bound = x < 0.5 ? kTanhSmallError : kTanhError;
-  const double error = pair[0] * bound;
-  return pair[0] + (pair[1] - error) == pair[0] + (pair[1] + error);
+  if (function == 0) return round_pair(exp_pair(x), kExpError).decided;
+  if (function == 2) return round_log(log_pair(x)).decided;
+  if (function == 4) return round_pair(sigmoid_pair(x), kSigmoidError).decided;
+  return function == 5 && fast_tanh(x).decided;
 }
 
 }  // namespace

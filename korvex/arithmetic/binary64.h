@@ -27,6 +27,9 @@ KORVEX_INLINE bool is_negative(double x) { return (to_bits(x) & kSignBit) != 0; 
 KORVEX_INLINE bool is_nan(double x) { return magnitude_bits(x) > kInfinityBits; }
 KORVEX_INLINE bool is_finite(double x) { return magnitude_bits(x) < kInfinityBits; }
 
+// Without its sign, NaN included.
+KORVEX_INLINE double absolute(double x) { return from_bits(magnitude_bits(x)); }
+
 // 0 for zero and subnormal numbers, 1 to 2046 for normal ones, 2047 for infinities and NaN.
 KORVEX_INLINE int exponent_field(double x) {
   return static_cast<int>(magnitude_bits(x) >> kFractionBits);
@@ -49,6 +52,36 @@ KORVEX_INLINE double power_of_two(int exponent) {
     return from_bits(std::uint64_t{1} << (exponent - kUnitExponent));  // NOLINT
   }
   return from_bits(static_cast<std::uint64_t>(exponent + kExponentBias) << kFractionBits);
+}
+
+// What code that is written for one double or for several needs beside arithmetic; here for one.
+// Companions: the types of its integers, and of what a comparison gives.
+template <class Real>
+struct Companions;
+template <>
+struct Companions<double> {
+  using Integer = int;
+  using Flag = bool;
+};
+
+// Precondition: x is an integer and fits.
+KORVEX_INLINE int to_integer(double x) { return static_cast<int>(x); }
+KORVEX_INLINE int to_integer(std::uint64_t bits) { return static_cast<int>(bits); }
+KORVEX_INLINE double to_real(int x) { return static_cast<double>(x); }
+// 2^(field - 1023) for a field from 1 to 2046, as bits.
+KORVEX_INLINE std::uint64_t exponent_bits(int field) {
+  return static_cast<std::uint64_t>(field) << kFractionBits;
+}
+KORVEX_INLINE int one_where(bool flag) { return flag ? 1 : 0; }
+KORVEX_INLINE bool both(bool a, bool b) { return a && b; }
+KORVEX_INLINE double selected(bool flag, double where, double elsewhere) {
+  return flag ? where : elsewhere;
+}
+KORVEX_INLINE int selected(bool flag, int where, int elsewhere) { return flag ? where : elsewhere; }
+KORVEX_INLINE double lesser(double a, double b) { return a < b ? a : b; }
+// magnitude, which has no sign, with that of x.
+KORVEX_INLINE double with_sign_of(double x, double magnitude) {
+  return from_bits(to_bits(magnitude) | (to_bits(x) & kSignBit));
 }
 
 }  // namespace korvex::arithmetic

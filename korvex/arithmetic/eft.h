@@ -11,32 +11,38 @@
 
 namespace korvex::arithmetic {
 
-struct ValueAndError {
-  double value;  // the rounded result
-  double error;  // exact result minus value
+// Real, here and wherever it is a parameter: a double, or several in the lanes of a register.
+template <class Real>
+struct ValueAndErrorOf {
+  Real value;  // the rounded result
+  Real error;  // exact result minus value
 };
+using ValueAndError = ValueAndErrorOf<double>;
 
 // Exact for all finite a and b whose sum does not overflow, subnormal ones included.
-KORVEX_INLINE ValueAndError two_sum(double a, double b) {
-  const double sum = add_rn(a, b);            // rounded
-  const double b_part = sub_rn(sum, a);       // what of b went into the sum
-  const double a_part = sub_rn(sum, b_part);  // what of a went into the sum
-  const double b_error = sub_rn(b, b_part);   // exact
-  const double a_error = sub_rn(a, a_part);   // exact
-  return {sum, add_rn(a_error, b_error)};     // exact
+template <class Real>
+KORVEX_INLINE ValueAndErrorOf<Real> two_sum(Real a, Real b) {
+  const Real sum = add_rn(a, b);            // rounded
+  const Real b_part = sub_rn(sum, a);       // what of b went into the sum
+  const Real a_part = sub_rn(sum, b_part);  // what of a went into the sum
+  const Real b_error = sub_rn(b, b_part);   // exact
+  const Real a_error = sub_rn(a, a_part);   // exact
+  return {sum, add_rn(a_error, b_error)};   // exact
 }
 
 // Exact under the condition of two_sum and: a == 0, or the exponent of a is at least that of b.
-KORVEX_INLINE ValueAndError fast_two_sum(double a, double b) {
-  const double sum = add_rn(a, b);       // rounded
-  const double b_part = sub_rn(sum, a);  // exact
-  return {sum, sub_rn(b, b_part)};       // exact
+template <class Real>
+KORVEX_INLINE ValueAndErrorOf<Real> fast_two_sum(Real a, Real b) {
+  const Real sum = add_rn(a, b);       // rounded
+  const Real b_part = sub_rn(sum, a);  // exact
+  return {sum, sub_rn(b, b_part)};     // exact
 }
 
 // Exact where the product does not overflow and either is 0 or has |a * b| >= 2^-969: then the
 // error, a multiple of 2^(exponent of a + exponent of b - 104), is a multiple of 2^-1074.
-KORVEX_INLINE ValueAndError two_product(double a, double b) {
-  const double product = mul_rn(a, b);       // rounded
+template <class Real>
+KORVEX_INLINE ValueAndErrorOf<Real> two_product(Real a, Real b) {
+  const Real product = mul_rn(a, b);         // rounded
   return {product, fma_rn(a, b, -product)};  // exact
 }
 

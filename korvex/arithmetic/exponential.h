@@ -13,62 +13,71 @@
 namespace korvex::arithmetic {
 
 // (high + low) * 2^exponent with high + low in [1, 2] or a little outside.
-struct ScaledPair {
-  double high;
-  double low;
-  int exponent;
+template <class Real>
+struct ScaledPairOf {
+  Real high;
+  Real low;
+  typename Companions<Real>::Integer exponent;
 };
+using ScaledPair = ScaledPairOf<double>;
 
 // exp(r) - 1 as high + low, for the reduced argument; |r| <= 0.00542.
+template <class Real>
 struct ReducedExp {
-  double high;
-  double low;
-  int table_index;  // j
-  int exponent;     // k
+  Real high;
+  Real low;
+  typename Companions<Real>::Integer table_index;  // j
+  typename Companions<Real>::Integer exponent;     // k
 };
+
+KORVEX_INLINE const PowerEntry& power_entry(int j) { return kPowerTable[j]; }
 
 // Precondition: |x| < 746. Error of high + low below 2^-74, and below 2^-67.5 of their sum where
 // k = j = 0.
-KORVEX_INLINE ReducedExp reduced_exp(double x) {
+template <class Real>
+KORVEX_INLINE ReducedExp<Real> reduced_exp(Real x) {
   constexpr double kRoundToInt = 0x1.8p+52;
-  const double shifted = add_rn(mul_rn(x, kExpEntriesPerLn2), kRoundToInt);
-  const double count = sub_rn(shifted, kRoundToInt);  // an integer below 2^17
-  const auto n = static_cast<int>(count);
-  const double first = sub_rn(x, mul_rn(count, kExpStepHigh));  // exact, twice
-  const ValueAndError second = two_product(count, kExpStepLow);
-  const ValueAndError r = two_sum(first, -second.value);
-  const double r_low = sub_rn(r.error, second.error);
-  const double rh = r.value;
+  const Real shifted = add_rn(mul_rn(x, kExpEntriesPerLn2), kRoundToInt);
+  const Real count = sub_rn(shifted, kRoundToInt);  // an integer below 2^17
+  const auto n = to_integer(count);
+  const Real first = sub_rn(x, mul_rn(count, kExpStepHigh));  // exact, twice
+  const auto second = two_product(count, Real(kExpStepLow));
+  const auto r = two_sum(first, -second.value);
+  const Real r_low = sub_rn(r.error, second.error);
+  const Real rh = r.value;
   // r^3 (1/6 + r/24 + r^2/120 + r^3/720 + r^4/5040 + r^5/40320); the first term left out is
   // below 2^-86.
-  double tail = fma_rn(rh, 0x1.a01a01a01a01ap-16, 0x1.a01a01a01a01ap-13);
+  Real tail = fma_rn(rh, 0x1.a01a01a01a01ap-16, 0x1.a01a01a01a01ap-13);
   tail = fma_rn(rh, tail, 0x1.6c16c16c16c17p-10);
   tail = fma_rn(rh, tail, 0x1.1111111111111p-7);
   tail = fma_rn(rh, tail, 0x1.5555555555555p-5);
   tail = fma_rn(rh, tail, 0x1.5555555555555p-3);
-  const ValueAndError square = two_product(rh, rh);
-  const double cube = mul_rn(square.value, rh);
-  const double low_part = fma_rn(r_low, rh, r_low);  // r_low (1 + r)
-  const double rest = add_rn(mul_rn(0.5, square.error), fma_rn(cube, tail, low_part));
-  const ValueAndError sum = fast_two_sum(rh, mul_rn(0.5, square.value));  // exact
+  const auto square = two_product(rh, rh);
+  const Real cube = mul_rn(square.value, rh);
+  const Real low_part = fma_rn(r_low, rh, r_low);  // r_low (1 + r)
+  const Real rest = add_rn(mul_rn(0.5, square.error), fma_rn(cube, tail, low_part));
+  const auto sum = fast_two_sum(rh, mul_rn(0.5, square.value));  // exact
   return {sum.value, add_rn(sum.error, rest), n & (kExpEntries - 1), n >> 6};
 }
 
 // Precondition: |x| < 746. Relative error below 2^-73.
-KORVEX_INLINE ScaledPair exp_pair(double x) {
-  const ReducedExp e = reduced_exp(x);
-  const PowerEntry& t = kPowerTable[e.table_index];
-  const ValueAndError product = two_product(t.high, e.high);
-  const double cross = fma_rn(t.high, e.low, fma_rn(t.low, e.high, product.error));
-  const ValueAndError sum = fast_two_sum(t.high, product.value);
-  const double low = add_rn(sum.error, add_rn(t.low, cross));
-  const ValueAndError result = fast_two_sum(sum.value, low);
+template <class Real>
+KORVEX_INLINE ScaledPairOf<Real> exp_pair(Real x) {
+  const ReducedExp<Real> e = reduced_exp(x);
+  const auto& t = power_entry(e.table_index);
+  const Real t_high = t.high;
+  const auto product = two_product(t_high, e.high);
+  const Real cross = fma_rn(t_high, e.low, fma_rn(t.low, e.high, product.error));
+  const auto sum = fast_two_sum(t_high, product.value);
+  const Real low = add_rn(sum.error, add_rn(t.low, cross));
+  const auto result = fast_two_sum(sum.value, low);
   return {result.value, result.error, e.exponent};
 }
 
 // value * 2^exponent for a value in [1/4, 4); exact where the result is normal.
-KORVEX_INLINE double scaled(double value, int exponent) {
-  const int half = exponent / 2;
+template <class Real>
+KORVEX_INLINE Real scaled(Real value, typename Companions<Real>::Integer exponent) {
+  const auto half = exponent >> 1;
   return mul_rn(mul_rn(value, power_of_two(half)), power_of_two(exponent - half));
 }
 
@@ -88,9 +97,10 @@ KORVEX_COLD inline Rounded round_to_subnormal(const ScaledPair& pair, double err
 }
 
 // RN(high + low) for a sum that is known but for `error`, unless a boundary lies within it.
-KORVEX_INLINE Rounded rounding_test(double high, double low, double error) {
-  const double lower = add_rn(high, sub_rn(low, error));
-  const double upper = add_rn(high, add_rn(low, error));
+template <class Real>
+KORVEX_INLINE RoundedOf<Real> rounding_test(Real high, Real low, Real error) {
+  const Real lower = add_rn(high, sub_rn(low, error));
+  const Real upper = add_rn(high, add_rn(low, error));
   return {upper, lower == upper};
 }
 
@@ -188,12 +198,14 @@ KORVEX_INLINE double exponential(double x) {
 
 // The fast phase alone, for those who try it first: undecided where the result may not be normal,
 // for NaN, and where the rounding test fails.
-KORVEX_INLINE Rounded try_exponential(double x) {
+template <class Real>
+KORVEX_INLINE RoundedOf<Real> try_exponential(Real x) {
   constexpr double kUsual = 708.0;
-  if ((to_bits(x) & ~kSignBit) >= to_bits(kUsual)) return {x, false};
-  const ScaledPair pair = exp_pair(x);
-  const Rounded sum = rounding_test(pair.high, pair.low, mul_rn(pair.high, kExpError));
-  return {mul_rn(sum.value, power_of_two(pair.exponent)), sum.decided};  // exact
+  const auto is_usual = absolute(x) < kUsual;
+  const auto pair = exp_pair(selected(is_usual, x, 0.0));
+  const auto sum = rounding_test(pair.high, pair.low, mul_rn(pair.high, kExpError));
+  const Real value = mul_rn(sum.value, power_of_two(pair.exponent));  // exact
+  return {value, both(is_usual, sum.decided)};
 }
 
 }  // namespace korvex::arithmetic

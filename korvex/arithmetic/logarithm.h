@@ -11,58 +11,68 @@
 namespace korvex::arithmetic {
 
 // x = m * 2^exponent with its table entry.
+template <class Real>
 struct LogArgument {
-  double m;
-  int exponent;
-  int entry;
+  Real m;
+  typename Companions<Real>::Integer exponent;
+  typename Companions<Real>::Integer entry;
 };
 
+KORVEX_INLINE const LogEntry& log_entry(int index) { return kLogTable[index]; }
+
+// Precondition: x is positive and normal.
+template <class Real>
+KORVEX_INLINE LogArgument<Real> normal_log_argument(Real x) {
+  const auto fraction = to_bits(x) & kFractionMask;
+  const auto entry = to_integer(fraction >> (kFractionBits - 8));
+  const auto halved = one_where(entry >= kLogHalfFrom);
+  const auto exponent = exponent_field(x) - kExponentBias + halved;
+  return {from_bits(fraction | exponent_bits(kExponentBias - halved)), exponent, entry};
+}
+
 // Precondition: x is positive and finite.
-KORVEX_INLINE LogArgument log_argument(double x) {
-  int exponent = 0;
-  if (exponent_field(x) == 0) {  // subnormal: exact scaling
-    x = mul_rn(x, 0x1p+54);
-    exponent = -54;
-  }
-  exponent += exponent_field(x) - kExponentBias;
-  const std::uint64_t fraction = to_bits(x) & kFractionMask;
-  const auto entry = static_cast<int>(fraction >> (kFractionBits - 8));
-  const bool halved = entry >= kLogHalfFrom;
-  const auto field = static_cast<std::uint64_t>(kExponentBias - (halved ? 1 : 0));
-  return {from_bits(fraction | (field << kFractionBits)), exponent + (halved ? 1 : 0), entry};
+KORVEX_INLINE LogArgument<double> log_argument(double x) {
+  const bool is_subnormal = exponent_field(x) == 0;
+  LogArgument<double> a = normal_log_argument(is_subnormal ? mul_rn(x, 0x1p+54) : x);  // exact
+  a.exponent -= is_subnormal ? 54 : 0;
+  return a;
 }
 
 // log1p(r) - r + r^2/2 for |r| < 2^-8; the first term left out, r^10/10, is below 2^-75 |r|.
-KORVEX_INLINE double log_tail(double r, double r_squared) {
-  double tail = fma_rn(r, 0x1.c71c71c71c71cp-4, -0x1p-3);  // r^9/9, r^8/8
-  tail = fma_rn(r, tail, 0x1.2492492492492p-3);            // r^7/7
-  tail = fma_rn(r, tail, -0x1.5555555555555p-3);           // r^6/6
-  tail = fma_rn(r, tail, 0x1.999999999999ap-3);            // r^5/5
-  tail = fma_rn(r, tail, -0x1p-2);                         // r^4/4
-  tail = fma_rn(r, tail, 0x1.5555555555555p-2);            // r^3/3
+template <class Real>
+KORVEX_INLINE Real log_tail(Real r, Real r_squared) {
+  Real tail = fma_rn(r, 0x1.c71c71c71c71cp-4, -0x1p-3);  // r^9/9, r^8/8
+  tail = fma_rn(r, tail, 0x1.2492492492492p-3);          // r^7/7
+  tail = fma_rn(r, tail, -0x1.5555555555555p-3);         // r^6/6
+  tail = fma_rn(r, tail, 0x1.999999999999ap-3);          // r^5/5
+  tail = fma_rn(r, tail, -0x1p-2);                       // r^4/4
+  tail = fma_rn(r, tail, 0x1.5555555555555p-2);          // r^3/3
   return mul_rn(mul_rn(r_squared, r), tail);
 }
 
-// Relative error below 2^-67.5. Precondition: x is positive and finite.
-KORVEX_INLINE ValueAndError log_pair(double x) {
-  const LogArgument a = log_argument(x);
-  const LogEntry& t = kLogTable[a.entry];
-  const ValueAndError product = two_product(a.m, t.reciprocal);
-  const double rh = sub_rn(product.value, 1.0);  // exact (Sterbenz)
-  const double rl = product.error;
-  const ValueAndError square = two_product(rh, rh);
-  const double tail = log_tail(rh, square.value);
+// Error below 2^-67.5 of the logarithm, and below 2^-75.5.
+template <class Real>
+KORVEX_INLINE ValueAndErrorOf<Real> log_pair(const LogArgument<Real>& a) {
+  const auto& t = log_entry(a.entry);
+  const auto product = two_product(a.m, Real(t.reciprocal));
+  const Real rh = sub_rn(product.value, 1.0);  // exact (Sterbenz)
+  const Real rl = product.error;
+  const auto square = two_product(rh, rh);
+  const Real tail = log_tail(rh, square.value);
   // rl (1 - r + r^2); r^3 rl, left out, is below 2^-77
-  const double cross = fma_rn(fma_rn(rh, rh, -rh), rl, rl);
-  const double rest = add_rn(fma_rn(-0.5, square.error, cross), tail);
-  const ValueAndError series = fast_two_sum(rh, mul_rn(-0.5, square.value));
-  const auto k = static_cast<double>(a.exponent);
-  const ValueAndError table = two_sum(mul_rn(k, kLn2High), t.high);
-  const double table_low = add_rn(table.error, fma_rn(k, kLn2Low, t.low));
-  const ValueAndError sum = two_sum(table.value, series.value);
-  const double low = add_rn(add_rn(sum.error, table_low), add_rn(series.error, rest));
+  const Real cross = fma_rn(fma_rn(rh, rh, -rh), rl, rl);
+  const Real rest = add_rn(fma_rn(-0.5, square.error, cross), tail);
+  const auto series = fast_two_sum(rh, mul_rn(-0.5, square.value));
+  const Real k = to_real(a.exponent);
+  const auto table = two_sum(mul_rn(k, kLn2High), Real(t.high));
+  const Real table_low = add_rn(table.error, fma_rn(k, kLn2Low, t.low));
+  const auto sum = two_sum(table.value, series.value);
+  const Real low = add_rn(add_rn(sum.error, table_low), add_rn(series.error, rest));
   return fast_two_sum(sum.value, low);
 }
+
+// Precondition: x is positive and finite.
+KORVEX_INLINE ValueAndError log_pair(double x) { return log_pair(log_argument(x)); }
 
 // A signed fixed-point number.
 template <int W>
@@ -110,7 +120,15 @@ KORVEX_COLD inline double accurate_log(double x, double y) {
   return sum.negative ? -value : value;
 }
 
-constexpr double kLogError = 0x1p-66;  // proved: 2^-67.5
+// Beside 1 the error is small relative to the logarithm, elsewhere it is smaller absolutely.
+constexpr double kLogError = 0x1p-66;          // proved: 2^-67.5
+constexpr double kLogAbsoluteError = 0x1p-74;  // proved: 2^-75.5
+
+template <class Real>
+KORVEX_INLINE RoundedOf<Real> round_log(const ValueAndErrorOf<Real>& y) {
+  const Real error = lesser(mul_rn(absolute(y.value), kLogError), kLogAbsoluteError);
+  return rounding_test(y.value, y.error, error);
+}
 
 // RN(log(x)) for every x.
 KORVEX_INLINE double logarithm(double x) {
@@ -119,18 +137,17 @@ KORVEX_INLINE double logarithm(double x) {
   if (is_negative(x)) return canonical_nan();
   if (!is_finite(x)) return x;
   if (x == 1.0) return 0.0;
-  const ValueAndError y = log_pair(x);
-  const Rounded sum = rounding_test(y.value, y.error, mul_rn(y.value, kLogError));
-  return sum.decided ? sum.value : accurate_log(x, sum.value);
+  const Rounded fast = round_log(log_pair(x));
+  return fast.decided ? fast.value : accurate_log(x, fast.value);
 }
 
 // The fast phase alone, for those who try it first: undecided for what is not a positive normal
 // number, and where the rounding test fails.
-KORVEX_INLINE Rounded try_logarithm(double x) {
-  constexpr std::uint64_t kLeastNormal = std::uint64_t{1} << kFractionBits;
-  if (to_bits(x) - kLeastNormal >= kInfinityBits - kLeastNormal) return {x, false};
-  const ValueAndError y = log_pair(x);
-  return rounding_test(y.value, y.error, mul_rn(y.value, kLogError));
+template <class Real>
+KORVEX_INLINE RoundedOf<Real> try_logarithm(Real x) {
+  const auto is_usual = both(x >= 0x1p-1022, x <= kLargest);
+  const auto sum = round_log(log_pair(normal_log_argument(selected(is_usual, x, 1.0))));
+  return {sum.value, both(is_usual, sum.decided)};
 }
 
 }  // namespace korvex::arithmetic

@@ -189,10 +189,12 @@ KORVEX_HD std::uint64_t bits_from(const Fixed<W>& a, int position) {
   return bits;
 }
 
-struct Rounded {
-  double value;
-  bool decided;  // whether the rounding is that of the exact value
+template <class Real>
+struct RoundedOf {
+  Real value;
+  typename Companions<Real>::Flag decided;  // whether the rounding is that of the exact value
 };
+using Rounded = RoundedOf<double>;
 
 // RN(a * 2^exponent), for a known to 2^uncertain_bits units on either side. Undecided where a
 // midpoint of two doubles lies that near. Precondition: a > 0, the result does not overflow.

@@ -85,8 +85,10 @@ constexpr Shell kShells[] = {
     {"tqx_log_kernel",
      run_tried_unary<arithmetic::try_logarithm, arithmetic::logarithm, Arguments>},
     {"tqx_sqrt_kernel", run_unary<arithmetic::square_root, Arguments>},
-    {"tqx_sigmoid_kernel", run_unary<arithmetic::sigmoid, Arguments>},
-    {"tqx_tanh_kernel", run_unary<arithmetic::hyperbolic_tangent, Arguments>},
+    {"tqx_sigmoid_kernel",
+     run_tried_unary<arithmetic::try_sigmoid, arithmetic::sigmoid, Arguments>},
+    {"tqx_tanh_kernel",
+     run_tried_unary<arithmetic::try_tanh, arithmetic::hyperbolic_tangent, Arguments>},
     {"tqx_leaky_relu_kernel", run_leaky_relu<Arguments>},
     {"tqx_rms_norm_kernel", run_rms_norm<Arguments>},
 };

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "korvex/arithmetic/host_doubles.h"
 #include "korvex/arithmetic/logarithm.h"
 #include "korvex/arithmetic/logistic.h"
 #include "korvex/arithmetic/unary.h"
@@ -36,15 +37,40 @@ __attribute__((noinline)) double out_of_line(double x) {
   return Function(x);
 }
 
-// The same for a function whose first try decides nearly every element: what else it does would
-// crowd the loop.
-template <arithmetic::Rounded (*Try)(double), double (*Function)(double), class Arguments>
+using arithmetic::HostReal;
+
+template <double (*Function)(double)>
+__attribute__((noinline)) void finish_undecided(HostReal x,
+                                                const arithmetic::RoundedOf<HostReal>& tried,
+                                                double* out) {
+  for (int i = 0; i < arithmetic::kHostReals; ++i) {
+    if (!arithmetic::lane(tried.decided, i)) out[i] = Function(arithmetic::lane(x, i));
+  }
+}
+
+// The same for a function whose first try decides nearly every element, many at once: what else it
+// does would crowd the loop.
+template <arithmetic::RoundedOf<HostReal> (*Try)(HostReal), double (*Function)(double),
+          class Arguments>
 void run_tried_unary(const Arguments& arguments) {
-  for_each_element(arguments.array(0), arguments.array(1), arguments.integer(2),
-                   arguments.threads(), [](double x) {
-                     const arithmetic::Rounded tried = Try(x);
-                     return tried.decided ? tried.value : out_of_line<Function>(x);
-                   });
+  const double* x = arguments.array(0);
+  double* out = arguments.array(1);
+  struct Nothing {};
+  for_each_slice<Nothing>(
+      arguments.integer(2), arguments.threads(),
+      [=](std::int64_t begin, std::int64_t end, Nothing&) {
+        std::int64_t i = begin;
+        for (; i + arithmetic::kHostReals <= end; i += arithmetic::kHostReals) {
+          const HostReal argument = arithmetic::load_real(x + i);
+          const auto tried = Try(argument);
+          arithmetic::store_real(out + i, tried.value);
+          if (!arithmetic::all(tried.decided)) {
+            finish_undecided<Function>(argument, tried, out + i);
+          }
+        }
+        for (; i < end; ++i) out[i] = out_of_line<Function>(x[i]);
+      },
+      [](const Nothing&) {});
 }
 
 // Arguments: x, negative_slope, out, n.

@@ -14,6 +14,7 @@ void test_dot();
 void test_matrix_product();
 void test_pairs();
 void test_elementary();
+void test_host_doubles();
 void test_reductions();
 
 }  // namespace korvex::test

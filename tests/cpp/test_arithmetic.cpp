@@ -14,6 +14,7 @@ int main() {
   korvex::test::test_matrix_product();
   korvex::test::test_pairs();
   korvex::test::test_elementary();
+  korvex::test::test_host_doubles();
   korvex::test::test_reductions();
   return korvex::test::Tally::all().finish();
 }

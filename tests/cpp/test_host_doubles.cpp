@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: Apache-2.0
+// Lanes of a host register against one double: the first tries of exp, log, sigmoid and tanh give
+// each lane what they give its argument alone, whatever stands in the other lanes.
+#include <cmath>
+#include <cstdint>
+#include <limits>
+
+#include "check.h"
+#include "korvex/arithmetic/host_doubles.h"
+#include "korvex/arithmetic/logarithm.h"
+#include "korvex/arithmetic/logistic.h"
+#include "random_data.h"
+#include "suites.h"
+
+namespace korvex::test {
+namespace {
+
+using namespace arithmetic;
+
+constexpr double kInf = std::numeric_limits<double>::infinity();
+
+constexpr double kUnusual[] = {
+    0.0,     -0.0,   kInf,   -kInf,    0x1p-1074, -0x1p-1074, 0x1p-1022, 0x1.fffffffffffffp-1023,
+    708.0,   -708.0, 709.79, -745.2,   1e300,     -1e300,     1.0,       -1.0,
+    0x1p-27, 38.0,   19.07,  -19.0625, 40.0,      0x1p-60,    kLargest,  -kLargest};
+
+double random_argument(Random& random) {
+  std::uint64_t bits = 0;
+  for (int i = 0; i < 8; ++i) bits = bits << 8 | static_cast<std::uint64_t>(random.below(256));
+  switch (random.below(5)) {
+    case 0:
+      return from_bits(bits);
+    case 1:
+      return kUnusual[random.below(static_cast<int>(sizeof kUnusual / sizeof kUnusual[0]))];
+    case 2:
+      return canonical_nan();
+    default:
+      return std::ldexp(static_cast<double>(bits >> 11) * 0x1p-53 - 0.25, random.below(40) - 28);
+  }
+}
+
+// As many as every register has lanes for, so that all builds check the same.
+constexpr int kGroup = 4;
+static_assert(kGroup % kHostReals == 0);
+
+struct Group {
+  double x[kGroup];
+  explicit Group(Random& random) {
+    for (double& value : x) value = random_argument(random);
+  }
+};
+
+template <class LanesTry, class Try>
+int decided_lanes(const Group& group, const LanesTry& lanes_try, const Try& try_one) {
+  int decided = 0;
+  for (int i = 0; i < kGroup; i += kHostReals) {
+    const RoundedOf<HostReal> lanes = lanes_try(load_real(group.x + i));
+    double stored[kHostReals];
+    store_real(stored, lanes.value);
+    bool all_decided = true;
+    for (int j = 0; j < kHostReals; ++j) {
+      const Rounded one = try_one(group.x[i + j]);
+      CHECK(lane(lanes.decided, j) == one.decided);
+      if (one.decided) CHECK_SAME_BITS(stored[j], one.value);
+      all_decided = all_decided && one.decided;
+      decided += one.decided ? 1 : 0;
+    }
+    CHECK(all(lanes.decided) == all_decided);
+  }
+  return decided;
+}
+
+void first_tries_agree_in_all_lanes() {
+  Random random(79);
+  constexpr int kRounds = 20000;
+  int decided[4] = {0, 0, 0, 0};
+  for (int round = 0; round < kRounds; ++round) {
+    const Group group(random);
+    decided[0] += decided_lanes(group, try_exponential<HostReal>, try_exponential<double>);
+    decided[1] += decided_lanes(group, try_logarithm<HostReal>, try_logarithm<double>);
+    decided[2] += decided_lanes(group, try_sigmoid<HostReal>, try_sigmoid<double>);
+    decided[3] += decided_lanes(group, try_tanh<HostReal>, try_tanh<double>);
+  }
+  for (const int count : decided) {
+    CHECK(count > kRounds * kGroup / 4);
+    CHECK(count < kRounds * kGroup);
+  }
+}
+
+void operations_agree_in_all_lanes() {
+  Random random(80);
+  for (int round = 0; round < 5000; ++round) {
+    const Group left(random);
+    const Group right(random);
+    for (int i = 0; i < kGroup; i += kHostReals) {
+      const double* x = left.x + i;
+      const double* y = right.x + i;
+      const HostReal a = load_real(x);
+      const HostReal b = load_real(y);
+      const HostReal with_sign = with_sign_of(b, absolute(a));
+      const HostReal less = lesser(a, b);
+      const HostReal chosen = selected(a >= b, a, b);
+      const auto is_equal = a == b;
+      for (int j = 0; j < kHostReals; ++j) {
+        CHECK_SAME_BITS(lane(with_sign, j), std::copysign(x[j], y[j]));
+        CHECK_SAME_BITS(lane(less, j), x[j] < y[j] ? x[j] : y[j]);
+        CHECK_SAME_BITS(lane(chosen, j), x[j] >= y[j] ? x[j] : y[j]);
+        CHECK(lane(is_equal, j) == (x[j] == y[j]));
+      }
+    }
+  }
+}
+
+}  // namespace
+
+void test_host_doubles() {
+  first_tries_agree_in_all_lanes();
+  operations_agree_in_all_lanes();
+}
+
+}  // namespace korvex::test
