@@ -138,6 +138,7 @@ def threads(records: Records) -> Lines:
             f"{r['times_faster']:.2f}",
             f"{r['processors_had']:.2f}",
             f"{r['processor_time_grows_by']:.2f}",
+            f"{r['torch_times_faster']:.2f}" if "torch_times_faster" in r else "",
         ]
         for r in records["bench_threads"]["results"]
     ]
@@ -149,6 +150,7 @@ def threads(records: Records) -> Lines:
         "times faster",
         "processors had",
         "work grows by",
+        "torch's operation, times faster",
     ]
     return table(columns, rows)
 

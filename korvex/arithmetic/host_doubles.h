@@ -120,9 +120,7 @@ KORVEX_INLINE HostIntegers one_where(HostIntegerFlags flags) { return -flags.mas
 
 KORVEX_INLINE HostFlags both(HostFlags a, HostFlags b) { return {a.mask & b.mask}; }
 KORVEX_INLINE bool all(HostFlags flags) { return _mm256_movemask_epi8(flags.mask) == -1; }
-KORVEX_INLINE bool all(bool flag) { return flag; }
 KORVEX_INLINE bool lane(HostFlags flags, int index) { return flags.mask[index] != 0; }
-KORVEX_INLINE bool lane(bool flag, int) { return flag; }
 
 KORVEX_INLINE HostDoubles selected(HostFlags flags, HostDoubles where, HostDoubles elsewhere) {
   return _mm256_blendv_pd(elsewhere.value, where.value, reinterpret_cast<__m256d>(flags.mask));
@@ -184,6 +182,7 @@ KORVEX_INLINE HostReal load_real(const double* x) { return *x; }
 KORVEX_INLINE void store_real(double* out, HostReal x) { *out = x; }
 KORVEX_INLINE double lane(HostReal x, int) { return x; }
 KORVEX_INLINE bool all(bool flag) { return flag; }
+KORVEX_INLINE bool lane(bool flag, int) { return flag; }
 
 #endif
 
