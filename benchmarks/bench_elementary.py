@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """What correctly rounded exp, log, sqrt, sigmoid and tanh cost on the host, and who misrounds.
 
-The kernels of both host libraries against torch, NumPy and mpmath (53 bits), in turns, on one
+The kernels of all host libraries against torch, NumPy and mpmath (53 bits), in turns, on one
 thread; with the share of inputs that need the accurate phase, and of results that each candidate
 rounds wrongly, judged by MPFR.
 """
@@ -15,7 +15,7 @@ import numpy as np
 import torch
 from common import RESULTS_FOLDER, measure, print_table, print_targets, write_results
 
-from korvex.emulation._library import INSTRUCTION_SETS, HostLibrary, best_instruction_set
+from korvex.emulation._library import HostLibrary, best_instruction_set, usable_instruction_sets
 
 ROOT = Path(__file__).resolve().parents[1]
 sys.path += [str(ROOT / "tests" / "support"), str(ROOT / "scripts")]
@@ -66,11 +66,10 @@ def kernel_call(instruction_set, name, x):
 
 
 def candidates_of(name, x):
-    best = INSTRUCTION_SETS.index(best_instruction_set())
     tensor = torch.from_numpy(x)
     candidates = {
         f"tqx_{name}_kernel, {chosen}": kernel_call(chosen, name, x)
-        for chosen in reversed(INSTRUCTION_SETS[: best + 1])
+        for chosen in reversed(usable_instruction_sets())
     }
     candidates["torch"] = lambda: getattr(torch, name)(tensor).numpy()
     candidates["NumPy"] = lambda: numpy_function(name)(x)

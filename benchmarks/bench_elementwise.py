@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """What keeping the error of a sum, product or quotient costs on the emulated device.
 
-The kernels of both host libraries, called straight, and the functions of the module stand against
+The kernels of all host libraries, called straight, and the functions of the module stand against
 torch's operation, which keeps no error, and against value and error worked out in torch operations.
 All results are compared bit by bit before anything is timed.
 """
@@ -17,7 +17,7 @@ import torch
 from common import RESULTS_FOLDER, Timing, measure, print_table, write_results
 
 from korvex import emulation
-from korvex.emulation._library import INSTRUCTION_SETS, HostLibrary, best_instruction_set
+from korvex.emulation._library import HostLibrary, usable_instruction_sets
 
 SEED = 19711971
 ONE = (1, 1, 1)
@@ -67,12 +67,11 @@ def module_call(name: str, x: torch.Tensor, y: torch.Tensor, return_tqx: bool) -
 
 def candidates_of(name: str, x: torch.Tensor, y: torch.Tensor) -> Candidates:
     operation, plain_pair = OPERATIONS[name]
-    best = best_instruction_set()
     candidates: Candidates = {
         f"torch.{operation.__name__}": lambda: operation(x, y),
         f"{name}, error in torch operations": lambda: plain_pair(x, y),
     }
-    for instruction_set in INSTRUCTION_SETS[: INSTRUCTION_SETS.index(best) + 1]:
+    for instruction_set in usable_instruction_sets():
         library = HostLibrary(instruction_set, THREADS)
         candidates[f"{name}_kernel, {instruction_set}"] = kernel_call(library, name, x, y)
     candidates[f"{name}(x, y)"] = module_call(name, x, y, False)

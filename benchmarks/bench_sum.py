@@ -25,7 +25,7 @@ from common import (
 )
 
 from korvex import emulation
-from korvex.emulation._library import INSTRUCTION_SETS, HostLibrary, best_instruction_set
+from korvex.emulation._library import HostLibrary, best_instruction_set, usable_instruction_sets
 
 SEED = 20130501
 ONE = (1, 1, 1)
@@ -102,7 +102,7 @@ def exact_candidates(values: np.ndarray) -> Candidates:
     """By name; the one-thread kernel, and the parallel one on one thread and on several."""
     candidates: Candidates = {}
     best = best_instruction_set()
-    for instruction_set in INSTRUCTION_SETS[: INSTRUCTION_SETS.index(best) + 1]:
+    for instruction_set in usable_instruction_sets():
         library = HostLibrary(instruction_set, 1)
         for name, threads in [
             ("tqx_sum_seq_kernel", 1),

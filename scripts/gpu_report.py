@@ -87,7 +87,7 @@ def verify_stage(options: argparse.Namespace) -> Stage:
     if options.dry_run:
         arguments = ["--only", "base-all", "--results", str(BUILD)]
     else:
-        arguments = ["--long", "--need", "gpu", "--only", "gpu", "base-all", "fma-all"]
+        arguments = ["--long", "--need", "gpu", "--only", "gpu", "base-all", "avx512-all"]
         arguments += ["--results", str(options.results)] if options.has_results else ["--record"]
     return Stage("verify", script("scripts/verify.py", *arguments), 120, read=last_line)
 

@@ -11,6 +11,7 @@ from pathlib import Path
 SOURCE_TREE = Path(__file__).resolve().parent.parent
 BUILD = SOURCE_TREE / "build" / "verify"
 LEVELS = ("O0", "O2")
+KERNELS = {"base": "without FMA", "fma": "with FMA", "avx512": "with AVX-512"}
 ALL_THREADS = len(os.sched_getaffinity(0))
 
 
@@ -25,7 +26,7 @@ class Configuration:
 
 
 def installed(instruction_set: str, threads: int, name: str) -> Configuration:
-    kernels = "with FMA" if instruction_set == "fma" else "without FMA"
+    kernels = KERNELS[instruction_set]
     counted = "1 thread" if threads == 1 else f"all {threads} threads"
     arguments = ["emulated", "--instruction-set", instruction_set, "--threads", str(threads)]
     # One of them leaves out torch's vector instructions as well.
@@ -41,7 +42,7 @@ def installed(instruction_set: str, threads: int, name: str) -> Configuration:
 
 
 def compiled(instruction_set: str, level: str) -> Configuration:
-    kernels = "with FMA" if instruction_set == "fma" else "without FMA"
+    kernels = KERNELS[instruction_set]
     library = library_of(instruction_set, level)
     return Configuration(
         f"{instruction_set}-{level}",
@@ -62,11 +63,10 @@ def given(library: Path) -> Configuration:
 
 
 def all_configurations() -> list[Configuration]:
-    sets = ("base", "fma")
     return [
-        *(installed(name, 1, f"{name}-1") for name in sets),
-        *(installed(name, ALL_THREADS, f"{name}-all") for name in sets),
-        *(compiled(name, level) for name in sets for level in LEVELS),
+        *(installed(name, 1, f"{name}-1") for name in KERNELS),
+        *(installed(name, ALL_THREADS, f"{name}-all") for name in KERNELS),
+        *(compiled(name, level) for name in KERNELS for level in LEVELS),
         Configuration("gpu", "GPU", ["gpu"]),
     ]
 

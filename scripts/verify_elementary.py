@@ -3,7 +3,7 @@
 """Holds exp, log, sqrt, sigmoid and tanh of the host kernels against MPFR, bit for bit.
 
 Random arguments of every kind, split over processes. Ends with status 1 if any result is not the
-correct rounding. Runs on the installed package, whose two libraries take turns.
+correct rounding. Runs on the installed package, whose libraries take turns.
 """
 
 import argparse
@@ -19,10 +19,10 @@ import numpy as np
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests" / "support"))
 import elementary_reference as reference
 
-from korvex.emulation._library import INSTRUCTION_SETS, HostLibrary, best_instruction_set
+from korvex.emulation._library import HostLibrary, usable_instruction_sets
 
 BATCH = 50_000
-USABLE = INSTRUCTION_SETS[: INSTRUCTION_SETS.index(best_instruction_set()) + 1]
+USABLE = usable_instruction_sets()
 
 
 def computed(name, arguments, instruction_set):

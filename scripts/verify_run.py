@@ -36,8 +36,8 @@ def emulated(options: argparse.Namespace) -> Any:
     wanted = options.instruction_set
     if options.library is not None:
         wanted = _library.instruction_set_of(options.library)
-    if wanted == "fma" and _library.best_instruction_set() != "fma":
-        raise Absent("the processor has no FMA and AVX2 instructions")
+    if wanted is not None and (reason := _library.why_unusable(wanted)):
+        raise Absent(reason)
     device = korvex.emulation.activate(options.threads, wanted, options.library)
 
     import torch

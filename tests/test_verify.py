@@ -170,7 +170,7 @@ def test_status(outcomes, good):
 def test_configurations_are_those_the_page_names():
     text = verify_report.PAGE.read_text()
     names = [one.name for one in verify_configurations.all_configurations()]
-    assert len(names) == 9 and all(f"`{name}`" in text for name in names)
+    assert len(names) == 13 and all(f"`{name}`" in text for name in names)
 
 
 def test_reports_are_of_trees_without_changes_and_of_the_long_form():

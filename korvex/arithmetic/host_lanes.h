@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Lanes of the host's vector registers, for host code only: two doubles in plain x86-64, four where
-// the compiler may use AVX2. Same members as ScalarLanes; same results.
+// the compiler may use AVX2, eight with AVX-512. Same members as ScalarLanes; same results.
 #pragma once
 
 #ifdef __FMA__
@@ -16,7 +16,9 @@
 namespace korvex::arithmetic {
 
 struct HostLanes {
-#ifdef __AVX2__
+#if defined(__AVX512F__)
+  static constexpr int kCount = 8;
+#elif defined(__AVX2__)
   static constexpr int kCount = 4;
 #else
   static constexpr int kCount = 2;
@@ -45,7 +47,9 @@ struct HostLanes {
     return result;
   }
   static inline Value error_of_product(Value x, Value y, Value product) {
-#if defined(__FMA__) && defined(__AVX2__)
+#if defined(__AVX512F__)
+    return _mm512_fmsub_pd(x, y, product);
+#elif defined(__FMA__) && defined(__AVX2__)
     return _mm256_fmsub_pd(x, y, product);
 #else
     return split_product_error(x, y, product);

@@ -39,9 +39,10 @@ def activate(
     threads : int, optional
         How many host threads one kernel may use, at least 1; the processors that this process may
         run on if not given. Results have the same bits for every number.
-    instruction_set : {"base", "fma"}, optional
-        Which build of the kernels to use: plain x86-64, or with FMA and AVX2 instructions. The
-        faster one that the processor can run if not given. Results have the same bits with both.
+    instruction_set : {"base", "fma", "avx512"}, optional
+        Which build of the kernels to use: plain x86-64, with FMA and AVX2 instructions, or with
+        AVX-512 (F, DQ and VL) as well. The fastest one that the processor can run if not given.
+        Results have the same bits with all.
     library : path, optional
         A file of kernels built from the same sources in another way, in place of those beside this
         package; it says itself which instruction set it is for.

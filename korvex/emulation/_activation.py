@@ -43,7 +43,7 @@ class EmulatedDevice:
 
     @property
     def instruction_set(self) -> str:
-        """Which build of the kernels runs: "base" or "fma"."""
+        """Which build of the kernels runs: "base", "fma" or "avx512"."""
         return self._library.instruction_set
 
     @property
@@ -70,7 +70,8 @@ def activate(
     if threads is not None and threads < 1:
         raise ValueError(f"threads must be at least 1, not {threads}")
     if instruction_set not in (None, *_library.INSTRUCTION_SETS):
-        known = " or ".join(map(repr, _library.INSTRUCTION_SETS))
+        *others, last = map(repr, _library.INSTRUCTION_SETS)
+        known = f"{', '.join(others)} or {last}"
         raise ValueError(f"instruction_set must be {known}, not {instruction_set!r}")
     if library is not None:
         library = library.resolve()
@@ -101,14 +102,13 @@ def _activate_first(
         )
     if torch.cuda.is_initialized():
         raise RuntimeError("this process already uses a real CUDA device")
-    best = _library.best_instruction_set()
-    if path is not None and instruction_set is None:
-        instruction_set = _library.instruction_set_of(path)
-    if instruction_set == "fma" and best != "fma":
-        raise RuntimeError("this processor has no FMA and AVX2 instructions")
-    library = _library.HostLibrary(
-        instruction_set or best, threads or _library.default_threads(), path
-    )
+    if instruction_set is None:
+        instruction_set = (
+            _library.best_instruction_set() if path is None else _library.instruction_set_of(path)
+        )
+    if reason := _library.why_unusable(instruction_set):
+        raise RuntimeError(reason)
+    library = _library.HostLibrary(instruction_set, threads or _library.default_threads(), path)
     device = EmulatedDevice(library)
     patches = Patches()
     try:

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The kernels compiled for the host: one of two shared libraries beside this package."""
+"""The kernels compiled for the host: one of the shared libraries beside this package."""
 
 from __future__ import annotations
 
@@ -11,7 +11,9 @@ from typing import Any, NamedTuple
 
 from korvex.emulation._signature import Parameter, parse
 
-INSTRUCTION_SETS = ("base", "fma")
+# A processor that can run one can run those before it.
+INSTRUCTION_SETS = ("base", "fma", "avx512")
+_NEEDED = {"fma": "FMA and AVX2", "avx512": "AVX-512 (F, DQ and VL)"}
 
 _Extent = ctypes.c_uint * 3
 
@@ -31,7 +33,7 @@ class HostLibrary:
 
     Parameters
     ----------
-    instruction_set : {"base", "fma"}
+    instruction_set : {"base", "fma", "avx512"}
     threads : int
         Host threads that one kernel may use; may be changed between launches.
     path : Path, optional
@@ -81,7 +83,19 @@ class HostLibrary:
 
 def best_instruction_set() -> str:
     """Return the one with the fastest kernels that this processor can run."""
-    return INSTRUCTION_SETS[_load(_path("base"), "base").korvex_host_cpu_has_fma()]
+    return _load(_path("base"), "base").korvex_host_best_instruction_set().decode()
+
+
+def usable_instruction_sets() -> tuple[str, ...]:
+    """Return those that this processor can run, the fastest last."""
+    return INSTRUCTION_SETS[: INSTRUCTION_SETS.index(best_instruction_set()) + 1]
+
+
+def why_unusable(instruction_set: str) -> str | None:
+    """Return why this processor cannot run the kernels for one, or None where it can."""
+    if instruction_set in usable_instruction_sets():
+        return None
+    return f"this processor has no {_NEEDED[instruction_set]} instructions"
 
 
 def default_threads() -> int:
@@ -111,6 +125,7 @@ def _load(path: Path, instruction_set: str) -> ctypes.CDLL:
     functions = _functions_of(path)
     for name in ("name", "form", "parameters"):
         getattr(functions, f"korvex_host_kernel_{name}").restype = ctypes.c_char_p
+    functions.korvex_host_best_instruction_set.restype = ctypes.c_char_p
     functions.korvex_host_kernel_block.restype = ctypes.c_uint
     functions.korvex_host_launch.argtypes = [
         ctypes.c_int,

@@ -154,14 +154,21 @@ int korvex_host_launch(int index, const unsigned grid[3], const unsigned block[3
 }
 
 const char* korvex_host_instruction_set(void) {
-#ifdef __FMA__
+#if defined(__AVX512F__)
+  return "avx512";
+#elif defined(__FMA__)
   return "fma";
 #else
   return "base";
 #endif
 }
 
-int korvex_host_cpu_has_fma(void) {
+const char* korvex_host_best_instruction_set(void) {
   __builtin_cpu_init();
-  return __builtin_cpu_supports("fma") && __builtin_cpu_supports("avx2") ? 1 : 0;
+  if (!__builtin_cpu_supports("fma") || !__builtin_cpu_supports("avx2")) {
+    return "base";
+  }
+  const bool has_avx512 = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
+                          __builtin_cpu_supports("avx512vl");
+  return has_avx512 ? "avx512" : "fma";
 }

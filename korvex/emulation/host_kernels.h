@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// C interface of the kernels compiled for the host; both libraries, base and fma, have it.
+// C interface of the kernels compiled for the host; the libraries for all
+// instruction sets have it.
 //
 // It follows the shape of the driver's launch: a kernel, a grid, a block and pointers to arguments.
 // Nothing is checked here: the caller holds the table of parameters and has checked by it. Each
@@ -26,11 +27,11 @@ KORVEX_HOST_API const char* korvex_host_kernel_parameters(int index);
 KORVEX_HOST_API int korvex_host_launch(int index, const unsigned grid[3], const unsigned block[3],
                                        void* const* args, int threads);
 
-// "base" or "fma": which of the two libraries this is.
+// "base", "fma" or "avx512": which of the libraries this is.
 KORVEX_HOST_API const char* korvex_host_instruction_set(void);
 
-// 1 where this processor and system can run the fma library, else 0. Ask the base library.
-KORVEX_HOST_API int korvex_host_cpu_has_fma(void);
+// The last of them that this processor and system can run. Ask the base library.
+KORVEX_HOST_API const char* korvex_host_best_instruction_set(void);
 
 #ifdef __cplusplus
 }

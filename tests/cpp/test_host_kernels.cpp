@@ -218,10 +218,32 @@ void pairs_are_those_of_the_bodies(const Library& library) {
   }
 }
 
+const char* best_instruction_set() {
+  if (!(__builtin_cpu_supports("fma") && __builtin_cpu_supports("avx2"))) {
+    return "base";
+  }
+  return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
+                 __builtin_cpu_supports("avx512vl")
+             ? "avx512"
+             : "fma";
+}
+
+// Each processor that has one has those before it.
+bool is_usable(const char* instruction_set) {
+  for (const char* known : {"base", "fma", "avx512"}) {
+    if (std::strcmp(instruction_set, known) == 0) {
+      return true;
+    }
+    if (std::strcmp(best_instruction_set(), known) == 0) {
+      return false;
+    }
+  }
+  return false;
+}
+
 int run(const char* path, const char* instruction_set) {
-  if (std::strcmp(instruction_set, "fma") == 0 &&
-      !(__builtin_cpu_supports("fma") && __builtin_cpu_supports("avx2"))) {
-    std::printf("this processor has no FMA or no AVX2: not run\n");
+  if (!is_usable(instruction_set)) {
+    std::printf("this processor has no such instructions: not run\n");
     return 77;
   }
   const Library library(path);
@@ -231,8 +253,8 @@ int run(const char* path, const char* instruction_set) {
   }
   CHECK(std::string(library.find<decltype(korvex_host_instruction_set)>(
             "korvex_host_instruction_set")()) == instruction_set);
-  CHECK((library.find<decltype(korvex_host_cpu_has_fma)>("korvex_host_cpu_has_fma")() == 1) ==
-        (__builtin_cpu_supports("fma") && __builtin_cpu_supports("avx2")));
+  CHECK(std::string(library.find<decltype(korvex_host_best_instruction_set)>(
+            "korvex_host_best_instruction_set")()) == best_instruction_set());
   rows_are_those_of_the_table(library);
   the_number_of_threads_does_not_show(library);
   a_grid_of_any_size_runs_once(library);

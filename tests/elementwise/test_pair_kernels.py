@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Value and error that the kernels of two operands write, bit for bit against rational arithmetic.
 
-On the device of the run, and straight in both libraries of the emulated one, by one thread and by
+On the device of the run, and straight in all libraries of the emulated one, by one thread and by
 several: all of them must write the same bits.
 """
 
@@ -19,11 +19,11 @@ from golden import SPECIAL, patterns, special_pairs, uniform, wide
 from hypothesis import example, given
 from hypothesis import strategies as st
 
-from korvex.emulation._library import INSTRUCTION_SETS, HostLibrary, best_instruction_set
+from korvex.emulation._library import HostLibrary, usable_instruction_sets
 
 KERNELS = sorted(PAIRS)
 SUMS = ("tqx_add_kernel", "tqx_sub_kernel")
-USABLE = INSTRUCTION_SETS[: INSTRUCTION_SETS.index(best_instruction_set()) + 1]
+USABLE = usable_instruction_sets()
 
 # ---- ways to run a kernel ----
 

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Normalisation by the root of the mean square, bit for bit against exact arithmetic.
 
-On the device of the run, and straight in both libraries of the emulated one, by one thread and by
+On the device of the run, and straight in all libraries of the emulated one, by one thread and by
 several.
 """
 
@@ -19,9 +19,9 @@ from golden import SPECIAL, patterns, uniform, wide
 from hypothesis import given
 from hypothesis import strategies as st
 
-from korvex.emulation._library import INSTRUCTION_SETS, HostLibrary, best_instruction_set
+from korvex.emulation._library import HostLibrary, usable_instruction_sets
 
-USABLE = INSTRUCTION_SETS[: INSTRUCTION_SETS.index(best_instruction_set()) + 1]
+USABLE = usable_instruction_sets()
 NAN = 0x7FF8000000000000
 
 

@@ -102,6 +102,7 @@ def test_library_told_is_the_one_that_is_loaded(activated):
     assert activated["path"] == activated["library"]
     assert activated["library"] in activated["mapped"]
     assert "host_kernels_fma" not in activated["mapped"]
+    assert "host_kernels_avx512" not in activated["mapped"]
 
 
 def test_device_is_told_in_one_line(activated):
@@ -155,6 +156,8 @@ def test_library_from_elsewhere_tells_its_own_instruction_set(tmp_path):
 def test_defaults_are_those_of_the_processor():
     flags = Path("/proc/cpuinfo").read_text().split()
     best = "fma" if {"fma", "avx2"} <= set(flags) else "base"
+    if best == "fma" and {"avx512f", "avx512dq", "avx512vl"} <= set(flags):
+        best = "avx512"
     run_python(f"""
         import korvex.emulation, os
         device = korvex.emulation.activate()
@@ -210,6 +213,7 @@ torch.cuda.is_initialized = is_initialized
 
 best, _library.best_instruction_set = _library.best_instruction_set, lambda: "base"
 try_it("processor", instruction_set="fma")
+try_it("old processor", instruction_set="avx512")
 _library.best_instruction_set = best
 
 path, _library._path = _library._path, lambda name: pathlib.Path("/nowhere/kernels.so")
@@ -229,7 +233,10 @@ tell(facts)
     "case, refusal",
     [
         ("threads", ("ValueError", "threads must be at least 1, not 0")),
-        ("instruction set", ("ValueError", "instruction_set must be 'base' or 'fma', not 'avx'")),
+        (
+            "instruction set",
+            ("ValueError", "instruction_set must be 'base', 'fma' or 'avx512', not 'avx'"),
+        ),
         (
             "after the runtime",
             (
@@ -240,6 +247,10 @@ tell(facts)
         ),
         ("beside a real device", ("RuntimeError", "this process already uses a real CUDA device")),
         ("processor", ("RuntimeError", "this processor has no FMA and AVX2 instructions")),
+        (
+            "old processor",
+            ("RuntimeError", "this processor has no AVX-512 (F, DQ and VL) instructions"),
+        ),
     ],
 )
 def test_activation_is_refused(case, refusal, refusals):

@@ -7,11 +7,11 @@ import random
 import numpy as np
 import pytest
 
-from korvex.emulation._library import INSTRUCTION_SETS, HostLibrary, best_instruction_set
+from korvex.emulation._library import HostLibrary, usable_instruction_sets
 
 ONE = (1, 1, 1)
 COUNT = 200_000  # three slices
-USABLE = INSTRUCTION_SETS[: INSTRUCTION_SETS.index(best_instruction_set()) + 1]
+USABLE = usable_instruction_sets()
 OUTPUTS = {
     "tqx_var_kernel": (1, 1),
     "tqx_norm_kernel": (1,),
