@@ -152,8 +152,8 @@ def main() -> None:
         default=10_000_000,
         help="elements of a sum; other kernels get fewer (10000000)",
     )
-    parser.add_argument("--repeats", type=int, default=21, help="timed rounds, at least (21)")
-    parser.add_argument("--patience", type=float, default=3.0, help="seconds a kernel (3)")
+    parser.add_argument("--repeats", type=int, default=61, help="timed rounds, at least (61)")
+    parser.add_argument("--patience", type=float, default=5.0, help="seconds a kernel (5)")
     parser.add_argument("--kernel", action="append", help="only this one; may be repeated")
     parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
     parser.add_argument("--output", type=Path, help="folder for the JSON file")

@@ -79,7 +79,10 @@ TIMES_ON_TWO_THREADS = 1.7  # as fast as on one, at least, for the parallel kern
 def threads_target(
     candidate: str, one: float, many: float, least: float = TIMES_ON_TWO_THREADS
 ) -> dict[str, Any]:
-    """What the second thread gains, from the times on one thread and on two."""
+    """What the second thread gains, from the least times on one thread and on two.
+
+    Only rounds in which the system left both processors to us tell what splitting costs.
+    """
     times = round(one / many, 2)
     return {
         "candidate": candidate,
