@@ -174,7 +174,7 @@ def quotient_relative():
 
 
 def sigmoid_relative():
-    return exp_relative() * (1 + mpfr(2) ** -20) + quotient_relative() + 4 * U * U + mpfr(2) ** -118
+    return exp_relative() * (1 + mpfr(2) ** -20) + quotient_relative() + 4 * U * U
 
 
 def tanh_relative():

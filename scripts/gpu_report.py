@@ -87,7 +87,8 @@ def verify_stage(options: argparse.Namespace) -> Stage:
     if options.dry_run:
         arguments = ["--only", "base-all", "--results", str(BUILD)]
     else:
-        arguments = ["--long", "--need", "gpu", "--only", "gpu", "base-all", "avx512-all"]
+        compared = ["gpu", "base-all", "fma-all", "avx512-all"]
+        arguments = ["--long", "--need", "gpu", "--only", *compared]
         arguments += ["--results", str(options.results)] if options.has_results else ["--record"]
     return Stage("verify", script("scripts/verify.py", *arguments), 120, read=last_line)
 

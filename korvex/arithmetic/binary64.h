@@ -45,13 +45,18 @@ KORVEX_INLINE std::uint64_t significand(double x) {
   return exponent_field(x) == 0 ? fraction : fraction | (kFractionMask + 1);
 }
 
+// 2^(field - 1023) for a field from 1 to 2046, as bits.
+KORVEX_INLINE std::uint64_t exponent_bits(int field) {
+  return static_cast<std::uint64_t>(field) << kFractionBits;
+}
+
 // 2^exponent, exact; precondition: kUnitExponent <= exponent <= 1023.
 KORVEX_INLINE double power_of_two(int exponent) {
   if (exponent < kMinExponent) {
     // The precondition keeps the shift from 0 to 51; the analyzer does not see it.
     return from_bits(std::uint64_t{1} << (exponent - kUnitExponent));  // NOLINT
   }
-  return from_bits(static_cast<std::uint64_t>(exponent + kExponentBias) << kFractionBits);
+  return from_bits(exponent_bits(exponent + kExponentBias));
 }
 
 // What code that is written for one double or for several needs beside arithmetic; here for one.
@@ -68,10 +73,6 @@ struct Companions<double> {
 KORVEX_INLINE int to_integer(double x) { return static_cast<int>(x); }
 KORVEX_INLINE int to_integer(std::uint64_t bits) { return static_cast<int>(bits); }
 KORVEX_INLINE double to_real(int x) { return static_cast<double>(x); }
-// 2^(field - 1023) for a field from 1 to 2046, as bits.
-KORVEX_INLINE std::uint64_t exponent_bits(int field) {
-  return static_cast<std::uint64_t>(field) << kFractionBits;
-}
 KORVEX_INLINE int one_where(bool flag) { return flag ? 1 : 0; }
 KORVEX_INLINE bool both(bool a, bool b) { return a && b; }
 KORVEX_INLINE double selected(bool flag, double where, double elsewhere) {

@@ -60,16 +60,30 @@ KORVEX_INLINE ReducedExp<Real> reduced_exp(Real x) {
   return {sum.value, add_rn(sum.error, rest), n & (kExpEntries - 1), n >> 6};
 }
 
+// 2^(j/64) exp(r) as head + growth + low, for the reduced argument.
+template <class Real>
+struct TablePower {
+  Real head;    // of 2^(j/64)
+  Real growth;  // of head * (exp(r) - 1)
+  Real low;
+};
+
+template <class Real>
+KORVEX_INLINE TablePower<Real> table_power(const ReducedExp<Real>& e) {
+  const auto& t = power_entry(e.table_index);
+  const Real head = t.high;
+  const auto product = two_product(head, e.high);
+  const Real cross = fma_rn(head, e.low, fma_rn(t.low, e.high, product.error));
+  return {head, product.value, add_rn(t.low, cross)};
+}
+
 // Precondition: |x| < 746. Relative error below 2^-73.
 template <class Real>
 KORVEX_INLINE ScaledPairOf<Real> exp_pair(Real x) {
   const ReducedExp<Real> e = reduced_exp(x);
-  const auto& t = power_entry(e.table_index);
-  const Real t_high = t.high;
-  const auto product = two_product(t_high, e.high);
-  const Real cross = fma_rn(t_high, e.low, fma_rn(t.low, e.high, product.error));
-  const auto sum = fast_two_sum(t_high, product.value);
-  const Real low = add_rn(sum.error, add_rn(t.low, cross));
+  const TablePower<Real> power = table_power(e);
+  const auto sum = fast_two_sum(power.head, power.growth);
+  const Real low = add_rn(sum.error, power.low);
   const auto result = fast_two_sum(sum.value, low);
   return {result.value, result.error, e.exponent};
 }

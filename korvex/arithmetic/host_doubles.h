@@ -111,9 +111,8 @@ KORVEX_INLINE HostFlags operator>=(HostDoubles a, HostDoubles b) { return b <= a
 KORVEX_INLINE HostFlags operator==(HostDoubles a, HostDoubles b) {
   return {reinterpret_cast<__m256i>(_mm256_cmp_pd(a.value, b.value, _CMP_EQ_OQ))};
 }
-// 1 where a >= b, else 0.
 struct HostIntegerFlags {
-  HostIntegers::Vector mask;
+  HostIntegers::Vector mask;  // a lane is -1 or 0
 };
 KORVEX_INLINE HostIntegerFlags operator>=(HostIntegers a, int b) { return {a.value >= b}; }
 KORVEX_INLINE HostIntegers one_where(HostIntegerFlags flags) { return -flags.mask; }

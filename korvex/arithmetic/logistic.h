@@ -106,14 +106,11 @@ KORVEX_COLD inline double widened_tanh(double x) {
 template <class Real>
 KORVEX_INLINE ValueAndErrorOf<Real> expm1_pair(Real y) {
   const ReducedExp<Real> e = reduced_exp(y);
-  const auto& t = power_entry(e.table_index);
-  const Real t_high = t.high;
-  const auto product = two_product(t_high, e.high);
-  const Real cross = fma_rn(t_high, e.low, fma_rn(t.low, e.high, product.error));
+  const TablePower<Real> power = table_power(e);
   const Real minus_one = -power_of_two(-e.exponent);  // in the scale of the table
-  const auto head = two_sum(t_high, minus_one);
-  const auto sum = two_sum(head.value, product.value);
-  const Real low = add_rn(add_rn(head.error, sum.error), add_rn(t.low, cross));
+  const auto head = two_sum(power.head, minus_one);
+  const auto sum = two_sum(head.value, power.growth);
+  const Real low = add_rn(add_rn(head.error, sum.error), power.low);
   const auto pair = fast_two_sum(sum.value, low);
   return {scaled(pair.value, e.exponent), scaled(pair.error, e.exponent)};
 }

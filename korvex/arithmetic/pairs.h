@@ -47,7 +47,7 @@ KORVEX_INLINE bool is_normal(double x) {
 // at most half of 2^-1074 and rounds to zero, and a quotient that is not finite leaves no rest.
 KORVEX_INLINE ValueAndError divide_pair(double x, double y) {
   const double quotient = div_rn(x, y);
-  const double magnitude = from_bits(magnitude_bits(x));
+  const double magnitude = absolute(x);
   const double scale = magnitude < kScaledDividends ? kDividendScale : 1.0;
   const double dividend = mul_rn(x, scale);                       // exact
   const double divisor = mul_rn(y, scale);                        // exact for a normal quotient
