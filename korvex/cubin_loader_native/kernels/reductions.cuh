@@ -5,15 +5,16 @@
 // Phases: each thread takes a run of neighbouring elements into a part of its own, in static
 // memory; the parts are joined two by two; one thread rounds. Parts are exact, or lie on a grid, so
 // the number of threads does not show. Only block 0 works, and any number of threads up to
-// kMostThreads may do. The kernels ask for one block on a multiprocessor: left to itself the
+// kMostThreads may do. A run starts at any element, at 8 bytes and not at 16, so it is read one
+// double at a time: a wider load there would fault. The kernels ask for one block on a multiprocessor: left to itself the
 // compiler halves the registers where two would fit, for a second block that is never there.
 #pragma once
 
 #include <new>
 
-#include "device_lanes.cuh"
 #include "device_thread.cuh"
 #include "korvex/arithmetic/element_product.h"
+#include "korvex/arithmetic/lanes.h"
 #include "korvex/arithmetic/log_sum_exp.h"
 #include "korvex/arithmetic/norm.h"
 #include "korvex/arithmetic/prefix_sums.h"
@@ -132,7 +133,7 @@ extern "C" __global__ void __launch_bounds__(1024, 1)
   }
   const kernels::BlockRunner runner(x, n);
   Moments& moments = runner.over<Moments>([](const double* run, std::int64_t count, Moments& part) {
-    part.add_elements<kernels::DeviceLanes>(run, count);
+    part.add_elements<arithmetic::ScalarLanes>(run, count);
   });
   if (runner.is_first()) {
     arithmetic::write_variance(moments, n, kernels::reduction_workspace.variance, out_mean,
@@ -151,7 +152,7 @@ extern "C" __global__ void __launch_bounds__(1024, 1)
   const kernels::BlockRunner runner(x, n);
   ExactProductSum& squares = runner.over<ExactProductSum>(
       [](const double* run, std::int64_t count, ExactProductSum& part) {
-        arithmetic::add_products<kernels::DeviceLanes>(run, run, count, part);
+        arithmetic::add_products<arithmetic::ScalarLanes>(run, run, count, part);
       });
   if (runner.is_first()) {
     arithmetic::write_norm(squares, kernels::reduction_workspace.norm, out);
@@ -185,7 +186,7 @@ extern "C" __global__ void __launch_bounds__(1024, 1)
   }
   const kernels::BlockRunner runner(x, n);
   SegmentSum& own = *new (&runner.own_part<SegmentSum>()) SegmentSum();
-  arithmetic::add_range<kernels::DeviceLanes>(x + runner.begin(), runner.size(), own.before);
+  arithmetic::add_range<arithmetic::ScalarLanes>(x + runner.begin(), runner.size(), own.before);
   runner.sync();
   if (runner.is_first()) {
     kernels::scan_segments(runner);

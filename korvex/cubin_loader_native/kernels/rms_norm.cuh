@@ -20,21 +20,31 @@ struct RmsNormMemory {
   arithmetic::InverseRoot root;
 };
 
-// Adds all squares: afterwards block.digits and block.special hold them.
-__device__ __forceinline__ void add_squares(const DeviceThread& thread, const double* x,
-                                            std::int64_t n, RmsNormMemory& block) {
+// By a whole warp: its share of the tiles into its digits.
+__device__ __forceinline__ void add_tiles_of_warp(const DeviceThread& thread, const double* x,
+                                                  std::int64_t n, RmsNormMemory& block) {
   std::int64_t* own = block.digits[thread.warp()];
   for (int i = thread.lane(); i < arithmetic::ProductAccumulator::kDigits; i += kLanes) {
     own[i] = 0;
   }
-  if (thread.index() == 0) block.special = 0;
-  thread.sync_block();
+  thread.sync_warp();
   const WarpProducts<DeviceThread> products(thread, own, block.special);
   const std::int64_t stride = std::int64_t{thread.warps()} * kDotTile;
   for (std::int64_t begin = std::int64_t{thread.warp()} * kDotTile; begin < n; begin += stride) {
     const std::int64_t rest = n - begin;
     products.add_tile(x + begin, x + begin, rest < kDotTile ? static_cast<int>(rest) : kDotTile);
   }
+}
+
+// Adds all squares: afterwards block.digits and block.special hold them. A vote waits for 32 lanes,
+// so whole warps alone add: threads beyond the last of them only multiply later, and a block without
+// a whole warp is an error of the launch.
+__device__ __forceinline__ void add_squares(const DeviceThread& thread, const double* x,
+                                            std::int64_t n, RmsNormMemory& block) {
+  if (thread.warps() == 0) __trap();
+  if (thread.index() == 0) block.special = 0;
+  thread.sync_block();
+  if (thread.warp() < thread.warps()) add_tiles_of_warp(thread, x, n, block);
   thread.sync_block();
 }
 
