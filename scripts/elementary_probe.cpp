@@ -2,8 +2,8 @@
 // The phases of the elementary functions one by one, for the scripts that measure them.
 #include <cstddef>
 
-#include "korvex/arithmetic/logarithm.h"
-#include "korvex/arithmetic/logistic.h"
+#include "korvex/arithmetic/elementary/logarithm.h"
+#include "korvex/arithmetic/elementary/logistic.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Writes korvex/arithmetic/elementary_tables.h: the constants of exp, log, sigmoid and tanh.
+"""Writes korvex/arithmetic/elementary/elementary_tables.h: the constants of exp, log, sigmoid and tanh.
 
 Every constant is computed with MPFR at 2000 bits and rounded once.
 """
@@ -10,7 +10,7 @@ from pathlib import Path
 import gmpy2
 from gmpy2 import mpfr
 
-TARGET = Path(__file__).resolve().parents[1] / "korvex" / "arithmetic" / "elementary_tables.h"
+TARGET = Path(__file__).resolve().parents[1] / "korvex" / "arithmetic" / "elementary" / "elementary_tables.h"
 PRECISION = 2000
 EXP_ENTRIES = 64
 LOG_ENTRIES = 256
@@ -22,7 +22,7 @@ TEMPLATE = """\
 // The constants of exp, log, sigmoid and tanh, written by scripts/make_elementary_tables.py.
 #pragma once
 
-#include "portability.h"
+#include "korvex/arithmetic/base/portability.h"
 
 namespace korvex::arithmetic {{
 

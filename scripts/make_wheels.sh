@@ -15,7 +15,7 @@ python=$1
 shift
 readonly versions=(3.12 3.13)
 readonly work=build/wheels
-readonly kernels=$PWD/build/wheel/korvex/cubin_loader_native/kernels/cubins
+readonly kernels=$PWD/build/wheel/korvex/kernels/device/cubins
 
 unset PYTHON # names one interpreter, and here are several
 missing=0

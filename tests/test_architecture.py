@@ -10,19 +10,46 @@ SOURCE_TREE = Path(__file__).resolve().parent.parent
 MAPPED_FOLDERS = ("korvex", "tests", "docs", "examples", "benchmarks")
 SOURCE_SUFFIXES = {".cpp", ".h", ".cu", ".cuh", ".py", ".pyi", ".sh", ".cmake"}
 
-# The layers of the extension. A folder may include headers of the runtime and of korvex/arithmetic,
-# and of a folder in a lower layer the chief header alone, which bears the folder's name.
+# The folders of C++, lowest first. A folder includes itself and folders above it in this list.
 LAYERS = (
-    ("tqx_runtime",),
-    ("limbs",),
-    ("reductions", "elementwise", "series"),
-    ("linalg", "spectral"),
-    ("provenance",),
+    "korvex/arithmetic/base",
+    "korvex/arithmetic/bignum",
+    "korvex/arithmetic/exact",
+    "korvex/arithmetic/elementary",
+    "korvex/kernels",
+    "korvex/kernels/host",
+    "korvex/kernels/device",
+    "korvex/cpython",
+    "korvex/runtime",
+    "korvex/functions/limbs",
+    "korvex/functions/reductions",
+    "korvex/functions/elementwise",
+    "korvex/functions/series",
+    "korvex/functions/linalg",
+    "korvex/functions/spectral",
+    "korvex/functions/provenance",
+    "korvex/tqx_runtime",
+    "korvex/cubin_loader_native",
 )
-LEVEL = {folder: level for level, layer in enumerate(LAYERS) for folder in layer}
+CPP_SUFFIXES = (".cpp", ".h", ".cu", ".cuh")
 
-# The one place where the runtime looks upwards: start-up asks every folder for its definitions.
-STARTUP = "korvex/tqx_runtime/startup.cpp"
+# Stands in these two lines of work alone: numbers know nothing of Python, Python code knows numbers
+# through the kernels that it calls, and the two kinds of kernels know nothing of each other.
+APART = {
+    "korvex/kernels/device": ("korvex/kernels/host",),
+    "korvex/cpython": ("korvex/arithmetic", "korvex/kernels"),
+    "korvex/runtime": ("korvex/arithmetic", "korvex/kernels"),
+    "korvex/functions": ("korvex/arithmetic", "korvex/kernels"),
+    "korvex/tqx_runtime": ("korvex/arithmetic", "korvex/kernels"),
+    "korvex/cubin_loader_native": (
+        "korvex/arithmetic",
+        "korvex/kernels/host",
+        "korvex/kernels/device",
+        "korvex/runtime",
+        "korvex/functions",
+        "korvex/tqx_runtime",
+    ),
+}
 
 
 def folders_with_files(top: str) -> set[str]:
@@ -69,84 +96,75 @@ def test_every_folder_is_on_the_map_once():
     assert len(mapped) == len(set(mapped))
 
 
-# --- Layers of the extension
+# --- Layers
 
 
 def includes(path: Path) -> list[str]:
     return re.findall(r'^\s*#\s*include\s*"([^"]+)"', path.read_text(), re.MULTILINE)
 
 
-def may_include(path: Path, header: str) -> bool:
-    parts = header.split("/")
-    if len(parts) != 3 or parts[0] != "korvex":
+def files_of_layer(folder: str) -> list[Path]:
+    return [path for path in (SOURCE_TREE / folder).iterdir() if path.suffix in CPP_SUFFIXES]
+
+
+def is_in(folder: str, top: str) -> bool:
+    return folder == top or folder.startswith(top + "/")
+
+
+def may_include(folder: str, header: str) -> bool:
+    target = header.rpartition("/")[0]
+    if target not in LAYERS or LAYERS.index(target) > LAYERS.index(folder):
         return False
-    folder, (target, name) = path.parent.name, parts[1:]
-    if target in (folder, "tqx_runtime", "arithmetic"):
-        return True
-    below = LEVEL.get(target, len(LAYERS)) < LEVEL[folder] or relative(path) == STARTUP
-    return below and name == f"{target}.h"
+    apart = [other for top, others in APART.items() if is_in(folder, top) for other in others]
+    return target == folder or not any(is_in(target, other) for other in apart)
 
 
-def folders_with_layer() -> list[str]:
-    return [folder for folder in LEVEL if (SOURCE_TREE / "korvex" / folder).is_dir()]
+def test_every_folder_of_cpp_has_its_layer():
+    found = {
+        relative(path.parent)
+        for path in (SOURCE_TREE / "korvex").rglob("*")
+        if path.suffix in CPP_SUFFIXES
+    }
+    assert found == set(LAYERS)
 
 
-def test_every_folder_with_a_layer_is_built():
+def test_module_is_built_from_the_folders_of_its_layers_in_their_order():
     text = (SOURCE_TREE / "CMakeLists.txt").read_text()
-    built = re.search(r"korvex_module_folders\s+([a-z_\s]+)\)", text).group(1).split()
-    assert built == folders_with_layer()
+    built = re.search(r"korvex_module_folders\s+([a-z_/\s]+)\)", text).group(1).split()
+    first = LAYERS.index("korvex/cpython")
+    assert tuple(f"korvex/{folder}" for folder in built) == LAYERS[first:-1]
 
 
-@pytest.mark.parametrize("folder", folders_with_layer())
+@pytest.mark.parametrize("folder", LAYERS)
 def test_folder_includes_only_what_lies_below_it(folder):
-    files = [
-        path
-        for path in (SOURCE_TREE / "korvex" / folder).iterdir()
-        if path.suffix in (".cpp", ".h")
-    ]
+    files = files_of_layer(folder)
     assert files
     wrong = [
         f"{relative(path)}: {header}"
         for path in files
         for header in includes(path)
-        if not may_include(path, header)
+        if not may_include(folder, header)
     ]
     assert wrong == []
 
 
-def test_arithmetic_includes_only_itself():
-    """By the bare name: the folder stands alone, and a device compiler needs no path to it."""
-    folder = SOURCE_TREE / "korvex" / "arithmetic"
-    wrong = [
-        f"{relative(path)}: {header}"
-        for path in folder.glob("*.h")
-        for header in includes(path)
-        if not (folder / header).is_file()
-    ]
-    assert wrong == []
+def test_nothing_includes_the_roof():
+    roof = "korvex/tqx_runtime"
+    files = [path for folder in LAYERS if folder != roof for path in files_of_layer(folder)]
+    assert [
+        relative(path) for path in files if any(is_in(each, roof) for each in includes(path))
+    ] == []
 
 
-@pytest.mark.parametrize(
-    ("folder", "others"),
-    [("emulation", ("arithmetic",)), ("cubin_loader_native", ("arithmetic", "tqx_runtime"))],
-)
-def test_devices_include_no_folder_of_functions(folder, others):
-    top = SOURCE_TREE / "korvex" / folder
-    allowed = tuple(f"korvex/{name}/" for name in (folder, *others))
-    wrong = [
-        f"{relative(path)}: {header}"
-        for path in top.rglob("*")
-        if path.suffix in (".cpp", ".h", ".cu", ".cuh")
-        for header in includes(path)
-        if not header.startswith(allowed) and not (path.parent / header).is_file()
-    ]
-    assert wrong == []
+def test_emulated_device_is_python_alone():
+    suffixes = {path.suffix for path in (SOURCE_TREE / "korvex" / "emulation").glob("*.*")}
+    assert suffixes == {".py"}
 
 
 def test_one_header_tells_host_from_device():
     files = [path for path in source_files() if path.suffix in (".cpp", ".h", ".cu", ".cuh")]
     telling = [relative(path) for path in files if "__CUDACC__" in path.read_text()]
-    assert telling == ["korvex/arithmetic/portability.h"]
+    assert telling == ["korvex/arithmetic/base/portability.h"]
 
 
 def test_floating_point_flags_are_set_in_one_place():

@@ -111,10 +111,10 @@ def test_a_missing_source_folder_is_refused(tmp_path):
     shutil.copytree(SOURCE_TREE / "cmake", tree / "cmake")
     shutil.copytree(SOURCE_TREE / "korvex", tree / "korvex")
     shutil.copy(SOURCE_TREE / "CMakeLists.txt", tree)
-    shutil.rmtree(tree / "korvex" / "provenance")
+    shutil.rmtree(tree / "korvex" / "functions" / "provenance")
     run = configure(tree, tmp_path / "build")
     assert run.returncode != 0
-    assert "korvex/provenance holds no C++ source" in run.stderr
+    assert "korvex/functions/provenance holds no C++ source" in run.stderr
 
 
 # --- How the set-up fails: one line that says what to install

@@ -37,10 +37,10 @@ def compiler():
 def run_on_copy(folder, text):
     """Build the host kernels with that loop over elements; run one kernel under the sanitizer."""
     shutil.copytree(TREE / "korvex", folder / "korvex", ignore=shutil.ignore_patterns("*.so"))
-    shell = folder / "korvex" / "emulation" / "host_unary.h"
+    shell = folder / "korvex" / "kernels" / "host" / "host_unary.h"
     assert RIGHT in shell.read_text()
     shell.write_text(shell.read_text().replace(RIGHT, text))
-    source = folder / "korvex" / "emulation" / "host_kernels.cpp"
+    source = folder / "korvex" / "kernels" / "host" / "host_kernels.cpp"
     library = folder / "kernels.so"
     subprocess.run([compiler(), *FLAGS, f"-I{folder}", source, "-o", library], check=True)
     query = [compiler(), "-print-file-name=libasan.so"]

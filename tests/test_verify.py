@@ -95,7 +95,7 @@ def test_kernels_that_do_not_load_are_a_failure(tmp_path):
 
 def kernels_from(sources, target, flags=()):
     """The host kernels compiled from a folder of sources."""
-    source = sources / "korvex" / "emulation" / "host_kernels.cpp"
+    source = sources / "korvex" / "kernels" / "host" / "host_kernels.cpp"
     command = [verify_configurations.compiler(), *FLAGS, *flags, f"-I{sources}", source]
     subprocess.run([*command, "-o", target], check=True)
     return target
@@ -122,7 +122,7 @@ ENTRIES = {
 def test_one_bit_of_a_table_is_seen(tmp_path, kernel):
     right, wrong = ENTRIES[kernel]
     shutil.copytree(TREE / "korvex", tmp_path / "korvex", ignore=shutil.ignore_patterns("*.so"))
-    table = tmp_path / "korvex" / "arithmetic" / "elementary_tables.h"
+    table = tmp_path / "korvex" / "arithmetic" / "elementary" / "elementary_tables.h"
     assert table.read_text().count(right) == 1
     table.write_text(table.read_text().replace(right, wrong))
     assert kernel in differing(tmp_path, kernels_from(tmp_path, tmp_path / "kernels.so"))

@@ -2,8 +2,8 @@
 // An array argument read through __cuda_array_interface__, which cupy arrays and many others have.
 #pragma once
 
+#include "korvex/cpython/object.h"
 #include "korvex/cubin_loader_native/launcher.h"
-#include "korvex/tqx_runtime/object.h"
 
 namespace korvex::cubin_loader {
 

@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "korvex/cpython/object.h"
 #include "korvex/cubin_loader_native/device_list.h"
 #include "korvex/cubin_loader_native/driver.h"
-#include "korvex/tqx_runtime/object.h"
 
 namespace korvex::cubin_loader {
 namespace {

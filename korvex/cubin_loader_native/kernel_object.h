@@ -4,8 +4,8 @@
 
 #include <memory>
 
+#include "korvex/cpython/object.h"
 #include "korvex/cubin_loader_native/launcher.h"
-#include "korvex/tqx_runtime/object.h"
 
 namespace korvex::cubin_loader {
 

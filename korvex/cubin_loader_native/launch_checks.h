@@ -2,8 +2,8 @@
 // The check of a launch against the kernel's row: what passes reads and writes inside its arrays.
 #pragma once
 
+#include "korvex/cpython/object.h"
 #include "korvex/cubin_loader_native/launcher.h"
-#include "korvex/tqx_runtime/object.h"
 
 namespace korvex::cubin_loader {
 

@@ -2,7 +2,7 @@
 // The Python type NativeCubinLoader.
 #pragma once
 
-#include "korvex/tqx_runtime/object.h"
+#include "korvex/cpython/object.h"
 
 namespace korvex::cubin_loader {
 

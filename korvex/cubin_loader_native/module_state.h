@@ -2,7 +2,7 @@
 // What the module object keeps for its types.
 #pragma once
 
-#include "korvex/tqx_runtime/object.h"
+#include "korvex/cpython/object.h"
 
 namespace korvex::cubin_loader {
 

@@ -6,13 +6,13 @@
 #include <cstdint>
 #include <string_view>
 
-#include "korvex/arithmetic/kernel_table.h"
+#include "korvex/kernels/table.h"
 
 namespace korvex::cubin_loader {
 
-using arithmetic::KernelRow;
-using arithmetic::kKernelCount;
-using arithmetic::kKernelTable;
+using kernels::KernelRow;
+using kernels::kKernelCount;
+using kernels::kKernelTable;
 
 inline constexpr std::size_t kMaxParameters = 12;
 inline constexpr std::size_t kMaxFactors = 4;

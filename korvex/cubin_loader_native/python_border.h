@@ -5,8 +5,8 @@
 #include <exception>
 #include <new>
 
+#include "korvex/cpython/object.h"
 #include "korvex/cubin_loader_native/failure.h"
-#include "korvex/tqx_runtime/object.h"
 
 namespace korvex::cubin_loader {
 

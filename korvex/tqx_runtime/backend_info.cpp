@@ -2,8 +2,8 @@
 // The backend report: versions, device and loader in one dictionary.
 #include "korvex/tqx_runtime/backend_info.h"
 
-#include "korvex/tqx_runtime/definitions.h"
-#include "korvex/tqx_runtime/runtime.h"
+#include "korvex/runtime/definitions.h"
+#include "korvex/runtime/runtime.h"
 
 namespace korvex {
 namespace {

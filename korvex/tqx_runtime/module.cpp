@@ -6,9 +6,9 @@
 // support is declared only so that the refusal of a second interpreter is ours and not CPython's.
 #include <atomic>
 
-#include "korvex/tqx_runtime/function.h"
-#include "korvex/tqx_runtime/messages.h"
-#include "korvex/tqx_runtime/module_state.h"
+#include "korvex/cpython/function.h"
+#include "korvex/runtime/messages.h"
+#include "korvex/runtime/module_state.h"
 #include "korvex/tqx_runtime/startup.h"
 
 namespace korvex {

@@ -2,7 +2,7 @@
 // The public surface of the module, in its fixed order.
 #pragma once
 
-#include "korvex/tqx_runtime/object.h"
+#include "korvex/cpython/object.h"
 
 namespace korvex {
 

@@ -5,16 +5,16 @@
 // that they mean exactly what they mean in a Python file.
 #include "korvex/tqx_runtime/startup.h"
 
-#include "korvex/elementwise/elementwise.h"
-#include "korvex/limbs/limbs.h"
-#include "korvex/linalg/linalg.h"
-#include "korvex/provenance/provenance.h"
-#include "korvex/reductions/reductions.h"
-#include "korvex/series/series.h"
-#include "korvex/spectral/spectral.h"
+#include "korvex/functions/elementwise/elementwise.h"
+#include "korvex/functions/limbs/limbs.h"
+#include "korvex/functions/linalg/linalg.h"
+#include "korvex/functions/provenance/provenance.h"
+#include "korvex/functions/reductions/reductions.h"
+#include "korvex/functions/series/series.h"
+#include "korvex/functions/spectral/spectral.h"
+#include "korvex/runtime/messages.h"
+#include "korvex/runtime/module_state.h"
 #include "korvex/tqx_runtime/backend_info.h"
-#include "korvex/tqx_runtime/messages.h"
-#include "korvex/tqx_runtime/module_state.h"
 #include "korvex/tqx_runtime/public_names.h"
 
 namespace korvex {

@@ -2,7 +2,7 @@
 // The body of the module: what importing it does, in its fixed order.
 #pragma once
 
-#include "korvex/tqx_runtime/object.h"
+#include "korvex/cpython/object.h"
 
 namespace korvex {
 

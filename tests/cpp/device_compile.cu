@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The shared bodies compiled for the device; check_device_ptx.py reads what came out.
-#include "korvex/arithmetic/eft.h"
-#include "korvex/arithmetic/lanes.h"
-#include "korvex/arithmetic/sum.h"
+#include "korvex/arithmetic/base/eft.h"
+#include "korvex/arithmetic/base/lanes.h"
+#include "korvex/arithmetic/exact/sum.h"
 
 // One thread sums in index order; the others of a larger launch leave at once.
 extern "C" __global__ void korvex_check_sum_seq(const double* x, double* out, long long n) {

@@ -10,13 +10,13 @@
 #include <vector>
 
 #include "check.h"
-#include "korvex/arithmetic/element_product.h"
-#include "korvex/arithmetic/host_lanes.h"
-#include "korvex/arithmetic/lanes.h"
-#include "korvex/arithmetic/log_sum_exp.h"
-#include "korvex/arithmetic/norm.h"
-#include "korvex/arithmetic/prefix_sums.h"
-#include "korvex/arithmetic/variance.h"
+#include "korvex/arithmetic/exact/element_product.h"
+#include "korvex/kernels/host/host_lanes.h"
+#include "korvex/arithmetic/base/lanes.h"
+#include "korvex/arithmetic/elementary/log_sum_exp.h"
+#include "korvex/arithmetic/exact/norm.h"
+#include "korvex/arithmetic/exact/prefix_sums.h"
+#include "korvex/arithmetic/exact/variance.h"
 
 namespace korvex::test {
 

@@ -8,7 +8,7 @@
 
 #include "bit_number.h"
 #include "check.h"
-#include "korvex/arithmetic/canonical.h"
+#include "korvex/arithmetic/exact/canonical.h"
 #include "random_data.h"
 #include "suites.h"
 

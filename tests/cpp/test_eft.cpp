@@ -4,8 +4,8 @@
 
 #include "bit_number.h"
 #include "check.h"
-#include "korvex/arithmetic/binary64.h"
-#include "korvex/arithmetic/eft.h"
+#include "korvex/arithmetic/base/binary64.h"
+#include "korvex/arithmetic/base/eft.h"
 #include "random_data.h"
 #include "suites.h"
 

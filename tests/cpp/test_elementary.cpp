@@ -6,10 +6,10 @@
 #include <limits>
 
 #include "check.h"
-#include "korvex/arithmetic/logarithm.h"
-#include "korvex/arithmetic/logistic.h"
-#include "korvex/arithmetic/rms_norm.h"
-#include "korvex/arithmetic/unary.h"
+#include "korvex/arithmetic/elementary/logarithm.h"
+#include "korvex/arithmetic/elementary/logistic.h"
+#include "korvex/arithmetic/elementary/rms_norm.h"
+#include "korvex/arithmetic/elementary/unary.h"
 #include "random_data.h"
 #include "suites.h"
 

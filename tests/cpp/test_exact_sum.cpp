@@ -7,7 +7,7 @@
 
 #include "bit_number.h"
 #include "check.h"
-#include "korvex/arithmetic/exact_sum.h"
+#include "korvex/arithmetic/exact/exact_sum.h"
 #include "random_data.h"
 #include "suites.h"
 

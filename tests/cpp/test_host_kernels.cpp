@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "check.h"
-#include "korvex/arithmetic/kernel_table.h"
-#include "korvex/arithmetic/pairs.h"
-#include "korvex/emulation/host_kernels.h"
+#include "korvex/kernels/table.h"
+#include "korvex/arithmetic/exact/pairs.h"
+#include "korvex/kernels/host/host_kernels.h"
 #include "random_data.h"
 #include "sum_checks.h"
 
@@ -95,15 +95,15 @@ void rows_are_those_of_the_table(const Library& library) {
   const auto parameters =
       library.find<decltype(korvex_host_kernel_parameters)>("korvex_host_kernel_parameters");
   CHECK(library.find<decltype(korvex_host_kernel_count)>("korvex_host_kernel_count")() ==
-        arithmetic::kKernelCount);
-  for (int i = 0; i < arithmetic::kKernelCount; ++i) {
-    const arithmetic::KernelRow& row = arithmetic::kKernelTable[i];
+        kernels::kKernelCount);
+  for (int i = 0; i < kernels::kKernelCount; ++i) {
+    const kernels::KernelRow& row = kernels::kKernelTable[i];
     CHECK(std::string(name(i)) == row.name);
     CHECK(std::string(form(i)) == row.form);
     CHECK(std::string(parameters(i)) == row.parameters);
     CHECK(block(i) == row.block);
   }
-  for (const int outside : {-1, arithmetic::kKernelCount}) {
+  for (const int outside : {-1, kernels::kKernelCount}) {
     CHECK(name(outside) == nullptr && form(outside) == nullptr);
     CHECK(parameters(outside) == nullptr && block(outside) == 0);
     CHECK(library.launch(outside, kOne, {}, 1) == 1);

@@ -7,7 +7,7 @@
 
 #include "bit_number.h"
 #include "check.h"
-#include "korvex/arithmetic/long_accumulator.h"
+#include "korvex/arithmetic/bignum/long_accumulator.h"
 #include "random_data.h"
 #include "suites.h"
 

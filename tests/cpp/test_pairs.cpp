@@ -6,7 +6,7 @@
 
 #include "bit_number.h"
 #include "check.h"
-#include "korvex/arithmetic/pairs.h"
+#include "korvex/arithmetic/exact/pairs.h"
 #include "random_data.h"
 #include "suites.h"
 

@@ -8,7 +8,7 @@
 
 #include "bit_number.h"
 #include "check.h"
-#include "korvex/arithmetic/sum.h"
+#include "korvex/arithmetic/exact/sum.h"
 #include "random_data.h"
 #include "suites.h"
 #include "sum_checks.h"

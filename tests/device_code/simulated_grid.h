@@ -24,7 +24,7 @@ constexpr int kLanesOfWarp = 32;
 
 class SimulatedGrid;
 
-// One thread of the grid; the members that korvex/cubin_loader_native/kernels ask of a Thread.
+// One thread of the grid; the members that korvex/kernels/device ask of a Thread.
 class SimulatedThread {
  public:
   SimulatedThread(SimulatedGrid& grid, int block_slot, std::int64_t block, int index)

@@ -61,7 +61,7 @@ needs_nvdisasm = pytest.mark.skipif(
 
 
 def kernels_of_the_table() -> set[str]:
-    text = (SOURCE_TREE / "korvex" / "arithmetic" / "kernel_table.h").read_text()
+    text = (SOURCE_TREE / "korvex" / "kernels" / "table.h").read_text()
     return set(re.findall(r'^\s*\{"(\w+)", "(?:function|launch)"', text, re.MULTILINE))
 
 

@@ -8,7 +8,7 @@
 #include <limits>
 #include <vector>
 
-#include "korvex/cubin_loader_native/kernels/parallel_sum.h"
+#include "korvex/kernels/device/parallel_sum.h"
 #include "simulated_grid.h"
 #include "tests/cpp/bit_number.h"
 #include "tests/cpp/check.h"

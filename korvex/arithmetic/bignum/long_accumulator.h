@@ -1,0 +1,257 @@
+// SPDX-License-Identifier: Apache-2.0
+// Fixed-point numbers wide enough for every sum of doubles, or of products of two: nothing is ever
+// rounded going in.
+//
+// Kulisch, Computer Arithmetic and Validity, 2013, chapter 8. For sums the unit is 2^-1074, so each
+// double is an integer; 68 digits of radix 2^32 reach 2^1102, room for 2^63 addends of the largest
+// magnitude with their sign. For products the unit is 2^-2148, the product of the two smallest
+// doubles, and 134 digits reach 2^2140, room for 2^63 products again. A digit is held in 64 bits,
+// so an addition touches a few digits and carries nothing; carries are settled once in 2^29
+// additions and before a rounding.
+#pragma once
+
+#include "korvex/arithmetic/base/binary64.h"
+#include "korvex/arithmetic/base/portability.h"
+
+namespace korvex::arithmetic {
+
+template <int kUnit, int kDigitCount>
+class FixedPoint {
+ public:
+  static constexpr int kDigits = kDigitCount;
+  static constexpr int kLowestExponent = kUnit;  // the unit is 2 to this power
+
+  // There is no constructor on purpose: on a device the digits lie in slow memory, and most sums
+  // never need them. clear() comes before any other call.
+  KORVEX_COLD void clear() {
+    for (int i = 0; i < kDigits; ++i) {
+      digit_[i] = 0;
+    }
+    pending_ = 0;
+  }
+
+  // Precondition: x is finite.
+  KORVEX_INLINE void add(double x) {
+    const int position = shift(x) + kBitsBelowDoubles;
+    const std::uint64_t value = significand(x);
+    const int index = position >> 5;
+    const int offset = position & 31;
+    const std::uint64_t low = value << offset;
+    const std::uint64_t high = (value >> 1) >> (63 - offset);  // a shift by 64 is not defined
+    const std::int64_t sign = is_negative(x) ? -1 : 1;
+    digit_[index] += sign * static_cast<std::int64_t>(low & kDigitMask);
+    digit_[index + 1] += sign * static_cast<std::int64_t>(low >> 32);
+    digit_[index + 2] += sign * static_cast<std::int64_t>(high);
+    settle_if_due(1);
+  }
+
+  // Adds x * y, all 106 bits of it. Precondition: both are finite.
+  KORVEX_INLINE void add_product(double x, double y) {
+    static_assert(kUnit == 2 * kUnitExponent, "the unit must divide every product");
+    const std::uint64_t low = significand(x) * significand(y);
+    const std::uint64_t high = multiply_high(significand(x), significand(y));
+    const int position = shift(x) + shift(y);
+    const int index = position >> 5;
+    const int offset = position & 31;
+    const std::uint64_t w0 = low << offset;
+    const std::uint64_t w1 = high << offset | (low >> 1) >> (63 - offset);
+    const std::uint64_t w2 = (high >> 1) >> (63 - offset);
+    const std::int64_t sign = is_negative(x) != is_negative(y) ? -1 : 1;
+    digit_[index] += sign * static_cast<std::int64_t>(w0 & kDigitMask);
+    digit_[index + 1] += sign * static_cast<std::int64_t>(w0 >> 32);
+    digit_[index + 2] += sign * static_cast<std::int64_t>(w1 & kDigitMask);
+    digit_[index + 3] += sign * static_cast<std::int64_t>(w1 >> 32);
+    digit_[index + 4] += sign * static_cast<std::int64_t>(w2);
+    settle_if_due(1);
+  }
+
+  // Adds count * 2^(32 * index + kLowestExponent). Precondition: 0 <= index <= kDigits - 2.
+  KORVEX_INLINE void add_digit(int index, std::int64_t count) {
+    digit_[index] += count & kDigitMask;
+    digit_[index + 1] += count >> 32;
+    settle_if_due(1);
+  }
+
+  KORVEX_COLD void add(const FixedPoint& other) {
+    for (int i = 0; i < kDigits; ++i) {
+      digit_[i] += other.digit_[i];
+    }
+    settle_if_due(other.pending_ + 1);
+  }
+
+  // Writes the canonical limbs of the value S: limbs[0] = RN(S), limbs[1] = RN(S - limbs[0]), and
+  // so on. A limb that would round to an infinity is the largest double instead, and the next limbs
+  // take the rest; where the last limb would still be infinite, the result is that infinity in
+  // limbs[0]. All limbs not named are +0. The accumulator holds the unwritten rest afterwards.
+  KORVEX_COLD void round(double* limbs, int limb_count) {
+    for (int i = 0; i < limb_count; ++i) {
+      limbs[i] = 0.0;
+    }
+    for (int i = 0; i < limb_count; ++i) {
+      double limb = nearest();
+      if (!is_finite(limb)) {
+        if (i == limb_count - 1) {
+          overflow(limb, limbs, limb_count);
+          return;
+        }
+        limb = limb < 0 ? -kLargest : kLargest;
+      }
+      if (limb == 0) {
+        return;
+      }
+      limbs[i] = limb;
+      add(-limb);
+    }
+  }
+
+  // Settles the carries, after which top_bit() and bits_from() read the value. False where it is
+  // negative: then they do not.
+  KORVEX_COLD bool settle_to_read() {
+    settle();
+    return digit_[kDigits - 1] >= 0;
+  }
+
+  // The position of the highest bit in units; -1 for zero. Precondition: settled, not negative.
+  KORVEX_COLD int top_bit() const {
+    int top = kDigits - 1;
+    while (top >= 0 && digit_[top] == 0) {
+      --top;
+    }
+    return top < 0 ? -1 : 32 * top + 63 - leading_zeros(static_cast<std::uint64_t>(digit_[top]));
+  }
+
+  // The low 64 bits of floor(value / 2^position). Precondition: the same, and position >= 0.
+  KORVEX_HD std::uint64_t bits_from(int position) const {
+    const int index = position >> 5;
+    const int offset = position & 31;
+    const std::uint64_t low = digit(index) | digit(index + 1) << 32;
+    return (low >> offset) | (digit(index + 2) << 1) << (63 - offset);
+  }
+
+  // Writes the magnitude of the value in units, 32 bits a word, kDigits words; true where the value
+  // is negative. The value stays.
+  KORVEX_COLD bool magnitude(std::uint32_t* words) {
+    settle();
+    const bool is_negative = digit_[kDigits - 1] < 0;
+    if (is_negative) {
+      negate();
+    }
+    for (int i = 0; i < kDigits; ++i) {
+      words[i] = static_cast<std::uint32_t>(digit_[i]);
+    }
+    if (is_negative) {
+      negate();
+    }
+    return is_negative;
+  }
+
+  KORVEX_COLD bool is_zero() {
+    settle();
+    std::int64_t bits = 0;
+    for (int i = 0; i < kDigits; ++i) {
+      bits |= digit_[i];
+    }
+    return bits == 0;
+  }
+
+ private:
+  static constexpr std::int64_t kDigitMask = 0xffffffff;
+  // Each double is a multiple of 2 to this power, in units.
+  static constexpr int kBitsBelowDoubles = kUnitExponent - kUnit;
+  static constexpr std::int64_t kPendingLimit = std::int64_t{1} << 29;
+
+  KORVEX_HD static void overflow(double infinite, double* limbs, int limb_count) {
+    limbs[0] = infinite;
+    for (int i = 1; i < limb_count; ++i) {
+      limbs[i] = 0.0;
+    }
+  }
+
+  KORVEX_INLINE void settle_if_due(std::int64_t additions) {
+    pending_ += additions;
+    if (pending_ > kPendingLimit) {
+      settle();
+    }
+  }
+
+  // Brings all digits but the last into [0, 2^32); the last then carries the sign of the value.
+  KORVEX_COLD void settle() {
+    std::int64_t carry = 0;
+    for (int i = 0; i < kDigits - 1; ++i) {
+      const std::int64_t digit = digit_[i] + carry;
+      digit_[i] = digit & kDigitMask;
+      carry = digit >> 32;  // rounds down, as the digit just kept is not negative
+    }
+    digit_[kDigits - 1] += carry;
+    pending_ = 0;
+  }
+
+  KORVEX_COLD void negate() {
+    for (int i = 0; i < kDigits; ++i) {
+      digit_[i] = -digit_[i];
+    }
+    settle();
+  }
+
+  // RN(value), an infinity from 2^1024 - 2^970 on; +0 for zero.
+  KORVEX_COLD double nearest() {
+    settle();
+    if (digit_[kDigits - 1] >= 0) {
+      return nearest_of_settled();
+    }
+    negate();
+    const double magnitude = nearest_of_settled();
+    negate();
+    return -magnitude;
+  }
+
+  // Precondition: settled and not negative. The encoding of m * 2^(-1074 + s), m with exactly 53
+  // bits, or s = 0 and m with fewer, is m + s * 2^52; so a carry out of m needs no special care.
+  KORVEX_COLD double nearest_of_settled() const {
+    const int top = top_bit();
+    if (top < 0) {
+      return 0.0;
+    }
+    const int wanted = top - kFractionBits;
+    // Of the lowest bit that is kept.
+    const int position = wanted < kBitsBelowDoubles ? kBitsBelowDoubles : wanted;
+    const int field = position - kBitsBelowDoubles;
+    if (field >= 2046) {
+      return infinity();
+    }
+    const std::uint64_t kept = bits_from(position) + (is_rounded_up(position) ? 1 : 0);
+    return from_bits((static_cast<std::uint64_t>(field) << kFractionBits) + kept);
+  }
+
+  // Whether the nearest multiple of 2^position, the even one of two, is above the value.
+  KORVEX_HD bool is_rounded_up(int position) const {
+    if (position == 0 || (bits_from(position - 1) & 1) == 0) {
+      return false;
+    }
+    return any_below(position - 1) || (bits_from(position) & 1) != 0;
+  }
+
+  KORVEX_HD bool any_below(int position) const {
+    const int index = position >> 5;
+    std::uint64_t bits = digit(index) & ((std::uint64_t{1} << (position & 31)) - 1);
+    for (int i = 0; i < index; ++i) {
+      bits |= digit(i);
+    }
+    return bits != 0;
+  }
+
+  KORVEX_HD std::uint64_t digit(int index) const {
+    return index < kDigits ? static_cast<std::uint64_t>(digit_[index]) : 0;
+  }
+
+  // The value is the sum of digit_[i] * 2^(32 i) units; |digit_[i]| <= (pending_ + 1) * 2^32, but
+  // for the last, which the room for addends bounds.
+  std::int64_t digit_[kDigits];
+  // Additions since the carries were settled; at most kPendingLimit between calls.
+  std::int64_t pending_;
+};
+
+using LongAccumulator = FixedPoint<kUnitExponent, 68>;
+using ProductAccumulator = FixedPoint<2 * kUnitExponent, 134>;
+
+}  // namespace korvex::arithmetic

@@ -1,0 +1,254 @@
+// SPDX-License-Identifier: Apache-2.0
+// One element of a matrix product: the three canonical limbs of the exact sum of a[k] * b[k].
+//
+// Phases: the exponents of the row and of the column, known before, tell where slices on fixed
+// grids must lie so that none can overflow; 128 products at a time go through three of them without
+// a test, and their grid units are counted. Where anything was left below the last slice, six
+// slices are tried; where that happens again, or where the exponents do not suit (an infinity,
+// products that underflow), each product goes into a long accumulator. So one wild element costs
+// only itself, and which way was taken never shows. The proofs stand in docs/numerics_products.md.
+#pragma once
+
+#include "korvex/arithmetic/base/binary64.h"
+#include "korvex/arithmetic/base/lanes.h"
+#include "korvex/arithmetic/base/portability.h"
+#include "korvex/arithmetic/exact/biased_cascade.h"
+#include "korvex/arithmetic/exact/canonical.h"
+#include "korvex/arithmetic/exact/exact_product_sum.h"
+#include "korvex/arithmetic/exact/products.h"
+
+namespace korvex::arithmetic {
+
+constexpr int kElementLimbs = 3;
+constexpr int kFewSlices = 3;
+constexpr int kManySlices = 6;
+// Products whose grid units stay below 2^62 when counted; longer sums take the other way.
+constexpr std::int64_t kLongestElement = std::int64_t{1} << 17;
+
+// The exponents among the elements of one row or one column that are not 0; {0, 0, true} for none.
+struct FactorRange {
+  int highest = 0;
+  int lowest = 0;
+  bool is_finite = true;
+};
+
+// Collects one range; a row is read as it lies, a column with its stride.
+class FactorRangeOf {
+ public:
+  KORVEX_INLINE void note(double x) {
+    const std::uint64_t magnitude = magnitude_bits(x);
+    largest_ = magnitude > largest_ ? magnitude : largest_;
+    // As an unsigned number zero less one is the last.
+    smallest_less_one_ = magnitude - 1 < smallest_less_one_ ? magnitude - 1 : smallest_less_one_;
+  }
+  KORVEX_INLINE FactorRange range() const {
+    if (largest_ == 0) {
+      return {};
+    }
+    return {ExponentRange::exponent_of(largest_),
+            ExponentRange::exponent_of(smallest_less_one_ + 1), largest_ < kInfinityBits};
+  }
+
+ private:
+  std::uint64_t largest_ = 0;
+  std::uint64_t smallest_less_one_ = ~std::uint64_t{0};
+};
+
+// Where the slices of an element lie, told by its row and its column.
+struct ElementPlan {
+  int bias_exponent;  // of the first slice
+  bool has_exact_errors;
+
+  // Products lie below 2^(exponents of both + 2), and 128 of them below 2^(exponents of both + 9):
+  // within half a binade of a bias of one more.
+  KORVEX_INLINE static ElementPlan of(const FactorRange& row, const FactorRange& column) {
+    return {row.highest + column.highest + 1 + kBiasAboveExponent,
+            row.is_finite && column.is_finite && row.lowest + column.lowest >= kLeastSplitExponent};
+  }
+
+  // Whether so many slices cannot overflow and have grids that are doubles.
+  KORVEX_INLINE bool suits(int slices) const {
+    return has_exact_errors && bias_exponent <= kHighestBias &&
+           bias_exponent - (slices - 1) * kProductSliceBits >= kMinExponent;
+  }
+
+ private:
+  static constexpr int kHighestBias = ExactSum::kHighestScale + kFractionBits;
+};
+
+// The slices of one element in each lane, for at most kCascadeSteps products.
+template <class Lanes, int kSlices>
+class ElementSlices {
+ public:
+  using Value = typename Lanes::Value;
+  using Bits = typename Lanes::Bits;
+
+  // bias: 1.5 * 2^bias_exponent of each lane's plan.
+  KORVEX_INLINE explicit ElementSlices(Value bias) { start<0>(bias); }
+
+  KORVEX_INLINE void add_product(Value a, Value b) {
+    const Value product = a * b;                                 // rounded
+    const Value error = Lanes::error_of_product(a, b, product);  // exact under a plan that suits
+    cascade<0>(product);
+    cascade<1>(error);
+  }
+
+  // Grid units of a slice; its grid is 2^(bias_exponent - slice * kProductSliceBits - 52).
+  template <int kSlice>
+  KORVEX_INLINE Bits count() const {
+    return Lanes::bits(slice_[kSlice]) - Lanes::bits(bias_[kSlice]);
+  }
+  // Zero but for the sign bit in lanes where nothing was left below the last slice.
+  KORVEX_INLINE Bits lost() const { return lost_; }
+
+ private:
+  template <int kSlice>
+  KORVEX_INLINE void start(Value bias) {
+    bias_[kSlice] = bias;
+    slice_[kSlice] = bias;
+    if constexpr (kSlice + 1 < kSlices) {
+      start<kSlice + 1>(bias * power_of_two(-kProductSliceBits));  // exact
+    }
+  }
+
+  template <int kSlice>
+  KORVEX_INLINE void cascade(Value addend) {
+    const Value before = slice_[kSlice];
+    const Value after = before + addend;           // rounded to the grid
+    const Value rest = addend - (after - before);  // exact, both
+    slice_[kSlice] = after;
+    if constexpr (kSlice + 1 < kSlices) {
+      cascade<kSlice + 1>(rest);
+    } else {
+      lost_ |= Lanes::bits(rest);
+    }
+  }
+
+  Value bias_[kSlices];
+  Value slice_[kSlices];
+  Bits lost_{};
+};
+
+// Grid units of an element's slices, each at most 2^61 in magnitude; zero where there is no slice.
+struct ElementCounts {
+  std::int64_t count[kManySlices] = {};
+
+  template <int kSlices>
+  KORVEX_INLINE void round(int bias_exponent, double* limbs) const {
+    if constexpr (kSlices == kFewSlices) {
+      round_few(bias_exponent, limbs);
+    } else {
+      ExactSum sum;
+      for (int slice = 0; slice < kSlices; ++slice) {
+        sum.add_scaled(count[slice], bias_exponent - slice * kProductSliceBits - kFractionBits);
+      }
+      sum.round<kElementLimbs>(limbs);
+    }
+  }
+
+ private:
+  static constexpr std::int64_t kRadix = std::int64_t{1} << kProductSliceBits;
+
+  // Writes the canonical limbs of three slices: their units are carried into four balanced digits
+  // of kProductSliceBits each, which are doubles.
+  KORVEX_COLD void round_few(int bias_exponent, double* limbs) const {
+    const std::int64_t carry2 = nearest_digit_above(count[2]);
+    const std::int64_t count1 = count[1] + carry2;
+    const std::int64_t carry1 = nearest_digit_above(count1);
+    const std::int64_t count0 = count[0] + carry1;
+    const std::int64_t carry0 = nearest_digit_above(count0);
+    const int unit = bias_exponent - kFractionBits;
+    double four[4] = {scaled(carry0, unit + kProductSliceBits),
+                      scaled(count0 - carry0 * kRadix, unit),
+                      scaled(count1 - carry1 * kRadix, unit - kProductSliceBits),
+                      scaled(count[2] - carry2 * kRadix, unit - 2 * kProductSliceBits)};
+    canonicalise(four);
+    for (int i = 0; i < kElementLimbs; ++i) {
+      limbs[i] = four[i];
+    }
+  }
+
+  // count / kRadix, rounded to an integer.
+  KORVEX_INLINE static std::int64_t nearest_digit_above(std::int64_t count) {
+    return (count + kRadix / 2) >> kProductSliceBits;
+  }
+  // Exact: a digit is at most 2^43 in magnitude, what is carried out of all of them 2^19.
+  KORVEX_INLINE static double scaled(std::int64_t digit, int exponent) {
+    return mul_rn(static_cast<double>(digit), power_of_two(exponent));
+  }
+};
+
+KORVEX_INLINE double element_bias(int bias_exponent) { return 1.5 * power_of_two(bias_exponent); }
+
+// Adds what one lane's slices hold. Lanes whose plan does not suit hold anything, so the addition
+// may wrap there; nobody reads those.
+template <int kSlice, class Lanes, int kSlices>
+KORVEX_INLINE void keep_counts(const ElementSlices<Lanes, kSlices>& slices, int lane,
+                               ElementCounts& counts) {
+  const auto before = static_cast<std::uint64_t>(counts.count[kSlice]);
+  const auto units =
+      static_cast<std::uint64_t>(Lanes::units(slices.template count<kSlice>(), lane));
+  counts.count[kSlice] = static_cast<std::int64_t>(before + units);
+  if constexpr (kSlice + 1 < kSlices) {
+    keep_counts<kSlice + 1>(slices, lane, counts);
+  }
+}
+
+// The ways for one element, a row of a against a column of b with a stride between its elements.
+
+// False, with nothing written, where so many slices cannot hold the sum. Precondition: k_count is
+// at most kLongestElement.
+template <int kSlices>
+KORVEX_COLD bool try_element(const double* a, const double* b, std::int64_t stride,
+                             std::int64_t k_count, const ElementPlan& plan, double* limbs) {
+  if (!plan.suits(kSlices)) {
+    return false;
+  }
+  ElementCounts counts;
+  const double bias = element_bias(plan.bias_exponent);
+  std::uint64_t lost = 0;
+  for (std::int64_t begin = 0; begin < k_count; begin += kCascadeSteps) {
+    const std::int64_t rest = k_count - begin;
+    const std::int64_t end = begin + (rest < kCascadeSteps ? rest : kCascadeSteps);
+    ElementSlices<ScalarLanes, kSlices> slices(bias);
+    for (std::int64_t k = begin; k < end; ++k) {
+      slices.add_product(a[k], b[k * stride]);
+    }
+    keep_counts<0>(slices, 0, counts);
+    lost |= slices.lost();
+  }
+  if (lost << 1 != 0) {
+    return false;
+  }
+  counts.round<kSlices>(plan.bias_exponent, limbs);
+  return true;
+}
+
+// The way that is always open.
+KORVEX_COLD inline void sum_element(const double* a, const double* b, std::int64_t stride,
+                                    std::int64_t k_count, double* limbs) {
+  ExactProductSum sum;
+  for (std::int64_t k = 0; k < k_count && !sum.is_decided(); ++k) {
+    sum.add_wide_product(a[k], b[k * stride]);
+  }
+  sum.round<kElementLimbs>(limbs);
+}
+
+// limbs[0] to limbs[2] of the sum of a[k] * b[k * stride], k = 0 to k_count - 1.
+KORVEX_HD inline void matrix_element(const double* a, const double* b, std::int64_t stride,
+                                     std::int64_t k_count, double* limbs) {
+  FactorRangeOf row;
+  FactorRangeOf column;
+  for (std::int64_t k = 0; k < k_count; ++k) {
+    row.note(a[k]);
+    column.note(b[k * stride]);
+  }
+  const ElementPlan plan = ElementPlan::of(row.range(), column.range());
+  if (k_count > kLongestElement ||
+      (!try_element<kFewSlices>(a, b, stride, k_count, plan, limbs) &&
+       !try_element<kManySlices>(a, b, stride, k_count, plan, limbs))) {
+    sum_element(a, b, stride, k_count, limbs);
+  }
+}
+
+}  // namespace korvex::arithmetic

@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: Apache-2.0
+// tqx_add and tqx_sub: twins with three routes, chosen by the operands and return_tqx alone.
+//
+//   limb route    a TQXResult among the operands: limb lists are added, no kernel
+//   pair route    return_tqx: TwoSum on whole tensors, no kernel
+//   kernel route  otherwise: one launch, then value and error are added to one float64
+//
+// The routes accept different operands (only the pair route takes Python numbers), and none tests
+// for a CUDA device.
+#include "korvex/functions/elementwise/rows.h"
+#include "korvex/runtime/definitions.h"
+#include "korvex/runtime/runtime.h"
+
+namespace korvex {
+namespace {
+
+// All that differs between the twins.
+struct Twin {
+  Object Names::* limb_function;
+  bool negate_second;  // in the pair route
+  Object Names::* kernel_name;
+};
+
+constexpr Twin kAddition{&Names::tqx_add_limbs, false, &Names::tqx_add_kernel};
+constexpr Twin kSubtraction{&Names::tqx_sub_limbs, true, &Names::tqx_sub_kernel};
+
+// Only x is asked for a device; without one the first limb of x has it.
+Object limb_device(const Object& x, const Object& x_limbs) {
+  if (has_attribute(x, names().device)) return device_text(x);
+  return device_text(x_limbs.at(names().zero));
+}
+
+Object limb_route(const Twin& twin, const Object& x, const Object& y, bool return_tqx) {
+  const Object x_limbs = global(names().get_tqx_limbs).call(x);
+  const Object y_limbs = global(names().get_tqx_limbs).call(y);
+  const Object device = limb_device(x, x_limbs);
+  const Object result = global(names().*twin.limb_function).call(x_limbs, y_limbs, device);
+  return return_tqx ? result : result.method(names().collapse);
+}
+
+// A tensor as float64, a number as a 0-dimensional tensor on "cuda".
+Object pair_operand(const Object& x) {
+  if (has_attribute(x, names().double_)) return x.method(names().double_);
+  const Object tensor = global(names().torch).get(names().tensor);
+  const Object dtype = global(names().torch).get(names().float64);
+  return tensor.call_with(names().dtype_device_keywords, x, dtype, names().cuda);
+}
+
+Object pair_route(const Twin& twin, const Object& x, const Object& y) {
+  const Object x_t = pair_operand(x);
+  const Object y_t = pair_operand(y);
+  const Object twosum = global(names().twosum_f64);
+  const Object second = twin.negate_second ? negate(y_t) : y_t;
+  const auto [s, e] = unpack<2>(twosum.call(x_t, second));
+  const Object device = device_text(x_t);
+  return global(names().tqx_result).call(list(s, e), device);
+}
+
+Object kernel_route(const Twin& twin, const Object& x, const Object& y) {
+  const Object x_f64 = x.method(names().double_);
+  const Object y_f64 = y.method(names().double_);
+  const BinaryOutputs result = launch_binary(names().*twin.kernel_name, x_f64, y_f64, x);
+  return add(result.out, result.out_err).method(names().view, result.output_shape);
+}
+
+Object dispatch(const Twin& twin, const Arguments& arguments) {
+  const Object& x = arguments[0];
+  const Object& y = arguments[1];
+  const bool return_tqx = arguments.flag(2);
+  const bool x_is_tqx = is_instance(x, global(names().tqx_result));
+  const bool y_is_tqx = is_instance(y, global(names().tqx_result));
+  if (x_is_tqx || y_is_tqx) return limb_route(twin, x, y, return_tqx);
+  if (return_tqx) return pair_route(twin, x, y);
+  return kernel_route(twin, x, y);
+}
+
+Object tqx_add(const Arguments& arguments) { return dispatch(kAddition, arguments); }
+Object tqx_sub(const Arguments& arguments) { return dispatch(kSubtraction, arguments); }
+
+constexpr Parameter kX{"x"};
+constexpr Parameter kY{"y"};
+constexpr Parameter kReturnTqx{"return_tqx", Kind::kBool, "bool", Default::boolean(false)};
+
+constexpr Signature kAdd{"tqx_add",
+                         {kX, kY, kReturnTqx},
+                         nullptr,
+                         "TQX exact addition using TwoSum.\n"
+                         "Accepts tensors or TQXResult. Propagates TQX precision through chains.\n"
+                         "When inputs are TQXResult or return_tqx=True, preserves ALL limbs\n"
+                         "for maximum precision in chained operations.\n"
+                         "Uses FP64 TwoSum throughout to avoid FP32 precision loss.",
+                         tqx_add};
+
+constexpr Signature kSub{"tqx_sub",
+                         {kX, kY, kReturnTqx},
+                         nullptr,
+                         "TQX exact subtraction using TwoSum.\n"
+                         "Accepts tensors or TQXResult. Propagates TQX precision through chains.\n"
+                         "When inputs are TQXResult or return_tqx=True, preserves ALL limbs\n"
+                         "for maximum precision in chained operations.\n"
+                         "Uses FP64 TwoSum throughout to avoid FP32 precision loss.",
+                         tqx_sub};
+
+}  // namespace
+
+void define_sum_difference() {
+  define_function(kAdd);
+  define_function(kSub);
+}
+
+}  // namespace korvex

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+// The steps that all series share.
+#include "korvex/functions/series/running_sum.h"
+
+namespace korvex {
+
+Object series_operand(const Object& x) {
+  const Object operand = folded(x);
+  require_cuda(operand);
+  return operand;
+}
+
+Object product_value(const Object& a, const Object& b) {
+  return unpack<2>(global(names().two_product).call(a, b))[0];
+}
+
+Object like(Handle name, const Object& x) { return global(names().torch).get(name).call(x); }
+
+void RunningSum::add_term(const Object& term) {
+  const auto [s, e] = unpack<2>(global(names().two_sum).call(result, term));
+  result = s;
+  error = add(error, e);
+}
+
+}  // namespace korvex

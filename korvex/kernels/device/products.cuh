@@ -1,0 +1,123 @@
+// SPDX-License-Identifier: Apache-2.0
+// Kernels of the dot products and of the matrix product.
+#pragma once
+
+#include "korvex/arithmetic/exact/chunked_sum.h"
+#include "korvex/arithmetic/exact/dot.h"
+#include "korvex/arithmetic/exact/exact_product_sum.h"
+#include "korvex/arithmetic/exact/matrix_product.h"
+#include "korvex/arithmetic/exact/products.h"
+#include "korvex/kernels/device/device_lanes.cuh"
+#include "korvex/kernels/device/device_thread.cuh"
+#include "korvex/kernels/device/parallel_dot.h"
+#include "korvex/kernels/device/staged_sum.cuh"
+
+namespace korvex::kernels {
+
+constexpr int kPiecePairs = 1024;
+
+struct StagedPairs {
+  alignas(16) double x[kPiecePairs];
+  alignas(16) double y[kPiecePairs];
+};
+
+__device__ __forceinline__ std::int64_t piece_pairs(std::int64_t rest) {
+  return rest < kPiecePairs ? rest : kPiecePairs;
+}
+
+// Two groups of copies, empty where count <= 0.
+__device__ __forceinline__ void start_copying_pairs(const double* x, const double* y,
+                                                    std::int64_t count, StagedPairs& to) {
+  start_copying(x, count, to.x);
+  start_copying(y, count, to.y);
+}
+
+// Adds x[i] * y[i] for i = 0 to n - 1, by one thread: pieces of both arrays are copied to shared
+// memory one piece ahead where both lie at multiples of 16 bytes, and piece by piece otherwise.
+__device__ __forceinline__ void add_staged_products(const double* x, const double* y,
+                                                    std::int64_t n, StagedPairs* pieces,
+                                                    arithmetic::ExactProductSum& sum) {
+  arithmetic::ChunkedSum<DeviceLanes, 1, arithmetic::Products> chunks(sum);
+  const bool is_aligned =
+      (reinterpret_cast<std::uintptr_t>(x) | reinterpret_cast<std::uintptr_t>(y)) % 16 == 0;
+  for (std::int64_t begin = 0; begin < n && !is_aligned; begin += kPiecePairs) {
+    const std::int64_t count = piece_pairs(n - begin);
+    for (std::int64_t i = 0; i < count; ++i) {
+      pieces->x[i] = x[begin + i];
+      pieces->y[i] = y[begin + i];
+    }
+    chunks.add({pieces->x, pieces->y}, count);
+  }
+  if (!is_aligned || n <= 0) {
+    return;
+  }
+  start_copying_pairs(x, y, piece_pairs(n), pieces[0]);
+  for (int slot = 0; n > 0; slot = 1 - slot) {
+    const std::int64_t count = piece_pairs(n);
+    x += count;
+    y += count;
+    n -= count;
+    start_copying_pairs(x, y, piece_pairs(n), pieces[1 - slot]);
+    wait_for_copies_before_the_latest_two_groups();
+    chunks.add({pieces[slot].x, pieces[slot].y}, count);
+  }
+}
+
+// Launches of tqx_dot_kernel never overlap: all are made on the null stream of the device.
+__device__ DotGridMemory dot_grid_memory;
+
+__device__ __forceinline__ std::int64_t thread_along(unsigned block, unsigned threads,
+                                                     unsigned thread) {
+  return std::int64_t{block} * threads + thread;
+}
+
+}  // namespace korvex::kernels
+
+// out[0] to out[3]: the sum of the products of x and y. One thread does it all; others leave at
+// once.
+extern "C" __global__ void __launch_bounds__(256)
+    tqx_dot_seq_kernel(const double* x, const double* y, double* out, long long n) {
+  using namespace korvex;
+  using arithmetic::ExactProductSum;
+  __shared__ kernels::StagedPairs pieces[2];
+  __shared__ alignas(ExactProductSum) unsigned char sum_memory[sizeof(ExactProductSum)];
+  if (!kernels::is_first_thread_of_grid()) {
+    return;
+  }
+  ExactProductSum& sum = *new (sum_memory) ExactProductSum;
+  kernels::add_staged_products(x, y, n, pieces, sum);
+  sum.round<4>(out);
+}
+
+// out[0], out_err[0] and out_err2[0]: the first three limbs of the sum of the products of x and y.
+extern "C" __global__ void __launch_bounds__(256)
+    tqx_dot_kernel(const double* x, const double* y, double* out, double* out_err, double* out_err2,
+                   long long n) {
+  using namespace korvex;
+  __shared__ kernels::DotBlockMemory block;
+  kernels::dot_by_grid(kernels::DeviceThread(), x, y, out, out_err, out_err2, n, block,
+                       kernels::dot_grid_memory);
+}
+
+// c0, c1, c2: the limbs of a times b. A thread takes the element of its place, x along the columns,
+// and further ones where the grid is smaller than the product.
+extern "C" __global__ void __launch_bounds__(256)
+    tqx_matmul_kernel(const double* a, const double* b, double* c0, double* c1, double* c2,
+                      long long M, long long N, long long K) {
+  using namespace korvex;
+  const std::int64_t row_stride = std::int64_t{gridDim.y} * blockDim.y;
+  const std::int64_t column_stride = std::int64_t{gridDim.x} * blockDim.x;
+#pragma unroll 1
+  for (std::int64_t i = kernels::thread_along(blockIdx.y, blockDim.y, threadIdx.y); i < M;
+       i += row_stride) {
+#pragma unroll 1
+    for (std::int64_t j = kernels::thread_along(blockIdx.x, blockDim.x, threadIdx.x); j < N;
+         j += column_stride) {
+      double limbs[arithmetic::kElementLimbs];
+      arithmetic::matrix_element(a + i * K, b + j, N, K, limbs);
+      c0[i * N + j] = limbs[0];
+      c1[i * N + j] = limbs[1];
+      c2[i * N + j] = limbs[2];
+    }
+  }
+}

@@ -1,0 +1,213 @@
+// SPDX-License-Identifier: Apache-2.0
+// Kernels of the single-block reductions: variance, norm, product, running sums, log of a sum of
+// exponentials.
+//
+// Phases: each thread takes a run of neighbouring elements into a part of its own, in static
+// memory; the parts are joined two by two; one thread rounds. Parts are exact, or lie on a grid, so
+// the number of threads does not show. Only block 0 works, and any number of threads up to
+// kMostThreads may do. A run starts at any element, at 8 bytes and not at 16, so it is read one
+// double at a time: a wider load there would fault. The kernels ask for one block on a
+// multiprocessor: left to itself the compiler halves the registers where two would fit, for a
+// second block that is never there.
+#pragma once
+
+#include <new>
+
+#include "korvex/arithmetic/base/lanes.h"
+#include "korvex/arithmetic/elementary/log_sum_exp.h"
+#include "korvex/arithmetic/exact/element_product.h"
+#include "korvex/arithmetic/exact/norm.h"
+#include "korvex/arithmetic/exact/prefix_sums.h"
+#include "korvex/arithmetic/exact/variance.h"
+#include "korvex/kernels/device/device_thread.cuh"
+
+namespace korvex::kernels {
+
+constexpr int kMostThreads = 1024;
+
+// What a thread of the running sums holds.
+struct SegmentSum {
+  arithmetic::ExactSum before;  // first of the segment itself, then of all before it
+  arithmetic::PrefixSum prefix;
+};
+
+constexpr std::size_t larger(std::size_t a, std::size_t b) { return a > b ? a : b; }
+constexpr std::size_t kPartBytes =
+    larger(larger(sizeof(arithmetic::Moments), sizeof(SegmentSum)),
+           larger(sizeof(arithmetic::FastProduct),
+                  sizeof(arithmetic::FixedExpSum<arithmetic::kThirdTryWords>)));
+
+struct alignas(16) PartMemory {
+  unsigned char bytes[kPartBytes];
+};
+
+union ReductionWorkspace {
+  arithmetic::VarianceWorkspace variance;
+  arithmetic::SquareSum norm;
+  alignas(16) unsigned char total[sizeof(arithmetic::ExactSum)];
+};
+
+// Launches of these kernels never overlap: all are made on the null stream of the device.
+__device__ PartMemory part_memory[kMostThreads];
+__device__ ReductionWorkspace reduction_workspace;
+// A WideProductWorkspace: static memory is not constructed.
+alignas(16) __device__ unsigned char wide_product_memory[sizeof(arithmetic::WideProductWorkspace)];
+
+class BlockRunner {
+ public:
+  __device__ __forceinline__ BlockRunner(const double* x, std::int64_t n) : x_(x), n_(n) {
+    const std::int64_t count = thread_.threads();
+    const std::int64_t index = thread_.index();
+    const std::int64_t rest = n % count;
+    begin_ = n / count * index + (index < rest ? index : rest);
+    end_ = begin_ + n / count + (index < rest ? 1 : 0);
+  }
+
+  __device__ __forceinline__ bool is_first() const { return thread_.index() == 0; }
+  __device__ __forceinline__ std::int64_t begin() const { return begin_; }
+  __device__ __forceinline__ std::int64_t size() const { return end_ - begin_; }
+
+  template <class Part>
+  __device__ __forceinline__ Part& part(int index) const {
+    return *reinterpret_cast<Part*>(part_memory[index].bytes);
+  }
+  template <class Part>
+  __device__ __forceinline__ Part& own_part() const {
+    return part<Part>(thread_.index());
+  }
+
+  // All threads together: the join of work(x, count, part) over all runs of elements. It stands
+  // until the next call.
+  template <class Part, class Work>
+  __device__ __forceinline__ Part& over(const Work& work) const {
+    thread_.sync_block();
+    Part& own = *new (part_memory[thread_.index()].bytes) Part();
+    work(x_ + begin_, size(), own);
+    for (int distance = 1; distance < thread_.threads(); distance *= 2) {
+      thread_.sync_block();
+      const int other = thread_.index() + distance;
+      if (thread_.index() % (2 * distance) == 0 && other < thread_.threads()) {
+        own.add(part<Part>(other));
+      }
+    }
+    thread_.sync_block();
+    return part<Part>(0);
+  }
+
+  __device__ __forceinline__ void sync() const { thread_.sync_block(); }
+  __device__ __forceinline__ int threads() const { return thread_.threads(); }
+
+ private:
+  DeviceThread thread_;
+  const double* x_;
+  std::int64_t n_;
+  std::int64_t begin_;  // the run of this thread
+  std::int64_t end_;
+};
+
+// What else a grid holds has nothing to do.
+__device__ __forceinline__ bool is_in_first_block() {
+  return blockIdx.x == 0 && blockIdx.y == 0 && blockIdx.z == 0;
+}
+
+// The sums of the segments become the sums of what is before each of them.
+__device__ __forceinline__ void scan_segments(const BlockRunner& runner) {
+  arithmetic::ExactSum& total = *new (reduction_workspace.total) arithmetic::ExactSum();
+  for (int i = 0; i < runner.threads(); ++i) {
+    SegmentSum& segment = runner.part<SegmentSum>(i);
+    arithmetic::ExactSum& own = segment.prefix;
+    own = segment.before;
+    segment.before = total;
+    total.add(own);
+  }
+}
+
+}  // namespace korvex::kernels
+
+// out_mean[0], out_var[0]: mean and variance of x, divisor n - 1, correctly rounded.
+extern "C" __global__ void __launch_bounds__(1024, 1)
+    tqx_var_kernel(const double* x, double* out_mean, double* out_var, long long n) {
+  using namespace korvex;
+  using arithmetic::Moments;
+  if (!kernels::is_in_first_block()) {
+    return;
+  }
+  const kernels::BlockRunner runner(x, n);
+  Moments& moments = runner.over<Moments>([](const double* run, std::int64_t count, Moments& part) {
+    part.add_elements<arithmetic::ScalarLanes>(run, count);
+  });
+  if (runner.is_first()) {
+    arithmetic::write_variance(moments, n, kernels::reduction_workspace.variance, out_mean,
+                               out_var);
+  }
+}
+
+// out[0]: the Euclidean norm of x, correctly rounded.
+extern "C" __global__ void __launch_bounds__(1024, 1)
+    tqx_norm_kernel(const double* x, double* out, long long n) {
+  using namespace korvex;
+  using arithmetic::ExactProductSum;
+  if (!kernels::is_in_first_block()) {
+    return;
+  }
+  const kernels::BlockRunner runner(x, n);
+  ExactProductSum& squares = runner.over<ExactProductSum>(
+      [](const double* run, std::int64_t count, ExactProductSum& part) {
+        arithmetic::add_products<arithmetic::ScalarLanes>(run, run, count, part);
+      });
+  if (runner.is_first()) {
+    arithmetic::write_norm(squares, kernels::reduction_workspace.norm, out);
+  }
+}
+
+// out[0], out_err[0]: the product of x, and what is left of it, each correctly rounded.
+extern "C" __global__ void __launch_bounds__(1024, 1)
+    tqx_prod_kernel(const double* x, double* out, double* out_err, long long n) {
+  using namespace korvex;
+  using arithmetic::FastProduct;
+  if (!kernels::is_in_first_block()) {
+    return;
+  }
+  const kernels::BlockRunner runner(x, n);
+  const FastProduct& product = runner.over<FastProduct>(
+      [](const double* run, std::int64_t count, FastProduct& part) { part.add_range(run, count); });
+  if (runner.is_first()) {
+    auto& wide = *new (kernels::wide_product_memory) arithmetic::WideProductWorkspace;
+    arithmetic::write_product(product, x, n, wide, out, out_err);
+  }
+}
+
+// out[i], out_err[i]: the sum of x[0] to x[i], and what is left of it, each correctly rounded.
+extern "C" __global__ void __launch_bounds__(1024, 1)
+    tqx_cumsum_kernel(const double* x, double* out, double* out_err, long long n) {
+  using namespace korvex;
+  using kernels::SegmentSum;
+  if (!kernels::is_in_first_block()) {
+    return;
+  }
+  const kernels::BlockRunner runner(x, n);
+  SegmentSum& own = *new (&runner.own_part<SegmentSum>()) SegmentSum();
+  arithmetic::add_range<arithmetic::ScalarLanes>(x + runner.begin(), runner.size(), own.before);
+  runner.sync();
+  if (runner.is_first()) {
+    kernels::scan_segments(runner);
+  }
+  runner.sync();
+  arithmetic::PrefixSum& prefix = *new (&own.prefix) arithmetic::PrefixSum();
+  prefix.start(own.before);
+  prefix.scan(x + runner.begin(), runner.size(), out + runner.begin(), out_err + runner.begin());
+}
+
+// out[0]: log(exp(x[0]) + ... + exp(x[n - 1])), correctly rounded save where 1472 bits cannot tell.
+extern "C" __global__ void __launch_bounds__(1024, 1)
+    tqx_logsumexp_kernel(const double* x, double* out, long long n) {
+  using namespace korvex;
+  if (!kernels::is_in_first_block()) {
+    return;
+  }
+  const kernels::BlockRunner runner(x, n);
+  const double result = arithmetic::log_sum_exp(runner, n);
+  if (runner.is_first()) {
+    out[0] = result;
+  }
+}

@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: Apache-2.0
+// Kernels of one operand and one result per element: one thread an element, or several elements a
+// thread where the grid is too small for that.
+#pragma once
+
+#include "korvex/arithmetic/elementary/logarithm.h"
+#include "korvex/arithmetic/elementary/logistic.h"
+#include "korvex/arithmetic/elementary/unary.h"
+#include "korvex/kernels/device/device_thread.cuh"
+
+namespace korvex::kernels {
+
+// out[i] = operation(x[i]). Not unrolled: with a thread for each element the loop runs once.
+template <class Operation>
+__device__ __forceinline__ void map_by_grid(const double* x, double* out, std::int64_t n,
+                                            const Operation& operation) {
+  const DeviceThread thread;
+  const std::int64_t stride = thread.blocks() * thread.threads();
+#pragma unroll 1
+  for (std::int64_t i = thread.block() * thread.threads() + thread.index(); i < n; i += stride) {
+    out[i] = operation(x[i]);
+  }
+}
+
+template <double (*Function)(double)>
+struct Unary {
+  __device__ __forceinline__ double operator()(double x) const { return Function(x); }
+};
+
+struct LeakyRelu {
+  double slope;
+  __device__ __forceinline__ double operator()(double x) const {
+    return arithmetic::leaky_relu(x, slope);
+  }
+};
+
+}  // namespace korvex::kernels
+
+// out[i]: max(x[i], 0).
+extern "C" __global__ void __launch_bounds__(256)
+    tqx_relu_kernel(const double* x, double* out, long long n) {
+  using namespace korvex;
+  kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::relu>());
+}
+
+// out[i]: -x[i].
+extern "C" __global__ void __launch_bounds__(256)
+    tqx_neg_kernel(const double* x, double* out, long long n) {
+  using namespace korvex;
+  kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::negated>());
+}
+
+// out[i]: exp(x[i]), correctly rounded.
+extern "C" __global__ void __launch_bounds__(256)
+    tqx_exp_kernel(const double* x, double* out, long long n) {
+  using namespace korvex;
+  kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::exponential>());
+}
+
+// out[i]: log(x[i]), correctly rounded.
+extern "C" __global__ void __launch_bounds__(256)
+    tqx_log_kernel(const double* x, double* out, long long n) {
+  using namespace korvex;
+  kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::logarithm>());
+}
+
+// out[i]: the square root of x[i].
+extern "C" __global__ void __launch_bounds__(256)
+    tqx_sqrt_kernel(const double* x, double* out, long long n) {
+  using namespace korvex;
+  kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::square_root>());
+}
+
+// out[i]: 1 / (1 + exp(-x[i])), correctly rounded.
+extern "C" __global__ void __launch_bounds__(256)
+    tqx_sigmoid_kernel(const double* x, double* out, long long n) {
+  using namespace korvex;
+  kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::sigmoid>());
+}
+
+// out[i]: tanh(x[i]), correctly rounded.
+extern "C" __global__ void __launch_bounds__(256)
+    tqx_tanh_kernel(const double* x, double* out, long long n) {
+  using namespace korvex;
+  kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::hyperbolic_tangent>());
+}
+
+// out[i]: x[i] where it is positive, else negative_slope * x[i].
+extern "C" __global__ void __launch_bounds__(256)
+    tqx_leaky_relu_kernel(const double* x, double negative_slope, double* out, long long n) {
+  using namespace korvex;
+  kernels::map_by_grid(x, out, n, kernels::LeakyRelu{negative_slope});
+}
