@@ -132,7 +132,8 @@ def test_loader_and_emulated_device_stand_there(entries):
 
 def test_names_stand_on_the_page_of_their_folder():
     for page in API.glob("*.md"):
-        folder = TREE / "korvex" / ("tqx_runtime" if page.stem == "runtime" else page.stem)
+        is_roof = page.stem == "runtime"
+        folder = TREE / "korvex" / ("tqx_runtime" if is_roof else f"functions/{page.stem}")
         found = re.search(rf"{{api-names}} {RUNTIME}\n(.*?)```", page.read_text(), re.DOTALL)
         if found:
             sources = "".join(path.read_text() for path in folder.glob("*.cpp"))
