@@ -42,6 +42,12 @@ def short(number: float) -> str:
     return f"{number:.3g}" if number < 100 else f"{number:,.0f}"
 
 
+def compared(ratio: float) -> str:
+    """A ratio of times as people say it, to be followed by "than"."""
+    percent = round(100 * abs(ratio - 1))
+    return f"{percent} % {'longer' if ratio >= 1 else 'less time'}"
+
+
 # --- Blocks of README.md
 
 
@@ -69,8 +75,9 @@ def costs(records: Records) -> Lines:
         "",
         *table(["", "N(0,1)", "N(0,1) · 2^U(-60,60)"], rows),
         "",
-        f"A call of `tqx_sum` takes {call:.2f} of the time of the same steps written in Python;",
-        f"{limbs:.2f} with `return_tqx=True`, where nothing is collapsed.",
+        f"A call of `tqx_sum` takes {compared(call)} than the same torch calls made from Python,",
+        f"and {compared(limbs)} with `return_tqx=True`, which makes fewer of them",
+        "(`benchmarks/bench_overhead.py`, kernels that do nothing).",
     ]
 
 
@@ -95,8 +102,8 @@ def where(records: Records) -> Lines:
         f"All figures are of `make figures` on {record['date'][:10]}, whose parts took",
         f"{minutes:.0f} minutes in all: {host['processor']}, {processors} processors, CPython",
         f"{versions['python']}, torch {versions['torch']}, NumPy {versions['numpy']}. The load",
-        f"average reached {busy:.1f}; much above {processors}, other processes were at work, and",
-        "only processor times are of use.",
+        f"average reached {busy:.1f}; if it is much above {processors}, other processes were at",
+        "work, and only the processor times mean something.",
     ]
 
 
@@ -208,7 +215,7 @@ def large(records: Records) -> Lines:
         ]
         for r in records["bench_large"]["results"]
     ]
-    columns = ["function", "n", "s", "torch, s", "copies held", "told", "torch"]
+    columns = ["function", "n", "s", "torch, s", "copies held", "copies expected", "torch"]
     return table(columns, rows)
 
 
@@ -233,7 +240,7 @@ def aims(target: dict[str, Any]) -> list[str]:
     words = {
         "times_faster_at_least": "at least {:g} times faster than `math.fsum`",
         "ns_at_most": "at most {:g} ns",
-        "ratio_at_most": "at most {:g} of plain Python",
+        "ratio_at_most": "at most {:g} times plain Python",
         "times_on_two_threads_at_least": "two threads: at least {:g} times",
         "copies_at_most": "at most {:g} copies",
     }
@@ -260,9 +267,9 @@ def series_overhead(records: Records) -> Lines:
     record = records["bench_series"]
     ratios = [r["ratio"] for r in record["results"]]
     return [
-        "Between the operations the module spends what plain Python spends: a function takes",
-        f"{min(ratios):.2f} to {max(ratios):.2f} of the time of the same chain written in Python",
-        f"(`benchmarks/bench_series.py`, {record['settings']['n']} elements on a host).",
+        "Beside the torch operations in it, a call costs about what plain Python costs: its time",
+        f"is {min(ratios):.2f} to {max(ratios):.2f} times that of the same torch calls made from",
+        f"Python (`benchmarks/bench_series.py`, {record['settings']['n']} elements on a host).",
     ]
 
 
