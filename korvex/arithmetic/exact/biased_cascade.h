@@ -9,7 +9,7 @@
 // over the whole run: that no partial sum of the first slice left its binade, and that nothing was
 // left below the last slice. The binned sums of Demmel and Hida, Accurate and efficient floating
 // point summation, 2003, and of Demmel and Nguyen, Fast reproducible floating-point summation,
-// 2013, rest on the same step. The bounds are proved in docs/numerics.md.
+// 2013, rest on the same step. The bounds are proved in docs/numerics_sum.md.
 #pragma once
 
 #include "korvex/arithmetic/base/binary64.h"

@@ -3,8 +3,8 @@
 //
 // Phases, in order: order the limbs by two_sum passes until none changes; settle the tie that can
 // hide below l0; the same for the three limbs after it; l2 and l3 then are canonical already. The
-// proof stands in docs/numerics.md. Where the passes do not come to rest, or where a limb is large
-// enough to overflow on the way, the long accumulator rounds instead: the limbs are the same.
+// proof stands in docs/numerics_sum.md. Where the passes do not come to rest, or where a limb is
+// large enough to overflow on the way, the long accumulator rounds instead: the limbs are the same.
 #pragma once
 
 #include "korvex/arithmetic/base/eft.h"
