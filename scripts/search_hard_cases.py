@@ -38,16 +38,16 @@ EXACT = {
 }
 TITLE = """# Hard cases of exp, log, sigmoid and tanh
 
-Arguments whose exact result lies close to the middle between two doubles: `bits` is how many bits
-past the 53 of the result agree with the middle, so a computation that is not right to about that
-many bits rounds it at random. Found by
+Arguments whose exact result lies close to the middle between two float64: `bits` is how many bits
+past the 53 of the result agree with the middle. A computation needs about that many correct bits
+more than 53 to round such a result correctly. Found by
 
     scripts/search_hard_cases.py --count {count} --seed {seed}
 
-a random search over the whole range with the double-double phase as filter, and all arguments
-within 32 gaps of a power of two. It does not exclude harder ones. sigmoid and tanh widen their
-computation until the rounding is decided; exp and log decide with 256 bits of fraction. The tests
-hold all of `tests/elementwise/hard_cases.json` against MPFR.
+a random search over the whole range with the fast phase as filter, and all arguments within 32 gaps
+of a power of two. There may be harder ones. sigmoid and tanh widen their computation until the
+rounding is decided; exp and log decide with 256 bits of fraction ([proofs](numerics_elementary.md)).
+The tests compare all of `tests/elementwise/hard_cases.json` with MPFR.
 """
 
 
