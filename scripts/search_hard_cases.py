@@ -46,8 +46,9 @@ more than 53 to round such a result correctly. Found by
 
 a random search over the whole range with the fast phase as filter, and all arguments within 32 gaps
 of a power of two. There may be harder ones. sigmoid and tanh widen their computation until the
-rounding is decided; exp and log decide with 256 bits of fraction ([proofs](numerics_elementary.md)).
-The tests compare all of `tests/elementwise/hard_cases.json` with MPFR.
+rounding is decided; exp and log decide with 256 bits of fraction
+([proofs](numerics_elementary.md)). The tests compare all of `tests/elementwise/hard_cases.json`
+with MPFR.
 """
 
 
