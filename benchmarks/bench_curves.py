@@ -2,7 +2,7 @@
 """How does the time of an exact sum, dot and matrix product grow with its size?
 
 On one thread of the emulated device, beside plain torch and NumPy and beside the exact peers of
-the standard library, each up to the size that it can be waited for. draw_figures.py draws it.
+the standard library, each up to the size that it can be waited for. `make figures` draws it.
 """
 
 import argparse
@@ -15,12 +15,13 @@ from typing import Any
 
 import numpy as np
 import torch
-from common import RESULTS_FOLDER, print_table, write_results
-from host_kernels import launch_of
 from plain_products import double_double, rational
 
 from korvex import emulation
 from korvex.emulation._library import HostLibrary, best_instruction_set
+from korvex_tools.figures.host_kernels import launch_of
+from korvex_tools.figures.records import RESULTS_FOLDER, write_results
+from korvex_tools.figures.timing import print_table
 
 SEED = 1947
 BATCH_SECONDS = 0.005  # of calls that are timed together, at least

@@ -20,18 +20,11 @@ os.environ["OPENBLAS_NUM_THREADS"] = "1"
 
 import numpy as np
 import torch
-from common import (
-    RESULTS_FOLDER,
-    Timing,
-    measure,
-    print_table,
-    print_targets,
-    threads_target,
-    write_results,
-)
 
 from korvex import emulation
 from korvex.emulation._library import HostLibrary, best_instruction_set, usable_instruction_sets
+from korvex_tools.figures.records import RESULTS_FOLDER, write_results
+from korvex_tools.figures.timing import Timing, measure, print_table, print_targets, threads_target
 
 SEED = 19710301
 ONE = (1, 1, 1)

@@ -8,19 +8,16 @@ rounds wrongly, judged by MPFR.
 
 import argparse
 import ctypes
-import sys
 from pathlib import Path
 
 import numpy as np
 import torch
-from common import RESULTS_FOLDER, measure, print_table, print_targets, write_results
 
 from korvex.emulation._library import HostLibrary, best_instruction_set, usable_instruction_sets
-
-ROOT = Path(__file__).resolve().parents[1]
-sys.path += [str(ROOT / "tests" / "support"), str(ROOT / "scripts")]
-import elementary_reference as reference  # noqa: E402
-from elementary_probe import Probe  # noqa: E402
+from korvex_tools.elementary.probe import Probe
+from korvex_tools.figures.records import RESULTS_FOLDER, write_results
+from korvex_tools.figures.timing import measure, print_table, print_targets
+from korvex_tools.references import elementary_reference as reference
 
 SEED = 1991
 SLOW = 2_000  # elements for what works one by one

@@ -14,10 +14,11 @@ from typing import Any
 
 import plain_pairs
 import torch
-from common import RESULTS_FOLDER, Timing, measure, print_table, write_results
 
 from korvex import emulation
 from korvex.emulation._library import HostLibrary, usable_instruction_sets
+from korvex_tools.figures.records import RESULTS_FOLDER, write_results
+from korvex_tools.figures.timing import Timing, measure, print_table
 
 SEED = 19711971
 ONE = (1, 1, 1)

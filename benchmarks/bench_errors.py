@@ -18,7 +18,6 @@ from typing import Any
 
 import numpy as np
 import torch
-from common import RESULTS_FOLDER, print_table, write_results
 from plain_sums import (
     compensated_dot,
     compensated_sum,
@@ -28,6 +27,8 @@ from plain_sums import (
 )
 
 from korvex import emulation
+from korvex_tools.figures.records import RESULTS_FOLDER, write_results
+from korvex_tools.figures.timing import print_table
 
 SEED = 2005
 EXPONENTS = tuple(range(0, 104, 4))  # condition numbers 10^0 to 10^100

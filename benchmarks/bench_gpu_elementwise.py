@@ -9,19 +9,16 @@ element moves 32 bytes; the measure is a copy inside the device that moves as ma
 import argparse
 import json
 import statistics
-import sys
 from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
 import torch
-from common import print_table, write_results
 
 import korvex
-
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "scripts"))
-
-from cuda_device import CudaDevice, HostDevice  # noqa: E402
+from korvex_tools.figures.records import write_results
+from korvex_tools.figures.timing import print_table
+from korvex_tools.gpu.cuda_device import CudaDevice, HostDevice
 
 SEED = 19711971
 BLOCK = 256

@@ -8,20 +8,17 @@ is timed on the clock, from Python to the result that has arrived. The last line
 import argparse
 import json
 import statistics
-import sys
 import time
 from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
 import torch
-from common import print_table, write_results
 
 import korvex
-
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "scripts"))
-
-from cuda_device import CudaDevice, HostDevice  # noqa: E402
+from korvex_tools.figures.records import write_results
+from korvex_tools.figures.timing import print_table
+from korvex_tools.gpu.cuda_device import CudaDevice, HostDevice
 
 SEED = 20130501
 BLOCK = 256

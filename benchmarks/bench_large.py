@@ -19,7 +19,9 @@ from pathlib import Path
 from typing import Any, NamedTuple
 
 import torch
-from common import RESULTS_FOLDER, print_table, write_results
+
+from korvex_tools.figures.records import RESULTS_FOLDER, write_results
+from korvex_tools.figures.timing import print_table
 
 SEED = 1961
 SLACK = 0.1  # copies: what a process needs beside its tensors, for large inputs

@@ -13,10 +13,11 @@ from pathlib import Path
 from typing import Any
 
 import torch
-from common import RESULTS_FOLDER, Timing, measure, print_table, write_results
 from torch.profiler import ProfilerActivity, profile
 
 from korvex import emulation
+from korvex_tools.figures.records import RESULTS_FOLDER, write_results
+from korvex_tools.figures.timing import Timing, measure, print_table
 
 SEED = 19711971
 THREADS = 1

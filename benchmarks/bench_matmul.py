@@ -15,18 +15,11 @@ from pathlib import Path
 from typing import Any
 
 import torch
-from common import (
-    RESULTS_FOLDER,
-    Timing,
-    measure,
-    print_table,
-    print_targets,
-    threads_target,
-    write_results,
-)
 from plain_products import double_double, rational
 
 from korvex.emulation._library import HostLibrary, best_instruction_set, usable_instruction_sets
+from korvex_tools.figures.records import RESULTS_FOLDER, write_results
+from korvex_tools.figures.timing import Timing, measure, print_table, print_targets, threads_target
 
 SEED = 20050601
 KERNEL = "tqx_matmul_kernel"

@@ -17,7 +17,9 @@ from typing import Any
 
 import plain_sum
 import torch
-from common import RESULTS_FOLDER, Timing, measure, print_table, write_results
+
+from korvex_tools.figures.records import RESULTS_FOLDER, write_results
+from korvex_tools.figures.timing import Timing, measure, print_table
 
 TARGET = 1.1  # the module's time over plain Python's, at most
 JUDGED = "tqx_sum(x)"

@@ -19,9 +19,10 @@ from typing import Any
 import gmpy2
 import numpy as np
 import torch
-from common import RESULTS_FOLDER, Timing, measure, print_table, write_results
 
 from korvex import emulation
+from korvex_tools.figures.records import RESULTS_FOLDER, write_results
+from korvex_tools.figures.timing import Timing, measure, print_table
 
 SEED = 20130501
 REFERENCE_COUNT = 2000  # elements for the references in Python, at most

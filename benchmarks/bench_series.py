@@ -14,8 +14,10 @@ from typing import Any
 import plain_series
 import torch
 from bench_overhead import import_runtime, repeated
-from common import RESULTS_FOLDER, measure, print_table, write_results
 from torch.overrides import TorchFunctionMode
+
+from korvex_tools.figures.records import RESULTS_FOLDER, write_results
+from korvex_tools.figures.timing import measure, print_table
 
 TARGET = 1.1  # the module's time over plain Python's, at most, for every function
 

@@ -14,18 +14,11 @@ from typing import Any
 
 import numpy as np
 import torch
-from common import (
-    RESULTS_FOLDER,
-    Timing,
-    measure,
-    print_table,
-    print_targets,
-    threads_target,
-    write_results,
-)
 
 from korvex import emulation
 from korvex.emulation._library import HostLibrary, best_instruction_set, usable_instruction_sets
+from korvex_tools.figures.records import RESULTS_FOLDER, write_results
+from korvex_tools.figures.timing import Timing, measure, print_table, print_targets, threads_target
 
 SEED = 20130501
 ONE = (1, 1, 1)

@@ -20,17 +20,16 @@ from typing import Any
 
 import numpy as np
 import torch
-from common import (
-    RESULTS_FOLDER,
+
+from korvex.emulation._library import HostLibrary, best_instruction_set
+from korvex_tools.figures.host_kernels import launch_of
+from korvex_tools.figures.records import RESULTS_FOLDER, write_results
+from korvex_tools.figures.timing import (
     TIMES_ON_TWO_THREADS,
     print_table,
     print_targets,
     threads_target,
-    write_results,
 )
-from host_kernels import launch_of
-
-from korvex.emulation._library import HostLibrary, best_instruction_set
 
 SEED = 1967
 MANY = 2

@@ -256,7 +256,7 @@ def digest(data: bytes) -> str:
 
 
 def check_wheel(path: Path, *options) -> subprocess.CompletedProcess:
-    command = [sys.executable, SCRIPTS / "check_wheel.py", path, *options]
+    command = [sys.executable, "-P", "-m", "korvex_tools.check_wheel", path, *options]
     return subprocess.run(command, capture_output=True, text=True)
 
 
@@ -321,7 +321,7 @@ def test_a_library_that_a_wheel_may_not_need_is_told(wheel):
 def closing_line(tmp_path: Path, *cases: str) -> subprocess.CompletedProcess:
     junit_file = tmp_path / "run.xml"
     junit_file.write_text(f"<testsuites><testsuite>{''.join(cases)}</testsuite></testsuites>")
-    command = [sys.executable, SCRIPTS / "report_tests.py", f"Python={junit_file}"]
+    command = [sys.executable, "-P", "-m", "korvex_tools.report_tests", f"Python={junit_file}"]
     return subprocess.run(command, capture_output=True, text=True)
 
 

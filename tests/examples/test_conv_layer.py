@@ -8,9 +8,10 @@ import subprocess
 import sys
 from pathlib import Path
 
-import exact_linear
 import pytest
-from exact_arithmetic import round_to_double
+
+from korvex_tools.references import exact_linear
+from korvex_tools.references.exact_arithmetic import round_to_double
 
 EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
 

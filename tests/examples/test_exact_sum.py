@@ -10,7 +10,14 @@ from fractions import Fraction
 
 import numpy as np
 import pytest
-from exact_arithmetic import bits, canonical_limbs, exact_sum, round_to_double, ulp
+
+from korvex_tools.references.exact_arithmetic import (
+    bits,
+    canonical_limbs,
+    exact_sum,
+    round_to_double,
+    ulp,
+)
 
 # A third is no finite decimal, 1e17 absorbs what follows, and the mean of seven does not end.
 VALUES = [0.1, 1e17, 1 / 3, -1e17, 2.5e-9, 3.0, -0.7]

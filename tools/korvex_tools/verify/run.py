@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-"""One configuration of verify.py, in a process of its own: runs the cases and tells the digests.
+"""One configuration, in a process of its own: runs the cases and writes down their digests.
 
-usage: verify_run.py {emulated,gpu} --output FILE [--threads N] [--instruction-set SET]
-       [--library FILE] [--long]
+usage: python -P -m korvex_tools.verify.run {emulated,gpu} --output FILE [--threads N]
+       [--instruction-set SET] [--library FILE] [--long]
 
 The output is a JSON file: the device, and for every golden case of a promised function what its
 file should say of it, or the exception that it raised; or the reason why there is no such device.
@@ -18,11 +18,7 @@ import traceback
 from pathlib import Path
 from typing import Any
 
-SOURCE_TREE = Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(SOURCE_TREE / "tests" / "support"))
-
-import golden  # noqa: E402
-import promises  # noqa: E402
+from korvex_tools.verify import golden, promises
 
 
 class Absent(Exception):

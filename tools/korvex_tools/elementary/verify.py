@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """Holds exp, log, sqrt, sigmoid and tanh of the host kernels against MPFR, bit for bit.
 
@@ -12,14 +11,11 @@ import multiprocessing
 import os
 import sys
 import time
-from pathlib import Path
 
 import numpy as np
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests" / "support"))
-import elementary_reference as reference
-
 from korvex.emulation._library import HostLibrary, usable_instruction_sets
+from korvex_tools.references import elementary_reference as reference
 
 BATCH = 50_000
 USABLE = usable_instruction_sets()

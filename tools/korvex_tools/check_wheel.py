@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Check a wheel as a file: its tags, what it says of itself, and what it holds.
 
-usage: check_wheel.py WHEEL [--kernels FOLDER]
+usage: python -P -m korvex_tools.check_wheel WHEEL [--kernels FOLDER]
 
 FOLDER holds the kernels that the wheel must have, byte for byte. Each fault is one line; the exit
 status is 0 where there is none.
@@ -18,10 +18,8 @@ import zipfile
 from email.parser import Parser
 from pathlib import Path, PurePosixPath
 
-SOURCE_TREE = Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(SOURCE_TREE / "tests" / "support"))
-
-from elf_file import ElfFile  # noqa: E402
+from korvex_tools.elf_file import ElfFile
+from korvex_tools.source_tree import SOURCE_TREE
 
 SUFFIXES = {".cubin", ".json", ".ptx", ".py", ".pyi", ".so", ".typed"}
 MODULES = ("cubin_loader_native", "tqx_runtime")

@@ -1,24 +1,15 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What all benchmarks share: fair timing, a table for the reader, a JSON file for the record.
+"""What all benchmarks share: fair timing, a table for the reader, targets.
 
 Candidates run in turns, so that a change of the machine's mood falls on all of them, and are
 compared by their medians within one run. Smallest and largest times are kept: they show the noise.
 """
 
-import json
-import os
-import platform
-import re
 import statistics
 import time
 from collections.abc import Callable
 from dataclasses import dataclass
-from datetime import UTC, datetime
-from importlib.metadata import version
-from pathlib import Path
 from typing import Any
-
-RESULTS_FOLDER = Path(__file__).resolve().parent / "results"
 
 
 @dataclass(frozen=True)
@@ -102,46 +93,3 @@ def print_targets(targets: list[dict[str, Any]]) -> None:
     for target in targets:
         [aim] = [text.format(target[key]) for key, text in words.items() if key in target]
         print(f"target: {target['candidate']}, {aim}: {'met' if target['met'] else 'NOT MET'}")
-
-
-# --- The machine
-
-
-def processor_name() -> str:
-    names = re.findall(r"^model name\s*: (.+)$", Path("/proc/cpuinfo").read_text(), re.MULTILINE)
-    return names[0] if names else platform.machine()
-
-
-def host_kind() -> str:
-    """A word for file names: results of like machines replace each other."""
-    return re.sub(r"[^a-z0-9]+", "-", f"{processor_name()} {os.cpu_count()}cpu".lower()).strip("-")
-
-
-def host_description() -> dict[str, Any]:
-    flags = re.search(r"^flags\s*: (.+)$", Path("/proc/cpuinfo").read_text(), re.MULTILINE)
-    known = ("fma", "avx2", "avx512f")
-    return {
-        "processor": processor_name(),
-        "processors": os.cpu_count(),
-        "instructions": [name for name in known if flags and name in flags[1].split()],
-        "system": platform.platform(),
-        "versions": {
-            "python": platform.python_version(),
-            **{name: version(name) for name in ("korvex-tqx", "numpy", "torch")},
-        },
-        # Others at work on the machine; 1.0 is one busy processor.
-        "load_average_1_minute": round(os.getloadavg()[0], 2),
-    }
-
-
-# --- The record
-
-
-def write_results(name: str, folder: Path, content: dict[str, Any]) -> None:
-    """Writes folder/NAME-HOST.json with the date and the machine."""
-    now = datetime.now(UTC).isoformat(timespec="seconds")
-    record = {"benchmark": name, "date": now, "host": host_description(), **content}
-    folder.mkdir(parents=True, exist_ok=True)
-    path = folder / f"{name}-{host_kind()}.json"
-    path.write_text(json.dumps(record, indent=2) + "\n")
-    print(f"\nwritten: {os.path.relpath(path)}")

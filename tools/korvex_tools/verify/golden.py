@@ -35,7 +35,9 @@ from typing import Any
 
 import numpy as np
 
-FOLDER = pathlib.Path(__file__).parents[1] / "golden"
+from korvex_tools.source_tree import SOURCE_TREE
+
+FOLDER = SOURCE_TREE / "tests" / "golden"
 CANONICAL_NAN = 0x7FF8000000000000
 _SHOWN = 8  # so many values of a result stand in the file in full, for a reader
 

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Checks of the kernels on a GPU: the same bits as on the host, whatever the grid and the block.
 
-usage: gpu_checks.py CHECK [--emulated]
+usage: python -P -m korvex_tools.gpu.checks CHECK [--emulated]
 
 CHECK is sums, elementwise, dots, matrices, reductions, grids, nan, large, division or sanitizer.
 The last line printed is JSON with the figures; the exit status is 0 where everything agreed.
@@ -17,12 +17,9 @@ import sys
 from pathlib import Path
 
 import numpy as np
-from cuda_device import CudaDevice, HostDevice
 
-SOURCE_TREE = Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(SOURCE_TREE / "tests" / "support"))
-
-import exact_arithmetic  # noqa: E402
+from korvex_tools.gpu.cuda_device import CudaDevice, HostDevice
+from korvex_tools.references import exact_arithmetic
 
 SEED = 20251121
 NAN = 0x7FF8000000000000

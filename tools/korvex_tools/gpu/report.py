@@ -26,8 +26,7 @@ from datetime import UTC, datetime
 from pathlib import Path
 from typing import Any
 
-from machine_facts import (
-    SOURCE_TREE,
+from korvex_tools.machine_facts import (
     first_line,
     gpu_fact,
     slug,
@@ -35,6 +34,7 @@ from machine_facts import (
     toolkit,
     version_of,
 )
+from korvex_tools.source_tree import SOURCE_TREE
 
 BUILD = SOURCE_TREE / "build" / "gpu"
 BUILT_SITE = BUILD / "site-packages"
@@ -60,6 +60,10 @@ def script(name: str, *arguments: str) -> list[str]:
     return [sys.executable, str(SOURCE_TREE / name), *arguments]
 
 
+def module(name: str, *arguments: str) -> list[str]:
+    return [sys.executable, "-P", "-m", f"korvex_tools.{name}", *arguments]
+
+
 def last_line_json(output: str) -> Any:
     lines = output.strip().splitlines()
     try:
@@ -79,7 +83,7 @@ def build_stage() -> Stage:
 
 def check_stage(name: str, limit: int, options: argparse.Namespace) -> Stage:
     arguments = [name, "--emulated"] if options.dry_run else [name]
-    return Stage(name, script("scripts/gpu_checks.py", *arguments), limit, read=last_line_json)
+    return Stage(name, module("gpu.checks", *arguments), limit, read=last_line_json)
 
 
 def verify_stage(options: argparse.Namespace) -> Stage:
@@ -90,7 +94,7 @@ def verify_stage(options: argparse.Namespace) -> Stage:
         compared = ["gpu", "base-all", "fma-all", "avx512-all"]
         arguments = ["--long", "--need", "gpu", "--only", *compared]
         arguments += ["--results", str(options.results)] if options.has_results else ["--record"]
-    return Stage("verify", script("scripts/verify.py", *arguments), 120, read=last_line)
+    return Stage("verify", module("verify", *arguments), 120, read=last_line)
 
 
 def last_line(output: str) -> str | None:
@@ -143,7 +147,7 @@ def count_tests(junit: Path) -> dict[str, Any] | None:
 def sanitizer_stage(tool: str) -> Stage:
     sanitizer = shutil.which("compute-sanitizer") or "compute-sanitizer"
     options = ["--tool", tool, "--error-exitcode", str(SANITIZER_FOUND)]
-    command = [sanitizer, *options, *script("scripts/gpu_checks.py", "sanitizer")]
+    command = [sanitizer, *options, *module("gpu.checks", "sanitizer")]
     return Stage(f"sanitizer {tool}", command, 60, read=sanitizer_summary)
 
 
@@ -168,9 +172,9 @@ def all_stages(options: argparse.Namespace, junit: Path) -> list[Stage]:
 
 
 def run_stage(stage: Stage, limit: float, site: Path | None) -> dict[str, Any]:
-    environment = os.environ | stage.environment
-    if site is not None:
-        environment |= {"PYTHONPATH": str(site)}
+    places = [str(site)] if site else []
+    search_path = os.pathsep.join([*places, str(SOURCE_TREE / "tools")])
+    environment = os.environ | stage.environment | {"PYTHONPATH": search_path}
     begin = time.monotonic()
     status, output = run_limited(stage.command, limit, environment)
     outcome = {0: "passed", None: "ran out of time"}.get(status, "failed")

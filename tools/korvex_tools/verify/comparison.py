@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """Are the bits the same here? Every promised function against the digests in tests/golden.
 
@@ -19,11 +18,11 @@ import time
 from pathlib import Path
 from typing import Any
 
-import verify_configurations as configurations
-import verify_report
-from verify_configurations import Configuration
+from korvex_tools.source_tree import SOURCE_TREE
+from korvex_tools.verify import configurations
+from korvex_tools.verify import report as reports
+from korvex_tools.verify.configurations import Configuration
 
-SOURCE_TREE = Path(__file__).resolve().parent.parent
 GOLDEN = SOURCE_TREE / "tests" / "golden"
 SHOWN = 10  # differences printed of a configuration; the report has all
 
@@ -34,9 +33,9 @@ SHOWN = 10  # differences printed of a configuration; the report has all
 def run(configuration: Configuration, options: argparse.Namespace) -> dict[str, Any]:
     """Its outcome: "equal", "different", "failed" or "skipped", and what belongs to that."""
     with tempfile.TemporaryDirectory() as folder:
-        output = Path(folder) / "told.json"
-        script = str(SOURCE_TREE / "scripts" / "verify_run.py")
-        command = [sys.executable, script, *configuration.arguments, "--output", str(output)]
+        output = Path(folder) / "found.json"
+        program = [sys.executable, "-P", "-m", "korvex_tools.verify.run"]
+        command = [*program, *configuration.arguments, "--output", str(output)]
         command += ["--long"] if options.long else []
         begin = time.monotonic()
         process = subprocess.run(
@@ -155,14 +154,10 @@ def main() -> int:
     parser.add_argument("--results", type=Path, help="another folder for it than build/verify")
     options = parser.parse_args()
     rows = run_all(options)
-    report = verify_report.make(rows, options.long)
+    report = reports.make(rows, options.long)
     if options.results is None:
         is_recorded = options.record and report["tree_has_changes"] is False
-        options.results = verify_report.FOLDER if is_recorded else configurations.BUILD
-    path = verify_report.write(report, options.results)
-    print(verify_report.figures(report) + f"; report: {os.path.relpath(path)}")
-    return 0 if verify_report.is_good(report) else 1
-
-
-if __name__ == "__main__":
-    sys.exit(main())
+        options.results = reports.FOLDER if is_recorded else configurations.BUILD
+    path = reports.write(report, options.results)
+    print(reports.figures(report) + f"; report: {os.path.relpath(path)}")
+    return 0 if reports.is_good(report) else 1

@@ -10,9 +10,10 @@ nothing of the project.
 import math
 
 import numpy as np
-from exact_arithmetic import LARGEST
-from exact_reductions import logsumexp as plain_logsumexp
-from exact_rms_norm import rms_norm as plain_rms_norm
+
+from korvex_tools.references.exact_arithmetic import LARGEST
+from korvex_tools.references.exact_reductions import logsumexp as plain_logsumexp
+from korvex_tools.references.exact_rms_norm import rms_norm as plain_rms_norm
 
 WIDE_BITS = 400  # of MPFR: about 300 more than a rounding to a double needs but in rare cases
 SURE_BITS = 340  # of which so many are taken for right

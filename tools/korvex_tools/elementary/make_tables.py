@@ -1,16 +1,15 @@
-#!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Writes korvex/arithmetic/elementary/elementary_tables.h: the constants of exp, log, sigmoid and tanh.
+"""Writes elementary_tables.h: the constants of exp, log, sigmoid and tanh.
 
 Every constant is computed with MPFR at 2000 bits and rounded once.
 """
 
-from pathlib import Path
-
 import gmpy2
 from gmpy2 import mpfr
 
-TARGET = Path(__file__).resolve().parents[1] / "korvex" / "arithmetic" / "elementary" / "elementary_tables.h"
+from korvex_tools.source_tree import SOURCE_TREE
+
+TARGET = SOURCE_TREE / "korvex" / "arithmetic" / "elementary" / "elementary_tables.h"
 PRECISION = 2000
 EXP_ENTRIES = 64
 LOG_ENTRIES = 256
@@ -19,7 +18,7 @@ LN2_WORDS = 24
 
 TEMPLATE = """\
 // SPDX-License-Identifier: Apache-2.0
-// The constants of exp, log, sigmoid and tanh, written by scripts/make_elementary_tables.py.
+// The constants of exp, log, sigmoid and tanh, written by korvex_tools.elementary.make_tables.
 #pragma once
 
 #include "korvex/arithmetic/base/portability.h"

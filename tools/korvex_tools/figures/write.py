@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Writes the figures that documents quote from the records in results/, or checks that they agree.
+"""Writes the figures that documents quote from the records, or checks that they agree.
 
 A document marks what is written here: the lines between `<!-- figures: NAME -->` and
 `<!-- end of figures -->` are those of the function of that name below, and nobody edits them.
@@ -12,10 +12,9 @@ from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
-from common import RESULTS_FOLDER
-from records import Records, row
+from korvex_tools.figures.records import RESULTS_FOLDER, Records, row
+from korvex_tools.source_tree import SOURCE_TREE
 
-ROOT = Path(__file__).resolve().parent.parent
 BLOCK = re.compile(r"(<!-- figures: (\w+) -->\n)(.*?)(<!-- end of figures -->)", re.DOTALL)
 
 Lines = list[str]
@@ -309,7 +308,9 @@ def with_figures(text: str, records: Records) -> str:
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--results", type=Path, default=RESULTS_FOLDER, help="folder of records")
-    parser.add_argument("--root", type=Path, default=ROOT, help="tree whose documents are written")
+    parser.add_argument(
+        "--root", type=Path, default=SOURCE_TREE, help="tree whose documents are written"
+    )
     parser.add_argument("--check", action="store_true", help="write nothing; fail if they differ")
     options = parser.parse_args()
     records = Records(options.results)

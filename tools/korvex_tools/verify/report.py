@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The reports of verify.py: how one is made, and the page that collects them.
+"""The reports of a verification: how one is made, and the page that collects them.
 
 Run by itself it brings the two tables of docs/reproducibility.md up to date: that of the promises
-from tests/support/promises.py, that of the reports from docs/verification/.
+from promises.py, that of the reports from docs/verification/.
 """
 
 import json
@@ -13,13 +13,12 @@ from datetime import UTC, datetime
 from pathlib import Path
 from typing import Any
 
-import machine_facts
-import verify_configurations
+from korvex_tools import machine_facts
+from korvex_tools.source_tree import SOURCE_TREE
+from korvex_tools.verify import configurations, promises
 
-SOURCE_TREE = Path(__file__).resolve().parent.parent
 FOLDER = SOURCE_TREE / "docs" / "verification"
 PAGE = SOURCE_TREE / "docs" / "reproducibility.md"
-sys.path.insert(0, str(SOURCE_TREE / "tests" / "support"))
 
 
 # --- One report
@@ -34,7 +33,7 @@ def make(rows: dict[str, dict[str, Any]], is_long: bool) -> dict[str, Any]:
         "gpu": machine_facts.gpu_fact("name"),
         "driver": machine_facts.gpu_fact("driver_version"),
         "toolkit": machine_facts.toolkit(),
-        "compiler": verify_configurations.compiler_version(),
+        "compiler": configurations.compiler_version(),
         "python": platform.python_version(),
         "versions": {
             name: machine_facts.version_of(name)
@@ -121,8 +120,6 @@ def filled(text: str, name: str, lines: list[str]) -> str:
 
 
 def page(text: str) -> str:
-    import promises
-
     text = filled(text, "promises", list(promises.table()))
     return filled(text, "reports", table_of_reports())
 

@@ -1,9 +1,8 @@
-#!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """Works out the error bounds of the fast phases, and holds measured errors against them.
 
 Each bound is a sum of one term for each rounding and each cut, all rounded up, with the constants
-read from korvex/arithmetic/elementary/elementary_tables.h. Prints a table: the computed bound, the one claimed
+read from elementary_tables.h. Prints a table: the computed bound, the one claimed
 in the code, the one used in the rounding test, and the largest error met in a sample. Ends with
 status 1 unless measured <= computed <= claimed < used in every row.
 """
@@ -15,11 +14,13 @@ import sys
 
 import gmpy2
 import numpy as np
-from elementary_probe import ROOT, Probe
 from gmpy2 import mpfr
 
+from korvex_tools.elementary.probe import Probe
+from korvex_tools.source_tree import SOURCE_TREE
+
 CONTEXT = gmpy2.context(precision=120, round=gmpy2.RoundUp)
-TABLES = (ROOT / "korvex" / "arithmetic" / "elementary" / "elementary_tables.h").read_text()
+TABLES = (SOURCE_TREE / "korvex" / "arithmetic" / "elementary" / "elementary_tables.h").read_text()
 U = mpfr(2) ** -53  # relative error of one rounding
 HEX = r"-?0x[0-9a-f.]+p[+-]\d+"
 

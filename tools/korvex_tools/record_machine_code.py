@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Write down what the compiled kernels in some folders cost, as the golden table of the tests.
 
-usage: record_machine_code.py FOLDER...
+usage: python -P -m korvex_tools.record_machine_code FOLDER...
 
 A folder is that of the kernels in a build: build/wheel holds one for all architectures. Rows of
 other compilers and architectures stay as they are.
@@ -11,11 +11,10 @@ import json
 import sys
 from pathlib import Path
 
-SOURCE_TREE = Path(__file__).resolve().parent.parent
-GOLDEN = SOURCE_TREE / "tests" / "device_code" / "golden.json"
-sys.path.insert(0, str(SOURCE_TREE / "tests" / "support"))
+from korvex_tools import machine_code
+from korvex_tools.source_tree import SOURCE_TREE
 
-import machine_code  # noqa: E402
+GOLDEN = SOURCE_TREE / "tests" / "device_code" / "golden.json"
 
 
 def row(cubin: Path) -> dict:

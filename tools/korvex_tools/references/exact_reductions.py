@@ -8,7 +8,7 @@ brings MPFR, is needed for logarithms only.
 import math
 from fractions import Fraction
 
-import exact_arithmetic as exact
+from korvex_tools.references import exact_arithmetic as exact
 
 NAN = exact.from_bits(exact.NAN_BITS)
 LOG_BITS = 4000  # of working precision: the smallest result beside 1 needs 1200

@@ -9,7 +9,7 @@ import subprocess
 from pathlib import Path
 from typing import Any
 
-SOURCE_TREE = Path(__file__).resolve().parent.parent
+from korvex_tools.source_tree import SOURCE_TREE
 
 
 def first_line(command: list[str], pattern: str = "(.*)") -> str | None:

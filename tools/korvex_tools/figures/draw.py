@@ -1,8 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Draws the pictures of docs/ from the records in results/: times against size, errors against
-condition.
+"""Draws the pictures of docs/ from records: times against size, errors against condition.
 
-A picture tells in its caption which machine it is of, and when. Needs matplotlib.
+Each caption names the machine and the day. Needs matplotlib.
 """
 
 import argparse
@@ -13,10 +12,11 @@ import matplotlib
 
 matplotlib.use("Agg")
 import matplotlib.pyplot as plt
-from common import RESULTS_FOLDER
-from records import Records
 
-DOCS = Path(__file__).resolve().parent.parent / "docs"
+from korvex_tools.figures.records import RESULTS_FOLDER, Records
+from korvex_tools.source_tree import SOURCE_TREE
+
+DOCS = SOURCE_TREE / "docs"
 LEAST_ERROR = 1e-18  # stands for 0 on a logarithmic axis
 ROUNDING = 2.0**-53
 

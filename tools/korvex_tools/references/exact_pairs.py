@@ -8,7 +8,7 @@ once more: a sum follows its six operations, a product or quotient has no error.
 import math
 from fractions import Fraction
 
-from exact_arithmetic import bits, round_to_double
+from korvex_tools.references.exact_arithmetic import bits, round_to_double
 
 
 def six_operations(a, b):

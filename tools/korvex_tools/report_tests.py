@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Prints the closing line of a test run from JUnit files, and fails if one of them ran no test.
 
-usage: report_tests.py LABEL=FILE...
+usage: python -P -m korvex_tools.report_tests LABEL=FILE...
 """
 
 import sys

@@ -8,7 +8,7 @@ midpoints. Imports nothing of the project.
 import math
 from fractions import Fraction
 
-from exact_arithmetic import LARGEST, round_to_double
+from korvex_tools.references.exact_arithmetic import LARGEST, round_to_double
 
 
 def rms_norm(values, eps):

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What verify.py compares: the devices, and the host kernels that it compiles for them."""
+"""What is compared: the devices, and the host kernels that it compiles for them."""
 
 import os
 import shutil
@@ -8,7 +8,8 @@ import sys
 from dataclasses import dataclass, field
 from pathlib import Path
 
-SOURCE_TREE = Path(__file__).resolve().parent.parent
+from korvex_tools.source_tree import SOURCE_TREE
+
 BUILD = SOURCE_TREE / "build" / "verify"
 LEVELS = ("O0", "O2")
 KERNELS = {"base": "without FMA", "fma": "with FMA", "avx512": "with AVX-512"}
@@ -19,7 +20,7 @@ ALL_THREADS = len(os.sched_getaffinity(0))
 class Configuration:
     name: str
     what: str
-    arguments: list[str]  # of verify_run.py
+    arguments: list[str]  # of run.py
     environment: dict[str, str] = field(default_factory=dict)
     level: str | None = None  # of a library that is compiled for it
     instruction_set: str = "base"

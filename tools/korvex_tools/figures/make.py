@@ -2,7 +2,7 @@
 """Makes every figure of the documents anew: records, pictures, tables.
 
 Runs all benchmarks of the host one after the other, then the examples that make tables and
-pictures, draws what draw_figures.py draws and writes the documents. How long each part took is
+pictures, draws what draw.py draws and writes the documents. How long each part took is
 printed and recorded; parts that --only does not name keep what they took before. Run it with
 nothing else on the machine; --quick tries all of it in a scratch folder and leaves the tree alone.
 """
@@ -15,12 +15,11 @@ import sys
 import time
 from pathlib import Path
 
-from common import RESULTS_FOLDER, write_results
-from records import RUN, Records
+from korvex_tools.figures.records import RESULTS_FOLDER, RUN, Records, write_results
+from korvex_tools.source_tree import SOURCE_TREE
 
-BENCHMARKS = Path(__file__).resolve().parent
-ROOT = BENCHMARKS.parent
-SCRATCH = ROOT / "build" / "figures"
+BENCHMARKS = SOURCE_TREE / "benchmarks"
+SCRATCH = SOURCE_TREE / "build" / "figures"
 GPU = "bench_gpu_"  # what such scripts time is on a GPU
 
 # Examples that print a table and draw a picture: their options where time is short.
@@ -53,7 +52,7 @@ def run_benchmark(name: str, results: Path, quick: bool) -> None:
 def run_example(name: str, results: Path, docs: Path, quick: bool) -> None:
     """Keeps the table that it prints, and its picture."""
     options = ["--emulated", "--picture", docs / f"{name}.png", *(EXAMPLES[name] if quick else [])]
-    output = run(ROOT / "examples" / f"{name}.py", *options)
+    output = run(SOURCE_TREE / "examples" / f"{name}.py", *options)
     lines = [line for line in output.splitlines() if line.startswith("|")]
     write_results(name, results, {"settings": {"options": options[3:]}, "table": lines})
 
@@ -62,8 +61,8 @@ def scratch_tree() -> Path:
     """A copy of the documents, to write figures into."""
     shutil.rmtree(SCRATCH, ignore_errors=True)
     (SCRATCH / "docs").mkdir(parents=True)
-    for path in [ROOT / "README.md", *(ROOT / "docs").glob("*.md")]:
-        shutil.copy(path, SCRATCH / path.relative_to(ROOT))
+    for path in [SOURCE_TREE / "README.md", *(SOURCE_TREE / "docs").glob("*.md")]:
+        shutil.copy(path, SCRATCH / path.relative_to(SOURCE_TREE))
     return SCRATCH
 
 
@@ -73,7 +72,7 @@ def main() -> None:
     parser.add_argument("--quick", action="store_true", help="small runs, in build/figures")
     parser.add_argument("--only", nargs="+", choices=names, metavar="PART", help="these parts only")
     options = parser.parse_args()
-    tree = scratch_tree() if options.quick else ROOT
+    tree = scratch_tree() if options.quick else SOURCE_TREE
     results = SCRATCH / "results" if options.quick else RESULTS_FOLDER
     docs = tree / "docs"
     parts: dict[str, float] = {}
@@ -89,8 +88,8 @@ def main() -> None:
         parts[name] = round(time.perf_counter() - begin, 1)
         record_parts(parts, results)
     if not options.quick or not options.only:
-        run(BENCHMARKS / "draw_figures.py", "--results", results, "--output", docs)
-        run(BENCHMARKS / "write_figures.py", "--results", results, "--root", tree)
+        run("-P", "-m", "korvex_tools.figures.draw", "--results", results, "--output", docs)
+        run("-P", "-m", "korvex_tools.figures.write", "--results", results, "--root", tree)
     for name, seconds in parts.items():
         print(f"{name:20} {seconds:7.1f} s")
     print(f"{'all':20} {sum(parts.values()):7.1f} s in {os.path.relpath(tree)}")

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Builds elementary_probe.cpp with the host compiler and calls it on NumPy arrays."""
+"""Builds probe.cpp with the host compiler and calls it on NumPy arrays."""
 
 import ctypes
 import os
@@ -9,7 +9,8 @@ from pathlib import Path
 
 import numpy as np
 
-ROOT = Path(__file__).resolve().parents[1]
+from korvex_tools.source_tree import SOURCE_TREE
+
 FUNCTIONS = {"exp": 0, "reduced_exp": 1, "log": 2, "expm1": 3, "sigmoid": 4, "tanh": 5}
 
 
@@ -18,8 +19,8 @@ class Probe:
         self._folder = tempfile.TemporaryDirectory()
         library = Path(self._folder.name) / "probe.so"
         compiler = os.environ.get("CXX", "g++")
-        flags = ["-std=c++20", "-O2", "-ffp-contract=off", "-shared", "-fPIC", f"-I{ROOT}"]
-        source = ROOT / "scripts" / "elementary_probe.cpp"
+        flags = ["-std=c++20", "-O2", "-ffp-contract=off", "-shared", "-fPIC", f"-I{SOURCE_TREE}"]
+        source = Path(__file__).with_name("probe.cpp")
         subprocess.run([compiler, *flags, *options, source, "-o", library], check=True)
         self._functions = ctypes.CDLL(str(library))
         self._functions.probe_undecided.restype = ctypes.c_size_t

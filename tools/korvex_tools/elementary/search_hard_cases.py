@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """Searches arguments whose result lies very close to the middle between two doubles.
 
@@ -10,15 +9,14 @@ tests/elementwise/hard_cases.json, every one with its correct rounding, and docs
 import argparse
 import json
 import math
-import sys
 
 import gmpy2
 import numpy as np
-from elementary_probe import ROOT, Probe
 from gmpy2 import mpfr
 
-sys.path.insert(0, str(ROOT / "tests" / "support"))
-import elementary_reference as reference
+from korvex_tools.elementary.probe import Probe
+from korvex_tools.references import elementary_reference as reference
+from korvex_tools.source_tree import SOURCE_TREE
 
 BATCH = 1_000_000
 KEPT = 40
@@ -42,7 +40,7 @@ Arguments whose exact result lies close to the middle between two doubles: `bits
 past the 53 of the result agree with the middle, so a computation that is not right to about that
 many bits rounds it at random. Found by
 
-    scripts/search_hard_cases.py --count {count} --seed {seed}
+    python -P -m korvex_tools.elementary.search_hard_cases --count {count} --seed {seed}
 
 a random search over the whole range with the double-double phase as filter, and all arguments
 within 32 gaps of a power of two. It does not exclude harder ones. sigmoid and tanh widen their
@@ -127,14 +125,14 @@ def main():
         cases[name] = rows_of(name, search(probe, name, options.count, options.seed))
         print(f"{name}: {cases[name][0]}", flush=True)
     content = {
-        "made_by": "scripts/search_hard_cases.py",
+        "made_by": "korvex_tools.elementary.search_hard_cases",
         "count": options.count,
         "seed": options.seed,
         "cases": cases,
     }
-    path = ROOT / "tests" / "elementwise" / "hard_cases.json"
+    path = SOURCE_TREE / "tests" / "elementwise" / "hard_cases.json"
     path.write_text(json.dumps(content, indent=1) + "\n")
-    (ROOT / "docs" / "hard_cases.md").write_text(page(cases, options))
+    (SOURCE_TREE / "docs" / "hard_cases.md").write_text(page(cases, options))
 
 
 if __name__ == "__main__":
