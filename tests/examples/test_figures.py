@@ -96,9 +96,12 @@ def test_pictures_are_drawn_from_the_records(tmp_path):
     drawn = run("draw", "--output", tmp_path)
     assert drawn.returncode == 0, drawn.stderr
     names = {path.name for path in tmp_path.glob("*.png")}
-    shown = set(re.findall(r"\((\w+\.png)\)", (ROOT / "docs" / "performance.md").read_text()))
-    assert names == shown and len(names) == 4
+    pages = [(ROOT / "docs" / f"{name}.md").read_text() for name in ("performance", "solvers")]
+    shown = {name for page in pages for name in re.findall(r"\((\w+\.png)\)", page)}
+    assert names == shown and len(names) == 5
     assert all((ROOT / "docs" / name).exists() for name in names)
+    for path in tmp_path.glob("*.png"):
+        assert path.read_bytes().startswith(b"\x89PNG\r\n\x1a\n")
 
 
 def test_one_part_can_be_tried_without_a_change_to_the_tree():

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The table and the picture of refined solves, made as a user makes them.
+"""The table of refined solves, made as a user makes it.
 
 The figures are those of a machine's own factorisation, so the table in the documents is held
 against bounds and not against what this machine prints.
@@ -60,15 +60,6 @@ def test_printed_table_keeps_the_bounds(printed):
 
 def test_table_in_the_documents_keeps_the_bounds():
     check(table_of((TREE / "docs" / "solvers.md").read_text()))
-
-
-def test_picture_is_drawn(tmp_path):
-    pytest.importorskip("matplotlib")
-    path = tmp_path / "errors.png"
-    drawn = run("--systems", 1, "--picture", path)
-    assert drawn.returncode == 0, drawn.stderr
-    assert drawn.stdout.endswith(f"\npicture: {path}\n")
-    assert path.read_bytes().startswith(b"\x89PNG\r\n\x1a\n")
 
 
 @pytest.mark.parametrize("arguments", [("--systems", 0), ("--systems", "many"), ("--wrong",)])

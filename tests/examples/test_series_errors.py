@@ -70,9 +70,11 @@ def test_table_in_the_documents_is_what_the_program_prints():
 def test_picture_is_drawn(tmp_path):
     pytest.importorskip("matplotlib")
     path = tmp_path / "errors.png"
-    drawn = run("--points", 20, "--picture", path)
+    command = [sys.executable, "-P", "-W", "error", "-m", "korvex_tools.figures.series_picture"]
+    command += ["--points", "20", "--output", path]
+    drawn = subprocess.run(command, capture_output=True, text=True, timeout=300)
     assert drawn.returncode == 0, drawn.stderr
-    assert drawn.stdout.endswith(f"\npicture: {path}\n")
+    assert drawn.stdout.endswith(f"drawn: {path}\n")
     assert path.read_bytes().startswith(b"\x89PNG\r\n\x1a\n")
 
 

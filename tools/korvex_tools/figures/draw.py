@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Draws the pictures of docs/ from records: times against size, errors against condition.
+"""Draws the pictures of docs/ from records: times, errors, what refinement gains.
 
 Each caption names the machine and the day. Needs matplotlib.
 """
@@ -124,6 +124,25 @@ def draw_errors(record: dict[str, Any], folder: Path) -> None:
     finish(figure, machine_of(record), folder / "errors_by_condition.png")
 
 
+def draw_refined_solves(record: dict[str, Any], folder: Path) -> None:
+    """From the table that the example prints: on this scale its digits are enough."""
+    lines = [[cell.strip() for cell in line.strip("|").split("|")] for line in record["table"]]
+    conditions = [float(cells[0]) for cells in lines[2:]]
+    figure, axes = plt.subplots(figsize=(8, 5.5))
+    passes = range(len(lines[0]) - 2)
+    colours = plt.get_cmap("viridis")([0.9 * n / len(passes) for n in passes])
+    for n, colour in zip(passes, colours, strict=True):
+        label = {0: "0 passes: torch.linalg.solve", 3: "3 (default)"}.get(n, str(n))
+        errors = [float(cells[n + 2]) for cells in lines[2:]]
+        axes.loglog(conditions, errors, "o-", color=colour, label=label, markersize=4)
+    axes.axhline(1.0, color="#666666", linewidth=0.8, linestyle="--")
+    axes.set(xlabel="condition number", ylabel="largest error, ulps of the largest element")
+    axes.set_title("Error of tqx_solve by passes of refinement (dashed: 1 ulp)")
+    axes.grid(True, linewidth=0.3, color="#bbbbbb")
+    axes.legend(title="passes", loc="upper left", fontsize=9)
+    finish(figure, f"emulated device · {machine_of(record)}", folder / "refined_solves.png")
+
+
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--results", type=Path, default=RESULTS_FOLDER, help="folder of records")
@@ -133,6 +152,7 @@ def main() -> None:
     options.output.mkdir(parents=True, exist_ok=True)
     draw_times(records["bench_curves"], options.output)
     draw_errors(records["bench_errors"], options.output)
+    draw_refined_solves(records["refined_solves"], options.output)
 
 
 if __name__ == "__main__":

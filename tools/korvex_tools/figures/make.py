@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 """Makes every figure of the documents anew: records, pictures, tables.
 
-Runs all benchmarks of the host one after the other, then the examples that make tables and
-pictures, draws what draw.py draws and writes the documents. How long each part took is
-printed and recorded; parts that --only does not name keep what they took before. Run it with
-nothing else on the machine; --quick tries all of it in a scratch folder and leaves the tree alone.
+Runs all benchmarks of the host one after the other, then the examples that print tables, draws the
+pictures and writes the documents. How long each part took is printed and recorded; parts that
+--only does not name keep what they took before. Run it with nothing else on the machine; --quick
+tries all of it in a scratch folder and leaves the tree alone.
 """
 
 import argparse
@@ -22,7 +22,7 @@ BENCHMARKS = SOURCE_TREE / "benchmarks"
 SCRATCH = SOURCE_TREE / "build" / "figures"
 GPU = "bench_gpu_"  # what such scripts time is on a GPU
 
-# Examples that print a table and draw a picture: their options where time is short.
+# Examples that print a table for a document: their options where time is short.
 EXAMPLES = {"series_errors": ["--points", "50"], "refined_solves": ["--systems", "2"]}
 
 
@@ -50,11 +50,14 @@ def run_benchmark(name: str, results: Path, quick: bool) -> None:
 
 
 def run_example(name: str, results: Path, docs: Path, quick: bool) -> None:
-    """Keeps the table that it prints, and its picture."""
-    options = ["--emulated", "--picture", docs / f"{name}.png", *(EXAMPLES[name] if quick else [])]
-    output = run(SOURCE_TREE / "examples" / f"{name}.py", *options)
+    """Keeps the table that it prints; the picture of the series is worked out beside it."""
+    options = EXAMPLES[name] if quick else []
+    output = run(SOURCE_TREE / "examples" / f"{name}.py", "--emulated", *options)
     lines = [line for line in output.splitlines() if line.startswith("|")]
-    write_results(name, results, {"settings": {"options": options[3:]}, "table": lines})
+    write_results(name, results, {"settings": {"options": options}, "table": lines})
+    if name == "series_errors":
+        picture = ["--output", docs / "series_errors.png", *options]
+        run("-P", "-m", "korvex_tools.figures.series_picture", *picture)
 
 
 def scratch_tree() -> Path:

@@ -1,30 +1,33 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The curves of series_errors.py: functions, their arguments, and their errors against MPFR.
+"""Draws the errors of the series functions over their ranges, the picture of docs/series.md.
 
-MPFR (by gmpy2) gives the true value for the float64 argument with 200 bits. The error of a result
-is taken in that precision and rounded to a float once, at the end.
+On the emulated device, against MPFR (by gmpy2): it gives the true value for the float64 argument
+with 200 bits, the error of a result is taken in that precision and rounded to a float at the end.
 """
 
+import argparse
 from collections.abc import Callable
 from dataclasses import dataclass
 from math import pi
+from pathlib import Path
 from typing import Any
 
 import gmpy2
+import matplotlib
 import numpy as np
-from sum_device import SumDevice
+import torch
 
-_TRUE = {
-    "tqx_sin": gmpy2.sin,
-    "tqx_cos": gmpy2.cos,
-    "tqx_tan": gmpy2.tan,
-    "tqx_asin": gmpy2.asin,
-    "tqx_acos": gmpy2.acos,
-    "tqx_atan": gmpy2.atan,
-    "tqx_atan2": gmpy2.atan2,
-    "tqx_sinh": gmpy2.sinh,
-    "tqx_cosh": gmpy2.cosh,
-}
+from korvex import emulation
+from korvex_tools.source_tree import SOURCE_TREE
+
+matplotlib.use("Agg")
+
+from matplotlib import pyplot  # noqa: E402
+from matplotlib.axes import Axes  # noqa: E402
+
+UNIT = 2.0**-53  # the largest relative error of a correctly rounded result
+_FLOOR = 1e-18  # an error of nothing is drawn here: its logarithm has no place
+_COLOURS = ("#1f6feb", "#d1570a", "#2a8f4c")
 
 
 @dataclass(frozen=True)
@@ -37,13 +40,13 @@ class Curve:
     operands: Callable[[np.ndarray], tuple[np.ndarray, ...]] = lambda axis: (axis,)
     relative: bool = True
 
-    def errors(self, device: SumDevice, points: int) -> tuple[np.ndarray, np.ndarray]:
+    def errors(self, tqx: Any, points: int) -> tuple[np.ndarray, np.ndarray]:
         """The points of the axis and the error at each."""
         axis = self.axis(points)
         operands = self.operands(axis)
-        function = getattr(device.runtime, self.function)
-        results = function(*map(device.tensor, operands)).cpu().numpy()
-        true = _TRUE[self.function]
+        function = getattr(tqx, self.function)
+        results = function(*(torch.from_numpy(o).to("cuda") for o in operands)).cpu().numpy()
+        true = getattr(gmpy2, self.function.removeprefix("tqx_"))
         with gmpy2.context(precision=200):
             found = [
                 _error(result, true(*map(gmpy2.mpfr, map(float, point))), self.relative)
@@ -136,33 +139,46 @@ PANELS = [
         [Curve(f"tqx_{f}", f, even(0.0, 40.0)) for f in ("sinh", "cosh")],
     ),
 ]
-# The rows of the table: narrower ranges, named in words.
-RANGES = [
-    ("0 to 3", Curve("tqx_sin", "", even(0.0, 3.0))),
-    ("3 to 4", Curve("tqx_sin", "", even(3.0, 4.0))),
-    ("-1e-3 to 0", Curve("tqx_sin", "", even(-1e-3, 0.0))),
-    ("0 to 1.5", Curve("tqx_cos", "", even(0.0, 1.5))),
-    ("1.5 to 1.7", Curve("tqx_cos", "", even(1.5, 1.7))),
-    ("1e6 to 1e7", Curve("tqx_sin", "", powers(6, 7), relative=False)),
-    ("1e15 to 1e16", Curve("tqx_sin", "", powers(15, 16), relative=False)),
-    ("0 to 1.5", Curve("tqx_tan", "", even(0.0, 1.5))),
-    ("0 to 0.5", Curve("tqx_asin", "", even(0.0, 0.5))),
-    ("0.5 to 0.7", Curve("tqx_asin", "", even(0.5, 0.7))),
-    ("0.7 to 0.9", Curve("tqx_asin", "", even(0.7, 0.9))),
-    ("0.9 to 1", Curve("tqx_asin", "", even(0.9, 1.0))),
-    ("0 to 0.5", Curve("tqx_acos", "", even(0.0, 0.5))),
-    ("0.9 to 1", Curve("tqx_acos", "", even(0.9, 1.0), relative=False)),
-    ("0 to 1e-4", Curve("tqx_atan", "", even(0.0, 1e-4))),
-    ("0 to 0.01", Curve("tqx_atan", "", even(0.0, 0.01))),
-    ("0.01 to 0.1", Curve("tqx_atan", "", even(0.01, 0.1))),
-    ("0.1 to 1", Curve("tqx_atan", "", even(0.1, 1.0))),
-    ("1 to 10", Curve("tqx_atan", "", even(1.0, 10.0))),
-    ("1000 to 10000", Curve("tqx_atan", "", powers(3, 4))),
-    ("whole circle", Curve("tqx_atan2", "", even(-pi, pi), _on_the_circle, relative=False)),
-    ("0 to 8", Curve("tqx_sinh", "", even(0.0, 8.0))),
-    ("8 to 12", Curve("tqx_sinh", "", even(8.0, 12.0))),
-    ("12 to 20", Curve("tqx_sinh", "", even(12.0, 20.0))),
-    ("0 to 8", Curve("tqx_cosh", "", even(0.0, 8.0))),
-    ("8 to 12", Curve("tqx_cosh", "", even(8.0, 12.0))),
-    ("12 to 20", Curve("tqx_cosh", "", even(12.0, 20.0))),
-]
+
+
+def draw(tqx: Any, path: Path, points: int) -> None:
+    figure, grid = pyplot.subplots(4, 2, figsize=(11, 14.5), layout="constrained")
+    for axes, panel in zip(grid.flat, PANELS, strict=True):
+        _draw_panel(axes, panel, tqx, points)
+    figure.suptitle("Errors of the series functions against MPFR (dashed: $2^{-53}$)", fontsize=14)
+    figure.savefig(path, dpi=100, metadata={"Software": None})
+    pyplot.close(figure)
+
+
+def _draw_panel(axes: Axes, panel: Panel, tqx: Any, points: int) -> None:
+    for curve, colour in zip(panel.curves, _COLOURS, strict=False):
+        axis, errors = curve.errors(tqx, points)
+        axes.plot(axis, errors.clip(_FLOOR), ".", markersize=2.5, color=colour, label=curve.label)
+    axes.axhline(UNIT, color="#666666", linewidth=0.8, linestyle="--")
+    axes.set_yscale("log")
+    axes.set_ylim(_FLOOR / 2, 1e4)
+    if panel.logarithmic:
+        axes.set_xscale("log")
+    axes.set_title(panel.title, fontsize=11)
+    axes.set_xlabel(panel.axis_label)
+    axes.set_ylabel(panel.error_label)
+    axes.grid(True, linewidth=0.3, color="#bbbbbb")
+    axes.legend(loc="upper left", ncols=3, markerscale=4, fontsize=9, framealpha=0.9)
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--points", type=int, default=1000, help="points of a curve (1000)")
+    parser.add_argument(
+        "--output", type=Path, default=SOURCE_TREE / "docs" / "series_errors.png", help="PNG file"
+    )
+    options = parser.parse_args()
+    emulation.activate()
+    from korvex import tqx_runtime
+
+    draw(tqx_runtime, options.output, options.points)
+    print(f"drawn: {options.output}")
+
+
+if __name__ == "__main__":
+    main()
