@@ -31,6 +31,8 @@ BUILD = build/$(shell $(PY) -c 'import sys; print(sys.implementation.cache_tag)'
 
 # A program of tools/. -P: the tree must not shadow the installed package.
 TOOL = $(PY) -P -m korvex_tools
+# Keeps the time of a part of `make test` in build/times.
+TIMED := scripts/timed.sh
 
 # What the installed package is made from. Folders are named for files that go.
 SOURCES := CMakeLists.txt pyproject.toml LICENSE $(shell find cmake korvex -name __pycache__ -prune \
@@ -51,7 +53,11 @@ help: ## this list
 demo: install ## build, install and run the demonstration
 	@$(PY) examples/exact_sum.py --demo
 
+# TIMES=--write puts the table of times into docs/testing.md.
+TIMES ?=
+
 test: check lint site ## what CI runs: build, C++ tests, Python tests, format, lint and the site
+	@$(TOOL).times_of_tests $(TIMES)
 	@echo "make test: format and lint are clean"
 	@$(TOOL).report_tests C++=build/ctest.xml Python=build/pytest.xml
 
@@ -62,7 +68,7 @@ check: cpp-tests python-tests ## build and run all tests, without format and lin
 
 environment:
 ifneq ($(VENV),none)
-	@scripts/set_up_environment.sh $(VENV)
+	@$(TIMED) set-up scripts/set_up_environment.sh $(VENV)
 endif
 
 install: environment
@@ -70,7 +76,7 @@ install: environment
 
 $(STAMP): $(SOURCES) scripts/install_tree.sh
 	@mkdir -p build
-	@scripts/install_tree.sh $(PY) $(BUILD) $(SITE)
+	@$(TIMED) build scripts/install_tree.sh $(PY) $(BUILD) $(SITE)
 	@touch $@
 
 # The C++ tests join the build folder of the wheel, so nothing is compiled twice.
@@ -94,13 +100,13 @@ wheels: environment ## wheels for CPython 3.12 and 3.13 in dist/, each installed
 # --- Tests
 
 cpp-tests: configure
-	@cmake --build $(BUILD) --parallel $(JOBS)
-	@ctest --test-dir $(BUILD) --no-tests=error --output-on-failure --parallel $(JOBS) \
+	@$(TIMED) cpp-build cmake --build $(BUILD) --parallel $(JOBS)
+	@$(TIMED) cpp-tests ctest --test-dir $(BUILD) --no-tests=error --output-on-failure --parallel $(JOBS) \
 	  --output-junit $(CURDIR)/build/ctest.xml
 
 # -P: the tree must not shadow the installed package. No test collected is a failure.
 python-tests: install
-	@$(PY) -P -m pytest $(PYTEST_ARGS) --junitxml=build/pytest.xml
+	@$(TIMED) python-tests $(PY) -P -m pytest $(PYTEST_ARGS) --junitxml=build/pytest.xml
 
 test-long: install ## the Python tests that take minutes and do not run otherwise
 	@$(PY) -P -m pytest -m long $(PYTEST_ARGS)
@@ -111,7 +117,7 @@ leaks: install ## ten thousand calls of every function: memory, references and t
 FUZZ_SEED ?= $(shell date +%s)
 FUZZ_SECONDS ?= 500
 
-fuzz: install ## random calls on the module and its rendering; FUZZ_SECONDS=500, FUZZ_SEED=the time
+fuzz: install ## random calls on module and reference; FUZZ_SECONDS=500, FUZZ_SEED=the time
 	@PYTHONPATH=$(abspath tests/support)$${PYTHONPATH:+:$$PYTHONPATH} \
 	  $(PY) -P tests/fuzz/fuzz_module.py --seed $(FUZZ_SEED) --seconds $(FUZZ_SECONDS)
 
@@ -146,12 +152,13 @@ gpu: ## all that needs a GPU: tests, checks and figures, as one report in benchm
 # --- Documents
 
 site: install ## the documents and the reference as web pages, in build/site
-	@scripts/build_site.sh $(PY) build/site
+	@$(TIMED) site scripts/build_site.sh $(PY) build/site
 	@echo "site: build/site/index.html"
 
 # --- Format and lint
 
-lint: format-check tidy ## clang-format, ruff and clang-tidy
+lint: configure ## clang-format, ruff and clang-tidy
+	@$(TIMED) lint $(MAKE) --silent format-check tidy
 
 format-check: environment
 	@clang-format --dry-run -Werror --ferror-limit=1 $(CXX_FILES)

@@ -205,10 +205,10 @@ def test_limits_are_no_failures(limits_run):
 
 @pytest.mark.parametrize("name", LIMITS)
 def test_limit_shows_what_to_decimal_gives_and_explains_it(limits_run, name):
-    _, told, note = LIMITS[name]
+    _, printed, note = LIMITS[name]
     rows = limits_run.figures(name)
     shown, _, pointer = rows["tqx_sum_exact"].partition(" ")
-    assert Context(prec=2000).create_decimal(told) == Decimal(shown)
+    assert Context(prec=2000).create_decimal(printed) == Decimal(shown)
     assert pointer == "(see below)"
     assert note in rows[""]
 

@@ -180,12 +180,12 @@ TAMPERED = [
 
 
 def test_tampered_values_are_found(altered):
-    """All at once; each is told by its name, and nothing else is."""
+    """All at once; each is reported by its name, and nothing else is."""
 
-    def tamper(told):
+    def tamper(record):
         for part, name, key in TAMPERED:
-            value = told[part][name][key]
-            told[part][name][key] = value[::-1]
+            value = record[part][name][key]
+            record[part][name][key] = value[::-1]
 
     code, output, _ = altered(tamper)
     assert code == 1

@@ -69,7 +69,7 @@ def tag_faults(wheel: Wheel) -> list[str]:
 def metadata_faults(wheel: Wheel) -> list[str]:
     project = tomllib.loads((SOURCE_TREE / "pyproject.toml").read_text())["project"]
     said = Parser().parsestr(wheel.text("METADATA"))
-    told = {
+    expected = {
         "Name": project["name"],
         "Version": project["version"],
         "Requires-Python": project["requires-python"],
@@ -77,7 +77,7 @@ def metadata_faults(wheel: Wheel) -> list[str]:
     }
     return [
         f"METADATA: {key} is {said[key]}, and {value} in pyproject.toml"
-        for key, value in told.items()
+        for key, value in expected.items()
         if said[key] != value
     ]
 
@@ -91,8 +91,8 @@ def record_faults(wheel: Wheel) -> list[str]:
         found.append(f"RECORD lists other files: {sorted(recorded.keys() ^ wheel.files.keys())}")
     for name, digest in recorded.items():
         digest_of_file = hashlib.sha256(wheel.files.get(name, b"")).digest()
-        told = "sha256=" + base64.urlsafe_b64encode(digest_of_file).rstrip(b"=").decode()
-        if digest and digest != told:
+        actual = "sha256=" + base64.urlsafe_b64encode(digest_of_file).rstrip(b"=").decode()
+        if digest and digest != actual:
             found.append(f"{name} is not the file that RECORD lists")
     return found
 

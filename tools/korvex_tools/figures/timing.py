@@ -52,6 +52,15 @@ def measure(candidates: dict[str, Callable[[], Any]], repeats: int) -> dict[str,
     return {name: Timing.of(taken) for name, taken in rounds.items()}
 
 
+def nanoseconds(seconds: float, count: int) -> float:
+    """Of one of so many elements, as a record keeps it."""
+    return round(seconds / count * 1e9, 4)
+
+
+def threads_text(threads: int) -> str:
+    return "1 thread" if threads == 1 else f"{threads} threads"
+
+
 def print_table(title: str, columns: list[str], rows: list[list[str]]) -> None:
     """The first column to the left, the others to the right."""
     widths = [max(map(len, cells)) for cells in zip(columns, *rows, strict=True)]
@@ -72,7 +81,7 @@ def threads_target(
 ) -> dict[str, Any]:
     """What the second thread gains, from the least times on one thread and on two.
 
-    Only rounds in which the system left both processors to us tell what splitting costs.
+    Only rounds in which the system left both processors to us show what splitting costs.
     """
     times = round(one / many, 2)
     return {

@@ -202,12 +202,12 @@ def large(records: Records) -> Lines:
             short(r["seconds"]),
             short(r["torch_seconds"]),
             f"{r['copies']:.2f}",
-            r["copies_told"],
+            r["copies_expected"],
             f"{r['torch_copies']:.2f}",
         ]
         for r in records["bench_large"]["results"]
     ]
-    columns = ["function", "n", "s", "torch, s", "copies held", "told", "torch"]
+    columns = ["function", "n", "s", "torch, s", "copies held", "expected", "torch"]
     return table(columns, rows)
 
 

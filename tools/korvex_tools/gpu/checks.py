@@ -14,11 +14,10 @@ import itertools
 import json
 import math
 import sys
-from pathlib import Path
 
 import numpy as np
 
-from korvex_tools.gpu.cuda_device import CudaDevice, HostDevice
+from korvex_tools.gpu.cuda_device import HostDevice, choose_device
 from korvex_tools.references import exact_arithmetic
 
 SEED = 20251121
@@ -518,10 +517,7 @@ def main() -> int:
     parser.add_argument("check", choices=CHECKS)
     parser.add_argument("--emulated", action="store_true")
     options = parser.parse_args()
-    import korvex
-
-    cubins = Path(korvex.__file__).parent / "cubins"
-    device = HostDevice("base") if options.emulated else CudaDevice(cubins)
+    device = choose_device(options.emulated)
     from korvex.emulation._library import best_instruction_set
 
     figures = CHECKS[options.check](device, HostDevice(best_instruction_set()))

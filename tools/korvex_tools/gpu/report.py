@@ -295,11 +295,11 @@ def target_line(target: dict[str, Any]) -> str:
     """Of `bench_gpu_sum.py`, which bounds from above, or `bench_gpu_elementwise.py`, from below."""
     verdict = "met" if target["met"] else "NOT MET"
     if "at_most" in target:
-        told = f"{target['what']}: {target['measured']}, at most {target['at_most']}"
+        text = f"{target['what']}: {target['measured']}, at most {target['at_most']}"
     else:
         ratio, least = target["ratio_to_copy"], target["at_least"]
-        told = f"{target['candidate']}: {ratio} of a copy, at least {least}"
-    return f"{told}: {verdict}"
+        text = f"{target['candidate']}: {ratio} of a copy, at least {least}"
+    return f"{text}: {verdict}"
 
 
 def print_stage(stage: Stage, entry: dict[str, Any]) -> None:

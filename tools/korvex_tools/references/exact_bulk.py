@@ -123,7 +123,7 @@ def mean_and_variance(x):
 def norm(x):
     squares = total_of_products(x, x) << 200
     root = math.isqrt(squares)
-    # Where the root is not whole, any bit further down tells on which side of it the value lies.
+    # Where the root is not whole, any bit further down shows on which side of it the value lies.
     return [quotient(4 * root + (root * root != squares), 1 << (1074 + 102))]
 
 

@@ -39,7 +39,7 @@ def norm(values):
         return math.inf
     squares = sum(exact.units(v) ** 2 for v in values)  # in units of 2**-2148
     root = math.isqrt(squares << 200)
-    # Where the root is not whole, any bit further down tells on which side of it the value lies.
+    # Where the root is not whole, any bit further down shows on which side of it the value lies.
     more = Fraction(int(root * root != squares << 200), 4)
     return exact.round_to_double((root + more) / Fraction(exact.UNIT << 100))
 

@@ -50,12 +50,12 @@ def run(configuration: Configuration, options: argparse.Namespace) -> dict[str, 
         if process.returncode != 0 or not output.exists():
             said = process.stdout[-2000:] or f"status {process.returncode}"
             return {"outcome": "failed", "why": said, "seconds": seconds}
-        told = json.loads(output.read_text())
-    if "skipped" in told:
-        return {"outcome": "skipped", "why": told["skipped"]}
-    compared = compare(told.pop("cases"), options.golden)
+        found = json.loads(output.read_text())
+    if "skipped" in found:
+        return {"outcome": "skipped", "why": found["skipped"]}
+    compared = compare(found.pop("cases"), options.golden)
     outcome = "different" if compared["differences"] or not compared["cases"] else "equal"
-    return {"outcome": outcome} | told | compared | {"seconds": seconds}
+    return {"outcome": outcome} | found | compared | {"seconds": seconds}
 
 
 def compare(cases: dict[str, dict[str, Any]], folder: Path) -> dict[str, Any]:
@@ -84,11 +84,11 @@ def difference(outcome: dict[str, Any], entry: dict[str, Any] | None) -> str | N
     if outcome["sha256"] == entry["sha256"]:
         return None
     firsts = zip(outcome["first"], entry["first"], strict=True)
-    told = next(
+    place = next(
         (f"value {i} is {a}, expected {b}" for i, (a, b) in enumerate(firsts) if a != b),
         "beyond the first values",
     )
-    return f"sha256 {outcome['sha256'][:16]}, expected {entry['sha256'][:16]}: {told}"
+    return f"sha256 {outcome['sha256'][:16]}, expected {entry['sha256'][:16]}: {place}"
 
 
 # --- All of them

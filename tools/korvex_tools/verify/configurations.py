@@ -120,5 +120,5 @@ def compiler_version() -> str | None:
     found = compiler()
     if found is None:
         return None
-    told = subprocess.run([*found.split(), "--version"], capture_output=True, text=True)
-    return told.stdout.partition("\n")[0] or None
+    printed = subprocess.run([*found.split(), "--version"], capture_output=True, text=True)
+    return printed.stdout.partition("\n")[0] or None

@@ -79,7 +79,7 @@ PROMISES = [
     ),
     _yes("TQXVerifiedResult.verify()", "as `tqx_checksum`", "provenance: TQXVerifiedResult.verify"),
     _yes("TQXVerifiedResult.item()", "as `collapse`", "composed: TQXVerifiedResult.item"),
-    _no("get_backend_info()", "tells what the machine is"),
+    _no("get_backend_info()", "says what the machine is"),
     # ---- sums and means ----
     _yes(
         "tqx_sum(x)",

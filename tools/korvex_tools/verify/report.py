@@ -14,6 +14,7 @@ from pathlib import Path
 from typing import Any
 
 from korvex_tools import machine_facts
+from korvex_tools.marked_text import filled
 from korvex_tools.source_tree import SOURCE_TREE
 from korvex_tools.verify import configurations, promises
 
@@ -108,15 +109,6 @@ def line_of(report: dict[str, Any], file: str) -> str:
         f"| {report['machine']['processor']}, {report['machine']['processors']} processors "
         f"| {gpu} | {report['versions']['torch']} | {names}{left_out} | {counted} | {differences} |"
     )
-
-
-def filled(text: str, name: str, lines: list[str]) -> str:
-    """The page with the lines between the two marks of that name."""
-    begin, end = f"<!-- {name} -->", f"<!-- end of {name} -->"
-    before, _, rest = text.partition(begin)
-    _, found, after = rest.partition(end)
-    assert found, f"no marks of {name} in {PAGE}"
-    return "\n".join([before + begin, "", *lines, "", end + after])
 
 
 def page(text: str) -> str:

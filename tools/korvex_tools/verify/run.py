@@ -110,13 +110,13 @@ def main() -> int:
     except Absent as reason:
         options.output.write_text(json.dumps({"skipped": str(reason)}))
         return 0
-    told = {
+    found = {
         "device": describe(module),
         "torch_capability": os.environ.get("ATEN_CPU_CAPABILITY", "as the processor has it"),
         "cases": outcomes(module, options.long),
     }
-    told["seconds"] = round(time.monotonic() - begin, 1)
-    options.output.write_text(json.dumps(told))
+    found["seconds"] = round(time.monotonic() - begin, 1)
+    options.output.write_text(json.dumps(found))
     return 0
 
 
