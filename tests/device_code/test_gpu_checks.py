@@ -5,6 +5,7 @@ import numpy as np
 import pytest
 
 from korvex_tools.gpu import checks as gpu_checks
+from korvex_tools.gpu import inputs as gpu_inputs
 from korvex_tools.gpu.cuda_device import HostDevice
 
 
@@ -17,7 +18,8 @@ def all_inputs():
 def checks(all_inputs, monkeypatch):
     """On inputs so short that all of them take a moment."""
     small = {name: values[:400].copy() for name, values in all_inputs.items()}
-    monkeypatch.setattr(gpu_checks, "inputs", lambda: small)
+    for module in (gpu_checks, gpu_inputs):
+        monkeypatch.setattr(module, "inputs", lambda: small)
     monkeypatch.setattr(gpu_checks, "MATRICES", gpu_checks.MATRICES[:3])
     return gpu_checks
 

@@ -5,16 +5,12 @@ import ctypes
 import dataclasses
 import hashlib
 import json
-import os
-import subprocess
 import sys
 import types
 from pathlib import Path
 
 import pytest
-
-EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
-EMULATED = ["--emulated"] * (os.environ.get("KORVEX_TEST_DEVICE") == "emulated")
+from example_run import EXAMPLES, run_example
 
 
 @pytest.fixture(scope="module")
@@ -27,13 +23,7 @@ def seeded(tmp_path_factory):
 
 
 def run_program(*arguments, folder):
-    return subprocess.run(
-        [sys.executable, "-W", "error", EXAMPLES / "provenance_record.py", *arguments, *EMULATED],
-        cwd=folder,
-        capture_output=True,
-        text=True,
-        timeout=300,
-    )
+    return run_example("provenance_record", *arguments, folder=folder)
 
 
 @pytest.fixture

@@ -12,119 +12,25 @@ import argparse
 import hashlib
 import itertools
 import json
-import math
 import sys
 
 import numpy as np
 
 from korvex_tools.gpu.cuda_device import HostDevice, choose_device
+from korvex_tools.gpu.inputs import SEED, inputs, operands
+from korvex_tools.gpu.launches import (
+    Sums,
+    bits,
+    digest,
+    elementwise_kernels,
+    launch_shapes,
+    run_elementwise,
+    run_kernel,
+    small_launch,
+)
 from korvex_tools.references import exact_arithmetic
 
-SEED = 20251121
 NAN = 0x7FF8000000000000
-BLOCK = 256
-UNWRITTEN = 7.0  # in the outputs before a launch
-
-
-# --- Inputs
-
-
-def inputs() -> dict[str, np.ndarray]:
-    """By name: about a million values of each shape, and the short ones that expose mistakes."""
-    draw = np.random.default_rng(SEED)
-    count = 1_000_000
-    normal = draw.standard_normal(count)
-    patterns = draw.integers(0, 2**64, count, dtype=np.uint64).view(np.float64)
-    any_bits = np.where(np.isfinite(patterns), patterns, 1.0)
-    half = draw.standard_normal(count // 2) * 2.0 ** draw.uniform(-300, 300, count // 2)
-    cancelling = np.concatenate([half, -half])
-    draw.shuffle(cancelling)
-    outlier = normal.copy()
-    outlier[777_777] = 2.0**300
-    found = {
-        "normal": normal,
-        "normal, permuted": draw.permutation(normal),
-        "120 binades": normal * 2.0 ** draw.uniform(-60, 60, count),
-        "any bits": any_bits,
-        "cancelling": cancelling,
-        "subnormal": draw.integers(0, 2**52, count, dtype=np.uint64).view(np.float64),
-        "one exponent": draw.integers(0x3FF << 52, 0x400 << 52, count, dtype=np.uint64).view(
-            np.float64
-        ),
-        "largest of one exponent": np.full(count, math.nextafter(2.0, 0.0)),
-        "one outlier": outlier,
-        "levels": np.repeat(2.0 ** draw.integers(-900, 900, 1000), 1000) * normal,
-        "huge": draw.uniform(-1.0, 1.0, count) * 1.7e308,
-        "overflow and back": np.array([2.0**1023] * 2 + [-(2.0**1023)] * 2 + [5e-324]),
-        "overflow": np.full(5000, 1.7e308),
-        "ties": np.array([1.0, 2.0**-53, 2.0**-1074] * 999),
-        "infinity": np.append(normal, math.inf),
-        "both infinities": np.concatenate([[-math.inf], normal, [math.inf]]),
-        "nan": np.append(normal, math.nan),
-    }
-    for size in (0, 1, 2, 31, 255, 256, 257, 511, 512, 513, 2047, 2048, 2049, 4097, 999_999):
-        found[f"first {size}"] = normal[:size].copy()
-    return found
-
-
-# --- Launches
-
-
-class Sums:
-    """An array on a device, summed by either kernel."""
-
-    def __init__(self, device, values: np.ndarray | int, offset: int = 0) -> None:
-        """The array starts `offset` elements into its memory; a number leaves that many unset."""
-        self._device = device
-        self._n = values if isinstance(values, int) else values.size
-        self._memory = device.allocate(self._n + offset)
-        self.x = self._memory + 8 * offset
-        self._out = device.allocate(4)
-        self._out_err = device.allocate(1)
-        if not isinstance(values, int):
-            device.write(self.x, values)
-
-    def __enter__(self) -> "Sums":
-        return self
-
-    def __exit__(self, *_) -> None:
-        for address in (self._memory, self._out, self._out_err):
-            self._device.free(address)
-
-    def sequential(self, grid=(1, 1, 1), block=(1, 1, 1)) -> list[int]:
-        """The bits of the four limbs."""
-        device = self._device
-        device.write(self._out, np.full(4, UNWRITTEN))
-        device.launch("tqx_sum_seq_kernel", grid, block, self.x, self._out, self._n)
-        device.wait()
-        return bits(device.read(self._out, 4))
-
-    def parallel(self, grid=None, block=(BLOCK, 1, 1)) -> list[int]:
-        """The bits of the two limbs."""
-        device = self._device
-        device.write(self._out, np.full(1, UNWRITTEN))
-        device.write(self._out_err, np.full(1, UNWRITTEN))
-        self.start_parallel(grid, block)
-        device.wait()
-        return bits(np.append(device.read(self._out, 1), device.read(self._out_err, 1)))
-
-    def start_parallel(self, grid=None, block=(BLOCK, 1, 1)) -> None:
-        grid = grid or (max(1, -(-self._n // BLOCK)), 1, 1)
-        arguments = (self.x, self._out, self._out_err, self._n)
-        self._device.launch("tqx_sum_kernel", grid, block, *arguments)
-
-    def results(self) -> list[int]:
-        """What the last launches left: of the parallel kernel."""
-        self._device.wait()
-        return bits(np.append(self._device.read(self._out, 1), self._device.read(self._out_err, 1)))
-
-
-def bits(values: np.ndarray) -> list[int]:
-    return values.view(np.uint64).tolist()
-
-
-def digest(results: dict[str, list[int]]) -> str:
-    return hashlib.sha256(json.dumps(results, sort_keys=True).encode()).hexdigest()
 
 
 class Report:
@@ -167,67 +73,6 @@ def check_sums(device, host) -> dict:
                 report.same(f"{name}, sequential, offset {offset}", sums.sequential(), four)
                 report.same(f"{name}, parallel, offset {offset}", sums.parallel(), two)
     return report.finish(digest_of_host_results=digest(everything))
-
-
-def elementwise_kernels(host) -> list:
-    """The rows of all kernels that make n elements out of n elements and of numbers."""
-    return [
-        row
-        for row in host.kernels().values()
-        if row.form == "launch"
-        and {p.factors for p in row.parameters if p.kind == "array"} == {("n",)}
-        and row.name not in ("tqx_cumsum_kernel", "tqx_rms_norm_kernel")
-    ]
-
-
-def operands() -> dict[str, list[np.ndarray]]:
-    """By name: two arrays of equal length, for kernels of one operand or of two."""
-    draw = np.random.default_rng(SEED + 1)
-    found = inputs()
-    special = [0.0, 1.0, 5e-324, 2.0**-1022, 2.0**-969, 2.0**53, 1.7976931348623157e308, math.inf]
-    special += [1.0 + 2.0**-52, 0.1, 3.0, 709.78, 745.14, 2.0**-27, math.pi, 2.0**1000]
-    special = np.array([*special, *(-value for value in special), math.nan, -math.nan])
-    normal, any_bits, small = found["normal"], found["any bits"], found["subnormal"]
-    close = normal * (1.0 + 2.0 ** -draw.integers(1, 53, normal.size))
-    return {
-        "special with special": [
-            np.repeat(special, special.size),
-            np.tile(special, special.size),
-        ],
-        "any bits": [any_bits, draw.permutation(any_bits)],
-        "normal": [normal, draw.permutation(normal)],
-        "close": [normal, close],
-        "subnormal": [small, normal],
-        "of moderate size": [draw.uniform(-745.0, 745.0, normal.size), normal],
-    }
-
-
-def run_kernel(device, row, sources: list, sizes: dict[str, int], grid, block) -> np.ndarray:
-    """The bits of all outputs, one array after the other; `sizes` are the whole numbers by name."""
-    waiting = iter(sources)
-    arguments, memory, outputs = [], [], []
-    for parameter in row.parameters:
-        if parameter.kind == "array":
-            factors = (sizes[f] if f in sizes else int(f) for f in parameter.factors)
-            count = math.prod(factors)
-            address = device.allocate(count)
-            memory.append(address)
-            is_output = parameter.name.lower().startswith(("out", "c"))
-            device.write(address, np.full(count, UNWRITTEN) if is_output else next(waiting))
-            outputs += [(address, count)] if is_output else []
-            arguments.append(address)
-        else:
-            arguments.append(sizes[parameter.name] if parameter.kind == "i64" else 0.01)
-    device.launch(row.name, grid, block, *arguments)
-    device.wait()
-    result = np.concatenate([device.read(*output) for output in outputs]).view(np.uint64)
-    for address in memory:
-        device.free(address)
-    return result
-
-
-def run_elementwise(device, row, arrays: list[np.ndarray], grid: tuple) -> np.ndarray:
-    return run_kernel(device, row, arrays, {"n": arrays[0].size}, grid, (row.block, 1, 1))
 
 
 def check_dots(device, host) -> dict:
@@ -334,21 +179,6 @@ def check_grids(device, host) -> dict:
     return report.finish()
 
 
-def launch_shapes(row) -> list[tuple[tuple, tuple]]:
-    """Grids and blocks that a kernel must serve; the first is the one that the package uses."""
-    one = (1, 1, 1)
-    if row.name == "tqx_matmul_kernel":
-        return [((3, 2, 1), (16, 16, 1)), (one, (16, 16, 1)), ((40, 1, 1), (8, 4, 1)), (one, one)]
-    if row.form == "function":  # one thread does it all
-        return [(one, one), ((3, 2, 2), (32, 2, 1)), ((1, 5, 1), (256, 1, 1))]
-    if row.block == 1024:  # block 0 does it all
-        blocks = [(1024, 1, 1), (32, 1, 1), (96, 1, 1), (16, 16, 2)]
-        blocks += [(33, 1, 1)] if row.name == "tqx_rms_norm_kernel" else [(1, 1, 1)]
-        return [(one, block) for block in blocks] + [((2, 3, 2), (512, 1, 1))]
-    grids = [(12, 1, 1), one, (3, 1, 1), (500, 1, 1)]
-    return [(grid, (threads, 1, 1)) for grid in grids for threads in (256, 32, 96)]
-
-
 def check_launch_shapes(device, host, report: Report, n: int = 3001) -> None:
     """Every kernel on every such grid and block: the same bits as on the host."""
     for row in host.kernels().values():
@@ -358,15 +188,6 @@ def check_launch_shapes(device, host, report: Report, n: int = 3001) -> None:
         for grid, block in launch_shapes(row):
             actual = run_kernel(device, row, sources, sizes, grid, block)
             report.same_arrays(f"{row.name}, grid {grid}, block {block}", actual, expected)
-
-
-def small_launch(row, arrays: list[np.ndarray], n: int) -> tuple[list[np.ndarray], dict[str, int]]:
-    """Operands out of two arrays, and sizes: n elements, or matrices of fewer than n."""
-    if row.name == "tqx_matmul_kernel":
-        m, k, columns = 37, 50, 41
-        sizes = {"M": m, "K": k, "N": columns}
-        return [np.resize(arrays[0], m * k), np.resize(arrays[1], k * columns)], sizes
-    return [array[:n].copy() for array in arrays], {"n": min(n, arrays[0].size)}
 
 
 def check_launches_in_a_row(device, host, arrays: list[np.ndarray], report: Report) -> None:
@@ -463,7 +284,7 @@ def division_case(rule, torch, host_values, divisor, on_gpu: bool) -> tuple[int,
 
 
 def different(torch, a, b) -> int:
-    """How many elements do not agree in every bit, all NaN taken for one."""
+    """How many elements do not agree in every bit; all NaNs count as equal."""
     if a.is_complex():
         a, b = torch.view_as_real(a), torch.view_as_real(b)
     same_nan = torch.isnan(a) & torch.isnan(b)
