@@ -172,9 +172,10 @@ def all_stages(options: argparse.Namespace, junit: Path) -> list[Stage]:
 
 
 def run_stage(stage: Stage, limit: float, site: Path | None) -> dict[str, Any]:
-    places = [str(site)] if site else []
-    search_path = os.pathsep.join([*places, str(SOURCE_TREE / "tools")])
-    environment = os.environ | stage.environment | {"PYTHONPATH": search_path}
+    environment = os.environ | stage.environment
+    if site is not None:
+        places = [str(site), str(SOURCE_TREE / "tools")]
+        environment |= {"PYTHONPATH": os.pathsep.join(places)}
     begin = time.monotonic()
     status, output = run_limited(stage.command, limit, environment)
     outcome = {0: "passed", None: "ran out of time"}.get(status, "failed")
