@@ -19,7 +19,7 @@ ifeq ($(VENV),none)
 PY := $(or $(shell VENV=none PYTHON='$(PYTHON)' scripts/find_python.sh),$(error no usable Python))
 SITE := build/site-packages
 STAMP := build/installed
-export PYTHONPATH := $(abspath $(SITE))
+export PYTHONPATH := $(abspath $(SITE)):$(abspath tools)
 else
 PY := $(VENV)/bin/python
 SITE :=
@@ -29,10 +29,15 @@ endif
 # Read in recipes only, when the environment exists: builds for two interpreters do not mix.
 BUILD = build/$(shell $(PY) -c 'import sys; print(sys.implementation.cache_tag)')
 
+# A program of tools/. -P: the tree must not shadow the installed package.
+TOOL = $(PY) -P -m korvex_tools
+# Keeps the time of a part of `make test` in build/times.
+TIMED := scripts/timed.sh
+
 # What the installed package is made from. Folders are named for files that go.
 SOURCES := CMakeLists.txt pyproject.toml LICENSE $(shell find cmake korvex -name __pycache__ -prune \
   -o \( -type d -o -type f \) -print)
-CODE_FOLDERS := $(wildcard korvex tests examples benchmarks)
+CODE_FOLDERS := $(wildcard korvex tests tools examples benchmarks)
 CXX_FILES := $(shell find $(CODE_FOLDERS) \( -name '*.cpp' -o -name '*.h' -o -name '*.cu' \
   -o -name '*.cuh' \) -print)
 HEADERS := $(filter %.h %.cuh,$(CXX_FILES))
@@ -48,18 +53,22 @@ help: ## this list
 demo: install ## build, install and run the demonstration
 	@$(PY) examples/exact_sum.py --demo
 
+# TIMES=--write puts the table of times into docs/testing.md.
+TIMES ?=
+
 test: check lint site ## what CI runs: build, C++ tests, Python tests, format, lint and the site
+	@$(TOOL).times_of_tests $(TIMES)
 	@echo "make test: format and lint are clean"
-	@$(PY) scripts/report_tests.py C++=build/ctest.xml Python=build/pytest.xml
+	@$(TOOL).report_tests C++=build/ctest.xml Python=build/pytest.xml
 
 check: cpp-tests python-tests ## build and run all tests, without format and lint
-	@$(PY) scripts/report_tests.py C++=build/ctest.xml Python=build/pytest.xml
+	@$(TOOL).report_tests C++=build/ctest.xml Python=build/pytest.xml
 
 # --- Environment and build
 
 environment:
 ifneq ($(VENV),none)
-	@scripts/set_up_environment.sh $(VENV)
+	@$(TIMED) set-up scripts/set_up_environment.sh $(VENV)
 endif
 
 install: environment
@@ -67,7 +76,7 @@ install: environment
 
 $(STAMP): $(SOURCES) scripts/install_tree.sh
 	@mkdir -p build
-	@scripts/install_tree.sh $(PY) $(BUILD) $(SITE)
+	@$(TIMED) build scripts/install_tree.sh $(PY) $(BUILD) $(SITE)
 	@touch $@
 
 # The C++ tests join the build folder of the wheel, so nothing is compiled twice.
@@ -91,13 +100,13 @@ wheels: environment ## wheels for CPython 3.12 and 3.13 in dist/, each installed
 # --- Tests
 
 cpp-tests: configure
-	@cmake --build $(BUILD) --parallel $(JOBS)
-	@ctest --test-dir $(BUILD) --no-tests=error --output-on-failure --parallel $(JOBS) \
+	@$(TIMED) cpp-build cmake --build $(BUILD) --parallel $(JOBS)
+	@$(TIMED) cpp-tests ctest --test-dir $(BUILD) --no-tests=error --output-on-failure --parallel $(JOBS) \
 	  --output-junit $(CURDIR)/build/ctest.xml
 
 # -P: the tree must not shadow the installed package. No test collected is a failure.
 python-tests: install
-	@$(PY) -P -m pytest $(PYTEST_ARGS) --junitxml=build/pytest.xml
+	@$(TIMED) python-tests $(PY) -P -m pytest $(PYTEST_ARGS) --junitxml=build/pytest.xml
 
 test-long: install ## the Python tests that take minutes and do not run otherwise
 	@$(PY) -P -m pytest -m long $(PYTEST_ARGS)
@@ -108,8 +117,9 @@ leaks: install ## ten thousand calls of every function: memory, references and t
 FUZZ_SEED ?= $(shell date +%s)
 FUZZ_SECONDS ?= 500
 
-fuzz: install ## random calls on the module and its rendering; FUZZ_SECONDS=500, FUZZ_SEED=the time
-	@$(PY) -P tests/fuzz/fuzz_module.py --seed $(FUZZ_SEED) --seconds $(FUZZ_SECONDS)
+fuzz: install ## random calls on module and reference; FUZZ_SECONDS=500, FUZZ_SEED=the time
+	@PYTHONPATH=$(abspath tests/support)$${PYTHONPATH:+:$$PYTHONPATH} \
+	  $(PY) -P tests/fuzz/fuzz_module.py --seed $(FUZZ_SEED) --seconds $(FUZZ_SECONDS)
 
 sanitize: environment ## all tests on a build under AddressSanitizer and UndefinedBehaviorSanitizer
 	@scripts/run_sanitized.sh $(PY) $(PYTEST_ARGS)
@@ -117,23 +127,23 @@ sanitize: environment ## all tests on a build under AddressSanitizer and Undefin
 VERIFY_ARGS ?=
 
 verify: install ## are the bits the same here: every promised function against tests/golden
-	@$(PY) scripts/verify.py $(VERIFY_ARGS)
+	@$(TOOL).verify $(VERIFY_ARGS)
 
 verify-long: install ## the same with a million values per kernel; adds a report to docs/verification/
-	@$(PY) scripts/verify.py --long --record $(VERIFY_ARGS)
-	@$(PY) scripts/verify_report.py
+	@$(TOOL).verify --long --record $(VERIFY_ARGS)
+	@$(TOOL).verify.report
 
 # Some minutes: error bounds worked out anew, then ten million arguments of each function.
 verify-elementary: install ## exp, log, sqrt, sigmoid and tanh against MPFR, bit for bit
-	@$(PY) scripts/check_elementary_bounds.py
-	@$(PY) scripts/verify_elementary.py
+	@$(TOOL).elementary.check_bounds
+	@$(TOOL).elementary.verify
 
 # With nothing else on the machine; what it wrote is committed together. FIGURES="--only PART..."
 # makes some parts anew, FIGURES=--quick tries all in build/figures.
 FIGURES ?=
 
 figures: install ## measure and draw every figure of the documents anew (under 25 minutes)
-	@$(PY) benchmarks/make_figures.py $(FIGURES)
+	@$(TOOL).figures.make $(FIGURES)
 
 # One call, under ten minutes, on a machine with a GPU: downloads nothing.
 gpu: ## all that needs a GPU: tests, checks and figures, as one report in benchmarks/results/
@@ -142,12 +152,13 @@ gpu: ## all that needs a GPU: tests, checks and figures, as one report in benchm
 # --- Documents
 
 site: install ## the documents and the reference as web pages, in build/site
-	@scripts/build_site.sh $(PY) build/site
+	@$(TIMED) site scripts/build_site.sh $(PY) build/site
 	@echo "site: build/site/index.html"
 
 # --- Format and lint
 
-lint: format-check tidy ## clang-format, ruff and clang-tidy
+lint: configure ## clang-format, ruff and clang-tidy
+	@$(TIMED) lint $(MAKE) --silent format-check tidy
 
 format-check: environment
 	@clang-format --dry-run -Werror --ferror-limit=1 $(CXX_FILES)

@@ -2,7 +2,7 @@
 """How does the time of an exact sum, dot and matrix product grow with its size?
 
 On one thread of the emulated device, beside plain torch and NumPy and beside the exact peers of
-the standard library, each up to the size that it can be waited for. draw_figures.py draws it.
+the standard library, each up to the size that it can be waited for. `make figures` draws it.
 """
 
 import argparse
@@ -10,17 +10,17 @@ import math
 import time
 from collections.abc import Callable
 from fractions import Fraction
-from pathlib import Path
 from typing import Any
 
 import numpy as np
 import torch
-from common import RESULTS_FOLDER, print_table, write_results
-from host_kernels import launch_of
 from plain_products import double_double, rational
 
 from korvex import emulation
 from korvex.emulation._library import HostLibrary, best_instruction_set
+from korvex_tools.figures.command import host_parser, record
+from korvex_tools.figures.host_kernels import launch_of
+from korvex_tools.figures.timing import print_table
 
 SEED = 1947
 BATCH_SECONDS = 0.005  # of calls that are timed together, at least
@@ -153,29 +153,23 @@ def run_operation(name: str, options: argparse.Namespace) -> dict[str, Any]:
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--n", type=int, default=10_000_000, help="most elements (10000000)")
+    parser = host_parser(__doc__, 10_000_000, "most elements", 7, "timed batches")
     parser.add_argument("--matrix", type=int, default=512, help="most rows (512)")
-    parser.add_argument("--repeats", type=int, default=7, help="timed batches (7)")
-    parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
-    parser.add_argument("--output", type=Path, help="folder for the JSON file")
     options = parser.parse_args()
     if options.quick:
         options.n, options.matrix, options.repeats = min(options.n, 1000), 16, 2
     torch.set_num_threads(1)
     emulation.activate(threads=1)
     runs = [run_operation(name, options) for name in OPERATIONS]
-    folder = options.output or (None if options.quick else RESULTS_FOLDER)
-    if folder:
-        settings = {
-            "n": options.n,
-            "matrix": options.matrix,
-            "repeats": options.repeats,
-            "seed": SEED,
-            "threads": 1,
-            "instruction_set": best_instruction_set(),
-        }
-        write_results("bench_curves", folder, {"settings": settings, "runs": runs})
+    settings = {
+        "n": options.n,
+        "matrix": options.matrix,
+        "repeats": options.repeats,
+        "seed": SEED,
+        "threads": 1,
+        "instruction_set": best_instruction_set(),
+    }
+    record("bench_curves", options, settings, runs=runs)
 
 
 if __name__ == "__main__":

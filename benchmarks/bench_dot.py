@@ -12,7 +12,6 @@ import math
 import os
 from collections.abc import Callable
 from fractions import Fraction
-from pathlib import Path
 from typing import Any
 
 # One thread: the idle ones of a BLAS spin for a while, in the turns of the other candidates.
@@ -20,18 +19,19 @@ os.environ["OPENBLAS_NUM_THREADS"] = "1"
 
 import numpy as np
 import torch
-from common import (
-    RESULTS_FOLDER,
-    Timing,
-    measure,
-    print_table,
-    print_targets,
-    threads_target,
-    write_results,
-)
 
 from korvex import emulation
 from korvex.emulation._library import HostLibrary, best_instruction_set, usable_instruction_sets
+from korvex_tools.figures.command import cut_short, host_parser, record
+from korvex_tools.figures.timing import (
+    Timing,
+    measure,
+    nanoseconds,
+    print_table,
+    print_targets,
+    threads_target,
+    threads_text,
+)
 
 SEED = 19710301
 ONE = (1, 1, 1)
@@ -120,10 +120,6 @@ def plain_candidates(x: np.ndarray, y: np.ndarray) -> Candidates:
     }
 
 
-def threads_text(threads: int) -> str:
-    return "1 thread" if threads == 1 else f"{threads} threads"
-
-
 # --- One kind of data
 
 
@@ -178,10 +174,6 @@ def result_row(label: str, timings: dict[str, Timing], count: int) -> dict[str, 
     }
 
 
-def nanoseconds(seconds: float, count: int) -> float:
-    return round(seconds / count * 1e9, 4)
-
-
 def judge(data: str, results: list[dict[str, Any]]) -> list[dict[str, Any]]:
     """Whether one thread is fast enough, by processor time, and what two threads gain."""
     by_name = {result["candidate"]: result for result in results}
@@ -205,19 +197,12 @@ def judge(data: str, results: list[dict[str, Any]]) -> list[dict[str, Any]]:
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--n", type=int, default=2_000_000, help="pairs (2000000)")
-    parser.add_argument("--repeats", type=int, default=31, help="timed rounds (31)")
-    parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
-    parser.add_argument("--output", type=Path, help="folder for the JSON file")
+    parser = host_parser(__doc__, 2_000_000, "pairs", 31)
     options = parser.parse_args()
-    if options.quick:
-        options.n, options.repeats = min(options.n, 20_000), min(options.repeats, 3)
+    cut_short(options, n=20_000, repeats=3)
     runs = [run_data(name, options) for name in DATA]
-    folder = options.output or (None if options.quick else RESULTS_FOLDER)
-    if folder:
-        settings = {"n": options.n, "repeats": options.repeats, "seed": SEED, "threads": [1, MANY]}
-        write_results("bench_dot", folder, {"settings": settings, "runs": runs})
+    settings = {"n": options.n, "repeats": options.repeats, "seed": SEED, "threads": [1, MANY]}
+    record("bench_dot", options, settings, runs=runs)
 
 
 if __name__ == "__main__":

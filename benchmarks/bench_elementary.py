@@ -6,21 +6,16 @@ thread; with the share of inputs that need the accurate phase, and of results th
 rounds wrongly, judged by MPFR.
 """
 
-import argparse
 import ctypes
-import sys
-from pathlib import Path
 
 import numpy as np
 import torch
-from common import RESULTS_FOLDER, measure, print_table, print_targets, write_results
 
 from korvex.emulation._library import HostLibrary, best_instruction_set, usable_instruction_sets
-
-ROOT = Path(__file__).resolve().parents[1]
-sys.path += [str(ROOT / "tests" / "support"), str(ROOT / "scripts")]
-import elementary_reference as reference  # noqa: E402
-from elementary_probe import Probe  # noqa: E402
+from korvex_tools.elementary.probe import Probe
+from korvex_tools.figures.command import cut_short, host_parser, record
+from korvex_tools.figures.timing import measure, print_table, print_targets
+from korvex_tools.references import elementary_reference as reference
 
 SEED = 1991
 SLOW = 2_000  # elements for what works one by one
@@ -132,21 +127,14 @@ def judge(name, rows):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--n", type=int, default=400_000, help="elements (400000)")
-    parser.add_argument("--repeats", type=int, default=9, help="timed rounds (9)")
-    parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
-    parser.add_argument("--output", type=Path, help="folder for the JSON file")
+    parser = host_parser(__doc__, 400_000, "elements", 9)
     options = parser.parse_args()
-    if options.quick:
-        options.n, options.repeats = min(options.n, 20_000), min(options.repeats, 3)
+    cut_short(options, n=20_000, repeats=3)
     torch.set_num_threads(1)
     probe = Probe()
     runs = [run(label, options, probe) for label in INPUTS]
-    folder = options.output or (None if options.quick else RESULTS_FOLDER)
-    if folder:
-        settings = {"n": options.n, "repeats": options.repeats, "seed": SEED, "threads": 1}
-        write_results("bench_elementary", folder, {"settings": settings, "runs": runs})
+    settings = {"n": options.n, "repeats": options.repeats, "seed": SEED, "threads": 1}
+    record("bench_elementary", options, settings, runs=runs)
 
 
 if __name__ == "__main__":

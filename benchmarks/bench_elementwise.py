@@ -9,15 +9,15 @@ All results are compared bit by bit before anything is timed.
 import argparse
 import ctypes
 from collections.abc import Callable
-from pathlib import Path
 from typing import Any
 
 import plain_pairs
 import torch
-from common import RESULTS_FOLDER, Timing, measure, print_table, write_results
 
 from korvex import emulation
 from korvex.emulation._library import HostLibrary, usable_instruction_sets
+from korvex_tools.figures.command import cut_short, host_parser, record
+from korvex_tools.figures.timing import Timing, measure, nanoseconds, print_table
 
 SEED = 19711971
 ONE = (1, 1, 1)
@@ -112,8 +112,8 @@ def run_operation(name: str, options: argparse.Namespace) -> dict[str, Any]:
 def result_row(label: str, timing: Timing, plain: Timing, count: int) -> dict[str, Any]:
     return {
         "candidate": label,
-        "ns_per_element": round(timing.median / count * 1e9, 4),
-        "ns_per_element_processor": round(timing.processor_median / count * 1e9, 4),
+        "ns_per_element": nanoseconds(timing.median, count),
+        "ns_per_element_processor": nanoseconds(timing.processor_median, count),
         "gigabytes_per_second": round(BYTES * count / timing.median / 1e9, 4),
         "times_torch": round(timing.median / plain.median, 3),
         "times_torch_processor": round(timing.processor_median / plain.processor_median, 3),
@@ -121,21 +121,14 @@ def result_row(label: str, timing: Timing, plain: Timing, count: int) -> dict[st
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--n", type=int, default=2_000_000, help="elements (2000000)")
-    parser.add_argument("--repeats", type=int, default=9, help="timed rounds (9)")
-    parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
-    parser.add_argument("--output", type=Path, help="folder for the JSON file")
+    parser = host_parser(__doc__, 2_000_000, "elements", 9)
     options = parser.parse_args()
-    if options.quick:
-        options.n, options.repeats = min(options.n, 50_000), min(options.repeats, 3)
+    cut_short(options, n=50_000, repeats=3)
     torch.set_num_threads(THREADS)
     emulation.activate(threads=THREADS)
     runs = [run_operation(name, options) for name in OPERATIONS]
-    folder = options.output or (None if options.quick else RESULTS_FOLDER)
-    if folder:
-        settings = {"n": options.n, "repeats": options.repeats, "seed": SEED, "threads": THREADS}
-        write_results("bench_elementwise", folder, {"settings": settings, "runs": runs})
+    settings = {"n": options.n, "repeats": options.repeats, "seed": SEED, "threads": THREADS}
+    record("bench_elementwise", options, settings, runs=runs)
 
 
 if __name__ == "__main__":

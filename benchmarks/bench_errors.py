@@ -13,12 +13,10 @@ import math
 import random
 from collections.abc import Callable
 from fractions import Fraction
-from pathlib import Path
 from typing import Any
 
 import numpy as np
 import torch
-from common import RESULTS_FOLDER, print_table, write_results
 from plain_sums import (
     compensated_dot,
     compensated_sum,
@@ -28,6 +26,8 @@ from plain_sums import (
 )
 
 from korvex import emulation
+from korvex_tools.figures.command import add_quick_and_output, record
+from korvex_tools.figures.timing import print_table
 
 SEED = 2005
 EXPONENTS = tuple(range(0, 104, 4))  # condition numbers 10^0 to 10^100
@@ -155,8 +155,7 @@ def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--n", type=int, default=100, help="pairs of a vector (100)")
     parser.add_argument("--vectors", type=int, default=10, help="for each condition number (10)")
-    parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
-    parser.add_argument("--output", type=Path, help="folder for the JSON file")
+    add_quick_and_output(parser)
     options = parser.parse_args()
     options.every = 8 if options.quick else 1
     if options.quick:
@@ -164,10 +163,8 @@ def main() -> None:
     torch.set_num_threads(1)
     emulation.activate(threads=1)
     runs = [run(operation, options) for operation in ("sum", "dot")]
-    folder = options.output or (None if options.quick else RESULTS_FOLDER)
-    if folder:
-        settings = {"n": options.n, "vectors": options.vectors, "seed": SEED}
-        write_results("bench_errors", folder, {"settings": settings, "runs": runs})
+    settings = {"n": options.n, "vectors": options.vectors, "seed": SEED}
+    record("bench_errors", options, settings, runs=runs)
 
 
 if __name__ == "__main__":

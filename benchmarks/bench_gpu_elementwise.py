@@ -6,22 +6,15 @@ element moves 32 bytes; the measure is a copy inside the device that moves as ma
 0.9 of its speed. The last line printed is JSON.
 """
 
-import argparse
-import json
 import statistics
-import sys
 from collections.abc import Callable
-from pathlib import Path
 from typing import Any
 
 import torch
-from common import print_table, write_results
 
-import korvex
-
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "scripts"))
-
-from cuda_device import CudaDevice, HostDevice  # noqa: E402
+from korvex_tools.figures.command import gpu_parser, record_and_print
+from korvex_tools.figures.timing import print_table
+from korvex_tools.gpu.cuda_device import choose_device
 
 SEED = 19711971
 BLOCK = 256
@@ -80,23 +73,15 @@ def judge(rows: list[dict[str, Any]]) -> list[dict[str, Any]]:
             met = row["ratio_to_copy"] >= RATIO_TARGET
             targets.append({**row, "at_least": RATIO_TARGET, "met": met})
             verdict = "met" if met else "NOT MET"
-            told = f"{row['ratio_to_copy']} of a copy, at least {RATIO_TARGET}"
-            print(f"target: {row['candidate']}: {told}: {verdict}")
+            text = f"{row['ratio_to_copy']} of a copy, at least {RATIO_TARGET}"
+            print(f"target: {row['candidate']}: {text}: {verdict}")
     return targets
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--n", type=int, default=100_000_000, help="elements of the largest run")
-    parser.add_argument("--repeats", type=int, default=21, help="timed rounds (21)")
-    parser.add_argument("--emulated", action="store_true", help="host kernels: tries the script")
-    parser.add_argument("--output", type=Path, help="folder for a JSON file")
-    options = parser.parse_args()
+    options = gpu_parser(__doc__, "elements of the largest run").parse_args()
     torch.manual_seed(SEED)
-    if options.emulated:
-        device, where = HostDevice("base"), "cpu"
-    else:
-        device, where = CudaDevice(Path(korvex.__file__).parent / "cubins"), "cuda"
+    device, where = choose_device(options.emulated), "cpu" if options.emulated else "cuda"
     rows = []
     for n in (options.n // 100, options.n // 10, options.n):
         rows += time_kernels(device, where, n, options.repeats)
@@ -106,9 +91,7 @@ def main() -> None:
         [[str(value) for value in row.values()] for row in rows],
     )
     content = {"device": device.name(), "runs": rows, "targets": judge(rows)}
-    if options.output:
-        write_results("bench_gpu_elementwise", options.output, content)
-    print(json.dumps(content))
+    record_and_print("bench_gpu_elementwise", options, content)
 
 
 if __name__ == "__main__":

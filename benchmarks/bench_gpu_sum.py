@@ -6,22 +6,16 @@ is timed on the clock, from Python to the result that has arrived. The last line
 """
 
 import argparse
-import json
 import statistics
-import sys
 import time
 from collections.abc import Callable
-from pathlib import Path
 from typing import Any
 
 import torch
-from common import print_table, write_results
 
-import korvex
-
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "scripts"))
-
-from cuda_device import CudaDevice, HostDevice  # noqa: E402
+from korvex_tools.figures.command import gpu_parser, record_and_print
+from korvex_tools.figures.timing import print_table
+from korvex_tools.gpu.cuda_device import choose_device
 
 SEED = 20130501
 BLOCK = 256
@@ -195,31 +189,21 @@ def judge(runs: dict[str, Any]) -> list[dict[str, Any]]:
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--n", type=int, default=100_000_000, help="elements of the largest sums")
-    parser.add_argument("--repeats", type=int, default=21, help="timed rounds (21)")
-    parser.add_argument("--emulated", action="store_true", help="host kernels: tries the script")
-    parser.add_argument("--output", type=Path, help="folder for a JSON file")
-    options = parser.parse_args()
+    options = gpu_parser(__doc__, "elements of the largest sums").parse_args()
     torch.manual_seed(SEED)
-    if options.emulated:
-        from korvex import emulation
-
-        device, where = HostDevice("base"), "cpu"
-    else:
-        device, where = CudaDevice(Path(korvex.__file__).parent / "cubins"), "cuda"
+    device, where = choose_device(options.emulated), "cpu" if options.emulated else "cuda"
     runs: dict[str, Any] = {
         "sequential": time_sequential(device, where, options),
         "parallel": time_parallel(device, where, options),
         "clamps": time_clamps(device, where, options),
     }
     if options.emulated:
+        from korvex import emulation
+
         emulation.activate()
     runs["calls"] = time_calls(where, options)
     content = {"device": device.name(), "runs": runs, "targets": judge(runs)}
-    if options.output:
-        write_results("bench_gpu_sum", options.output, content)
-    print(json.dumps(content))
+    record_and_print("bench_gpu_sum", options, content)
 
 
 if __name__ == "__main__":

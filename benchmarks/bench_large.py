@@ -19,7 +19,10 @@ from pathlib import Path
 from typing import Any, NamedTuple
 
 import torch
-from common import RESULTS_FOLDER, print_table, write_results
+
+from korvex_tools.figures.command import add_quick_and_output
+from korvex_tools.figures.records import RESULTS_FOLDER, write_results
+from korvex_tools.figures.timing import print_table
 
 SEED = 1961
 SLACK = 0.1  # copies: what a process needs beside its tensors, for large inputs
@@ -50,7 +53,7 @@ def running_sum(x: torch.Tensor) -> torch.Tensor:
 
 LIMBS = "a few limbs"
 PAIR = "value, error, and their sum"
-# Contiguous float64 operands are passed on as they are, so no copy of them is told.
+# Contiguous float64 operands are passed on as they are, so no copy of them is expected.
 CASES = {
     "tqx_sum": Case(function("tqx_sum"), torch.sum, 1, 0, LIMBS),
     "tqx_sum(exact=False)": Case(function("tqx_sum", exact=False), torch.sum, 1, 0, LIMBS),
@@ -198,7 +201,7 @@ def run_case(
         "torch_seconds": round(theirs["seconds"], 6),
         "ns_per_element": round(ours["seconds"] / steps * 1e9, 3),
         "copies": round(max(ours["bytes"], 0) / ours["operand"], 3),
-        "copies_told": CASES[name].copies,
+        "copies_expected": CASES[name].copies,
         "torch_copies": round(max(theirs["bytes"], 0) / theirs["operand"], 3),
     }
 
@@ -209,7 +212,7 @@ def judge(results: list[dict[str, Any]]) -> list[dict[str, Any]]:
         elements = row["n"] ** 2 if row["candidate"].startswith(MATRIX) else row["n"]
         if elements < JUDGED_FROM:
             continue
-        most = row["copies_told"] + SLACK
+        most = row["copies_expected"] + SLACK
         met = row["copies"] <= most
         target = {"candidate": row["candidate"], "n": row["n"], "copies_at_most": most, "met": met}
         targets.append(target)
@@ -233,8 +236,7 @@ def main() -> None:
     parser.add_argument("--repeats", type=int, default=2, help="calls in a process (2)")
     parser.add_argument("--gpu", action="store_true", help="on a GPU, not the emulated device")
     parser.add_argument("--seconds", type=float, default=3600.0, help="stop after (3600)")
-    parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
-    parser.add_argument("--output", type=Path, help="folder for the JSON file")
+    add_quick_and_output(parser)
     parser.add_argument("--json", action="store_true", help="print the record as the last line")
     parser.add_argument("--one", choices=CASES, help="one function, in this process")
     parser.add_argument("--side", choices=("korvex", "torch"), default="korvex")
@@ -253,7 +255,7 @@ def main() -> None:
     results = [row for row in rows if row]
     print_table(
         "least time and peak memory beyond the operands; ns a multiply-add for products",
-        ["function", "n", "s", "torch, s", "ns", "copies", "told", "torch"],
+        ["function", "n", "s", "torch, s", "ns", "copies", "expected", "torch"],
         [[str(value) for value in row.values()] for row in results],
     )
     targets = judge(results)

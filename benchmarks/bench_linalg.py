@@ -9,14 +9,14 @@ beyond its operands, counted in one call of its own.
 import argparse
 import os
 from collections.abc import Callable
-from pathlib import Path
 from typing import Any
 
 import torch
-from common import RESULTS_FOLDER, Timing, measure, print_table, write_results
 from torch.profiler import ProfilerActivity, profile
 
 from korvex import emulation
+from korvex_tools.figures.command import cut_short, host_parser, record
+from korvex_tools.figures.timing import Timing, measure, print_table
 
 SEED = 19711971
 THREADS = 1
@@ -148,22 +148,15 @@ def result_row(label: str, timing: Timing, plain: Timing, held: int) -> dict[str
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--n", type=int, default=64, help="rows, or height and width (64)")
-    parser.add_argument("--repeats", type=int, default=9, help="timed rounds (9)")
-    parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
-    parser.add_argument("--output", type=Path, help="folder for the JSON file")
+    parser = host_parser(__doc__, 64, "rows, or height and width", 9)
     options = parser.parse_args()
-    if options.quick:
-        options.n, options.repeats = min(options.n, 16), min(options.repeats, 3)
+    cut_short(options, n=16, repeats=3)
     os.environ.setdefault("KINETO_LOG_LEVEL", "99")  # the profiler's own messages
     torch.set_num_threads(THREADS)
     emulation.activate(threads=THREADS)
     runs = [run_family(name, options) for name in FAMILIES]
-    folder = options.output or (None if options.quick else RESULTS_FOLDER)
-    if folder:
-        settings = {"n": options.n, "repeats": options.repeats, "seed": SEED, "threads": THREADS}
-        write_results("bench_linalg", folder, {"settings": settings, "runs": runs})
+    settings = {"n": options.n, "repeats": options.repeats, "seed": SEED, "threads": THREADS}
+    record("bench_linalg", options, settings, runs=runs)
 
 
 if __name__ == "__main__":

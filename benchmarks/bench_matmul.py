@@ -11,22 +11,21 @@ import ctypes
 import random
 from collections.abc import Callable
 from fractions import Fraction
-from pathlib import Path
 from typing import Any
 
 import torch
-from common import (
-    RESULTS_FOLDER,
-    Timing,
-    measure,
-    print_table,
-    print_targets,
-    threads_target,
-    write_results,
-)
 from plain_products import double_double, rational
 
 from korvex.emulation._library import HostLibrary, best_instruction_set, usable_instruction_sets
+from korvex_tools.figures.command import host_parser, record
+from korvex_tools.figures.timing import (
+    Timing,
+    measure,
+    nanoseconds,
+    print_table,
+    print_targets,
+    threads_target,
+)
 
 SEED = 20050601
 KERNEL = "tqx_matmul_kernel"
@@ -131,10 +130,10 @@ def run_size(size: int, options: argparse.Namespace) -> dict[str, Any]:
 def result_row(label: str, timing: Timing, products: int) -> dict[str, Any]:
     return {
         "candidate": label,
-        "ns_per_multiply_add": round(timing.median / products * 1e9, 4),
-        "ns_per_multiply_add_least": round(timing.least / products * 1e9, 4),
-        "ns_per_multiply_add_most": round(timing.most / products * 1e9, 4),
-        "ns_per_multiply_add_processor": round(timing.processor_median / products * 1e9, 4),
+        "ns_per_multiply_add": nanoseconds(timing.median, products),
+        "ns_per_multiply_add_least": nanoseconds(timing.least, products),
+        "ns_per_multiply_add_most": nanoseconds(timing.most, products),
+        "ns_per_multiply_add_processor": nanoseconds(timing.processor_median, products),
     }
 
 
@@ -155,12 +154,8 @@ def judge(results: list[dict[str, Any]]) -> list[dict[str, Any]]:
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--n", type=int, default=512, help="largest size (512)")
+    parser = host_parser(__doc__, 512, "largest size", 15)
     parser.add_argument("--large", action="store_true", help="also 2048; takes minutes")
-    parser.add_argument("--repeats", type=int, default=15, help="timed rounds (15)")
-    parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
-    parser.add_argument("--output", type=Path, help="folder for the JSON file")
     options = parser.parse_args()
     sizes = [size for size in (FRACTION_SIZE, 64, 128, 256, 512) if size <= options.n]
     if options.quick:
@@ -168,10 +163,8 @@ def main() -> None:
     elif options.large:
         sizes.append(2048)
     runs = [run_size(size, options) for size in sizes]
-    folder = options.output or (None if options.quick else RESULTS_FOLDER)
-    if folder:
-        settings = {"n": sizes[-1], "sizes": sizes, "repeats": options.repeats, "seed": SEED}
-        write_results("bench_matmul", folder, {"settings": settings, "runs": runs})
+    settings = {"n": sizes[-1], "sizes": sizes, "repeats": options.repeats, "seed": SEED}
+    record("bench_matmul", options, settings, runs=runs)
 
 
 if __name__ == "__main__":

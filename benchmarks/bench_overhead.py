@@ -12,12 +12,13 @@ import importlib
 import sys
 import types
 from collections.abc import Callable
-from pathlib import Path
 from typing import Any
 
 import plain_sum
 import torch
-from common import RESULTS_FOLDER, Timing, measure, print_table, write_results
+
+from korvex_tools.figures.command import cut_short, host_parser, record
+from korvex_tools.figures.timing import Timing, measure, print_table
 
 TARGET = 1.1  # the module's time over plain Python's, at most
 JUDGED = "tqx_sum(x)"
@@ -129,15 +130,10 @@ def judge(results: list[dict[str, Any]]) -> dict[str, Any]:
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--n", type=int, default=1000, help="elements of the operand (1000)")
+    parser = host_parser(__doc__, 1000, "elements of the operand", 101, "timed batches")
     parser.add_argument("--calls", type=int, default=200, help="calls in a timed batch (200)")
-    parser.add_argument("--repeats", type=int, default=101, help="timed batches (101)")
-    parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
-    parser.add_argument("--output", type=Path, help="folder for the JSON file")
     options = parser.parse_args()
-    if options.quick:
-        options.calls, options.repeats = min(options.calls, 100), min(options.repeats, 3)
+    cut_short(options, calls=100, repeats=3)
     torch.set_num_threads(1)
     results = run_cases(options)
     print_table(
@@ -146,11 +142,8 @@ def main() -> None:
         [[str(value) for value in result.values()] for result in results],
     )
     target = judge(results)
-    folder = options.output or (None if options.quick else RESULTS_FOLDER)
-    if folder:
-        settings = {"n": options.n, "calls": options.calls, "repeats": options.repeats}
-        content = {"settings": settings, "results": results, "target": target}
-        write_results("bench_overhead", folder, content)
+    settings = {"n": options.n, "calls": options.calls, "repeats": options.repeats}
+    record("bench_overhead", options, settings, results=results, target=target)
 
 
 if __name__ == "__main__":

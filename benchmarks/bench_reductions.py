@@ -13,15 +13,15 @@ import math
 import statistics
 from collections.abc import Callable
 from fractions import Fraction
-from pathlib import Path
 from typing import Any
 
 import gmpy2
 import numpy as np
 import torch
-from common import RESULTS_FOLDER, Timing, measure, print_table, write_results
 
 from korvex import emulation
+from korvex_tools.figures.command import cut_short, host_parser, record
+from korvex_tools.figures.timing import Timing, measure, print_table
 
 SEED = 20130501
 REFERENCE_COUNT = 2000  # elements for the references in Python, at most
@@ -106,14 +106,9 @@ def result_rows(timings: dict[str, Timing], counts: list[int]) -> list[dict[str,
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--n", type=int, default=1_000_000, help="elements (1000000)")
-    parser.add_argument("--repeats", type=int, default=5, help="timed rounds (5)")
-    parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
-    parser.add_argument("--output", type=Path, help="folder for the JSON file")
+    parser = host_parser(__doc__, 1_000_000, "elements", 5)
     options = parser.parse_args()
-    if options.quick:
-        options.n, options.repeats = min(options.n, 1000), min(options.repeats, 2)
+    cut_short(options, n=1000, repeats=2)
     torch.set_num_threads(1)
     emulation.activate(threads=1)
     results = [row for name in FUNCTIONS for row in run_function(name, options)]
@@ -122,10 +117,8 @@ def main() -> None:
         ["candidate", "n", "ns per element", "times of module"],
         [[str(value) for value in row.values()] for row in results],
     )
-    folder = options.output or (None if options.quick else RESULTS_FOLDER)
-    if folder:
-        settings = {"n": options.n, "repeats": options.repeats, "seed": SEED, "threads": 1}
-        write_results("bench_reductions", folder, {"settings": settings, "results": results})
+    settings = {"n": options.n, "repeats": options.repeats, "seed": SEED, "threads": 1}
+    record("bench_reductions", options, settings, results=results)
 
 
 if __name__ == "__main__":

@@ -8,14 +8,15 @@ of the steps between them. Processor time on one thread, as in bench_overhead.py
 
 import argparse
 from collections.abc import Callable
-from pathlib import Path
 from typing import Any
 
 import plain_series
 import torch
-from bench_overhead import import_runtime, repeated
-from common import RESULTS_FOLDER, measure, print_table, write_results
+from bench_overhead import import_runtime, repeated, result_row
 from torch.overrides import TorchFunctionMode
+
+from korvex_tools.figures.command import host_parser, record
+from korvex_tools.figures.timing import measure, print_table
 
 TARGET = 1.1  # the module's time over plain Python's, at most, for every function
 
@@ -94,36 +95,21 @@ def run_cases(options: argparse.Namespace) -> list[dict[str, Any]]:
         if len(set(counts.values())) != 1:
             raise SystemExit(f"{name}: the operations are not the same in number: {counts}")
         batches = {side: repeated(call, options.calls) for side, call in sides.items()}
-        timings = measure(batches, options.repeats)
-        module, plain = timings["module"], timings["plain"]
-        results.append(
-            {
-                "case": name,
-                "operations": counts["module"],
-                "module_us": round(module.processor_median / options.calls * 1e6, 1),
-                "plain_us": round(plain.processor_median / options.calls * 1e6, 1),
-                "ratio": round(module.processor_median / plain.processor_median, 3),
-                # Of the fastest batches: the least disturbed ones.
-                "ratio_of_least": round(module.processor_least / plain.processor_least, 3),
-            }
-        )
+        row = result_row(name, measure(batches, options.repeats), options.calls)
+        results.append({"case": name, "operations": counts["module"]} | row)
     return results
 
 
 def judge(results: list[dict[str, Any]]) -> dict[str, Any]:
     slow = [result["case"] for result in results if result["ratio"] > TARGET]
-    told = f"NOT MET by {', '.join(slow)}" if slow else "met"
-    print(f"target: every case at most {TARGET} of plain Python: {told}")
+    verdict = f"NOT MET by {', '.join(slow)}" if slow else "met"
+    print(f"target: every case at most {TARGET} of plain Python: {verdict}")
     return {"ratio_at_most": TARGET, "met": not slow}
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--n", type=int, default=100, help="elements of the operand (100)")
+    parser = host_parser(__doc__, 100, "elements of the operand", 51, "timed batches")
     parser.add_argument("--calls", type=int, default=10, help="calls in a timed batch (10)")
-    parser.add_argument("--repeats", type=int, default=51, help="timed batches (51)")
-    parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
-    parser.add_argument("--output", type=Path, help="folder for the JSON file")
     options = parser.parse_args()
     if options.quick:
         options.calls, options.repeats = 1, min(options.repeats, 3)
@@ -135,11 +121,8 @@ def main() -> None:
         [[str(value) for value in result.values()] for result in results],
     )
     target = judge(results)
-    folder = options.output or (None if options.quick else RESULTS_FOLDER)
-    if folder:
-        settings = {"n": options.n, "calls": options.calls, "repeats": options.repeats}
-        content = {"settings": settings, "results": results, "target": target}
-        write_results("bench_series", folder, content)
+    settings = {"n": options.n, "calls": options.calls, "repeats": options.repeats}
+    record("bench_series", options, settings, results=results, target=target)
 
 
 if __name__ == "__main__":

@@ -9,23 +9,23 @@ import argparse
 import ctypes
 import math
 from collections.abc import Callable
-from pathlib import Path
 from typing import Any
 
 import numpy as np
 import torch
-from common import (
-    RESULTS_FOLDER,
-    Timing,
-    measure,
-    print_table,
-    print_targets,
-    threads_target,
-    write_results,
-)
 
 from korvex import emulation
 from korvex.emulation._library import HostLibrary, best_instruction_set, usable_instruction_sets
+from korvex_tools.figures.command import cut_short, host_parser, record
+from korvex_tools.figures.timing import (
+    Timing,
+    measure,
+    nanoseconds,
+    print_table,
+    print_targets,
+    threads_target,
+    threads_text,
+)
 
 SEED = 20130501
 ONE = (1, 1, 1)
@@ -134,10 +134,6 @@ def all_candidates(values: np.ndarray, exact: Candidates) -> Candidates:
     }
 
 
-def threads_text(threads: int) -> str:
-    return "1 thread" if threads == 1 else f"{threads} threads"
-
-
 # --- One kind of data
 
 
@@ -180,10 +176,6 @@ def result_row(label: str, timings: dict[str, Timing], count: int) -> dict[str, 
     }
 
 
-def nanoseconds(seconds: float, count: int) -> float:
-    return round(seconds / count * 1e9, 4)
-
-
 def show_table(name: str, options: argparse.Namespace, results: list[dict[str, Any]]) -> None:
     print_table(
         f"{name}, n = {options.n}, median of {options.repeats}, ns per element",
@@ -216,19 +208,12 @@ def judge(results: list[dict[str, Any]], times_faster: float, most: float) -> li
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--n", type=int, default=10_000_000, help="elements (10000000)")
-    parser.add_argument("--repeats", type=int, default=21, help="timed rounds (21)")
-    parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
-    parser.add_argument("--output", type=Path, help="folder for the JSON file")
+    parser = host_parser(__doc__, 10_000_000, "elements", 21)
     options = parser.parse_args()
-    if options.quick:
-        options.n, options.repeats = min(options.n, 100_000), min(options.repeats, 3)
+    cut_short(options, n=100_000, repeats=3)
     runs = [run_data(name, options) for name in DATA]
-    folder = options.output or (None if options.quick else RESULTS_FOLDER)
-    if folder:
-        settings = {"n": options.n, "repeats": options.repeats, "seed": SEED, "threads": [1, MANY]}
-        write_results("bench_sum", folder, {"settings": settings, "runs": runs})
+    settings = {"n": options.n, "repeats": options.repeats, "seed": SEED, "threads": [1, MANY]}
+    record("bench_sum", options, settings, runs=runs)
 
 
 if __name__ == "__main__":

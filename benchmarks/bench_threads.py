@@ -2,35 +2,34 @@
 """How much faster are the parallel kernels of the emulated device on two threads than on one?
 
 Each kernel runs with either number in turns; their bits are compared first. Only a round that the
-system left alone tells what splitting costs: one that had two processors used about twice as much
+system left alone shows what splitting costs: one that had two processors used about twice as much
 processor time as passed on the clock. So the least times are compared, and rounds go on until the
 fastest on two threads had its processors, or patience ends. What it had stands beside its time:
 well below 2, other processes were at work, or threads waited for each other.
 
 A kernel that does little more than read and write is held up by memory, which the processors
 share. How much a second processor gains then is a fact of the machine: torch's operation with the
-same operands, which keeps no error, tells it in the same run.
+same operands, which keeps no error, shows it in the same run.
 """
 
 import argparse
 import time
 from collections.abc import Callable
-from pathlib import Path
 from typing import Any
 
 import numpy as np
 import torch
-from common import (
-    RESULTS_FOLDER,
+
+from korvex.emulation._library import HostLibrary, best_instruction_set
+from korvex_tools.figures.command import add_quick_and_output
+from korvex_tools.figures.host_kernels import launch_of
+from korvex_tools.figures.records import RESULTS_FOLDER, write_results
+from korvex_tools.figures.timing import (
     TIMES_ON_TWO_THREADS,
     print_table,
     print_targets,
     threads_target,
-    write_results,
 )
-from host_kernels import launch_of
-
-from korvex.emulation._library import HostLibrary, best_instruction_set
 
 SEED = 1967
 MANY = 2
@@ -155,8 +154,7 @@ def main() -> None:
     parser.add_argument("--repeats", type=int, default=61, help="timed rounds, at least (61)")
     parser.add_argument("--patience", type=float, default=5.0, help="seconds a kernel (5)")
     parser.add_argument("--kernel", action="append", help="only this one; may be repeated")
-    parser.add_argument("--quick", action="store_true", help="a small run that records nothing")
-    parser.add_argument("--output", type=Path, help="folder for the JSON file")
+    add_quick_and_output(parser)
     options = parser.parse_args()
     if options.quick:
         options.n, options.repeats, options.patience = min(options.n, 300_000), 3, 0.0

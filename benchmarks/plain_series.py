@@ -1,8 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """Series functions and transforms in plain Python: the module's steps without its checks.
 
-Written once more beside the rendering that the tests use: that one binds and checks its arguments
-in Python, which costs more than the steps, and a comparison with it would flatter the module.
+Written once more beside the reference implementation of the tests: that one binds and checks its
+arguments in Python, which costs more than the steps: compared with it the module would look better
+than it is.
 """
 
 import torch

@@ -1,8 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """Sum and mean in plain Python: the same steps as the module's, without its checks of arguments.
 
-Written once more beside the rendering that the tests use: that one binds and checks its arguments
-in Python, which costs more than the steps, and a comparison with it would flatter the module.
+Written once more beside the reference implementation of the tests: that one binds and checks its
+arguments in Python, which costs more than the steps: compared with it the module would look better
+than it is.
 """
 
 import torch

@@ -2,14 +2,11 @@
 """How Sphinx makes the site of this folder: `make site` builds it, with warnings as errors.
 
 Nothing is fetched while building, and the pages load nothing from elsewhere. Signatures and doc
-strings come from the installed package (api_names.py), so build after `make install`.
+strings come from the installed package, by api_names.py in this folder, which
+scripts/build_site.sh puts on the search path: build after `make install`.
 """
 
 import importlib.metadata
-import pathlib
-import sys
-
-sys.path.insert(0, str(pathlib.Path(__file__).parent))  # for api_names
 
 project = "korvex"
 author = copyright = "The korvex developers"

@@ -64,18 +64,18 @@ def entry(tqx: Any, result: Any) -> dict[str, Any]:
     """
     limbs = result.limbs if isinstance(result, tqx.TQXResult) else None
     tensor = result if limbs is None else limbs[0]
-    told = {
+    facts = {
         "shape": list(tensor.shape),
         "dtype": str(tensor.dtype),
         "checksum": tqx.tqx_checksum(result),
         "sha256": tqx.tqx_checksum_hex(result),
     }
     if limbs is not None:
-        told["limbs"] = len(limbs)
-        told["limbs_sha256"] = tqx.tqx_checksum_hex(torch.stack(limbs))
+        facts["limbs"] = len(limbs)
+        facts["limbs_sha256"] = tqx.tqx_checksum_hex(torch.stack(limbs))
     if tensor.ndim == 0:
-        told["value"] = repr(result.item())
-    return told
+        facts["value"] = repr(result.item())
+    return facts
 
 
 def _entries(tqx: Any, tensors: dict[str, Any]) -> Entries:

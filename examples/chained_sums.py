@@ -24,13 +24,15 @@ import sys
 from collections.abc import Iterator
 from dataclasses import dataclass, field
 from fractions import Fraction
-from typing import TYPE_CHECKING
 
 import numpy as np
-from sum_device import SumDevice, choose_device
+import torch
 
-if TYPE_CHECKING:  # at run time the device decides when the module is imported
-    from korvex.tqx_runtime import TQXResult
+import korvex.emulation
+
+if "--emulated" in sys.argv or not torch.cuda.is_available():
+    korvex.emulation.activate()
+import korvex.tqx_runtime as tqx
 
 _SEED = 1971
 
@@ -45,15 +47,20 @@ SETS = [
 
 def main(arguments: list[str]) -> int:
     options = _parse(arguments)
-    device = choose_device(options.emulated)
-    print(f"device: {device.description}")
+    print(device_line())
     print(f"{options.tensors} tensors of {options.values} values, {options.columns} followed\n")
     print(_line("", "limbs", "first drop", "drops", "loss", "plain loss", "nearest"))
     for name, spread, taken_back in SETS:
         tensors = list(tensors_of(spread, taken_back, options.tensors, options.values))
-        chain = add_all(device, tensors, options.columns)
+        chain = add_all(tensors, options.columns)
         print(_chain_line(name, chain), flush=True)
     return 0
+
+
+def device_line() -> str:
+    kind = "emulated (no GPU, or --emulated)" if korvex.emulation.active_device() else "CUDA"
+    info = tqx.get_backend_info()
+    return f"device: {kind}: {info['device']}, {info['native_arch']}"
 
 
 def _parse(arguments: list[str]) -> argparse.Namespace:
@@ -61,6 +68,7 @@ def _parse(arguments: list[str]) -> argparse.Namespace:
         prog="chained_sums.py",
         description=__doc__,
         formatter_class=argparse.RawDescriptionHelpFormatter,
+        allow_abbrev=False,
     )
     add = parser.add_argument
     add("--tensors", type=_count, default=1000, help="tensors to add (1000)")
@@ -124,18 +132,17 @@ class Chain:
         return sum(float(exact) == value for exact, value in zip(self.exact, floats, strict=True))
 
 
-def add_all(device: SumDevice, tensors: list[np.ndarray], columns: int) -> Chain:
+def add_all(tensors: list[np.ndarray], columns: int) -> Chain:
     """Adds in order, in limbs and in plain float64; so many evenly spaced columns are followed."""
-    runtime = device.runtime
     followed = np.linspace(0, tensors[0].size - 1, columns).astype(np.int64)
-    first = device.tensor(tensors[0])
-    total = runtime.TQXResult([first], str(first.device))
+    first = on_device(tensors[0])
+    total = tqx.TQXResult([first], str(first.device))
     chain = Chain(exact=_fractions(tensors[0][followed]))
     chain.held = chain.exact
     plain = tensors[0]
     for number, values in enumerate(tensors[1:], 1):
         addends = _fractions(values[followed])
-        total = runtime.tqx_add(total, device.tensor(values), return_tqx=True)
+        total = tqx.tqx_add(total, on_device(values), return_tqx=True)
         plain = plain + values
         due = [a + b for a, b in zip(chain.held, addends, strict=True)]
         chain.held = _held(total, followed)
@@ -146,16 +153,20 @@ def add_all(device: SumDevice, tensors: list[np.ndarray], columns: int) -> Chain
     chain.floats = total.collapse().cpu().numpy()[followed].tolist()
     chain.plain = plain[followed].tolist()
     columns_of_values = np.stack([values[followed] for values in tensors], axis=1)
-    chain.summed = [runtime.tqx_sum(device.tensor(column)).item() for column in columns_of_values]
+    chain.summed = [tqx.tqx_sum(on_device(column)).item() for column in columns_of_values]
     chain.largest_addend = max(float(np.abs(values[followed]).max()) for values in tensors)
     return chain
+
+
+def on_device(values: np.ndarray) -> torch.Tensor:
+    return torch.from_numpy(values).to("cuda")
 
 
 def _fractions(values: np.ndarray) -> list[Fraction]:
     return [Fraction(value) for value in values.tolist()]
 
 
-def _held(total: "TQXResult", followed: np.ndarray) -> list[Fraction]:
+def _held(total: tqx.TQXResult, followed: np.ndarray) -> list[Fraction]:
     """The exact sum of the limbs, element by element."""
     rows = [limb.cpu().numpy()[followed].tolist() for limb in total.limbs]
     return [sum(map(Fraction, column), Fraction()) for column in zip(*rows, strict=True)]

@@ -12,9 +12,13 @@ import random
 import sys
 from typing import Any
 
-import numpy as np
 import torch
-from sum_device import choose_device
+
+import korvex.emulation
+
+if "--emulated" in sys.argv or not torch.cuda.is_available():
+    korvex.emulation.activate()
+import korvex.tqx_runtime as tqx
 
 MEMBERS, CHANNELS, HEIGHT, WIDTH = 2, 3, 16, 16
 FILTERS, KERNEL, STRIDE, PADDING = 8, 3, 2, 1
@@ -22,11 +26,12 @@ CHECKSUM = "0493806779266035"
 
 
 def main(arguments: list[str]) -> int:
-    parser = argparse.ArgumentParser(prog="conv_layer.py", description=__doc__)
+    parser = argparse.ArgumentParser(prog="conv_layer.py", description=__doc__, allow_abbrev=False)
     parser.add_argument("--emulated", action="store_true", help="emulated device, GPU or not")
-    device = choose_device(parser.parse_args(arguments).emulated)
-    tqx = device.runtime
-    x, weight, bias = (device.tensor(np.array(values)) for values in operands())
+    parser.parse_args(arguments)
+    x, weight, bias = (
+        torch.tensor(values, dtype=torch.float64, device="cuda") for values in operands()
+    )
 
     convolved = tqx.tqx_conv2d(x, weight, stride=STRIDE, padding=PADDING)
     output = tqx.tqx_relu(tqx.tqx_add(convolved, bias.view(1, -1, 1, 1)))
@@ -36,13 +41,19 @@ def main(arguments: list[str]) -> int:
     ).relu()
     other = int((output.cpu() != plain).sum())
     checksum = tqx.tqx_checksum(output)
-    print(f"device: {device.description}")
+    print(device_line())
     print(f"output: {tuple(output.shape)}, checksum {checksum}")
     print(f"elements that torch on the host rounds otherwise: {other} of {plain.numel()}")
     if checksum != CHECKSUM:
         print(f"this is not the checksum {CHECKSUM} of every device", file=sys.stderr)
         return 1
     return 0
+
+
+def device_line() -> str:
+    kind = "emulated (no GPU, or --emulated)" if korvex.emulation.active_device() else "CUDA"
+    info = tqx.get_backend_info()
+    return f"device: {kind}: {info['device']}, {info['native_arch']}"
 
 
 def operands() -> tuple[list[Any], list[Any], list[Any]]:

@@ -42,13 +42,13 @@ def _decimal_rows(figures: SumFigures, digits: int) -> list[tuple[str, str]]:
     mean = decimal_text(figures.mean, digits)
     if figures.total_is_exact:
         return [("exact sum", total), ("exact mean", mean)]
-    told = [("tqx_sum_exact", total + " (see below)"), ("tqx_mean_exact", mean + " (see below)")]
+    rows = [("tqx_sum_exact", total + " (see below)"), ("tqx_mean_exact", mean + " (see below)")]
     if not figures.is_finite:
-        return told
+        return rows
     return [
         ("exact sum", decimal_text(exact_decimal(figures.exact_total), digits)),
         ("exact mean", decimal_text(mean_decimal(figures.exact_mean), digits)),
-        *told,
+        *rows,
     ]
 
 

@@ -22,8 +22,12 @@ from pathlib import Path
 
 import numpy as np
 import torch
-from sum_device import SumDevice, choose_device
-from value_files import read_values
+
+import korvex.emulation
+
+if "--emulated" in sys.argv or not torch.cuda.is_available():
+    korvex.emulation.activate()
+import korvex.tqx_runtime as tqx
 
 DATA_FOLDER = Path(__file__).resolve().parent / "data"
 
@@ -42,22 +46,29 @@ def main(arguments: list[str]) -> int:
         prog="nist_deviation.py",
         description=__doc__,
         formatter_class=argparse.RawDescriptionHelpFormatter,
+        allow_abbrev=False,
     )
     parser.add_argument("--emulated", action="store_true", help="run on the emulated device")
-    options = parser.parse_args(arguments)
-    device = choose_device(options.emulated)
-    print(f"device: {device.description}")
+    parser.parse_args(arguments)
+    print(device_line())
     for name, certified in CERTIFIED.items():
-        show_set(device, name, certified)
+        show_set(name, certified)
     return 0
 
 
-def show_set(device: SumDevice, name: str, certified: Decimal) -> None:
-    values = read_values(str(DATA_FOLDER / name))
+def device_line() -> str:
+    kind = "emulated (no GPU, or --emulated)" if korvex.emulation.active_device() else "CUDA"
+    info = tqx.get_backend_info()
+    return f"device: {kind}: {info['device']}, {info['native_arch']}"
+
+
+def show_set(name: str, certified: Decimal) -> None:
+    numbers = (DATA_FOLDER / name).read_text().split()
+    values = np.array([float(number) for number in numbers])
     stored = root(exact_variance(values))
     print(f"\n{name}: {values.size} values, certified {certified}")
     print(line("", "standard deviation", "certified", "stored"))
-    for label, value in deviations(device, values).items():
+    for label, value in deviations(values).items():
         digits = lre_text(value, certified, CERTIFIED_DIGITS)
         print(line(label, f"{value:.18g}", digits, lre_text(value, stored, math.inf)))
     print(line("stored, exactly", f"{stored:.18g}", lre_text(stored, certified, CERTIFIED_DIGITS)))
@@ -66,14 +77,14 @@ def show_set(device: SumDevice, name: str, certified: Decimal) -> None:
         print(f"  ! the stored float64 values are not the decimals: {reachable:.1f} digits is all")
 
 
-def deviations(device: SumDevice, values: np.ndarray) -> dict[str, Decimal]:
+def deviations(values: np.ndarray) -> dict[str, Decimal]:
     """By way; float64 results as the exact decimals that they are."""
-    x = device.tensor(values)
     host = torch.from_numpy(values)
+    x = host.to("cuda")
     count = values.size
     return {
-        "tqx_std": Decimal(device.runtime.tqx_std(x).item()),
-        "tqx_std_exact": device.runtime.tqx_std_exact(x),
+        "tqx_std": Decimal(tqx.tqx_std(x).item()),
+        "tqx_std_exact": tqx.tqx_std_exact(x),
         "numpy.std": Decimal(float(np.std(values, ddof=1))),
         "torch.std": Decimal(torch.std(host).item()),
         "sums of squares": Decimal(textbook_deviation(values, count)),

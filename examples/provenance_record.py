@@ -8,8 +8,8 @@
 
 A record holds checksums of inputs and results with the shapes and dtypes that checksums leave out,
 and what they were computed on. `verify` computes everything anew. A difference in the environment
-is told and is no failure. The exit code is 0 if all results are the recorded ones, 1 if one is not,
-and 2 if an argument or a file was of no use.
+is reported and is no failure. The exit code is 0 if all results are the recorded ones, 1 if one is
+not, and 2 if an argument or a file was of no use.
 """
 
 import argparse

@@ -2,8 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Shows what each pass of tqx_solve gains: its errors against exact rational solutions.
 
-Prints a table of the largest errors, condition number by condition number, and with --picture draws
-it. Needs matplotlib for the picture.
+Prints a table of the largest errors, condition number by condition number.
 """
 
 import argparse
@@ -11,10 +10,14 @@ import math
 import random
 import sys
 from fractions import Fraction
-from pathlib import Path
 
-import numpy as np
-from sum_device import SumDevice, choose_device
+import torch
+
+import korvex.emulation
+
+if "--emulated" in sys.argv or not torch.cuda.is_available():
+    korvex.emulation.activate()
+import korvex.tqx_runtime as tqx
 
 SIZE = 10
 EXPONENTS = (2, 4, 6, 8, 10, 12, 14, 16)
@@ -25,26 +28,28 @@ Matrix = list[list[Fraction]]
 
 def main(arguments: list[str]) -> int:
     options = _parse(arguments)
-    device = choose_device(options.emulated)
-    print(f"device: {device.description}\n", flush=True)
+    print(device_line() + "\n", flush=True)
     print("| condition | `torch.linalg.solve` |" + "".join(f" {n} |" for n in PASSES))
     print("|---" * (len(PASSES) + 2) + "|")
-    table = {}
     for exponent in EXPONENTS:
-        table[exponent] = largest_errors(device, exponent, options.systems)
-        cells = "".join(f" {_shown(error)} |" for error in table[exponent])
+        errors = largest_errors(exponent, options.systems)
+        cells = "".join(f" {_shown(error)} |" for error in errors)
         print(f"| 1e{exponent} |{cells}", flush=True)
-    if options.picture:
-        _draw(table, options.picture)
-        print(f"\npicture: {options.picture}")
     return 0
 
 
+def device_line() -> str:
+    kind = "emulated (no GPU, or --emulated)" if korvex.emulation.active_device() else "CUDA"
+    info = tqx.get_backend_info()
+    return f"device: {kind}: {info['device']}, {info['native_arch']}"
+
+
 def _parse(arguments: list[str]) -> argparse.Namespace:
-    parser = argparse.ArgumentParser(prog="refined_solves.py", description=__doc__)
+    parser = argparse.ArgumentParser(
+        prog="refined_solves.py", description=__doc__, allow_abbrev=False
+    )
     add = parser.add_argument
     add("--systems", type=_positive, default=10, help="systems for each condition number (10)")
-    add("--picture", type=Path, metavar="FILE.png", help="draw the errors into a file")
     add("--emulated", action="store_true", help="run on the emulated device, GPU or not")
     return parser.parse_args(arguments)
 
@@ -63,17 +68,15 @@ def _shown(error: float) -> str:
 # --- Errors
 
 
-def largest_errors(device: SumDevice, exponent: int, systems: int) -> list[float]:
+def largest_errors(exponent: int, systems: int) -> list[float]:
     """Of torch's solution, then of tqx_solve with more and more passes, in ulps."""
-    import torch
-
     worst = [0.0] * (len(PASSES) + 1)
     for number in range(systems):
         matrix, right = system(exponent, number)
-        a, b = device.tensor(np.array(matrix)), device.tensor(np.array(right))
+        a, b = (torch.tensor(v, dtype=torch.float64, device="cuda") for v in (matrix, right))
         exact = solve_exactly(matrix, right)
         results = [torch.linalg.solve(a, b)]
-        results += [device.runtime.tqx_solve(a, b, max_iter=passes) for passes in PASSES]
+        results += [tqx.tqx_solve(a, b, max_iter=passes) for passes in PASSES]
         errors = [error_in_ulps(result.tolist(), exact) for result in results]
         worst = [max(pair) for pair in zip(worst, errors, strict=True)]
     return worst
@@ -130,35 +133,6 @@ def solve_exactly(matrix: list[list[float]], right: list[float]) -> list[Fractio
         known = sum(rows[k][j] * solution[j] for j in range(k + 1, SIZE))
         solution[k] = (rows[k][SIZE] - known) / rows[k][k]
     return solution
-
-
-# --- Picture
-
-
-def _draw(table: dict[int, list[float]], path: Path) -> None:
-    import matplotlib
-
-    matplotlib.use("Agg")
-    from matplotlib import pyplot
-
-    figure, axes = pyplot.subplots(figsize=(8, 5.5), layout="constrained")
-    conditions = [10.0**exponent for exponent in table]
-    colours = pyplot.get_cmap("viridis")(np.linspace(0, 0.9, len(PASSES)))
-    for passes, colour in zip(PASSES, colours, strict=True):
-        errors = [row[passes + 1] for row in table.values()]
-        label = "0 passes: torch.linalg.solve" if passes == 0 else f"{passes}"
-        label += " (default)" if passes == 3 else ""
-        axes.plot(conditions, errors, "o-", color=colour, label=label, markersize=4)
-    axes.axhline(1.0, color="#666666", linewidth=0.8, linestyle="--")
-    axes.set_xscale("log")
-    axes.set_yscale("log")
-    axes.set_xlabel("condition number")
-    axes.set_ylabel("largest error, ulps of the largest element")
-    axes.set_title("Error of tqx_solve by passes of refinement (dashed: 1 ulp)")
-    axes.grid(True, linewidth=0.3, color="#bbbbbb")
-    axes.legend(title="passes", loc="upper left", fontsize=9)
-    figure.savefig(path, dpi=100, metadata={"Software": None})
-    pyplot.close(figure)
 
 
 if __name__ == "__main__":

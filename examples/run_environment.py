@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """What a computation ran on, for a record: versions, device, driver, and hashes of the code.
 
-The kernels are told by the bytes of the file that is loaded: on a GPU the one that the loader chose
-for the device, on the emulated device the library of the host kernels.
+The kernels are identified by the bytes of the file that is loaded: on a GPU the one that the loader
+chose for the device, on the emulated device the library of the host kernels.
 """
 
 import ctypes
@@ -47,7 +47,7 @@ def file_sha256(path: Path) -> str:
 
 
 def driver_version(library: str = "libcuda.so.1", release: Path = _DRIVER_RELEASE) -> str:
-    """The CUDA version that the driver serves, and its own release where the system tells it."""
+    """The CUDA version that the driver serves, and its own release where the system knows it."""
     version = ctypes.c_int()
     code = ctypes.CDLL(library).cuDriverGetVersion(ctypes.byref(version))
     if code != 0:
@@ -57,7 +57,7 @@ def driver_version(library: str = "libcuda.so.1", release: Path = _DRIVER_RELEAS
 
 
 def _cupy_version() -> str:
-    """The distribution has one of several names; a cupy that none of them brought is told so."""
+    """The distribution has one of several names; a cupy that none of them brought is named so."""
     for name in _CUPY:
         try:
             return f"{name} {importlib.metadata.version(name)}"

@@ -36,7 +36,7 @@ def _why_no_cuda_device() -> str:
     if not torch.cuda.is_available():
         return "torch finds no CUDA device"
     try:
-        with warnings.catch_warnings():  # what the loader warns of is told in the description
+        with warnings.catch_warnings():  # what the loader warns of stands in the description
             warnings.simplefilter("ignore", RuntimeWarning)
             loader = importlib.import_module("korvex.cubin_loader_native")
     except ImportError as error:

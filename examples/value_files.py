@@ -69,7 +69,7 @@ def _reader_of(source: str) -> tuple[str, Callable[[io.BufferedIOBase], np.ndarr
 
 
 class _CountedFile(io.FileIO):
-    """A file that tells how far it has been read."""
+    """A file that reports how far it has been read."""
 
     def __init__(self, path: str, on_read: Callable[[int], None]):
         super().__init__(path)

@@ -11,4 +11,6 @@ source=${3:-$(cd "$(dirname "$0")/../docs" && pwd)}
 
 rm -rf "$target"
 # -P: the tree must not shadow the installed package, whose names the reference pages show.
-"$python" -P -m sphinx --builder html --fail-on-warning --keep-going --quiet "$source" "$target"
+# The folder of conf.py comes first: its extension lies beside it.
+PYTHONPATH=$source${PYTHONPATH:+:$PYTHONPATH} \
+  "$python" -P -m sphinx --builder html --fail-on-warning --keep-going --quiet "$source" "$target"

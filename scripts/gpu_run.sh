@@ -28,4 +28,5 @@ choose_python() {
 }
 
 python=${PYTHON:-$(choose_python)}
-exec "$python" scripts/gpu_report.py "$@"
+export PYTHONPATH=$PWD/tools${PYTHONPATH:+:$PYTHONPATH}
+exec "$python" -P -m korvex_tools.gpu.report "$@"

@@ -68,7 +68,7 @@ make_and_test() (
     scripts/set_up_environment.sh "$environment" test dev docs release
   export PATH=$environment/bin:$PATH
   wheel=$(build_wheel "$environment" "cp${version/./}")
-  "$environment/bin/python" scripts/check_wheel.py "$wheel" --kernels "$kernels"
+  "$environment/bin/python" -P -m korvex_tools.check_wheel "$wheel" --kernels "$kernels"
   "$environment/bin/python" -m pip install --quiet --disable-pip-version-check --no-deps --no-index \
     "$wheel"
   echo "testing $wheel on CPython $version"
@@ -88,7 +88,7 @@ for version in "${versions[@]}"; do
   status=$?
   set -e
   if [ "$status" = 0 ]; then
-    line=$("$python" scripts/report_tests.py "CPython $version=$work/$version.xml") || failed=1
+    line=$("$python" -P -m korvex_tools.report_tests "CPython $version=$work/$version.xml") || failed=1
   else
     line="FAILED: CPython $version, see above; its environment is $work/environment-$version"
     failed=1

@@ -28,6 +28,6 @@ ctest --test-dir "$build" --no-tests=error --output-on-failure --parallel 2
 
 # The sanitizer's own library is one more that the objects need.
 LD_PRELOAD="$runtime $($compiler -print-file-name=libstdc++.so)" \
-  ASAN_OPTIONS=detect_leaks=0 PYTHONMALLOC=malloc PYTHONPATH=$site \
+  ASAN_OPTIONS=detect_leaks=0 PYTHONMALLOC=malloc PYTHONPATH=$site:$PWD/tools \
   "$python" -P -m pytest "$@" \
   --deselect tests/test_00_installed_package.py::test_shared_object_links_to_the_system_alone

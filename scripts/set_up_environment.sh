@@ -5,6 +5,8 @@
 # needs: the requirements of these extras of the distribution, or, if none is named, of test, dev and
 # docs.
 #
+# A .pth file in it names the folder tools/, where the tree's own tools are found.
+#
 # Quiet and quick when nothing changed: the list of requirements that pip last installed is kept
 # in the environment, and pip runs only if the list differs. An environment whose interpreter is
 # gone or too old, or that has no pip, is made anew; one that works is never replaced, whatever PYTHON
@@ -30,6 +32,12 @@ elif [ -n "${PYTHON:-}" ] && [ "$(base_of "$PYTHON")" != "$(base_of "$python")" 
   echo "$environment was made with another Python than $PYTHON: pass VENV=.venv-other as well, or" \
     "remove it with 'make distclean'." >&2
   exit 1
+fi
+
+site_packages=$("$python" -I -c 'import sysconfig; print(sysconfig.get_path("purelib"))')
+tools=$(realpath "$here/../tools")
+if [ "$tools" != "$(cat "$site_packages/korvex-tools.pth" 2>/dev/null)" ]; then
+  echo "$tools" >"$site_packages/korvex-tools.pth"
 fi
 
 wanted_list=$("$python" "$here/list_requirements.py" "${extras[@]}")

@@ -1,6 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """Chooses the device for the whole run, and holds the fixtures of all folders."""
 
+import os
+import pathlib
+
 import device
 import hypothesis
 import pytest
@@ -8,6 +11,10 @@ import reference_runtime
 import torch
 
 DEVICE = device.choose()
+
+# Programs that tests start in processes of their own find the tools too.
+_TOOLS = str(pathlib.Path(__file__).parents[1] / "tools")
+os.environ["PYTHONPATH"] = os.pathsep.join(filter(None, [os.environ.get("PYTHONPATH"), _TOOLS]))
 
 # The operands are small, and threads of torch that wait for each other take most of a busy machine.
 torch.set_num_threads(1)

@@ -13,7 +13,8 @@ from importlib.machinery import EXTENSION_SUFFIXES
 from pathlib import Path
 
 import pytest
-from elf_file import ElfFile
+
+from korvex_tools.elf_file import ElfFile
 
 SOURCE_TREE = Path(__file__).resolve().parent.parent
 SYSTEM_LIBRARIES = {"libc.so.6", "libm.so.6", "libpthread.so.0", "ld-linux-x86-64.so.2"}

@@ -1,13 +1,15 @@
 # SPDX-License-Identifier: Apache-2.0
 """The rules of the tree that no compiler checks: its map, its layers, its file heads."""
 
+import ast
 import re
+import subprocess
 from pathlib import Path
 
 import pytest
 
 SOURCE_TREE = Path(__file__).resolve().parent.parent
-MAPPED_FOLDERS = ("korvex", "tests", "docs", "examples", "benchmarks")
+MAPPED_FOLDERS = ("korvex", "tests", "docs", "examples", "benchmarks", "tools")
 SOURCE_SUFFIXES = {".cpp", ".h", ".cu", ".cuh", ".py", ".pyi", ".sh", ".cmake"}
 
 # The folders of C++, lowest first. A folder includes itself and folders above it in this list.
@@ -181,6 +183,61 @@ def test_floating_point_flags_are_set_in_one_place():
     assert found.pop("cmake/KorvexFlags.cmake") >= {"-ffp-contract=off", "-fno-fast-math"}
     assert found.pop("tests/cpp/CMakeLists.txt") == {"-ffp-contract=fast"}
     assert not any(found.values())
+
+
+# --- Imports of Python files
+
+
+def python_files() -> list[Path]:
+    """The tracked ones; all of a tree that is no checkout."""
+    listed = subprocess.run(
+        ["git", "ls-files", "--cached", "--others", "--exclude-standard", "*.py"],
+        cwd=SOURCE_TREE,
+        capture_output=True,
+        text=True,
+    )
+    names = listed.stdout.split() if listed.returncode == 0 else []
+    found = [SOURCE_TREE / name for name in names]
+    return [path for path in found if path.exists()] or [
+        path for path in source_files() if path.suffix == ".py"
+    ]
+
+
+def imported_names(path: Path) -> set[str]:
+    """The first part of every module that a file imports, at any depth of the file."""
+    found = set()
+    for node in ast.walk(ast.parse(path.read_text())):
+        if isinstance(node, ast.Import):
+            found |= {alias.name.partition(".")[0] for alias in node.names}
+        elif isinstance(node, ast.ImportFrom) and node.module:
+            found.add(node.module.partition(".")[0])
+    return found
+
+
+def changes_of_the_search_path(text: str) -> list[str]:
+    return re.findall(r"sys\.path\s*(?:\.\s*(?:insert|append|extend)\b|\+=)|addsitedir\(", text)
+
+
+def test_no_file_changes_the_search_path():
+    files = python_files()
+    assert len(files) > 100
+    found = {relative(path): changes_of_the_search_path(path.read_text()) for path in files}
+    assert {name: changes for name, changes in found.items() if changes} == {}
+
+
+def test_changes_of_the_search_path_are_seen():
+    insert = "sys.path" + ".insert(0, folder)"
+    assert changes_of_the_search_path(insert) and changes_of_the_search_path("sys.path " + "+= [a]")
+
+
+def test_tools_import_neither_tests_nor_benchmarks_nor_scripts_nor_examples():
+    others = {"tests", "benchmarks", "scripts", "examples"}
+    for folder in tuple(others):
+        others |= {path.stem for path in (SOURCE_TREE / folder).rglob("*.py")} - {"__init__"}
+    tools = sorted((SOURCE_TREE / "tools").rglob("*.py"))
+    assert len(tools) > 20 and {"device", "bench_sum", "conftest"} <= others
+    wrong = {relative(path): sorted(imported_names(path) & others) for path in tools}
+    assert {name: names for name, names in wrong.items() if names} == {}
 
 
 # --- Heads of files

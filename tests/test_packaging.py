@@ -207,6 +207,28 @@ def test_no_cmake_or_an_old_one(bare_machine, tmp_path, version):
     assert_one_line(run, "No CMake 3.25 or newer", "install cmake")
 
 
+def test_environment_finds_the_tools_without_a_search_path(tmp_path):
+    """The list of requirements is there already, so that pip has nothing to do."""
+    environment = tmp_path / "environment"
+    subprocess.run([sys.executable, "-m", "venv", environment], check=True)
+    listed = subprocess.run(
+        [sys.executable, SCRIPTS / "list_requirements.py", "test", "dev", "docs"],
+        capture_output=True,
+        text=True,
+        check=True,
+    ).stdout
+    (environment / "korvex-requirements.txt").write_text(listed)
+    bare = {"PATH": os.environ["PATH"], "HOME": str(tmp_path)}
+    run = run_script("set_up_environment.sh", environment, environment=bare)
+    assert (run.returncode, run.stdout, run.stderr) == (0, "", "")
+    subprocess.run(
+        [environment / "bin" / "python", "-P", "-c", "import korvex_tools.source_tree"],
+        check=True,
+        env=bare,
+        cwd=tmp_path,
+    )
+
+
 def test_scripts_are_executable():
     programs = [*SCRIPTS.glob("*.sh"), SOURCE_TREE / ".ci" / "run"]
     assert all(os.access(path, os.X_OK) for path in programs)
@@ -256,7 +278,7 @@ def digest(data: bytes) -> str:
 
 
 def check_wheel(path: Path, *options) -> subprocess.CompletedProcess:
-    command = [sys.executable, SCRIPTS / "check_wheel.py", path, *options]
+    command = [sys.executable, "-P", "-m", "korvex_tools.check_wheel", path, *options]
     return subprocess.run(command, capture_output=True, text=True)
 
 
@@ -321,7 +343,7 @@ def test_a_library_that_a_wheel_may_not_need_is_told(wheel):
 def closing_line(tmp_path: Path, *cases: str) -> subprocess.CompletedProcess:
     junit_file = tmp_path / "run.xml"
     junit_file.write_text(f"<testsuites><testsuite>{''.join(cases)}</testsuite></testsuites>")
-    command = [sys.executable, SCRIPTS / "report_tests.py", f"Python={junit_file}"]
+    command = [sys.executable, "-P", "-m", "korvex_tools.report_tests", f"Python={junit_file}"]
     return subprocess.run(command, capture_output=True, text=True)
 
 

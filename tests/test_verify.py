@@ -9,23 +9,28 @@ import sys
 import types
 from pathlib import Path
 
-import golden
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "scripts"))
-import verify
-import verify_configurations
-import verify_report
-import verify_run
+from korvex_tools.verify import comparison, configurations, golden
+from korvex_tools.verify import report as verify_report
+from korvex_tools.verify import run as one_run
 
 TREE = Path(__file__).resolve().parent.parent
 FLAGS = "-std=c++20 -O1 -ffp-contract=off -fPIC -shared -pthread".split()
 
 
-def run(folder, *options):
+def verify(folder, *options):
     """Status, lines of output, and the report."""
     ended = subprocess.run(
-        [sys.executable, TREE / "scripts" / "verify.py", "--results", folder / "report", *options],
+        [
+            sys.executable,
+            "-P",
+            "-m",
+            "korvex_tools.verify",
+            "--results",
+            folder / "report",
+            *options,
+        ],
         env=os.environ | {"CUDA_VISIBLE_DEVICES": ""},
         capture_output=True,
         text=True,
@@ -46,7 +51,7 @@ def test_changed_digest_is_the_one_difference(tmp_path):
     case = content["cases"]["tqx_sum limbs, wide"]
     case["sha256"] = changed(case["sha256"])
     file.write_text(json.dumps(content))
-    status, lines, report = run(tmp_path, "--only", "base-all", "--golden", tmp_path / "golden")
+    status, lines, report = verify(tmp_path, "--only", "base-all", "--golden", tmp_path / "golden")
     row = report["configurations"]["base-all"]
     assert status == 1 and row["outcome"] == "different" and row["cases"] > 800
     (difference,) = row["differences"]
@@ -58,7 +63,7 @@ def test_changed_digest_is_the_one_difference(tmp_path):
 
 
 def test_what_cannot_run_is_skipped_and_not_equal(tmp_path):
-    status, lines, report = run(tmp_path, "--only", "gpu")
+    status, lines, report = verify(tmp_path, "--only", "gpu")
     assert report["configurations"]["gpu"]["outcome"] == "skipped"
     assert "skipped: torch sees no GPU" in lines[0]
     assert "0 configurations equal, 0 different, 0 failed, 1 skipped" in lines[-1]
@@ -68,24 +73,24 @@ def test_what_cannot_run_is_skipped_and_not_equal(tmp_path):
 def test_gpu_without_cupy_or_kernels_is_absent_and_says_why(monkeypatch):
     monkeypatch.setattr("torch.cuda.is_available", lambda: True)
     monkeypatch.setitem(sys.modules, "cupy", None)
-    with pytest.raises(verify_run.Absent, match="a GPU, but no CuPy: "):
-        verify_run.gpu(None)
+    with pytest.raises(one_run.Absent, match="a GPU, but no CuPy: "):
+        one_run.gpu(None)
     loader = types.SimpleNamespace(HAS_CUPY=False, UNAVAILABLE_REASON="no file fits")
     monkeypatch.setitem(sys.modules, "cupy", types.ModuleType("cupy"))
     monkeypatch.setitem(sys.modules, "korvex.cubin_loader_native", loader)
     monkeypatch.setattr("korvex.cubin_loader_native", loader, raising=False)
-    with pytest.raises(verify_run.Absent, match="a GPU, but no kernels: no file fits"):
-        verify_run.gpu(None)
+    with pytest.raises(one_run.Absent, match="a GPU, but no kernels: no file fits"):
+        one_run.gpu(None)
 
 
 def test_what_is_needed_must_not_be_skipped(tmp_path):
-    status, _, report = run(tmp_path, "--only", "gpu", "--need", "gpu")
+    status, _, report = verify(tmp_path, "--only", "gpu", "--need", "gpu")
     assert (status, report["configurations"]["gpu"]["outcome"]) == (1, "failed")
 
 
 def test_kernels_that_do_not_load_are_a_failure(tmp_path):
     (tmp_path / "kernels.so").write_text("no library")
-    status, lines, report = run(tmp_path, "--only", "gpu", "--library", tmp_path / "kernels.so")
+    status, lines, report = verify(tmp_path, "--only", "gpu", "--library", tmp_path / "kernels.so")
     assert status == 1 and "ImportError" in "\n".join(lines)
     assert [row["outcome"] for row in report["configurations"].values()] == ["skipped", "failed"]
 
@@ -96,14 +101,14 @@ def test_kernels_that_do_not_load_are_a_failure(tmp_path):
 def kernels_from(sources, target, flags=()):
     """The host kernels compiled from a folder of sources."""
     source = sources / "korvex" / "kernels" / "host" / "host_kernels.cpp"
-    command = [verify_configurations.compiler(), *FLAGS, *flags, f"-I{sources}", source]
+    command = [configurations.compiler(), *FLAGS, *flags, f"-I{sources}", source]
     subprocess.run([*command, "-o", target], check=True)
     return target
 
 
 def differing(folder, library):
     """The kernels of which some case differs."""
-    status, _, report = run(folder, "--only", "gpu", "--library", library)
+    status, _, report = verify(folder, "--only", "gpu", "--library", library)
     row = report["configurations"][str(library)]
     assert status == 1 and row["outcome"] == "different"
     rows = [text for text in row["differences"] if text.startswith("million: ")]
@@ -140,15 +145,15 @@ def test_compiler_that_reorders_additions_is_seen(tmp_path):
 
 def test_difference_tells_what_differs():
     entry = {"inputs": "i", "count": 2, "sha256": "a" * 64, "first": ["0x1p+0", "0x1p+1"]}
-    assert verify.difference(entry, entry) is None
+    assert comparison.difference(entry, entry) is None
     other = entry | {"sha256": "b" * 64}
-    assert "beyond the first values" in verify.difference(other, entry)
+    assert "beyond the first values" in comparison.difference(other, entry)
     first = other | {"first": ["0x1p+0", "0x1p+2"]}
-    assert verify.difference(first, entry).endswith("value 1 is 0x1p+2, expected 0x1p+1")
-    assert verify.difference(entry | {"count": 3}, entry) == "3 values, expected 2"
-    assert verify.difference(entry | {"inputs": "j"}, entry).startswith("the inputs are not")
-    assert verify.difference(entry, None) == "not in the file of digests"
-    assert verify.difference({"error": "ValueError: no"}, entry) == "ValueError: no"
+    assert comparison.difference(first, entry).endswith("value 1 is 0x1p+2, expected 0x1p+1")
+    assert comparison.difference(entry | {"count": 3}, entry) == "3 values, expected 2"
+    assert comparison.difference(entry | {"inputs": "j"}, entry).startswith("the inputs are not")
+    assert comparison.difference(entry, None) == "not in the file of digests"
+    assert comparison.difference({"error": "ValueError: no"}, entry) == "ValueError: no"
 
 
 @pytest.mark.parametrize(
@@ -169,7 +174,7 @@ def test_status(outcomes, good):
 
 def test_configurations_are_those_the_page_names():
     text = verify_report.PAGE.read_text()
-    names = [one.name for one in verify_configurations.all_configurations()]
+    names = [one.name for one in configurations.all_configurations()]
     assert len(names) == 13 and all(f"`{name}`" in text for name in names)
 
 

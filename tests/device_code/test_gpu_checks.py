@@ -1,43 +1,32 @@
 # SPDX-License-Identifier: Apache-2.0
 """The checks for a GPU, tried with host kernels in its place: they reach and judge every kernel."""
 
-import importlib
-import sys
-from pathlib import Path
-
 import numpy as np
 import pytest
 
-SCRIPTS = Path(__file__).resolve().parents[2] / "scripts"
+from korvex_tools.gpu import checks as gpu_checks
+from korvex_tools.gpu import inputs as gpu_inputs
+from korvex_tools.gpu.cuda_device import HostDevice
 
 
 @pytest.fixture(scope="module")
-def modules():
-    """The checks and the devices that they run on."""
-    sys.path.insert(0, str(SCRIPTS))
-    try:
-        return importlib.import_module("gpu_checks"), importlib.import_module("cuda_device")
-    finally:
-        sys.path.remove(str(SCRIPTS))
-
-
-@pytest.fixture(scope="module")
-def all_inputs(modules):
-    return modules[0].inputs()
+def all_inputs():
+    return gpu_checks.inputs()
 
 
 @pytest.fixture
-def checks(modules, all_inputs, monkeypatch):
+def checks(all_inputs, monkeypatch):
     """On inputs so short that all of them take a moment."""
     small = {name: values[:400].copy() for name, values in all_inputs.items()}
-    monkeypatch.setattr(modules[0], "inputs", lambda: small)
-    monkeypatch.setattr(modules[0], "MATRICES", modules[0].MATRICES[:3])
-    return modules[0]
+    for module in (gpu_checks, gpu_inputs):
+        monkeypatch.setattr(module, "inputs", lambda: small)
+    monkeypatch.setattr(gpu_checks, "MATRICES", gpu_checks.MATRICES[:3])
+    return gpu_checks
 
 
 @pytest.fixture
-def host(modules):
-    return modules[1].HostDevice("base")
+def host():
+    return HostDevice("base")
 
 
 class Watched:

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """The compiled kernels of the installation, read without a GPU: what they hold and what they cost.
 
-The golden table is written by scripts/record_machine_code.py.
+The golden table is written by korvex_tools.record_machine_code.
 """
 
 import json
@@ -9,10 +9,10 @@ import re
 import shutil
 from pathlib import Path
 
-import machine_code
 import pytest
 
 import korvex
+from korvex_tools import machine_code
 
 CUBINS = Path(korvex.__file__).parent / "cubins"
 FILES = sorted(CUBINS.glob("*.cubin"), key=machine_code.architecture)
@@ -108,7 +108,7 @@ def test_machine_code_needs_nothing_from_outside(cubin):
 def test_machine_code_takes_no_more_than_it_did(cubin):
     golden = golden_row(cubin)
     for kernel, taken in machine_code.resources(cubin).items():
-        assert kernel in golden, f"run scripts/record_machine_code.py for {kernel}"
+        assert kernel in golden, f"run korvex_tools.record_machine_code for {kernel}"
         for resource, amount in taken.items():
             assert amount <= golden[kernel][resource], f"{kernel}: {resource}"
 

@@ -11,13 +11,13 @@ import math
 import pathlib
 
 import device
-import elementary_reference as reference
 import numpy as np
 import pytest
-from exact_arithmetic import from_bits
-from golden import patterns
 
 from korvex.emulation._library import HostLibrary, usable_instruction_sets
+from korvex_tools.references import elementary_reference as reference
+from korvex_tools.references.exact_arithmetic import from_bits
+from korvex_tools.verify.golden import patterns
 
 USABLE = usable_instruction_sets()
 HARD_CASES = json.loads(pathlib.Path(__file__).with_name("hard_cases.json").read_text())["cases"]

@@ -13,13 +13,13 @@ import device
 import numpy as np
 import pytest
 import torch
-from exact_arithmetic import LARGEST, SMALLEST, from_bits
-from exact_pairs import PAIRS, expected_bits
-from golden import SPECIAL, patterns, special_pairs, uniform, wide
 from hypothesis import example, given
 from hypothesis import strategies as st
 
 from korvex.emulation._library import HostLibrary, usable_instruction_sets
+from korvex_tools.references.exact_arithmetic import LARGEST, SMALLEST, from_bits
+from korvex_tools.references.exact_pairs import PAIRS, expected_bits
+from korvex_tools.verify.golden import SPECIAL, patterns, special_pairs, uniform, wide
 
 KERNELS = sorted(PAIRS)
 SUMS = ("tqx_add_kernel", "tqx_sub_kernel")

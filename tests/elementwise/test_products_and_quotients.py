@@ -7,10 +7,11 @@ from fractions import Fraction
 import pytest
 import torch
 from device import tensor
-from exact_arithmetic import bits, round_to_double
-from exact_pairs import product_pair, quotient_pair
 from hypothesis import example, given
 from hypothesis import strategies as st
+
+from korvex_tools.references.exact_arithmetic import bits, round_to_double
+from korvex_tools.references.exact_pairs import product_pair, quotient_pair
 
 NAMES = ("tqx_mul", "tqx_div")
 TORCH = {"tqx_mul": torch.mul, "tqx_div": torch.div}

@@ -13,13 +13,13 @@ import device
 import numpy as np
 import pytest
 import torch
-from exact_arithmetic import LARGEST
-from exact_rms_norm import rms_norm
-from golden import SPECIAL, patterns, uniform, wide
 from hypothesis import given
 from hypothesis import strategies as st
 
 from korvex.emulation._library import HostLibrary, usable_instruction_sets
+from korvex_tools.references.exact_arithmetic import LARGEST
+from korvex_tools.references.exact_rms_norm import rms_norm
+from korvex_tools.verify.golden import SPECIAL, patterns, uniform, wide
 
 USABLE = usable_instruction_sets()
 NAN = 0x7FF8000000000000

@@ -7,10 +7,11 @@ from fractions import Fraction
 import pytest
 import torch
 from device import tensor
-from exact_arithmetic import LARGEST, bits, round_to_double
-from exact_pairs import six_operations
 from hypothesis import example, given
 from hypothesis import strategies as st
+
+from korvex_tools.references.exact_arithmetic import LARGEST, bits, round_to_double
+from korvex_tools.references.exact_pairs import six_operations
 
 NAMES = ("tqx_add", "tqx_sub")
 SIGN = {"tqx_add": 1, "tqx_sub": -1}

@@ -1,15 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 """Runs the examples as a user does, in a process of their own, and reads what they print."""
 
-import os
-import subprocess
-import sys
 from dataclasses import dataclass
-from pathlib import Path
 
 import pytest
-
-EXAMPLES = Path(__file__).resolve().parent.parent.parent / "examples"
+from example_run import run_example
 
 
 @dataclass(frozen=True)
@@ -40,17 +35,9 @@ class Run:
 @pytest.fixture(scope="session")
 def exact_sum():
     """A function that runs the program with its arguments in a folder."""
-    emulated = os.environ.get("KORVEX_TEST_DEVICE") == "emulated"
 
     def run(*arguments, folder="."):
-        process = subprocess.run(
-            [sys.executable, "-W", "error", EXAMPLES / "exact_sum.py", *map(str, arguments)]
-            + ["--emulated"] * emulated,
-            cwd=folder,
-            capture_output=True,
-            text=True,
-            timeout=300,
-        )
+        process = run_example("exact_sum", *arguments, folder=folder)
         return Run(process.returncode, process.stdout, process.stderr)
 
     return run

@@ -1,31 +1,18 @@
 # SPDX-License-Identifier: Apache-2.0
 """The chained sums: what the program prints, and the loss that it finds, against rational sums."""
 
-import importlib.util
-import os
 import re
-import subprocess
-import sys
 from fractions import Fraction
-from pathlib import Path
 
-import device
 import numpy as np
 import pytest
+from example_run import load_example, run_example
 
-EXAMPLES = Path(__file__).resolve().parent.parent.parent / "examples"
 SETS = ["alike", "unlike", "very unlike", "unlike, taken back"]
 
 
 def run(*arguments):
-    emulated = os.environ.get("KORVEX_TEST_DEVICE") == "emulated"
-    process = subprocess.run(
-        [sys.executable, "-W", "error", EXAMPLES / "chained_sums.py", *map(str, arguments)]
-        + ["--emulated"] * emulated,
-        capture_output=True,
-        text=True,
-        timeout=300,
-    )
+    process = run_example("chained_sums", *arguments)
     return process.returncode, process.stdout, process.stderr
 
 
@@ -84,24 +71,13 @@ def test_wrong_arguments_are_refused(arguments):
 @pytest.fixture(scope="module")
 def example():
     """The program as a module, on the device of this run."""
-    sys.path.insert(0, str(EXAMPLES))
-    try:
-        form = importlib.util.spec_from_file_location("chained_sums", EXAMPLES / "chained_sums.py")
-        module = importlib.util.module_from_spec(form)
-        sys.modules["chained_sums"] = module
-        form.loader.exec_module(module)
-        yield module
-    finally:
-        sys.path.remove(str(EXAMPLES))
-        sys.modules.pop("chained_sums", None)
+    return load_example("chained_sums")
 
 
 @pytest.fixture(scope="module")
 def chain(example):
-    from sum_device import SumDevice
-
     tensors = list(example.tensors_of(60, False, 30, 50))
-    return tensors, example.add_all(SumDevice(device.choose().runtime, "under test"), tensors, 3)
+    return tensors, example.add_all(tensors, 3)
 
 
 def test_followed_sums_are_the_rational_ones(chain):

@@ -2,36 +2,18 @@
 """The layer of the example, and its checksum worked out from exact fractions."""
 
 import hashlib
-import os
 import struct
-import subprocess
-import sys
-from pathlib import Path
 
-import exact_linear
 import pytest
-from exact_arithmetic import round_to_double
+from example_run import load_example, run_example
 
-EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
-
-
-def run(*arguments):
-    emulated = os.environ.get("KORVEX_TEST_DEVICE") == "emulated"
-    return subprocess.run(
-        [sys.executable, "-W", "error", EXAMPLES / "conv_layer.py", *arguments]
-        + ["--emulated"] * emulated,
-        capture_output=True,
-        text=True,
-        timeout=300,
-    )
+from korvex_tools.references import exact_linear
+from korvex_tools.references.exact_arithmetic import round_to_double
 
 
-@pytest.fixture
-def example(monkeypatch):
-    monkeypatch.syspath_prepend(EXAMPLES)
-    import conv_layer
-
-    return conv_layer
+@pytest.fixture(scope="module")
+def example():
+    return load_example("conv_layer")
 
 
 def test_checksum_is_that_of_exact_arithmetic(example):
@@ -51,7 +33,7 @@ def test_checksum_is_that_of_exact_arithmetic(example):
 
 
 def test_layer_gives_that_checksum_on_this_device(example):
-    process = run()
+    process = run_example("conv_layer")
     assert process.returncode == 0 and process.stderr == ""
     device, output, others = process.stdout.splitlines()
     assert device.startswith(("device: emulated", "device: CUDA"))
@@ -60,5 +42,5 @@ def test_layer_gives_that_checksum_on_this_device(example):
 
 
 def test_useless_argument_is_refused():
-    refused = run("--wrong")
+    refused = run_example("conv_layer", "--wrong")
     assert refused.returncode == 2 and refused.stdout == ""

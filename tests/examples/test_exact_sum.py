@@ -10,7 +10,14 @@ from fractions import Fraction
 
 import numpy as np
 import pytest
-from exact_arithmetic import bits, canonical_limbs, exact_sum, round_to_double, ulp
+
+from korvex_tools.references.exact_arithmetic import (
+    bits,
+    canonical_limbs,
+    exact_sum,
+    round_to_double,
+    ulp,
+)
 
 # A third is no finite decimal, 1e17 absorbs what follows, and the mean of seven does not end.
 VALUES = [0.1, 1e17, 1 / 3, -1e17, 2.5e-9, 3.0, -0.7]
@@ -198,10 +205,10 @@ def test_limits_are_no_failures(limits_run):
 
 @pytest.mark.parametrize("name", LIMITS)
 def test_limit_shows_what_to_decimal_gives_and_explains_it(limits_run, name):
-    _, told, note = LIMITS[name]
+    _, printed, note = LIMITS[name]
     rows = limits_run.figures(name)
     shown, _, pointer = rows["tqx_sum_exact"].partition(" ")
-    assert Context(prec=2000).create_decimal(told) == Decimal(shown)
+    assert Context(prec=2000).create_decimal(printed) == Decimal(shown)
     assert pointer == "(see below)"
     assert note in rows[""]
 

@@ -285,9 +285,9 @@ def test_demo_sums_the_float64_values_of_the_file(demo, name):
 def test_readme_of_the_data_tells_the_certified_means():
     lines = (DATA / "README.md").read_text().splitlines()
     rows = [re.split(r"\s*\|\s*", line)[1:-1] for line in lines if line.startswith("| `")]
-    told = {row[0].strip("`"): (int(row[2]), Fraction(row[3])) for row in rows}
+    documented = {row[0].strip("`"): (int(row[2]), Fraction(row[3])) for row in rows}
     counts = {name: len((DATA / name).read_text().split()) for name in DATA_FILES}
-    assert told == {name: (counts[name], decimal_mean(name)) for name in DATA_FILES}
+    assert documented == {name: (counts[name], decimal_mean(name)) for name in DATA_FILES}
 
 
 def test_demo_finds_the_known_sum_of_ill_conditioned_values_in_both_orders(demo):

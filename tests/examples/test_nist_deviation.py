@@ -1,27 +1,21 @@
 # SPDX-License-Identifier: Apache-2.0
 """The deviations of certified data: what the program prints, held against the files themselves."""
 
-import os
 import re
-import subprocess
-import sys
 from decimal import Decimal, localcontext
-from pathlib import Path
 
 import pytest
+from example_run import EXAMPLES, run_example
 
-EXAMPLES = Path(__file__).resolve().parent.parent.parent / "examples"
 CERTIFIED = {"Michelso": "0.0790105478190518", "Lew": "277.332168044316", "NumAcc4": "0.1"}
 
 
 @pytest.fixture(scope="module")
 def tables():
     """By the name of a set: its rows (value, digits certified, digits stored) and its notes."""
-    emulated = os.environ.get("KORVEX_TEST_DEVICE") == "emulated"
-    command = [sys.executable, "-W", "error", EXAMPLES / "nist_deviation.py"]
-    output = subprocess.run(
-        command + ["--emulated"] * emulated, capture_output=True, text=True, check=True, timeout=300
-    ).stdout
+    process = run_example("nist_deviation")
+    assert process.returncode == 0, process.stderr
+    output = process.stdout
     found = {}
     for block in output.split("\n\n")[1:]:
         title, _, *lines = block.splitlines()

@@ -5,16 +5,12 @@ import ctypes
 import dataclasses
 import hashlib
 import json
-import os
-import subprocess
 import sys
 import types
 from pathlib import Path
 
 import pytest
-
-EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
-EMULATED = ["--emulated"] * (os.environ.get("KORVEX_TEST_DEVICE") == "emulated")
+from example_run import EXAMPLES, run_example
 
 
 @pytest.fixture(scope="module")
@@ -27,13 +23,7 @@ def seeded(tmp_path_factory):
 
 
 def run_program(*arguments, folder):
-    return subprocess.run(
-        [sys.executable, "-W", "error", EXAMPLES / "provenance_record.py", *arguments, *EMULATED],
-        cwd=folder,
-        capture_output=True,
-        text=True,
-        timeout=300,
-    )
+    return run_example("provenance_record", *arguments, folder=folder)
 
 
 @pytest.fixture
@@ -180,12 +170,12 @@ TAMPERED = [
 
 
 def test_tampered_values_are_found(altered):
-    """All at once; each is told by its name, and nothing else is."""
+    """All at once; each is reported by its name, and nothing else is."""
 
-    def tamper(told):
+    def tamper(record):
         for part, name, key in TAMPERED:
-            value = told[part][name][key]
-            told[part][name][key] = value[::-1]
+            value = record[part][name][key]
+            record[part][name][key] = value[::-1]
 
     code, output, _ = altered(tamper)
     assert code == 1

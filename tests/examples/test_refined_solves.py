@@ -1,33 +1,19 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The table and the picture of refined solves, made as a user makes them.
+"""The table of refined solves, made as a user makes it.
 
 The figures are those of a machine's own factorisation, so the table in the documents is held
 against bounds and not against what this machine prints.
 """
 
-import os
 import re
-import subprocess
-import sys
 from pathlib import Path
 
 import pytest
+from example_run import run_example
 
 TREE = Path(__file__).resolve().parents[2]
 CONDITIONS = [f"1e{exponent}" for exponent in range(2, 17, 2)]
 UNIT = 2.0**-53
-
-
-def run(*arguments):
-    emulated = os.environ.get("KORVEX_TEST_DEVICE") == "emulated"
-    return subprocess.run(
-        [sys.executable, "-W", "error", TREE / "examples" / "refined_solves.py"]
-        + [*map(str, arguments)]
-        + ["--emulated"] * emulated,
-        capture_output=True,
-        text=True,
-        timeout=300,
-    )
 
 
 def table_of(text):
@@ -37,7 +23,7 @@ def table_of(text):
 
 @pytest.fixture(scope="module")
 def printed():
-    return run("--systems", 2)
+    return run_example("refined_solves", "--systems", 2)
 
 
 def check(table):
@@ -62,16 +48,7 @@ def test_table_in_the_documents_keeps_the_bounds():
     check(table_of((TREE / "docs" / "solvers.md").read_text()))
 
 
-def test_picture_is_drawn(tmp_path):
-    pytest.importorskip("matplotlib")
-    path = tmp_path / "errors.png"
-    drawn = run("--systems", 1, "--picture", path)
-    assert drawn.returncode == 0, drawn.stderr
-    assert drawn.stdout.endswith(f"\npicture: {path}\n")
-    assert path.read_bytes().startswith(b"\x89PNG\r\n\x1a\n")
-
-
 @pytest.mark.parametrize("arguments", [("--systems", 0), ("--systems", "many"), ("--wrong",)])
 def test_useless_argument_is_refused(arguments):
-    refused = run(*arguments)
+    refused = run_example("refined_solves", *arguments)
     assert refused.returncode == 2 and refused.stdout == ""

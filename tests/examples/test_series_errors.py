@@ -1,28 +1,16 @@
 # SPDX-License-Identifier: Apache-2.0
 """The table and the picture of the errors of the series functions, made as a user makes them."""
 
-import os
 import re
 import subprocess
 import sys
 from pathlib import Path
 
 import pytest
+from example_run import run_example
 
 TREE = Path(__file__).resolve().parents[2]
 ROW = re.compile(r"\| `(tqx_\w+)` \| (.+?) \| (\de[-+]\d\d)( absolute)? \| (\d+) \|")
-
-
-def run(*arguments):
-    emulated = os.environ.get("KORVEX_TEST_DEVICE") == "emulated" and "--emulated" not in arguments
-    return subprocess.run(
-        [sys.executable, "-W", "error", TREE / "examples" / "series_errors.py"]
-        + [*map(str, arguments)]
-        + ["--emulated"] * emulated,
-        capture_output=True,
-        text=True,
-        timeout=300,
-    )
 
 
 def rows_of(text):
@@ -31,7 +19,7 @@ def rows_of(text):
 
 @pytest.fixture(scope="module")
 def few_points():
-    return run("--points", 50)
+    return run_example("series_errors", "--points", 50)
 
 
 def test_table_says_which_device_it_is_of(few_points):
@@ -63,20 +51,22 @@ def test_digits_are_those_of_the_error(few_points):
 
 
 def test_table_in_the_documents_is_what_the_program_prints():
-    printed = rows_of(run("--emulated").stdout)
+    printed = rows_of(run_example("series_errors", "--emulated").stdout)
     assert rows_of((TREE / "docs" / "series.md").read_text()) == printed and len(printed) > 20
 
 
 def test_picture_is_drawn(tmp_path):
     pytest.importorskip("matplotlib")
     path = tmp_path / "errors.png"
-    drawn = run("--points", 20, "--picture", path)
+    command = [sys.executable, "-P", "-W", "error", "-m", "korvex_tools.figures.series_picture"]
+    command += ["--points", "20", "--output", path]
+    drawn = subprocess.run(command, capture_output=True, text=True, timeout=300)
     assert drawn.returncode == 0, drawn.stderr
-    assert drawn.stdout.endswith(f"\npicture: {path}\n")
+    assert drawn.stdout.endswith(f"drawn: {path}\n")
     assert path.read_bytes().startswith(b"\x89PNG\r\n\x1a\n")
 
 
 @pytest.mark.parametrize("arguments", [("--points", 1), ("--points", "many"), ("--wrong",)])
 def test_useless_argument_is_refused(arguments):
-    refused = run(*arguments)
+    refused = run_example("series_errors", *arguments)
     assert refused.returncode == 2 and refused.stdout == ""

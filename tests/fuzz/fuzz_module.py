@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """A seeded fuzzer: random calls of every function, on the built module and on its rendering.
 
-    python tests/fuzz/fuzz_module.py --seed 7 --seconds 500
+    PYTHONPATH=tests/support python tests/fuzz/fuzz_module.py --seed 7 --seconds 500
 
 Each call is made from its seed and number alone, so `--seed 7 --first 1234 --count 1` repeats it.
 Compared are the bits of results and operands, or type, text and notes of exceptions. A difference
@@ -16,14 +16,12 @@ the run and the host; threads; keywords that are no strings; loops of more than 
 import argparse
 import collections
 import math
-import pathlib
 import random
 import struct
 import sys
 import time
 import warnings
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "support"))
 import device
 import numpy
 import reference_runtime

@@ -2,12 +2,13 @@
 """A short run of the fuzzer, its own soundness, and the calls in which it found something."""
 
 import device
-import golden
 import pytest
 import reference_runtime
 import torch
 from call_outcomes import outcome
 from public_signatures import ROWS
+
+from korvex_tools.verify import golden
 
 fuzzer = golden.load_script(golden.FOLDER.parent / "fuzz" / "fuzz_module.py")
 ROW = {row.path: row for row in ROWS}

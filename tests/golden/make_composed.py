@@ -6,16 +6,13 @@ Run it to write composed.json: python make_composed.py
 
 import math
 import operator
-import pathlib
-import sys
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "support"))
-import elementary_reference as elementary
-import exact_arithmetic as exact
-import exact_reductions
-import golden
-from exact_decimals import divided, root
-from golden import Case
+from korvex_tools.references import elementary_reference as elementary
+from korvex_tools.references import exact_arithmetic as exact
+from korvex_tools.references import exact_reductions
+from korvex_tools.references.exact_decimals import divided, root
+from korvex_tools.verify import golden
+from korvex_tools.verify.golden import Case
 
 REFERENCE = (
     "whole numbers, rounded once, for sums, products and decimals; MPFR for logarithms and "

@@ -6,14 +6,11 @@ Run it to write elementwise.json: python make_elementwise.py
 
 import math
 import operator
-import pathlib
-import sys
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "support"))
-import elementary_reference as elementary
-import exact_rms_norm
-import golden
-from golden import Case
+from korvex_tools.references import elementary_reference as elementary
+from korvex_tools.references import exact_rms_norm
+from korvex_tools.verify import golden
+from korvex_tools.verify.golden import Case
 
 REFERENCE = (
     "MPFR for exp, log, sqrt, sigmoid and tanh; whole numbers for rms_norm; Python's own floats "

@@ -2,14 +2,11 @@
 """Golden digests of the single-block reductions. Run it to write kernel_reductions.json."""
 
 import math
-import pathlib
-import sys
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "support"))
-import exact_arithmetic
-import exact_reductions as exact
-import golden
-from golden import Case
+from korvex_tools.references import exact_arithmetic
+from korvex_tools.references import exact_reductions as exact
+from korvex_tools.verify import golden
+from korvex_tools.verify.golden import Case
 
 REFERENCE = "whole numbers and fractions, rounded once; MPFR at 4000 bits for logarithms"
 

@@ -2,13 +2,10 @@
 """Golden digests of limb results. Run it to write limbs.json: python make_limbs.py"""
 
 import math
-import pathlib
-import sys
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "support"))
-import exact_arithmetic as exact
-import golden
-from golden import Case
+from korvex_tools.references import exact_arithmetic as exact
+from korvex_tools.verify import golden
+from korvex_tools.verify.golden import Case
 
 REFERENCE = "Python's own floats for the steps of a collapse; whole numbers for decimals"
 

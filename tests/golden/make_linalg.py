@@ -9,15 +9,17 @@ whose names say "exact in torch" use operands with which torch's part has nothin
 """
 
 import functools
-import pathlib
-import sys
 from fractions import Fraction
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "support"))
-import exact_linear
-import golden
-from exact_arithmetic import dot_limbs, exact_dot, exact_sum, round_to_double
-from golden import Case
+from korvex_tools.references import exact_linear
+from korvex_tools.references.exact_arithmetic import (
+    dot_limbs,
+    exact_dot,
+    exact_sum,
+    round_to_double,
+)
+from korvex_tools.verify import golden
+from korvex_tools.verify.golden import Case
 
 REFERENCE = "exact sums of products as fractions, rounded by Python's integer division"
 KINDS = {"uniform": golden.uniform, "wide": golden.wide, "integers": golden.integers}

@@ -10,17 +10,15 @@ come out of all of them.
 import functools
 import json
 import pathlib
-import sys
 
 import numpy as np
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "support"))
-import bulk_inputs as draw
-import elementary_reference as elementary
-import exact_bulk as exact
-import golden
-import kernel_calls as kernels
-from golden import Case
+from korvex_tools.references import bulk_inputs as draw
+from korvex_tools.references import elementary_reference as elementary
+from korvex_tools.references import exact_bulk as exact
+from korvex_tools.verify import golden
+from korvex_tools.verify import kernel_calls as kernels
+from korvex_tools.verify.golden import Case
 
 REFERENCE = (
     "whole numbers, rounded once by Python's division (exact_bulk.py); MPFR for exp, log, sqrt, "

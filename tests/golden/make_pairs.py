@@ -4,13 +4,9 @@
 Run it to write pairs.json: python make_pairs.py
 """
 
-import pathlib
-import sys
-
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "support"))
-import exact_pairs
-import golden
-from golden import Case
+from korvex_tools.references import exact_pairs
+from korvex_tools.verify import golden
+from korvex_tools.verify.golden import Case
 
 REFERENCE = (
     "rational arithmetic for products and quotients; Python's own floats for the six operations of "

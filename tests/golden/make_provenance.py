@@ -5,13 +5,10 @@ The texts are those that two machines compare, so they must never change.
 """
 
 import hashlib
-import pathlib
 import struct
-import sys
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "support"))
-import golden
-from golden import Case
+from korvex_tools.verify import golden
+from korvex_tools.verify.golden import Case
 
 REFERENCE = "hashlib over struct.pack of the doubles, which are rounded by struct for narrow types"
 

@@ -2,13 +2,10 @@
 """Golden digests of the reductions. Run it to write reductions.json: python make_reductions.py"""
 
 import math
-import pathlib
-import sys
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "support"))
-import exact_arithmetic as exact
-import golden
-from golden import Case
+from korvex_tools.references import exact_arithmetic as exact
+from korvex_tools.verify import golden
+from korvex_tools.verify.golden import Case
 
 REFERENCE = "integers in units of 2**-1074, rounded by Python's division (exact_arithmetic.py)"
 

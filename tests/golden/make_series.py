@@ -9,14 +9,11 @@ inexact say so in their names.
 
 import functools
 import math
-import pathlib
-import sys
 
 import numpy as np
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "support"))
-import golden
-from golden import Case
+from korvex_tools.verify import golden
+from korvex_tools.verify.golden import Case
 
 REFERENCE = (
     "the same operations on numpy float64, one IEEE rounding each; division of a tensor by a number"

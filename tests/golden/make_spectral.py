@@ -11,12 +11,10 @@ different devices, and stand in no file of digests.
 
 import functools
 import math
-import pathlib
 import sys
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "support"))
-import golden
-from golden import Case
+from korvex_tools.verify import golden
+from korvex_tools.verify.golden import Case
 
 REFERENCE = "the same operations on Python floats, real and imaginary part apart; see the script"
 BY_TORCH = " (depends on torch's cos and sin of pi/2)"

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Writes surface.json: every public name with its signature, defaults, annotations and doc string.
 
-    python tests/golden/record_surface.py
+    PYTHONPATH=tests/support python tests/golden/record_surface.py
 
 It records the built module as it is. Look at the difference before it becomes the new expectation.
 """
@@ -9,7 +9,6 @@ It records the built module as it is. Look at the difference before it becomes t
 import inspect
 import json
 import pathlib
-import sys
 
 
 def of_function(function):
@@ -48,7 +47,6 @@ def surface(module):
 
 if __name__ == "__main__":
     folder = pathlib.Path(__file__).parent
-    sys.path.insert(0, str(folder.parent / "support"))
     import device
 
     path = folder / "surface.json"

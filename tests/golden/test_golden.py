@@ -2,9 +2,10 @@
 """Results on the device of this run against the digests that references worked out."""
 
 import device
-import golden
 import pytest
 from subprocess_run import run_python
+
+from korvex_tools.verify import golden
 
 LOADED = {maker.stem.removeprefix("make_"): golden.load(maker) for maker in golden.makers()}
 CASES = [
@@ -44,7 +45,7 @@ def test_inputs_and_digests_can_be_read_without_mpfr():
     told = run_python("""
         import sys
         sys.modules["gmpy2"] = sys.modules["pytest"] = sys.modules["hypothesis"] = None
-        import golden
+        from korvex_tools.verify import golden
         for maker in golden.makers():
             script, data = golden.load(maker)
             for case in script.CASES:

@@ -1,20 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
 """The list of promises against the module, the golden cases, the kernels and the page."""
 
-import pathlib
 import re
-import sys
 from collections import Counter
 
-import golden
-import promises
 import pytest
 from public_signatures import METHODS
 
 from korvex.emulation._library import HostLibrary
-
-sys.path.insert(0, str(pathlib.Path(__file__).parents[2] / "scripts"))
-import verify_report
+from korvex_tools.verify import golden, promises, report
 
 CASES = [
     (maker.stem.removeprefix("make_"), case)
@@ -84,5 +78,5 @@ def test_every_kernel_has_a_million_values_in_the_long_form():
 
 
 def test_page_shows_these_promises_and_the_reports_that_are_there():
-    text = verify_report.PAGE.read_text()
-    assert verify_report.page(text) == text, "run scripts/verify_report.py"
+    text = report.PAGE.read_text()
+    assert report.page(text) == text, "run python -P -m korvex_tools.verify.report"

@@ -11,9 +11,10 @@ import pytest
 import torch
 from call_recorder import Recorder
 from device import tensor
-from exact_arithmetic import bits
 from hypothesis import example, given
 from hypothesis import strategies as st
+
+from korvex_tools.references.exact_arithmetic import bits
 
 TWO_SUM = """
     s = a + b

@@ -11,9 +11,10 @@ from fractions import Fraction
 import device
 import pytest
 import torch
-from exact_arithmetic import SMALLEST, SMALLEST_NORMAL, from_bits
 from hypothesis import example, given
 from hypothesis import strategies as st
+
+from korvex_tools.references.exact_arithmetic import SMALLEST, SMALLEST_NORMAL, from_bits
 
 
 def host(*values):

@@ -6,11 +6,18 @@ import operator
 import random
 from fractions import Fraction
 
-import exact_linear
 import pytest
 import torch
 from device import tensor
-from exact_arithmetic import bits, dot_limbs, exact_dot, exact_sum, round_to_double
+
+from korvex_tools.references import exact_linear
+from korvex_tools.references.exact_arithmetic import (
+    bits,
+    dot_limbs,
+    exact_dot,
+    exact_sum,
+    round_to_double,
+)
 
 MATMUL = "tqx_matmul_kernel"
 NOT_CUDA = "TQX requires CUDA tensor. Move tensor to GPU with .cuda()"

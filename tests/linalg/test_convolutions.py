@@ -8,11 +8,12 @@ import random
 from fractions import Fraction
 
 import device
-import exact_linear
 import pytest
 import torch
 from device import tensor
-from exact_arithmetic import bits, round_to_double
+
+from korvex_tools.references import exact_linear
+from korvex_tools.references.exact_arithmetic import bits, round_to_double
 
 UNIT = Fraction(1, 2**53)
 MATMUL = "tqx_matmul_kernel"

@@ -9,10 +9,11 @@ from fractions import Fraction
 import pytest
 import torch
 from device import tensor
-from exact_arithmetic import bits, dot_limbs
 from hypothesis import given
 from hypothesis import strategies as st
 from subprocess_run import run_python
+
+from korvex_tools.references.exact_arithmetic import bits, dot_limbs
 
 INF, NAN = math.inf, math.nan
 KERNEL = "tqx_matmul_kernel"

@@ -9,11 +9,12 @@ import math
 from fractions import Fraction
 
 import device
-import exact_linear
 import pytest
 import torch
 from device import tensor
-from exact_arithmetic import bits
+
+from korvex_tools.references import exact_linear
+from korvex_tools.references.exact_arithmetic import bits
 
 UNIT = 2.0**-53
 NOT_CUDA = "TQX requires CUDA tensor. Move tensor to GPU with .cuda()"

@@ -5,7 +5,8 @@ import ast
 
 import pytest
 import stub_driver
-from elf_file import ElfFile
+
+from korvex_tools.elf_file import ElfFile
 
 
 def test_extension_exports_its_entry_point_alone_and_links_to_no_cuda():

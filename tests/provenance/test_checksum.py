@@ -11,9 +11,10 @@ import numpy
 import pytest
 import torch
 from call_recorder import Recorder
-from exact_arithmetic import from_bits
 from hypothesis import given
 from hypothesis import strategies as st
+
+from korvex_tools.references.exact_arithmetic import from_bits
 
 ONE_FULL = "6c3c396ed6b5c36dcae172271f462051b1266b851e92df3deea8ac65478fd712"
 ONE = torch.tensor([1.0], dtype=torch.float64)

@@ -9,9 +9,17 @@ from fractions import Fraction
 import pytest
 import torch
 from device import tensor
-from exact_arithmetic import LARGEST, NAN_BITS, bits, canonical_limbs, dot_limbs, exact_dot
 from hypothesis import example, given
 from hypothesis import strategies as st
+
+from korvex_tools.references.exact_arithmetic import (
+    LARGEST,
+    NAN_BITS,
+    bits,
+    canonical_limbs,
+    dot_limbs,
+    exact_dot,
+)
 
 INF, NAN = math.inf, math.nan
 SEQUENTIAL, PARALLEL = ["tqx_dot_seq_kernel"], ["tqx_dot_kernel"]

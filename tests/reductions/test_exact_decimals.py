@@ -7,10 +7,11 @@ import threading
 from decimal import Decimal
 from fractions import Fraction
 
-import exact_reductions as exact
 import pytest
 import torch
 from device import tensor
+
+from korvex_tools.references import exact_reductions as exact
 
 VALUES = [1.0, 0.1, -3.0, 7.25, 1e-3, 2.0]
 

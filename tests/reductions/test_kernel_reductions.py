@@ -4,13 +4,14 @@
 import math
 import random
 
-import exact_reductions as exact
 import pytest
 import torch
 from device import tensor
-from exact_arithmetic import bits, from_bits
 from hypothesis import given
 from hypothesis import strategies as st
+
+from korvex_tools.references import exact_reductions as exact
+from korvex_tools.references.exact_arithmetic import bits, from_bits
 
 LARGEST = math.ldexp(2.0 - 2.0**-52, 1023)
 TINY = 2.0**-1074

@@ -7,7 +7,8 @@ import device
 import pytest
 import torch
 from device import tensor
-from exact_arithmetic import NAN_BITS, bits, sum_limbs
+
+from korvex_tools.references.exact_arithmetic import NAN_BITS, bits, sum_limbs
 
 INF, NAN = math.inf, math.nan
 SEQUENTIAL, PARALLEL = ["tqx_sum_seq_kernel"], ["tqx_sum_kernel"]

@@ -7,7 +7,10 @@ from fractions import Fraction
 
 import pytest
 from device import tensor
-from exact_arithmetic import (
+from hypothesis import example, given
+from hypothesis import strategies as st
+
+from korvex_tools.references.exact_arithmetic import (
     bits,
     canonical_limbs,
     exact_sum,
@@ -16,8 +19,6 @@ from exact_arithmetic import (
     sum_limbs,
     ulps_off,
 )
-from hypothesis import example, given
-from hypothesis import strategies as st
 
 ANY_BITS = st.integers(0, 2**64 - 1).map(from_bits)
 FINITE_BITS = ANY_BITS.filter(math.isfinite)

@@ -1,15 +1,16 @@
 # SPDX-License-Identifier: Apache-2.0
 """References for a million values at a time against the plain ones, on fewer values."""
 
-import bulk_inputs as draw
-import exact_arithmetic as exact
-import exact_bulk as bulk
-import exact_pairs
-import exact_reductions as reductions
-import golden
 import numpy as np
 import pytest
-from exact_rms_norm import rms_norm
+
+from korvex_tools.references import bulk_inputs as draw
+from korvex_tools.references import exact_arithmetic as exact
+from korvex_tools.references import exact_bulk as bulk
+from korvex_tools.references import exact_pairs
+from korvex_tools.references import exact_reductions as reductions
+from korvex_tools.references.exact_rms_norm import rms_norm
+from korvex_tools.verify import golden
 
 RAW = [8883205966826267080, 11013272550836597523]
 KINDS = {

@@ -7,7 +7,10 @@ from fractions import Fraction
 import gmpy2
 import pytest
 from call_recorder import Recorder
-from exact_arithmetic import (
+from hypothesis import given
+from hypothesis import strategies as st
+
+from korvex_tools.references.exact_arithmetic import (
     LARGEST,
     SMALLEST,
     bits,
@@ -18,8 +21,6 @@ from exact_arithmetic import (
     sum_limbs,
     ulps_off,
 )
-from hypothesis import given
-from hypothesis import strategies as st
 
 FINITE = st.integers(0, 2**64 - 1).map(from_bits).filter(math.isfinite)
 

@@ -10,12 +10,13 @@ import contextlib
 import gc
 import sys
 
-import golden
 import pytest
 import reference_runtime
 import torch
 from call_outcomes import outcome
 from public_signatures import ROWS
+
+from korvex_tools.verify import golden
 
 # torch warns once in a process: which call hears it says nothing about the function.
 pytestmark = pytest.mark.filterwarnings("ignore")

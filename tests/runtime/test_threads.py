@@ -10,9 +10,10 @@ import sys
 import threading
 import warnings
 
-import golden
 import pytest
 from call_outcomes import outcome
+
+from korvex_tools.verify import golden
 
 fuzzer = golden.load_script(golden.FOLDER.parent / "fuzz" / "fuzz_module.py")
 THREADS = 16

@@ -4,7 +4,7 @@
 `korvex/tqx_runtime.pyi` is held against the built module by stubtest; the examples are programs
 that a strict type checker passes with it. `tests/golden/surface.json` pins every public name with
 signature, defaults, annotations and doc string: a difference is a decision, made with
-`python tests/golden/record_surface.py`.
+`PYTHONPATH=tests/support python tests/golden/record_surface.py`.
 """
 
 import importlib.metadata
@@ -14,8 +14,9 @@ import pathlib
 import subprocess
 import sys
 
-import golden
 import pytest
+
+from korvex_tools.verify import golden
 
 TREE = pathlib.Path(__file__).parents[2]
 record_surface = golden.load_script(golden.FOLDER / "record_surface.py")

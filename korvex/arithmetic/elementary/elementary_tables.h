@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The constants of exp, log, sigmoid and tanh, written by scripts/make_elementary_tables.py.
+// The constants of exp, log, sigmoid and tanh, written by korvex_tools.elementary.make_tables.
 #pragma once
 
 #include "korvex/arithmetic/base/portability.h"

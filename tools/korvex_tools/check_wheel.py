@@ -1,0 +1,160 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Check a wheel as a file: its tags, what it says of itself, and what it holds.
+
+usage: python -P -m korvex_tools.check_wheel WHEEL [--kernels FOLDER]
+
+FOLDER holds the kernels that the wheel must have, byte for byte. Each fault is one line; the exit
+status is 0 where there is none.
+"""
+
+import argparse
+import base64
+import hashlib
+import re
+import sys
+import tempfile
+import tomllib
+import zipfile
+from email.parser import Parser
+from pathlib import Path, PurePosixPath
+
+from korvex_tools.elf_file import ElfFile
+from korvex_tools.source_tree import SOURCE_TREE
+
+SUFFIXES = {".cubin", ".json", ".ptx", ".py", ".pyi", ".so", ".typed"}
+MODULES = ("cubin_loader_native", "tqx_runtime")
+# As in tests/test_00_installed_package.py: the C++ runtime is in, where its archive is installed.
+LIBRARIES = {"ld-linux-x86-64.so.2", "libc.so.6", "libm.so.6", "libpthread.so.0"}
+LIBRARIES |= {"libgcc_s.so.1", "libstdc++.so.6"}
+
+
+class Wheel:
+    """The files of a wheel by name, and what its name and its metadata say."""
+
+    def __init__(self, path: Path):
+        self.path = path
+        with zipfile.ZipFile(path) as archive:
+            names = [name for name in archive.namelist() if not name.endswith("/")]
+            self.files = {name: archive.read(name) for name in names}
+        self.package = {
+            name: data for name, data in self.files.items() if name.startswith("korvex/")
+        }
+        self.name, self.version, self.python, self.abi, self.platform = path.stem.split("-")
+
+    def text(self, name: str) -> str:
+        return self.files[f"{self.name}-{self.version}.dist-info/{name}"].decode()
+
+
+def faults(wheel: Wheel, kernels: Path | None) -> list[str]:
+    """Everything that is wrong, in words."""
+    found = [*tag_faults(wheel), *metadata_faults(wheel), *record_faults(wheel)]
+    found += [*content_faults(wheel), *link_faults(wheel)]
+    return found + (kernel_faults(wheel, kernels) if kernels else [])
+
+
+def tag_faults(wheel: Wheel) -> list[str]:
+    found = []
+    if not re.fullmatch(r"cp3\d\d", wheel.python) or wheel.abi != wheel.python:
+        found.append(f"tags {wheel.python}-{wheel.abi}: one CPython and its own ABI expected")
+    if not re.fullmatch(r"(linux|manylinux_2_\d+)_x86_64", wheel.platform):
+        found.append(f"platform {wheel.platform}: x86-64 Linux expected")
+    said = Parser().parsestr(wheel.text("WHEEL"))
+    if said.get_all("Tag") != [f"{wheel.python}-{wheel.abi}-{wheel.platform}"]:
+        found.append(f"WHEEL has the tags {said.get_all('Tag')}, and the file another name")
+    if said["Root-Is-Purelib"] != "false":
+        found.append("WHEEL says that the files are for every platform")
+    return found
+
+
+def metadata_faults(wheel: Wheel) -> list[str]:
+    project = tomllib.loads((SOURCE_TREE / "pyproject.toml").read_text())["project"]
+    said = Parser().parsestr(wheel.text("METADATA"))
+    expected = {
+        "Name": project["name"],
+        "Version": project["version"],
+        "Requires-Python": project["requires-python"],
+        "License-Expression": project["license"],
+    }
+    return [
+        f"METADATA: {key} is {said[key]}, and {value} in pyproject.toml"
+        for key, value in expected.items()
+        if said[key] != value
+    ]
+
+
+def record_faults(wheel: Wheel) -> list[str]:
+    found, recorded = [], {}
+    for line in wheel.text("RECORD").splitlines():
+        name, digest, _ = line.rsplit(",", 2)
+        recorded[name] = digest
+    if recorded.keys() != wheel.files.keys():
+        found.append(f"RECORD lists other files: {sorted(recorded.keys() ^ wheel.files.keys())}")
+    for name, digest in recorded.items():
+        digest_of_file = hashlib.sha256(wheel.files.get(name, b"")).digest()
+        actual = "sha256=" + base64.urlsafe_b64encode(digest_of_file).rstrip(b"=").decode()
+        if digest and digest != actual:
+            found.append(f"{name} is not the file that RECORD lists")
+    return found
+
+
+def content_faults(wheel: Wheel) -> list[str]:
+    information = f"{wheel.name}-{wheel.version}.dist-info/"
+    found = [
+        f"{name}: not part of the package"
+        for name in wheel.files
+        if name not in wheel.package and not name.startswith(information)
+    ]
+    found += [
+        f"{name}: neither Python nor built"
+        for name in wheel.package
+        if PurePosixPath(name).suffix not in SUFFIXES or "__pycache__" in name
+    ]
+    wanted = {f"korvex/{name}.cpython-{wheel.python[2:]}-x86_64-linux-gnu.so" for name in MODULES}
+    modules = {name for name in wheel.package if ".cpython-" in name}
+    if modules != wanted:
+        found.append(f"extension modules: {sorted(modules)}, and {sorted(wanted)} expected")
+    return found
+
+
+def link_faults(wheel: Wheel) -> list[str]:
+    found = []
+    for name, data in wheel.package.items():
+        if name.endswith(".so"):
+            with tempfile.NamedTemporaryFile() as file:
+                file.write(data)
+                file.flush()
+                needed = set(ElfFile(Path(file.name)).needed)
+            found += [f"{name} needs {library}" for library in sorted(needed - LIBRARIES)]
+    return found
+
+
+def kernel_faults(wheel: Wheel, folder: Path) -> list[str]:
+    prefix = "korvex/cubins/"
+    held = {name.removeprefix(prefix): d for name, d in wheel.files.items() if prefix in name}
+    wanted = {path.name: path.read_bytes() for path in folder.iterdir()}
+    if not any(name.endswith(".cubin") for name in wanted):
+        return [f"{folder} holds no kernels"]
+    return [
+        f"{name}: not as in {folder}"
+        for name in sorted(held.keys() | wanted.keys())
+        if held.get(name) != wanted.get(name)
+    ]
+
+
+def main(arguments: list[str]) -> int:
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("wheel", type=Path)
+    parser.add_argument("--kernels", type=Path)
+    options = parser.parse_args(arguments)
+    wheel = Wheel(options.wheel)
+    found = faults(wheel, options.kernels)
+    for fault in found:
+        print(f"{wheel.path.name}: {fault}", file=sys.stderr)
+    if not found:
+        kernels = sum(name.endswith((".cubin", ".ptx")) for name in wheel.package)
+        print(f"{wheel.path.name}: {len(wheel.package)} files, {kernels} of them kernels; no fault")
+    return 1 if found else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

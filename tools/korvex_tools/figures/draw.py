@@ -1,0 +1,159 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Draws the pictures of docs/ from records: times, errors, what refinement gains.
+
+Each caption names the machine and the day. Needs matplotlib.
+"""
+
+import argparse
+from pathlib import Path
+from typing import Any
+
+import matplotlib
+
+matplotlib.use("Agg")
+import matplotlib.pyplot as plt
+
+from korvex_tools.figures.records import RESULTS_FOLDER, Records
+from korvex_tools.source_tree import SOURCE_TREE
+
+DOCS = SOURCE_TREE / "docs"
+LEAST_ERROR = 1e-18  # stands for 0 on a logarithmic axis
+ROUNDING = 2.0**-53
+
+# By candidate: its colour and its mark. What is exact is drawn in full, what rounds dashed.
+LOOKS = {
+    "tqx_sum": ("#c1121f", "o"),
+    "tqx_dot": ("#c1121f", "o"),
+    "tqx_matmul": ("#c1121f", "o"),
+    "tqx_sum_seq_kernel": ("#e07a5f", "s"),
+    "tqx_dot_seq_kernel": ("#e07a5f", "s"),
+    "tqx_matmul_kernel": ("#e07a5f", "s"),
+    "math.fsum, list": ("#1d3557", "^"),
+    "math.fsum": ("#1d3557", "^"),
+    "math.fsum of products": ("#6d597a", "^"),
+    "math.sumprod, lists": ("#1d3557", "^"),
+    "math.sumprod": ("#1d3557", "^"),
+    "Fraction": ("#457b9d", "D"),
+    "double-double sum": ("#457b9d", "D"),
+    "two doubles in torch": ("#2a9d8f", "v"),
+    "compensated sum": ("#2a9d8f", "v"),
+    "compensated dot": ("#2a9d8f", "v"),
+    "torch.sum": ("#6c757d", "x"),
+    "torch.dot": ("#6c757d", "x"),
+    "torch.matmul": ("#6c757d", "x"),
+    "numpy.sum": ("#adb5bd", "+"),
+    "numpy.dot": ("#adb5bd", "+"),
+}
+ROUNDS = ("torch.", "numpy.", "two doubles", "compensated", "double-double", "math.sumprod")
+ROUNDS += ("math.fsum of products",)
+
+TITLES = {
+    "sum": ("Sum of N(0,1)", "elements", "time per element (ns)"),
+    "dot": ("Dot product of N(0,1)", "pairs", "time per pair (ns)"),
+    "matmul": ("Product of two n × n matrices of N(0,1)", "n", "time per multiply-add (ns)"),
+}
+
+
+def style(name: str) -> dict[str, Any]:
+    colour, mark = LOOKS[name]
+    line = "--" if name.startswith(ROUNDS) else "-"
+    look = {"color": colour, "marker": mark, "linestyle": line, "markersize": 5, "linewidth": 1.6}
+    # As exact as ours for sums: drawn wide, so that it shows beneath.
+    return look | ({"markersize": 10, "markerfacecolor": "none"} if name == "math.fsum" else {})
+
+
+def by_candidate(results: list[dict[str, Any]], x: str, y: str) -> dict[str, list[tuple]]:
+    curves: dict[str, list[tuple]] = {}
+    for row in results:
+        curves.setdefault(row["candidate"], []).append((row[x], row[y]))
+    return curves
+
+
+def machine_of(record: dict[str, Any]) -> str:
+    host, versions = record["host"], record["host"]["versions"]
+    software = f"CPython {versions['python']}, torch {versions['torch']}, NumPy {versions['numpy']}"
+    return (
+        f"{host['processor']}, {host['processors']} processors · {software} · {record['date'][:10]}"
+    )
+
+
+def finish(figure: Any, caption: str, path: Path) -> None:
+    figure.text(0.5, 0.012, caption, ha="center", fontsize=8, color="#495057")
+    figure.tight_layout(rect=(0, 0.035, 1, 1))
+    # No date of drawing in the file: equal records give equal pictures.
+    figure.savefig(path, dpi=110, metadata={"Software": None})
+    plt.close(figure)
+    print(f"drawn: {path.name}")
+
+
+def draw_times(record: dict[str, Any], folder: Path) -> None:
+    for run in record["runs"]:
+        name = run["operation"]
+        title, x_label, y_label = TITLES[name]
+        figure, axes = plt.subplots(figsize=(8.6, 5.2))
+        for candidate, points in by_candidate(run["results"], "n", "ns_per_step").items():
+            axes.loglog(*zip(*points, strict=True), label=candidate, **style(candidate))
+        if name == "matmul":
+            sides = sorted({row["n"] for row in run["results"]})
+            axes.set_xticks(sides, map(str, sides))
+            axes.minorticks_off()
+        axes.set(title=f"{title}: time against size", xlabel=x_label, ylabel=y_label)
+        axes.grid(which="major", color="#dee2e6", linewidth=0.7)
+        axes.set_axisbelow(True)
+        axes.legend(title="full line: exact; dashed: rounds", fontsize=9, title_fontsize=9)
+        caption = f"one thread, emulated device · {machine_of(record)}"
+        finish(figure, caption, folder / f"time_of_{name}.png")
+
+
+def draw_errors(record: dict[str, Any], folder: Path) -> None:
+    figure, panels = plt.subplots(1, 2, figsize=(12, 5.4), sharey=True)
+    for axes, run in zip(panels, record["runs"], strict=True):
+        for candidate, points in by_candidate(run["results"], "condition", "error").items():
+            shown = [(x, min(max(y, LEAST_ERROR), 1.0)) for x, y in points]
+            axes.loglog(*zip(*shown, strict=True), label=candidate, **style(candidate))
+        axes.axhline(ROUNDING, color="#212529", linewidth=0.8, linestyle=":")
+        axes.text(1e100, ROUNDING * 1.6, "one rounding, $2^{-53}$", ha="right", fontsize=8)
+        title = {"sum": "Sums of 200 numbers", "dot": "Dot products of 100 pairs"}
+        axes.set(title=title[run["operation"]], xlabel="condition number")
+        axes.set_ylim(LEAST_ERROR / 3, 10)
+        axes.set_xticks([10.0**exponent for exponent in range(0, 101, 20)])
+        axes.grid(which="major", color="#dee2e6", linewidth=0.7)
+        axes.set_axisbelow(True)
+        axes.legend(fontsize=9, loc="center right")
+    panels[0].set_ylabel("largest relative error of ten (1 stands for all above)")
+    finish(figure, machine_of(record), folder / "errors_by_condition.png")
+
+
+def draw_refined_solves(record: dict[str, Any], folder: Path) -> None:
+    """From the table that the example prints: on this scale its digits are enough."""
+    lines = [[cell.strip() for cell in line.strip("|").split("|")] for line in record["table"]]
+    conditions = [float(cells[0]) for cells in lines[2:]]
+    figure, axes = plt.subplots(figsize=(8, 5.5))
+    passes = range(len(lines[0]) - 2)
+    colours = plt.get_cmap("viridis")([0.9 * n / len(passes) for n in passes])
+    for n, colour in zip(passes, colours, strict=True):
+        label = {0: "0 passes: torch.linalg.solve", 3: "3 (default)"}.get(n, str(n))
+        errors = [float(cells[n + 2]) for cells in lines[2:]]
+        axes.loglog(conditions, errors, "o-", color=colour, label=label, markersize=4)
+    axes.axhline(1.0, color="#666666", linewidth=0.8, linestyle="--")
+    axes.set(xlabel="condition number", ylabel="largest error, ulps of the largest element")
+    axes.set_title("Error of tqx_solve by passes of refinement (dashed: 1 ulp)")
+    axes.grid(True, linewidth=0.3, color="#bbbbbb")
+    axes.legend(title="passes", loc="upper left", fontsize=9)
+    finish(figure, f"emulated device · {machine_of(record)}", folder / "refined_solves.png")
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--results", type=Path, default=RESULTS_FOLDER, help="folder of records")
+    parser.add_argument("--output", type=Path, default=DOCS, help="folder for the pictures")
+    options = parser.parse_args()
+    records = Records(options.results)
+    options.output.mkdir(parents=True, exist_ok=True)
+    draw_times(records["bench_curves"], options.output)
+    draw_errors(records["bench_errors"], options.output)
+    draw_refined_solves(records["refined_solves"], options.output)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,337 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Writes the figures that documents quote from the records, or checks that they agree.
+
+A document marks what is written here: the lines between `<!-- figures: NAME -->` and
+`<!-- end of figures -->` are those of the function of that name below, and nobody edits them.
+"""
+
+import argparse
+import re
+import sys
+from collections.abc import Callable
+from pathlib import Path
+from typing import Any
+
+from korvex_tools.figures.records import RESULTS_FOLDER, Records, row
+from korvex_tools.source_tree import SOURCE_TREE
+
+BLOCK = re.compile(r"(<!-- figures: (\w+) -->\n)(.*?)(<!-- end of figures -->)", re.DOTALL)
+
+Lines = list[str]
+
+
+def table(columns: list[str], rows: list[list[Any]]) -> Lines:
+    lines = [" | ".join(columns), "|".join(["---"] * len(columns))]
+    return [f"| {lines[0]} |", f"|{lines[1]}|"] + [
+        f"| {' | '.join(map(str, cells))} |" for cells in rows
+    ]
+
+
+def best_set(records: Records) -> str:
+    return records["bench_threads"]["settings"]["instruction_set"]
+
+
+def machine(records: Records, name: str) -> str:
+    record = records[name]
+    return f"{record['host']['processor']}, {record['date'][:10]}"
+
+
+def short(number: float) -> str:
+    """Three digits, as people write them."""
+    return f"{number:.3g}" if number < 100 else f"{number:,.0f}"
+
+
+def compared(ratio: float) -> str:
+    """A ratio of times as people say it, to be followed by "than"."""
+    percent = round(100 * abs(ratio - 1))
+    return f"{percent} % {'longer' if ratio >= 1 else 'less time'}"
+
+
+# --- Blocks of README.md
+
+
+def costs(records: Records) -> Lines:
+    parts = records["bench_sum"]["runs"]
+    best = best_set(records)
+    candidates = {
+        "`math.fsum` over a list (exact, rounded once)": "math.fsum, list",
+        "`tqx_sum`, four exact limbs": f"tqx_sum, {best}, 1 thread",
+        "`tqx_sum_seq_kernel` alone": f"tqx_sum_seq_kernel, {best}, 1 thread",
+        "`numpy.sum` (rounds at every step)": "numpy.sum",
+        "`torch.sum` (rounds at every step)": "torch.sum, 1 thread",
+    }
+    rows = [
+        [label, *(costs_cell(part, name) for part in parts)] for label, name in candidates.items()
+    ]
+    count = records["bench_sum"]["settings"]["n"]
+    call, limbs = (
+        row(records["bench_overhead"], case)["ratio"]
+        for case in ("tqx_sum(x)", "tqx_sum(x, return_tqx=True)")
+    )
+    return [
+        f"{count:,} float64 values on the emulated device, nanoseconds of processor time an",
+        f"element on one thread ({machine(records, 'bench_sum')}):",
+        "",
+        *table(["", "N(0,1)", "N(0,1) · 2^U(-60,60)"], rows),
+        "",
+        f"A call of `tqx_sum` takes {compared(call)} than the same torch calls made from Python,",
+        f"and {compared(limbs)} with `return_tqx=True`, which makes fewer of them",
+        "(`benchmarks/bench_overhead.py`, kernels that do nothing).",
+    ]
+
+
+def costs_cell(part: dict[str, Any], name: str) -> str:
+    found = row(part, name)
+    time = f"{found['ns_per_element_processor']:.2f}"
+    if not name.startswith("tqx"):
+        return time
+    return f"{time}, {found['times_faster_than_fsum_processor']:.0f} times faster"
+
+
+# --- Blocks of docs/performance.md
+
+
+def where(records: Records) -> Lines:
+    record = records["figures"]
+    host, versions = record["host"], record["host"]["versions"]
+    busy = max(r["host"]["load_average_1_minute"] for r in records.all_of_run())
+    minutes = sum(part["seconds"] for part in record["parts"]) / 60
+    processors = host["processors"]
+    return [
+        f"All figures are of `make figures` on {record['date'][:10]}, whose parts took",
+        f"{minutes:.0f} minutes in all: {host['processor']}, {processors} processors, CPython",
+        f"{versions['python']}, torch {versions['torch']}, NumPy {versions['numpy']}. The load",
+        f"average reached {busy:.1f}; if it is much above {processors}, other processes were at",
+        "work, and only the processor times mean something.",
+    ]
+
+
+def sums(records: Records) -> Lines:
+    return time_table(records, "bench_sum", "ns_per_element", "ns an element")
+
+
+def dots(records: Records) -> Lines:
+    return time_table(records, "bench_dot", "ns_per_pair", "ns a pair")
+
+
+def time_table(records: Records, name: str, key: str, unit: str) -> Lines:
+    rows = [
+        [part["data"], f"`{r['candidate']}`", short(r[f"{key}_processor"]), short(r[key])]
+        for part in records[name]["runs"]
+        for r in part["results"]
+    ]
+    return table(["data", "candidate", f"{unit}, processor time", "on the clock"], rows)
+
+
+def products(records: Records) -> Lines:
+    key = "ns_per_multiply_add"
+    rows = [
+        [part["size"], f"`{r['candidate']}`", short(r[f"{key}_processor"]), short(r[key])]
+        for part in records["bench_matmul"]["runs"]
+        for r in part["results"]
+    ]
+    columns = ["n", "candidate", "ns a multiply-add, processor time", "on the clock"]
+    return table(columns, rows)
+
+
+def threads(records: Records) -> Lines:
+    rows = [
+        [
+            f"`{r['candidate']}`",
+            r["n"],
+            short(r["milliseconds_1_thread"]),
+            short(r["milliseconds_2_threads"]),
+            f"{r['times_faster']:.2f}",
+            f"{r['processors_had']:.2f}",
+            f"{r['processor_time_grows_by']:.2f}",
+            f"{r['torch_times_faster']:.2f}" if "torch_times_faster" in r else "",
+        ]
+        for r in records["bench_threads"]["results"]
+    ]
+    columns = [
+        "kernel",
+        "n",
+        "ms, 1 thread",
+        "ms, 2",
+        "times faster",
+        "processors had",
+        "work grows by",
+        "torch's operation, times faster",
+    ]
+    return table(columns, rows)
+
+
+def elementary(records: Records) -> Lines:
+    rows = []
+    for part in records["bench_elementary"]["runs"]:
+        for r in part["results"]:
+            wrong = part["share_misrounded"][r["candidate"]]
+            time = short(r["ns_per_element_processor"])
+            rows.append([part["input"], f"`{r['candidate']}`", time, f"{wrong:.3%}"])
+    return table(["input", "candidate", "ns an element, processor time", "misrounded"], rows)
+
+
+def elementwise(records: Records) -> Lines:
+    rows = [
+        [
+            f"`{r['candidate']}`",
+            short(r["ns_per_element_processor"]),
+            short(r["times_torch_processor"]),
+        ]
+        for part in records["bench_elementwise"]["runs"]
+        for r in part["results"]
+    ]
+    return table(["candidate", "ns an element, processor time", "times torch"], rows)
+
+
+def reductions(records: Records) -> Lines:
+    rows = [
+        [f"`{r['candidate']}`", r["n"], short(r["ns_per_element_processor"])]
+        for r in records["bench_reductions"]["results"]
+    ]
+    return table(["candidate", "n", "ns an element, processor time"], rows)
+
+
+def linear(records: Records) -> Lines:
+    rows = [
+        [f"`{r['candidate']}`", short(r["ms_processor"]), short(r["kilobytes_held"])]
+        for part in records["bench_linalg"]["runs"]
+        for r in part["results"]
+    ]
+    return table(["candidate", "ms, processor time", "kB held"], rows)
+
+
+def large(records: Records) -> Lines:
+    rows = [
+        [
+            f"`{r['candidate']}`",
+            r["n"],
+            short(r["seconds"]),
+            short(r["torch_seconds"]),
+            f"{r['copies']:.2f}",
+            r["copies_expected"],
+            f"{r['torch_copies']:.2f}",
+        ]
+        for r in records["bench_large"]["results"]
+    ]
+    columns = ["function", "n", "s", "torch, s", "copies held", "copies expected", "torch"]
+    return table(columns, rows)
+
+
+def targets(records: Records) -> Lines:
+    rows = []
+    for name in records.names():
+        record = records[name]
+        for part in record.get("runs", [record]):
+            single = part.get("target")
+            found = part.get("targets", []) + ([single] if single else [])
+            place = next((str(part[key]) for key in ("data", "size", "input") if key in part), "")
+            for target in found:
+                what = target.get("candidate") or target.get("case") or "every case"
+                what += f", n = {target['n']}" if "n" in target else ""
+                aim = ", ".join(aims(target))
+                met = "met" if target["met"] else "NOT MET"
+                rows.append([f"`{name}`", place, f"`{what}`", aim, met])
+    return table(["script", "data", "candidate", "target", ""], rows)
+
+
+def aims(target: dict[str, Any]) -> list[str]:
+    words = {
+        "times_faster_at_least": "at least {:g} times faster than `math.fsum`",
+        "ns_at_most": "at most {:g} ns",
+        "ratio_at_most": "at most {:g} times plain Python",
+        "times_on_two_threads_at_least": "two threads: at least {:g} times",
+        "copies_at_most": "at most {:g} copies",
+    }
+    return [text.format(target[key]) for key, text in words.items() if target.get(key) is not None]
+
+
+def durations(records: Records) -> Lines:
+    rows = [[f"`{part['part']}`", short(part["seconds"])] for part in records["figures"]["parts"]]
+    return table(["part", "s"], rows)
+
+
+# --- Blocks of other documents
+
+
+def series_errors(records: Records) -> Lines:
+    return records["series_errors"]["table"]
+
+
+def refined_solves(records: Records) -> Lines:
+    return records["refined_solves"]["table"]
+
+
+def series_overhead(records: Records) -> Lines:
+    record = records["bench_series"]
+    ratios = [r["ratio"] for r in record["results"]]
+    return [
+        "Beside the torch operations in it, a call costs about what plain Python costs: its time",
+        f"is {min(ratios):.2f} to {max(ratios):.2f} times that of the same torch calls made from",
+        f"Python (`benchmarks/bench_series.py`, {record['settings']['n']} elements on a host).",
+    ]
+
+
+BLOCKS: dict[str, Callable[[Records], Lines]] = {
+    function.__name__: function
+    for function in (
+        costs,
+        where,
+        sums,
+        dots,
+        products,
+        threads,
+        elementary,
+        elementwise,
+        reductions,
+        linear,
+        large,
+        targets,
+        durations,
+        series_errors,
+        refined_solves,
+        series_overhead,
+    )
+}
+
+
+# --- Documents
+
+
+def documents(root: Path) -> list[Path]:
+    """Those that hold a block."""
+    found = [root / "README.md", *sorted((root / "docs").glob("*.md"))]
+    return [path for path in found if BLOCK.search(path.read_text())]
+
+
+def with_figures(text: str, records: Records) -> str:
+    def block(match: re.Match[str]) -> str:
+        lines = "\n".join(BLOCKS[match[2]](records))
+        return f"{match[1]}{lines}\n{match[4]}"
+
+    return BLOCK.sub(block, text)
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--results", type=Path, default=RESULTS_FOLDER, help="folder of records")
+    parser.add_argument(
+        "--root", type=Path, default=SOURCE_TREE, help="tree whose documents are written"
+    )
+    parser.add_argument("--check", action="store_true", help="write nothing; fail if they differ")
+    options = parser.parse_args()
+    records = Records(options.results)
+    stale = []
+    for path in documents(options.root):
+        text = path.read_text()
+        fresh = with_figures(text, records)
+        if fresh != text:
+            stale.append(str(path.relative_to(options.root)))
+            if not options.check:
+                path.write_text(fresh)
+    print(f"{'stale' if options.check else 'written'}: {', '.join(stale) or 'nothing'}")
+    sys.exit(1 if options.check and stale else 0)
+
+
+if __name__ == "__main__":
+    main()

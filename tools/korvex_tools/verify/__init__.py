@@ -1,0 +1,2 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Are the bits the same here: golden cases, promises, configurations, reports."""
