@@ -33,8 +33,13 @@ class Constant {
   Handle object_ = nullptr;
 };
 
-inline Constant kMinusOne{[] { return integer(-1); }};
-inline Constant kZero{[] { return integer(0); }};
-inline Constant kOne{[] { return integer(1); }};
+template <int value>
+Object make_integer() {
+  return integer(value);
+}
+
+inline Constant kMinusOne{make_integer<-1>};
+inline Constant kZero{make_integer<0>};
+inline Constant kOne{make_integer<1>};
 
 }  // namespace korvex

@@ -19,7 +19,8 @@ namespace korvex {
 inline constexpr long kBlock = 256;  // threads per block of the one-dimensional grid
 
 // The grid or the block of a launch with one block or one thread: (1, 1, 1).
-inline Constant kSingle{[] { return tuple(integer(1), integer(1), integer(1)); }};
+inline Object make_single() { return tuple(integer(1), integer(1), integer(1)); }
+inline Constant kSingle{make_single};
 
 // (n + block - 1) // block in Python's own integer arithmetic, so n may be any number object.
 Object blocks_for(const Object& n, long block);

@@ -18,10 +18,20 @@ struct Spelling {
 };
 
 template <Spelling name>
-inline Constant kName{[] { return interned(name.letters); }};
+Object make_name() {
+  return interned(name.letters);
+}
 
 template <Spelling... names>
-inline Constant kKeywords{[] { return tuple(interned(names.letters)...); }};
+Object make_keywords() {
+  return tuple(interned(names.letters)...);
+}
+
+template <Spelling name>
+inline Constant kName{make_name<name>};
+
+template <Spelling... names>
+inline Constant kKeywords{make_keywords<names...>};
 
 template <Spelling name>
 constexpr const Constant& operator""_name() {
