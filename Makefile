@@ -43,7 +43,7 @@ CXX_FILES := $(shell find $(CODE_FOLDERS) \( -name '*.cpp' -o -name '*.h' -o -na
 HEADERS := $(filter %.h %.cuh,$(CXX_FILES))
 TIDY_STAMPS := $(patsubst %,build/tidy/%.ok,$(filter %.cpp,$(CXX_FILES)))
 
-.PHONY: help demo test check environment install cpp-tests python-tests test-long leaks fuzz \
+.PHONY: help demo interface test check environment install cpp-tests python-tests test-long leaks fuzz \
   sanitize verify verify-long verify-elementary figures gpu site lint format-check tidy configure \
   format wheel wheels clean distclean
 
@@ -141,6 +141,10 @@ verify-elementary: install ## exp, log, sqrt, sigmoid and tanh against MPFR, bit
 # With nothing else on the machine; what it wrote is committed together. FIGURES="--only PART..."
 # makes some parts anew, FIGURES=--quick tries all in build/figures.
 FIGURES ?=
+
+interface: install ## write __all__, the stub and the names of the reference pages from the rows
+	@$(TOOL).write_interface
+	@$(MAKE) --silent install
 
 figures: install ## measure and draw every figure of the documents anew (under 25 minutes)
 	@$(TOOL).figures.make $(FIGURES)

@@ -28,7 +28,7 @@ from sphinx.util.inspect import stringify_signature
 
 import korvex.emulation
 
-_NO_DOC = ("__init__", "__repr__")  # told by the signature of the class, and by the name
+_NO_DOC = ("__init__", "__repr__")  # the signature of the class and the name say it all
 _NOT_MADE_BY_CALLERS = ("Kernel",)
 
 
@@ -118,7 +118,7 @@ def _signature(function: Any, skip_self: bool = False) -> str:
 
 
 def _members(cls: type) -> Iterator[tuple[str, Any]]:
-    """Methods and properties that the class itself defines and tells something about."""
+    """Methods and properties that the class itself defines, save private ones."""
     for name, member in vars(cls).items():
         private = name.startswith("_") and not name.endswith("__")
         attribute = isinstance(member, (types.GetSetDescriptorType, property))

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# Types of the runtime module, an extension module: its public names and nothing else.
+# Types of the runtime module, an extension module: its public names and nothing else. Written by
+# korvex_tools.write_interface.
 #
 # A function whose flag `return_tqx` is honoured has two forms. `int` parameters take any number and
 # flags any object; the types here ask for what a program should pass.
@@ -106,14 +107,14 @@ class TQXResult:
     shape: tuple[int, ...]
     dtype: torch.dtype
     def __init__(self, limbs: list[Tensor], device: str = "cuda") -> None: ...
-    def __float__(self) -> float: ...
     def collapse(self) -> Tensor: ...
+    def to_decimal(self, index: tuple[Any, ...] | None = None) -> Decimal: ...
     def item(self) -> float: ...
+    def __float__(self) -> float: ...
     def squeeze(self, dim: int | None = None) -> TQXResult: ...
     def unsqueeze(self, dim: int) -> TQXResult: ...
     def view(self, *shape: Any) -> TQXResult: ...
     def reshape(self, *shape: Any) -> TQXResult: ...
-    def to_decimal(self, index: tuple[Any, ...] | None = None) -> Decimal: ...
 
 class TQXVerifiedResult:
     value: Tensor | TQXResult
@@ -129,10 +130,7 @@ type _Operand = Tensor | TQXResult
 
 def tqx_checksum(x: Tensor | TQXResult, truncate: int = 16) -> str: ...
 def tqx_verify(
-    x: Tensor | TQXResult,
-    expected: str,
-    truncate: int = 16,
-    raise_on_mismatch: bool = True,
+    x: Tensor | TQXResult, expected: str, truncate: int = 16, raise_on_mismatch: bool = True
 ) -> bool: ...
 def tqx_checksum_hex(x: Tensor | TQXResult) -> str: ...
 @overload
@@ -154,18 +152,11 @@ def tqx_sum(
 ) -> TQXResult: ...
 @overload
 def tqx_mean(
-    x: Tensor,
-    dim: int | None = None,
-    keepdim: bool = False,
-    return_tqx: Literal[False] = False,
+    x: Tensor, dim: int | None = None, keepdim: bool = False, return_tqx: Literal[False] = False
 ) -> Tensor: ...
 @overload
 def tqx_mean(
-    x: Tensor,
-    dim: int | None = None,
-    keepdim: bool = False,
-    *,
-    return_tqx: Literal[True],
+    x: Tensor, dim: int | None = None, keepdim: bool = False, *, return_tqx: Literal[True]
 ) -> TQXResult: ...
 def tqx_var(x: Tensor, unbiased: bool = True, return_tqx: bool = False) -> Tensor: ...
 def tqx_std(x: Tensor, unbiased: bool = True, return_tqx: bool = False) -> Tensor: ...
@@ -197,18 +188,11 @@ def tqx_bmm_exact(a: Tensor, b: Tensor, batch: int, i: int, j: int) -> Decimal: 
 def tqx_logsumexp_exact(x: Tensor) -> Decimal: ...
 @overload
 def tqx_dot(
-    x: Tensor,
-    y: Tensor,
-    return_tqx: Literal[False] = False,
-    exact: bool = True,
+    x: Tensor, y: Tensor, return_tqx: Literal[False] = False, exact: bool = True
 ) -> Tensor: ...
 @overload
 def tqx_dot(
-    x: Tensor,
-    y: Tensor,
-    *,
-    return_tqx: Literal[True],
-    exact: bool = True,
+    x: Tensor, y: Tensor, *, return_tqx: Literal[True], exact: bool = True
 ) -> TQXResult: ...
 @overload
 def tqx_matmul(a: Tensor, b: Tensor, return_tqx: Literal[False] = False) -> Tensor: ...
@@ -217,11 +201,7 @@ def tqx_matmul(a: Tensor, b: Tensor, *, return_tqx: Literal[True]) -> TQXResult:
 def tqx_bmm(a: Tensor, b: Tensor, return_tqx: bool = False) -> Tensor: ...
 def tqx_linear(x: Tensor, weight: Tensor, bias: Tensor | None = None) -> Tensor: ...
 def tqx_conv2d(
-    x: Tensor,
-    weight: Tensor,
-    stride: int = 1,
-    padding: int = 0,
-    return_tqx: bool = False,
+    x: Tensor, weight: Tensor, stride: int = 1, padding: int = 0, return_tqx: bool = False
 ) -> Tensor: ...
 def tqx_conv_transpose2d(
     x: Tensor,
@@ -279,18 +259,11 @@ def tqx_pow(x: _Operand, exponent: float, return_tqx: Literal[False] = False) ->
 def tqx_pow(x: _Operand, exponent: float, *, return_tqx: Literal[True]) -> TQXResult: ...
 @overload
 def tqx_clamp(
-    x: _Operand,
-    min_val: float,
-    max_val: float,
-    return_tqx: Literal[False] = False,
+    x: _Operand, min_val: float, max_val: float, return_tqx: Literal[False] = False
 ) -> Tensor: ...
 @overload
 def tqx_clamp(
-    x: _Operand,
-    min_val: float,
-    max_val: float,
-    *,
-    return_tqx: Literal[True],
+    x: _Operand, min_val: float, max_val: float, *, return_tqx: Literal[True]
 ) -> TQXResult: ...
 @overload
 def tqx_fmod(x: _Operand, y: _Operand, return_tqx: Literal[False] = False) -> Tensor: ...
@@ -386,16 +359,11 @@ def tqx_sigmoid(x: _Operand, return_tqx: Literal[False] = False) -> Tensor: ...
 def tqx_sigmoid(x: _Operand, *, return_tqx: Literal[True]) -> TQXResult: ...
 @overload
 def tqx_leaky_relu(
-    x: _Operand,
-    negative_slope: float = 0.01,
-    return_tqx: Literal[False] = False,
+    x: _Operand, negative_slope: float = 0.01, return_tqx: Literal[False] = False
 ) -> Tensor: ...
 @overload
 def tqx_leaky_relu(
-    x: _Operand,
-    negative_slope: float = 0.01,
-    *,
-    return_tqx: Literal[True],
+    x: _Operand, negative_slope: float = 0.01, *, return_tqx: Literal[True]
 ) -> TQXResult: ...
 def tqx_fft(x: Tensor, n: int | None = None, dim: int = -1) -> Tensor: ...
 def tqx_ifft(x: Tensor, n: int | None = None, dim: int = -1) -> Tensor: ...
@@ -406,9 +374,6 @@ def tqx_det(x: Tensor) -> Tensor: ...
 def tqx_inv(x: Tensor) -> Tensor: ...
 def tqx_solve(A: Tensor, B: Tensor, max_iter: int = 3) -> Tensor: ...
 def tqx_mse_loss(
-    pred: Tensor,
-    target: Tensor,
-    reduction: str = "mean",
-    return_tqx: bool = False,
+    pred: Tensor, target: Tensor, reduction: str = "mean", return_tqx: bool = False
 ) -> Tensor: ...
 def get_backend_info() -> dict[str, Any]: ...

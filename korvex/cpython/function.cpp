@@ -9,6 +9,8 @@
 #include <memory>
 #include <new>
 
+#include "korvex/cpython/messages.h"
+
 namespace korvex {
 namespace {
 
@@ -138,7 +140,7 @@ int set_attribute_value(PyObject* self, PyObject* value, void* closure) {
   const auto& attribute = *static_cast<const Attribute*>(closure);
   if (attribute.required_type != nullptr &&
       (value == nullptr || PyObject_TypeCheck(value, attribute.required_type) == 0)) {
-    PyErr_Format(PyExc_TypeError, "attribute must be set to a %s object", attribute.required_name);
+    PyErr_Format(PyExc_TypeError, messages::kAttributeType, attribute.required_name);
     return -1;
   }
   state_of(self).*attribute.member = Object::borrow(value == nullptr ? Py_None : value);

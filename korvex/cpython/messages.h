@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Every message of the calling convention and of unpacking.
+// Every message of the calling convention, of function attributes and of unpacking.
 #pragma once
 
 namespace korvex::messages {
@@ -16,7 +16,9 @@ inline constexpr char kArgumentType[] =
     "Argument '%.200s' has incorrect type (expected %.200s, got %.200s)";
 inline constexpr char kSubclassNote[] =
     "Note that subclasses of built-in types are rejected deliberately: pass an exact '%.200s'.";
-inline constexpr char kReturnType[] = "Expected %s, got %.200s";
+
+// ---- attributes of a function ----
+inline constexpr char kAttributeType[] = "attribute must be set to a %s object";
 
 // ---- unpacking ----
 inline constexpr char kTooManyValues[] = "too many values to unpack (expected %zd)";

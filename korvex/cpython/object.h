@@ -104,7 +104,7 @@ Object Object::call_with(Handle keyword_names, const Arguments&... arguments) co
 
 inline Object Object::at(Handle index) const { return checked(PyObject_GetItem(object_, index)); }
 
-// Borrowed operands come in through the same methods.
+// An Object that shares the ownership of what a handle borrows.
 inline Object object(Handle borrowed) { return Object::borrow(borrowed); }
 
 // ---- operators ----
@@ -201,7 +201,7 @@ inline Object next_item(Handle iterator) {
   return item;
 }
 
-// Fills items from an iterable that must hold exactly so many, or raises the told ValueError.
+// Fills items from an iterable that must hold exactly so many, or raises ValueError.
 void unpack_into(Handle iterable, std::span<Object> items);
 
 // a, b, ... = iterable

@@ -92,7 +92,7 @@ class BoundSignature {
  public:
   explicit BoundSignature(const Signature& signature);
 
-  // Binds and converts the arguments of one call, or throws with the told TypeError.
+  // Binds and converts the arguments of one call, or raises TypeError.
   Arguments bind(Handle positional, Handle keywords) const;
 
   const Signature& signature() const { return *signature_; }

@@ -8,7 +8,7 @@
 namespace korvex::cubin_loader {
 
 // The array behind a Python object. TypeError if it is no CUDA array of float64, ValueError if it
-// is not contiguous or not aligned. On which device it is, the driver tells later.
+// is not contiguous or not aligned. The driver says later which device it is on.
 ArrayArgument read_array(const char* kernel, const Parameter& parameter, Handle value);
 
 }  // namespace korvex::cubin_loader

@@ -6,8 +6,8 @@
 
 namespace korvex::cubin_loader {
 
-// The context that torch, cupy and everybody else on the runtime interface uses on a device. It
-// lives as long as anybody holds it.
+// The primary context of a device, which torch, cupy and all users of the CUDA runtime share. It
+// lives as long as one of them holds it.
 class PrimaryContext {
  public:
   PrimaryContext(const Driver& driver, Device device) : driver_(driver), device_(device) {

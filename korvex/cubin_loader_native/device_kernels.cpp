@@ -57,7 +57,7 @@ DeviceKernels::~DeviceKernels() {
     const CurrentContext current(driver_, context());
     module_.reset();
   } catch (const DeviceFailure&) {
-    // Nobody is left to tell; the share in the context is given back all the same.
+    // No caller is left to raise to; the share in the context is given back all the same.
   }
 }
 

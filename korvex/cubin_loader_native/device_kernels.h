@@ -13,7 +13,7 @@
 
 namespace korvex::cubin_loader {
 
-// A device as the driver tells it; to read this needs no context.
+// A device as the driver describes it; reading this needs no context.
 struct DeviceInfo {
   DeviceInfo(const Driver& driver, int device_ordinal);
 

@@ -9,7 +9,7 @@
 
 namespace korvex::cubin_loader {
 
-// The capability of each device that the driver manages; nothing where that cannot be told. It
+// The capability of each device that the driver manages; nothing where that is not known. It
 // initialises no CUDA and leaves nothing behind, so a process may fork afterwards.
 std::optional<std::vector<Capability>> list_devices();
 

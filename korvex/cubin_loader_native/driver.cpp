@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Opening and initialising the driver, and the words of its errors.
+// Opening and initialising the driver, and the texts of its errors.
 #include "korvex/cubin_loader_native/driver.h"
 
 #include <unistd.h>

@@ -42,7 +42,7 @@ double read_floating(const char* kernel, const Parameter& parameter, Handle valu
   return PyFloat_AS_DOUBLE(value);
 }
 
-// Nothing if the product is beyond 64 bits: no array is as long.
+// Nothing if the product is beyond 64 bits: no array is that long.
 std::optional<std::int64_t> least_count(const Launch& launch, const Parameter& parameter) {
   std::int64_t product = 1;
   bool overflow = false;

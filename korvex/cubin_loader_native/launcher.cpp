@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The way of one launch: its device, the module there, the context, the stream.
+// The steps of one launch: its device, the module there, the context, the stream.
 #include "korvex/cubin_loader_native/launcher.h"
 
 #include <unistd.h>

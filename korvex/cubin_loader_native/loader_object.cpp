@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Construction of a loader, get_kernel, and what the loader tells of itself.
+// Construction of a loader, get_kernel, and the attributes of a loader.
 #include "korvex/cubin_loader_native/loader_object.h"
 
 #include <memory>

@@ -30,10 +30,12 @@ void bind_name(const char* name, const Object& value) {
 
 }  // namespace
 
-void define_function(const Signature& row) {
+void define_functions(std::span<const Signature> rows) {
   const ModuleState& state = module_state();
   const Object module_name = interned(kModuleName);
-  bind_name(row.name, make_function(state.function_type, row, {module_name, state.globals}));
+  for (const Signature& row : rows) {
+    bind_name(row.name, make_function(state.function_type, row, {module_name, state.globals}));
+  }
 }
 
 void define_class(const ClassRow& row) {

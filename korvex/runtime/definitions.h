@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// How a folder adds its functions and classes to the module.
+// Functions and classes out of rows: how a folder adds its names to the module.
 #pragma once
 
 #include <initializer_list>
+#include <span>
 
 #include "korvex/cpython/signature.h"
 
@@ -21,8 +22,8 @@ struct ClassRow {
   std::initializer_list<Method> methods;
 };
 
-// Makes the function of a row and binds it to its name in the module's dict.
-void define_function(const Signature& row);
+// Makes the function of each row, in their order, and binds it to its name in the module's dict.
+void define_functions(std::span<const Signature> rows);
 
 // Makes the class of a row, as a class statement would, and binds it to its name.
 void define_class(const ClassRow& row);

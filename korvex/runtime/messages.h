@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Every message of the module itself; those of the calling convention stand in korvex/cpython.
-// Messages of torch, cupy and Python are never copied.
+// Every message of the module itself; those of the calling convention and of unpacking stand in
+// korvex/cpython. Messages of torch, cupy and Python are never copied.
 #pragma once
 
 namespace korvex::messages {
@@ -29,5 +29,6 @@ inline constexpr char kChecksumMismatch[] =
     "  Got:      %U\n"
     "  Expected: %U\n"
     "  This indicates non-reproducible computation.";
+inline constexpr char kReturnType[] = "Expected %s, got %.200s";
 
 }  // namespace korvex::messages

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the process remembers of the one module: its object, its dict, the names, the callable type.
+// What the process remembers of the one module: its object, its dict, constants, the callable type.
 #pragma once
 
+#include <vector>
+
 #include "korvex/cpython/object.h"
-#include "korvex/runtime/names.h"
 
 namespace korvex {
 
@@ -12,7 +13,7 @@ inline constexpr char kModuleName[] = "korvex.tqx_runtime";
 
 // Written while the module is imported, only read afterwards.
 struct ModuleState {
-  Names names;
+  std::vector<Object> constants;
   Object function_type;
   Object module;    // the remembered module; empty before the exec step and after one that failed
   Object globals;   // its dict

@@ -5,8 +5,10 @@
 // second import in the same one gets the same object, and its body runs once. Per-interpreter GIL
 // support is declared only so that the refusal of a second interpreter is ours and not CPython's.
 #include <atomic>
+#include <memory>
 
 #include "korvex/cpython/function.h"
+#include "korvex/runtime/constant.h"
 #include "korvex/runtime/messages.h"
 #include "korvex/runtime/module_state.h"
 #include "korvex/tqx_runtime/startup.h"
@@ -55,11 +57,13 @@ Object create(Handle import_spec) {
 
 void remember(Handle module) {
   if (remembered_state == nullptr) {
-    remembered_state = new ModuleState;
-    remembered_state->function_type = make_function_type();
+    auto state = std::make_unique<ModuleState>();
+    state->constants = Constant::make_all();
+    state->function_type = make_function_type();
     const Handle builtins = PyImport_AddModule("builtins");
     if (builtins == nullptr) throw PythonError{};
-    remembered_state->builtins = object(PyModule_GetDict(builtins));
+    state->builtins = object(PyModule_GetDict(builtins));
+    remembered_state = state.release();
   }
   remembered_state->module = object(module);
   remembered_state->globals = object(PyModule_GetDict(module));

@@ -33,9 +33,9 @@ class Startup {
     set("_NATIVE_LOADER", none());
     make_loader();
     define_limb_result();
-    set("__all__", public_names());
+    set("__all__", list_of_public_names());
     set("_TRITON_BACKEND_OK", boolean(false));
-    run_statement("import cupy as cp");  // an ImportError here is the importer's to see
+    run_statement("import cupy as cp");  // an ImportError here is not caught
     define_reductions();
     define_limb_algebra();
     define_elementwise();
@@ -67,7 +67,7 @@ class Startup {
 
   // Stage two runs only if stage one raised ImportError, in the import or in the constructor. Any
   // other exception leaves the import failed; an ImportError of stage two is swallowed, because
-  // the one text below serves every reason why there is no loader.
+  // one text stands for every reason why there is no loader.
   void make_loader() const {
     if (!try_loader("from .cubin_loader_native import NativeCubinLoader, HAS_CUPY")) {
       try_loader("from cubin_loader_native import NativeCubinLoader, HAS_CUPY");
@@ -94,6 +94,12 @@ class Startup {
   void run_statement(const char* source) const {
     const Object code = checked(Py_CompileString(source, "<korvex.tqx_runtime>", Py_file_input));
     checked(PyEval_EvalCode(code, globals_, globals_));
+  }
+
+  static Object list_of_public_names() {
+    const Object names = list();
+    for (const char* name : kPublicNames) append(names, text(name));
+    return names;
   }
 
   Object get(const char* name) const { return checked(PyObject_GetItem(globals_, interned(name))); }

@@ -83,7 +83,6 @@ def assert_documented(entry, documented):
 
 
 def test_every_public_name_stands_there_with_signature_and_doc_string(module, entries):
-    assert len(module.__all__) == 85
     for name in module.__all__:
         value = getattr(module, name)
         signature, _ = entry = entries[f"{RUNTIME}.{name}"]
@@ -132,8 +131,8 @@ def test_loader_and_emulated_device_stand_there(entries):
 
 def test_names_stand_on_the_page_of_their_folder():
     for page in API.glob("*.md"):
-        is_roof = page.stem == "runtime"
-        folder = TREE / "korvex" / ("tqx_runtime" if is_roof else f"functions/{page.stem}")
+        own = "tqx_runtime" if page.stem == "runtime" else f"functions/{page.stem}"
+        folder = TREE / "korvex" / own
         found = re.search(rf"{{api-names}} {RUNTIME}\n(.*?)```", page.read_text(), re.DOTALL)
         if found:
             sources = "".join(path.read_text() for path in folder.glob("*.cpp"))

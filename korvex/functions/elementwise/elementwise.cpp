@@ -2,7 +2,7 @@
 // The table of contents of the element-wise operators.
 #include "korvex/functions/elementwise/elementwise.h"
 
-#include "korvex/functions/elementwise/rows.h"
+#include "korvex/functions/elementwise/parts.h"
 
 namespace korvex {
 
@@ -12,6 +12,7 @@ void define_elementwise() {
   define_unary();
   define_rounding_comparison();
   define_composed();
+  define_rms_norm();
 }
 
 }  // namespace korvex

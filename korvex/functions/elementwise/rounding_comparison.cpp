@@ -3,19 +3,18 @@
 //
 // The rounding functions and tqx_fmod fold a limb operand and honour return_tqx; tqx_sign, the
 // comparisons and tqx_where do neither. Only x is tested for a CUDA device.
-#include "korvex/functions/elementwise/parameters.h"
-#include "korvex/functions/elementwise/rows.h"
-#include "korvex/runtime/definitions.h"
+#include "korvex/functions/elementwise/parts.h"
+#include "korvex/runtime/runtime.h"
 
 namespace korvex {
 namespace {
 
-template <Object Names::* torch_function>
+template <Spelling torch_function>
 Object rounding(const Arguments& arguments) {
   const Object x = folded(arguments[0]);
   require_cuda(x);
-  const Object function = global(names().torch).get(names().*torch_function);
-  const Object result = function.call(x.method(names().double_));
+  const Object function = torch_member(kName<torch_function>);
+  const Object result = function.call(x.method("double"_name));
   return one_limb(result, x, arguments.flag(1));
 }
 
@@ -23,9 +22,9 @@ Object tqx_fmod(const Arguments& arguments) {
   const Object x = folded(arguments[0]);
   const Object y = folded(arguments[1]);
   require_cuda(x);
-  const Object function = global(names().torch).get(names().fmod);
-  const Object x_f64 = x.method(names().double_);
-  const Object y_f64 = y.method(names().double_);
+  const Object function = torch_member("fmod"_name);
+  const Object x_f64 = x.method("double"_name);
+  const Object y_f64 = y.method("double"_name);
   const Object result = function.call(x_f64, y_f64);
   return one_limb(result, x, arguments.flag(2));
 }
@@ -33,17 +32,17 @@ Object tqx_fmod(const Arguments& arguments) {
 Object tqx_sign(const Arguments& arguments) {
   const Object& x = arguments[0];
   require_cuda(x);
-  const Object function = global(names().torch).get(names().sign);
-  return function.call(x.method(names().double_));
+  const Object function = torch_member("sign"_name);
+  return function.call(x.method("double"_name));
 }
 
-template <Object Names::* torch_function>
+template <Spelling torch_function>
 Object comparison(const Arguments& arguments) {
   const Object& x = arguments[0];
   require_cuda(x);
-  const Object function = global(names().torch).get(names().*torch_function);
-  const Object x_f64 = x.method(names().double_);
-  const Object y_f64 = arguments[1].method(names().double_);
+  const Object function = torch_member(kName<torch_function>);
+  const Object x_f64 = x.method("double"_name);
+  const Object y_f64 = arguments[1].method("double"_name);
   return function.call(x_f64, y_f64);
 }
 
@@ -52,45 +51,35 @@ Object tqx_where(const Arguments& arguments) {
   const Object& condition = arguments[0];
   const Object& x = arguments[1];
   require_cuda(x);
-  const Object function = global(names().torch).get(names().where);
-  const Object x_f64 = x.method(names().double_);
-  const Object y_f64 = arguments[2].method(names().double_);
+  const Object function = torch_member("where"_name);
+  const Object x_f64 = x.method("double"_name);
+  const Object y_f64 = arguments[2].method("double"_name);
   return function.call(condition, x_f64, y_f64);
 }
 
-constexpr char kTensor[] = "torch.Tensor";
-
 constexpr Signature kRows[] = {
-    {"tqx_floor", {kX, kReturnTqx}, nullptr, "Floor function (exact).", rounding<&Names::floor>},
-    {"tqx_ceil", {kX, kReturnTqx}, nullptr, "Ceiling function (exact).", rounding<&Names::ceil>},
+    {"tqx_floor", {kX, kReturnTqx}, nullptr, "Floor function (exact).", rounding<"floor">},
+    {"tqx_ceil", {kX, kReturnTqx}, nullptr, "Ceiling function (exact).", rounding<"ceil">},
     {"tqx_round",
      {kX, kReturnTqx},
      nullptr,
      "Round to nearest integer (exact).",
-     rounding<&Names::round>},
-    {"tqx_trunc",
-     {kX, kReturnTqx},
-     nullptr,
-     "Truncate toward zero (exact).",
-     rounding<&Names::trunc>},
+     rounding<"round">},
+    {"tqx_trunc", {kX, kReturnTqx}, nullptr, "Truncate toward zero (exact).", rounding<"trunc">},
     {"tqx_fmod", {kX, kY, kReturnTqx}, nullptr, "Floating-point modulo (exact).", tqx_fmod},
     {"tqx_sign", {kX}, kTensor, "Sign function (exact).", tqx_sign},
-    {"tqx_eq", {kX, kY}, kTensor, "Element-wise equality comparison.", comparison<&Names::eq>},
-    {"tqx_ne", {kX, kY}, kTensor, "Element-wise not-equal comparison.", comparison<&Names::ne>},
-    {"tqx_lt", {kX, kY}, kTensor, "Element-wise less-than comparison.", comparison<&Names::lt>},
-    {"tqx_le",
-     {kX, kY},
-     kTensor,
-     "Element-wise less-than-or-equal comparison.",
-     comparison<&Names::le>},
-    {"tqx_gt", {kX, kY}, kTensor, "Element-wise greater-than comparison.", comparison<&Names::gt>},
+    {"tqx_eq", {kX, kY}, kTensor, "Element-wise equality comparison.", comparison<"eq">},
+    {"tqx_ne", {kX, kY}, kTensor, "Element-wise not-equal comparison.", comparison<"ne">},
+    {"tqx_lt", {kX, kY}, kTensor, "Element-wise less-than comparison.", comparison<"lt">},
+    {"tqx_le", {kX, kY}, kTensor, "Element-wise less-than-or-equal comparison.", comparison<"le">},
+    {"tqx_gt", {kX, kY}, kTensor, "Element-wise greater-than comparison.", comparison<"gt">},
     {"tqx_ge",
      {kX, kY},
      kTensor,
      "Element-wise greater-than-or-equal comparison.",
-     comparison<&Names::ge>},
+     comparison<"ge">},
     {"tqx_where",
-     {{"condition", Kind::kAny, kTensor}, kX, kY},
+     {tensor_parameter("condition"), kX, kY},
      kTensor,
      "Element-wise conditional selection.",
      tqx_where},
@@ -98,8 +87,6 @@ constexpr Signature kRows[] = {
 
 }  // namespace
 
-void define_rounding_comparison() {
-  for (const Signature& row : kRows) define_function(row);
-}
+void define_rounding_comparison() { define_functions(kRows); }
 
 }  // namespace korvex

@@ -3,44 +3,34 @@
 //
 // A limb operand is folded to one float64 tensor first, and a limb result has that one limb. terms
 // and iterations are converted at the call and reach no kernel; the slope of the leaky ReLU does.
-#include "korvex/functions/elementwise/parameters.h"
-#include "korvex/functions/elementwise/rows.h"
-#include "korvex/runtime/definitions.h"
+#include "korvex/functions/elementwise/parts.h"
+#include "korvex/runtime/runtime.h"
 
 namespace korvex {
 namespace {
 
-// kernel.launch(x, *between, out, n, grid=...), waited for, in the shape of x
+// One launch of (x, *between, out, n) with one thread per element; the output in the shape of x.
 template <typename... Between>
-Object run_kernel(const Object& kernel_name, const Object& x, const Between&... between) {
-  const Object x_f64 =
-      x.method(names().double_).method(names().contiguous).method(names().view, names().minus_one);
-  const Object n = x_f64.method(names().numel);
-  const Object num_blocks = blocks_for(n, kBlock);
+Object run_kernel(Handle kernel_name, const Object& x, const Between&... between) {
+  const Object x_f64 = flat_float64(x);
+  const Object n = x_f64.method("numel"_name);
+  const Object grid = grid_over(n);
   const Object out = empty_like_device(n, x);
-  const Object kernel = get_kernel(kernel_name);
-  {
-    const Object launch = kernel.get(names().launch);
-    const Object x_array = from_dlpack(x_f64);
-    const Object out_array = from_dlpack(out);
-    const Object grid = tuple(num_blocks, names().one, names().one);
-    launch.call_with(names().grid_keyword, x_array, between..., out_array, n, grid);
-  }
-  synchronize();
+  launch(kernel_name, grid, ArrayOf{x_f64}, between..., ArrayOf{out}, n);
   return in_shape_of(out, x);
 }
 
-template <Object Names::* kernel_name, std::size_t return_tqx_position>
+template <Spelling kernel_name, std::size_t return_tqx_position>
 Object unary(const Arguments& arguments) {
   const Object x = folded(arguments[0]);
-  const Object result = run_kernel(names().*kernel_name, x);
+  const Object result = run_kernel(kName<kernel_name>, x);
   return one_limb(result, x, arguments.flag(return_tqx_position));
 }
 
 Object tqx_leaky_relu(const Arguments& arguments) {
   const Object x = folded(arguments[0]);
   const Object& negative_slope = arguments[1];
-  const Object result = run_kernel(names().tqx_leaky_relu_kernel, x, negative_slope);
+  const Object result = run_kernel("tqx_leaky_relu_kernel"_name, x, negative_slope);
   return one_limb(result, x, arguments.flag(2));
 }
 
@@ -53,37 +43,37 @@ constexpr Signature kRows[] = {
      {kX, kReturnTqx},
      nullptr,
      "TQX ReLU using native CUDA kernel.",
-     unary<&Names::tqx_relu_kernel, 1>},
+     unary<"tqx_relu_kernel", 1>},
     {"tqx_neg",
      {kX, kReturnTqx},
      nullptr,
      "TQX negation using native CUDA kernel.",
-     unary<&Names::tqx_neg_kernel, 1>},
+     unary<"tqx_neg_kernel", 1>},
     {"tqx_exp",
      {kX, kTerms, kReturnTqx},
      nullptr,
      "TQX exp using native CUDA kernel with Taylor series + TQX accumulation.",
-     unary<&Names::tqx_exp_kernel, 2>},
+     unary<"tqx_exp_kernel", 2>},
     {"tqx_log",
      {kX, kTerms, kReturnTqx},
      nullptr,
      "TQX log using native CUDA kernel with series + TQX accumulation.",
-     unary<&Names::tqx_log_kernel, 2>},
+     unary<"tqx_log_kernel", 2>},
     {"tqx_sqrt",
      {kX, kIterations, kReturnTqx},
      nullptr,
      "TQX sqrt using native CUDA kernel with Newton-Raphson + TQX.",
-     unary<&Names::tqx_sqrt_kernel, 2>},
+     unary<"tqx_sqrt_kernel", 2>},
     {"tqx_sigmoid",
      {kX, kReturnTqx},
      nullptr,
      "TQX sigmoid using native CUDA kernel.",
-     unary<&Names::tqx_sigmoid_kernel, 1>},
+     unary<"tqx_sigmoid_kernel", 1>},
     {"tqx_tanh",
      {kX, kReturnTqx},
      nullptr,
      "TQX tanh using native CUDA kernel.",
-     unary<&Names::tqx_tanh_kernel, 1>},
+     unary<"tqx_tanh_kernel", 1>},
     {"tqx_leaky_relu",
      {kX, kSlope, kReturnTqx},
      nullptr,
@@ -93,8 +83,6 @@ constexpr Signature kRows[] = {
 
 }  // namespace
 
-void define_unary() {
-  for (const Signature& row : kRows) define_function(row);
-}
+void define_unary() { define_functions(kRows); }
 
 }  // namespace korvex

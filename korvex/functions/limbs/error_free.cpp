@@ -4,9 +4,8 @@
 // The order of the floating-point operations is the whole content: value + error is the exact
 // result only in this order. Operands are anything that has the operators; nothing is checked,
 // converted or waited for, and overflow and NaN flow through the formulas.
-#include "korvex/functions/limbs/rows.h"
-#include "korvex/functions/limbs/two_sum.h"
-#include "korvex/runtime/definitions.h"
+#include "korvex/functions/limbs/parts.h"
+#include "korvex/functions/limbs/rounding_error.h"
 #include "korvex/runtime/runtime.h"
 
 namespace korvex {
@@ -55,18 +54,18 @@ Object two_product(const Arguments& arguments) {
   const Object& a = arguments[0];
   const Object& b = arguments[1];
   const Object p = multiply(a, b);
-  if (!has_attribute(global(names().torch), names().fma)) {
+  if (!has_attribute(global("torch"_name), "fma"_name)) {
     return tuple(p, split_product_error(a, b, p));
   }
-  const Object fma = global(names().torch).get(names().fma);
+  const Object fma = torch_member("fma"_name);
   const Object minus_p = negate(p);
   return tuple(p, fma.call(a, b, minus_p));
 }
 
 // Two zero scalars of torch's default dtype on its default device.
 Object empty_sum() {
-  const Object sum = global(names().torch).get(names().tensor).call(floating(0.0));
-  const Object error = global(names().torch).get(names().tensor).call(floating(0.0));
+  const Object sum = torch_member("tensor"_name).call(floating(0.0));
+  const Object error = torch_member("tensor"_name).call(floating(0.0));
   return tuple(sum, error);
 }
 
@@ -74,56 +73,48 @@ Object empty_sum() {
 Object compensated_sum(const Arguments& arguments) {
   const Object& terms = arguments[0];
   if (PyList_GET_SIZE(terms.handle()) == 0) return empty_sum();
-  Object s = terms.at(names().zero).method(names().clone);
-  Object e = global(names().torch).get(names().zeros_like).call(s);
+  Object s = terms.at(kZero).method("clone"_name);
+  Object e = torch_member("zeros_like"_name).call(s);
   for_each(tail(terms, 1), [&](const Object& t) {
-    const auto [s_new, e_new] = unpack<2>(global(names().two_sum).call(s, t));
+    const auto [s_new, e_new] = unpack<2>(global("_two_sum"_name).call(s, t));
     e = add(e, e_new);
     s = s_new;
   });
   return tuple(s, e);
 }
 
-constexpr Parameter kA{"a", Kind::kAny, "torch.Tensor"};
-constexpr Parameter kB{"b", Kind::kAny, "torch.Tensor"};
 constexpr char kPair[] = "Tuple[torch.Tensor, torch.Tensor]";
 
-constexpr Signature kTwosumF64{"_twosum_f64",
-                               {kA, kB},
-                               nullptr,
-                               "TwoSum in FP64: a + b = s + e EXACTLY.\n"
-                               "Uses Knuth's algorithm. All operations in FP64.",
-                               twosum_f64};
-
-constexpr Signature kTwoSum{"_two_sum",
-                            {kA, kB},
-                            kPair,
-                            "TwoSum: Error-free addition.\n"
-                            "Returns (s, e) where a + b = s + e EXACTLY.",
-                            two_sum};
-
-constexpr Signature kTwoProduct{"_two_product",
-                                {kA, kB},
-                                kPair,
-                                "TwoProduct: Error-free multiplication.\n"
-                                "Returns (p, e) where a * b = p + e EXACTLY.\n"
-                                "Uses FMA if available, otherwise Veltkamp split.",
-                                two_product};
-
-constexpr Signature kCompensatedSum{"_compensated_sum",
-                                    {{"terms", Kind::kList, "List[torch.Tensor]"}},
-                                    kPair,
-                                    "Sum a list of terms with full error tracking.\n"
-                                    "Returns (sum, error) where true_sum = sum + error.",
-                                    compensated_sum};
+constexpr Signature kRows[] = {
+    {"_twosum_f64",
+     {kA, kB},
+     nullptr,
+     "TwoSum in FP64: a + b = s + e EXACTLY.\n"
+     "Uses Knuth's algorithm. All operations in FP64.",
+     twosum_f64},
+    {"_two_sum",
+     {kA, kB},
+     kPair,
+     "TwoSum: Error-free addition.\n"
+     "Returns (s, e) where a + b = s + e EXACTLY.",
+     two_sum},
+    {"_two_product",
+     {kA, kB},
+     kPair,
+     "TwoProduct: Error-free multiplication.\n"
+     "Returns (p, e) where a * b = p + e EXACTLY.\n"
+     "Uses FMA if available, otherwise Veltkamp split.",
+     two_product},
+    {"_compensated_sum",
+     {{"terms", Kind::kList, "List[torch.Tensor]"}},
+     kPair,
+     "Sum a list of terms with full error tracking.\n"
+     "Returns (sum, error) where true_sum = sum + error.",
+     compensated_sum},
+};
 
 }  // namespace
 
-void define_error_free_transforms() {
-  define_function(kTwosumF64);
-  define_function(kTwoSum);
-  define_function(kTwoProduct);
-  define_function(kCompensatedSum);
-}
+void define_error_free_transforms() { define_functions(kRows); }
 
 }  // namespace korvex

@@ -5,8 +5,7 @@
 // derived results carry the device string on unchanged.
 #include "korvex/functions/limbs/decimal_conversion.h"
 #include "korvex/functions/limbs/limbs.h"
-#include "korvex/functions/limbs/two_sum.h"
-#include "korvex/runtime/definitions.h"
+#include "korvex/functions/limbs/rounding_error.h"
 #include "korvex/runtime/runtime.h"
 
 namespace korvex {
@@ -16,27 +15,27 @@ Object init(const Arguments& arguments) {
   const Object& self = arguments[0];
   const Object& limbs = arguments[1];
   const Object& device = arguments[2];
-  set_attribute(self, names().limbs, limbs);
-  set_attribute(self, names().device, device);
+  set_attribute(self, "limbs"_name, limbs);
+  set_attribute(self, "device"_name, device);
   const Py_ssize_t limb_count = PyList_GET_SIZE(limbs.handle());
-  set_attribute(self, names().n_limbs, integer(limb_count));
-  const Object shape = limb_count > 0 ? limbs.at(names().zero).get(names().shape) : tuple();
-  set_attribute(self, names().shape, shape);
-  const Object dtype = global(names().torch).get(names().float64);
-  set_attribute(self, names().dtype, dtype);
+  set_attribute(self, "n_limbs"_name, integer(limb_count));
+  const Object shape = limb_count > 0 ? limbs.at(kZero).get("shape"_name) : tuple();
+  set_attribute(self, "shape"_name, shape);
+  const Object dtype = torch_member("float64"_name);
+  set_attribute(self, "dtype"_name, dtype);
   return none();
 }
 
 // limbs[i].double(), with the list looked up anew each time.
-Object limb_as_double(const Object& self, const Object& index) {
-  return self.get(names().limbs).at(index).method(names().double_);
+Object limb_as_double(const Object& self, Handle index) {
+  return self.get("limbs"_name).at(index).method("double"_name);
 }
 
 // torch.tensor(0.0, dtype=torch.float64): on the CPU, whatever the device string says.
 Object zero_scalar() {
-  const Object tensor = global(names().torch).get(names().tensor);
-  const Object dtype = global(names().torch).get(names().float64);
-  return tensor.call_with(names().dtype_keyword, floating(0.0), dtype);
+  const Object tensor = torch_member("tensor"_name);
+  const Object dtype = torch_member("float64"_name);
+  return tensor.call_with(kKeywords<"dtype">, floating(0.0), dtype);
 }
 
 // One TwoSum of the running result with each limb, from the largest to the smallest (Knuth, TAOCP
@@ -44,12 +43,12 @@ Object zero_scalar() {
 // correct one: that is what collapsing means here.
 Object collapse(const Arguments& arguments) {
   const Object& self = arguments[0];
-  if (equal(self.get(names().n_limbs), names().zero)) return zero_scalar();
-  if (equal(self.get(names().n_limbs), names().one)) return limb_as_double(self, names().zero);
-  Object result = limb_as_double(self, names().zero);
-  Object carry = global(names().torch).get(names().zeros_like).call(result);
+  if (equal(self.get("n_limbs"_name), kZero)) return zero_scalar();
+  if (equal(self.get("n_limbs"_name), kOne)) return limb_as_double(self, kZero);
+  Object result = limb_as_double(self, kZero);
+  Object carry = torch_member("zeros_like"_name).call(result);
   const Object range = object(reinterpret_cast<PyObject*>(&PyRange_Type));
-  const Object indices = range.call(names().one, self.get(names().n_limbs));
+  const Object indices = range.call(kOne, self.get("n_limbs"_name));
   for_each(indices, [&](const Object& i) {
     const Object limb = limb_as_double(self, i);
     const Object s = add(result, limb);
@@ -63,36 +62,33 @@ Object collapse(const Arguments& arguments) {
 // A result of several elements silently gives its first one.
 Object item(const Arguments& arguments) {
   const Object& self = arguments[0];
-  const Object collapsed = self.method(names().collapse);
-  if (equal(collapsed.method(names().numel), names().one)) return collapsed.method(names().item);
-  return collapsed.method(names().flatten).at(names().zero).method(names().item);
+  const Object collapsed = self.method("collapse"_name);
+  if (equal(collapsed.method("numel"_name), kOne)) return collapsed.method("item"_name);
+  return collapsed.method("flatten"_name).at(kZero).method("item"_name);
 }
 
-Object to_float(const Arguments& arguments) { return arguments[0].method(names().item); }
+Object to_float(const Arguments& arguments) { return arguments[0].method("item"_name); }
 
 // TQXResult([operation(limb) for limb in self.limbs], self.device)
 template <typename Operation>
 Object derived_result(const Object& self, const Operation& operation) {
-  const Object new_limbs = list_of(self.get(names().limbs), operation);
-  const Object result_class = global(names().tqx_result);
-  const Object device = self.get(names().device);
-  return result_class.call(new_limbs, device);
+  const Object new_limbs = list_of(self.get("limbs"_name), operation);
+  return limb_result([&] { return new_limbs; }, [&] { return self.get("device"_name); });
 }
 
 Object squeeze(const Arguments& arguments) {
   const Object& self = arguments[0];
   const Object& dim = arguments[1];
   if (is_none(dim)) {
-    return derived_result(self, [](const Object& limb) { return limb.method(names().squeeze); });
+    return derived_result(self, [](const Object& limb) { return limb.method("squeeze"_name); });
   }
-  return derived_result(self,
-                        [&](const Object& limb) { return limb.method(names().squeeze, dim); });
+  return derived_result(self, [&](const Object& limb) { return limb.method("squeeze"_name, dim); });
 }
 
 Object unsqueeze(const Arguments& arguments) {
   const Object& dim = arguments[1];
   return derived_result(arguments[0],
-                        [&](const Object& limb) { return limb.method(names().unsqueeze, dim); });
+                        [&](const Object& limb) { return limb.method("unsqueeze"_name, dim); });
 }
 
 // limb.method(*shape)
@@ -104,24 +100,22 @@ Object with_shape(const Object& limb, Handle method, const Object& shape) {
 Object view(const Arguments& arguments) {
   const Object& shape = arguments[1];
   return derived_result(arguments[0],
-                        [&](const Object& limb) { return with_shape(limb, names().view, shape); });
+                        [&](const Object& limb) { return with_shape(limb, "view"_name, shape); });
 }
 
 Object reshape(const Arguments& arguments) {
   const Object& shape = arguments[1];
   return derived_result(
-      arguments[0], [&](const Object& limb) { return with_shape(limb, names().reshape, shape); });
+      arguments[0], [&](const Object& limb) { return with_shape(limb, "reshape"_name, shape); });
 }
 
 Object repr(const Arguments& arguments) {
   const Object& self = arguments[0];
-  const Object n_limbs = formatted(self.get(names().n_limbs));
-  const Object shape = formatted(self.get(names().shape));
+  const Object n_limbs = formatted(self.get("n_limbs"_name));
+  const Object shape = formatted(self.get("shape"_name));
   return checked(
       PyUnicode_FromFormat("TQXResult(n_limbs=%U, shape=%U)", n_limbs.handle(), shape.handle()));
 }
-
-constexpr Parameter kSelf{"self"};
 
 constexpr char kClassDoc[] =
     "Result of a TQX operation: a number or tensor as a list of float64 limbs.\n"
@@ -150,7 +144,7 @@ constexpr ClassRow kTqxResult{
           nullptr,
           nullptr,
           init}},
-        {{"collapse", {kSelf}, "torch.Tensor", kCollapseDoc, collapse}},
+        {{"collapse", {kSelf}, kTensor, kCollapseDoc, collapse}},
         {{"to_decimal",
           {kSelf, {"index", Kind::kOptionalTuple, "Optional[Tuple]", Default::none()}},
           "Decimal",

@@ -2,7 +2,7 @@
 // The table of contents of the limb functions.
 #include "korvex/functions/limbs/limbs.h"
 
-#include "korvex/functions/limbs/rows.h"
+#include "korvex/functions/limbs/parts.h"
 
 namespace korvex {
 

@@ -6,7 +6,7 @@
 
 namespace korvex {
 
-inline bool assertions_are_on() { return truth(global(names().debug)); }
+inline bool assertions_are_on() { return truth(global("__debug__"_name)); }
 
 // assert holds(), without a text
 template <typename Condition>

@@ -4,8 +4,8 @@
 // Limbs survive every matrix and batch route of tqx_matmul, but not the product of two vectors and
 // not tqx_bmm. Batch members run one after the other, each launched and waited for.
 #include "korvex/functions/linalg/assertions.h"
-#include "korvex/functions/linalg/rows.h"
-#include "korvex/runtime/definitions.h"
+#include "korvex/functions/linalg/parts.h"
+#include "korvex/runtime/runtime.h"
 
 namespace korvex {
 namespace {
@@ -14,14 +14,12 @@ Object minus_two() { return integer(-2); }
 
 // shape[:-2]
 Object batch_part(const Object& tensor) {
-  const Object shape = tensor.get(names().shape);
+  const Object shape = tensor.get("shape"_name);
   return shape.at(checked(PySlice_New(nullptr, minus_two(), nullptr)));
 }
 
 // tensor.shape[axis]
-Object extent(const Object& tensor, const Object& axis) {
-  return tensor.get(names().shape).at(axis);
-}
+Object extent(const Object& tensor, Handle axis) { return tensor.get("shape"_name).at(axis); }
 
 // Calls method(*shape, rows, columns).
 Object call_with_shape(const Object& method, const Object& shape, const Object& rows,
@@ -46,7 +44,7 @@ Object call_with_shape(const Object& method, const Object& shape, const Object& 
 
 Object common_batch_shape(const Object& a_batch, const Object& b_batch) {
   if (!truth(a_batch) && !truth(b_batch)) return tuple();
-  const Object broadcast = global(names().torch).get(names().broadcast_shapes);
+  const Object broadcast = torch_member("broadcast_shapes"_name);
   try {
     return broadcast.call(a_batch, b_batch);
   } catch (const PythonError&) {
@@ -58,14 +56,14 @@ Object common_batch_shape(const Object& a_batch, const Object& b_batch) {
 // tensor.expand(*batch_shape, tensor.shape[-2], tensor.shape[-1]) if its own batch shape differs
 Object expanded(const Object& tensor, const Object& own_batch, const Object& batch_shape) {
   if (!not_equal(own_batch, batch_shape)) return tensor;
-  const Object expand = tensor.get(names().expand);
+  const Object expand = tensor.get("expand"_name);
   const Object rows = extent(tensor, minus_two());
-  const Object columns = extent(tensor, names().minus_one);
+  const Object columns = extent(tensor, kMinusOne);
   return call_with_shape(expand, batch_shape, rows, columns);
 }
 
 Object element_count(const Object& batch_shape) {
-  Object count = names().one;
+  Object count = object(kOne);
   for_each(batch_shape, [&](const Object& entry) { count = in_place_multiply(count, entry); });
   return count;
 }
@@ -78,19 +76,17 @@ struct BatchResult {
 
   // torch.stack(members).reshape(*batch_shape, M, N)
   Object shaped(const Object& stacked) const {
-    return call_with_shape(stacked.get(names().reshape), batch_shape, m, n);
+    return call_with_shape(stacked.get("reshape"_name), batch_shape, m, n);
   }
 };
 
-Object stacked(const Object& members) {
-  return global(names().torch).get(names().stack).call(members);
-}
+Object stacked(const Object& members) { return torch_member("stack"_name).call(members); }
 
 // torch.stack([r.limbs[position] for r in results])
 Object stacked_limb(const Object& results, long position) {
-  const Object stack = global(names().torch).get(names().stack);
+  const Object stack = torch_member("stack"_name);
   return stack.call(list_of(results, [&](const Object& result) {
-    return result.get(names().limbs).at(integer(position));
+    return result.get("limbs"_name).at(integer(position));
   }));
 }
 
@@ -98,13 +94,12 @@ Object assembled_limbs(const Object& results, const BatchResult& batch, const Ob
   const Object limbs0 = stacked_limb(results, 0);
   const Object limbs1 = stacked_limb(results, 1);
   const Object limbs2 = stacked_limb(results, 2);
-  const Object result_class = global(names().tqx_result);
-  const Object shaped0 = batch.shaped(limbs0);
-  const Object shaped1 = batch.shaped(limbs1);
-  const Object shaped2 = batch.shaped(limbs2);
-  const Object limbs = list(shaped0, shaped1, shaped2);
-  const Object device = device_text(a);
-  return result_class.call(limbs, device);
+  return limbs_beside(a, [&] {
+    const Object shaped0 = batch.shaped(limbs0);
+    const Object shaped1 = batch.shaped(limbs1);
+    const Object shaped2 = batch.shaped(limbs2);
+    return list(shaped0, shaped1, shaped2);
+  });
 }
 
 Object batched_product(Object a, Object b, const Object& return_tqx) {
@@ -116,14 +111,14 @@ Object batched_product(Object a, Object b, const Object& return_tqx) {
   b = expanded(b, b_batch, batch.batch_shape);
   const Object batch_size = element_count(batch.batch_shape);
   batch.m = extent(a, minus_two());
-  const Object k = extent(a, names().minus_one);
+  const Object k = extent(a, kMinusOne);
   const Object k2 = extent(b, minus_two());
-  batch.n = extent(b, names().minus_one);
+  batch.n = extent(b, kMinusOne);
   assert_inner_dimensions(k, k2);
-  const Object a_flat = a.method(names().reshape, batch_size, batch.m, k);
-  const Object b_flat = b.method(names().reshape, batch_size, k, batch.n);
+  const Object a_flat = a.method("reshape"_name, batch_size, batch.m, k);
+  const Object b_flat = b.method("reshape"_name, batch_size, k, batch.n);
   const Object results = list_of(range_to(batch_size), [&](const Object& i) {
-    const Object product = global(names().tqx_matmul_2d);
+    const Object product = global("_tqx_matmul_2d"_name);
     const Object a_member = a_flat.at(i);
     const Object b_member = b_flat.at(i);
     return product.call(a_member, b_member, return_tqx);
@@ -133,7 +128,7 @@ Object batched_product(Object a, Object b, const Object& return_tqx) {
 }
 
 bool has_dimensions(const Object& tensor, long count) {
-  return equal(tensor.get(names().ndim), integer(count));
+  return equal(tensor.get("ndim"_name), integer(count));
 }
 
 // Only a is tested for CUDA; b fails in from_dlpack. return_tqx does not reach tqx_dot.
@@ -142,17 +137,17 @@ Object tqx_matmul(const Arguments& arguments) {
   Object b = arguments[1];
   const Object& return_tqx = arguments[2];
   require_cuda(a);
-  if (has_dimensions(a, 1) && has_dimensions(b, 1)) return global(names().tqx_dot).call(a, b);
+  if (has_dimensions(a, 1) && has_dimensions(b, 1)) return global("tqx_dot"_name).call(a, b);
   const bool squeeze_a = has_dimensions(a, 1);
-  if (squeeze_a) a = a.method(names().unsqueeze, names().zero);
+  if (squeeze_a) a = a.method("unsqueeze"_name, kZero);
   const bool squeeze_b = has_dimensions(b, 1);
-  if (squeeze_b) b = b.method(names().unsqueeze, names().minus_one);
+  if (squeeze_b) b = b.method("unsqueeze"_name, kMinusOne);
   const bool both_matrices = has_dimensions(a, 2) && has_dimensions(b, 2);
-  Object result = both_matrices ? global(names().tqx_matmul_2d).call(a, b, return_tqx)
+  Object result = both_matrices ? global("_tqx_matmul_2d"_name).call(a, b, return_tqx)
                                 : batched_product(a, b, return_tqx);
   // A tensor and a TQXResult answer to the same squeeze.
-  if (squeeze_a) result = result.method(names().squeeze, minus_two());
-  if (squeeze_b) result = result.method(names().squeeze, names().minus_one);
+  if (squeeze_a) result = result.method("squeeze"_name, minus_two());
+  if (squeeze_b) result = result.method("squeeze"_name, kMinusOne);
   return result;
 }
 
@@ -161,54 +156,47 @@ Object tqx_bmm(const Arguments& arguments) {
   const Object& a = arguments[0];
   const Object& b = arguments[1];
   assert_plain([&] { return has_dimensions(a, 3) && has_dimensions(b, 3); });
-  const auto [batch, m, k] = unpack<3>(a.get(names().shape));
-  const auto [batch2, k2, n] = unpack<3>(b.get(names().shape));
+  const auto [batch, m, k] = unpack<3>(a.get("shape"_name));
+  const auto [batch2, k2, n] = unpack<3>(b.get("shape"_name));
   assert_plain([&, &batch = batch, &batch2 = batch2, &k = k, &k2 = k2] {
     return equal(batch, batch2) && equal(k, k2);
   });
   const Object results = list_of(range_to(batch), [&](const Object& i) {
-    const Object product = global(names().tqx_matmul);
+    const Object product = global("tqx_matmul"_name);
     const Object a_member = a.at(i);
     const Object b_member = b.at(i);
-    return product.call_with(names().return_tqx_keyword, a_member, b_member, boolean(false));
+    return product.call_with(kKeywords<"return_tqx">, a_member, b_member, boolean(false));
   });
   return stacked(results);
 }
 
-constexpr Parameter kA{"a", Kind::kAny, "torch.Tensor"};
-constexpr Parameter kB{"b", Kind::kAny, "torch.Tensor"};
-constexpr Parameter kReturnTqx{"return_tqx", Kind::kBool, "bool", Default::boolean(false)};
-
-constexpr Signature kMatmul{
-    "tqx_matmul",
-    {kA, kB, kReturnTqx},
-    "torch.Tensor",
-    "TQX exact matmul with full shape support (1D-4D).\n"
-    "\n"
-    "Supports same semantics as torch.matmul:\n"
-    "- 1D @ 1D: dot product, always a collapsed tensor\n"
-    "- 1D @ 2D, 2D @ 1D: vector with matrix, matrix with vector\n"
-    "- 2D @ 2D: matrix product\n"
-    "- more dimensions: products of the last two, batch dimensions broadcast\n"
-    "\n"
-    "With return_tqx=True a matrix product is a TQXResult of three limbs.\n"
-    "\n"
-    "Raises:\n"
-    "    RuntimeError: a is not on a CUDA device, or batch shapes do not broadcast.\n"
-    "    AssertionError: inner dimensions differ.",
-    tqx_matmul};
-
-constexpr Signature kBmm{"tqx_bmm",
-                         {kA, kB, kReturnTqx},
-                         "torch.Tensor",
-                         "TQX batch matmul using TQX matmul per batch.",
-                         tqx_bmm};
+constexpr Signature kRows[] = {
+    {"tqx_matmul",
+     {kA, kB, kReturnTqx},
+     kTensor,
+     "TQX exact matmul with full shape support (1D-4D).\n"
+     "\n"
+     "Supports same semantics as torch.matmul:\n"
+     "- 1D @ 1D: dot product, always a collapsed tensor\n"
+     "- 1D @ 2D, 2D @ 1D: vector with matrix, matrix with vector\n"
+     "- 2D @ 2D: matrix product\n"
+     "- more dimensions: products of the last two, batch dimensions broadcast\n"
+     "\n"
+     "With return_tqx=True a matrix product is a TQXResult of three limbs.\n"
+     "\n"
+     "Raises:\n"
+     "    RuntimeError: a is not on a CUDA device, or batch shapes do not broadcast.\n"
+     "    AssertionError: inner dimensions differ.",
+     tqx_matmul},
+    {"tqx_bmm",
+     {kA, kB, kReturnTqx},
+     kTensor,
+     "TQX batch matmul using TQX matmul per batch.",
+     tqx_bmm},
+};
 
 }  // namespace
 
-void define_general_product() {
-  define_function(kMatmul);
-  define_function(kBmm);
-}
+void define_general_product() { define_functions(kRows); }
 
 }  // namespace korvex

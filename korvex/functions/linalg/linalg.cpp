@@ -2,7 +2,7 @@
 // The table of contents of the linear algebra.
 #include "korvex/functions/linalg/linalg.h"
 
-#include "korvex/functions/linalg/rows.h"
+#include "korvex/functions/linalg/parts.h"
 
 namespace korvex {
 

@@ -3,8 +3,7 @@
 //
 // Hashed are the raw bytes of the collapsed values in row-major order and nothing else: no shape,
 // no dtype, no device, no limb count. The text must never change.
-#include "korvex/functions/provenance/rows.h"
-#include "korvex/runtime/definitions.h"
+#include "korvex/functions/provenance/parts.h"
 #include "korvex/runtime/runtime.h"
 
 namespace korvex {
@@ -23,21 +22,20 @@ Object capped(const Object& truncate) {
 Object tqx_checksum(const Arguments& arguments) {
   const Object& x = arguments[0];
   const Object& truncate = arguments[1];
-  const bool is_result = is_instance(x, global(names().tqx_result));
-  const Object tensor = is_result ? x.method(names().collapse) : x;
+  const Object tensor = folded(x);
   const Object tensor_f64 =
-      tensor.method(names().double_).method(names().cpu).method(names().contiguous);
-  const Object data_bytes = tensor_f64.method(names().numpy).method(names().tobytes);
-  const Object sha256 = global(names().hashlib).get(names().sha256);
-  const Object full_hash = sha256.call(data_bytes).method(names().hexdigest);
+      tensor.method("double"_name).method("cpu"_name).method("contiguous"_name);
+  const Object data_bytes = tensor_f64.method("numpy"_name).method("tobytes"_name);
+  const Object sha256 = global("hashlib"_name).get("sha256"_name);
+  const Object full_hash = sha256.call(data_bytes).method("hexdigest"_name);
   const Object stop = capped(truncate);
   const Object slice = checked(PySlice_New(nullptr, stop, nullptr));
   return full_hash.at(slice);
 }
 
 Object tqx_checksum_hex(const Arguments& arguments) {
-  const Object checksum = global(names().tqx_checksum);
-  return checksum.call_with(names().truncate_keyword, arguments[0], integer(kFullLength));
+  const Object checksum = global("tqx_checksum"_name);
+  return checksum.call_with(kKeywords<"truncate">, arguments[0], integer(kFullLength));
 }
 
 // expected[:truncate] with a machine-word stop: one that is too large raises OverflowError.
@@ -58,8 +56,8 @@ Object tqx_verify(const Arguments& arguments) {
   const Object& expected = arguments[1];
   const Object& truncate = arguments[2];
   const bool raise_on_mismatch = arguments.flag(3);
-  const Object checksum = global(names().tqx_checksum);
-  const Object actual = checksum.call_with(names().truncate_keyword, x, truncate);
+  const Object checksum = global("tqx_checksum"_name);
+  const Object actual = checksum.call_with(kKeywords<"truncate">, x, truncate);
   const Object expected_truncated = truncated(expected, truncate);
   const bool match = equal(actual, expected_truncated);
   if (!match && raise_on_mismatch) raise_mismatch(actual, expected_truncated);
@@ -67,66 +65,60 @@ Object tqx_verify(const Arguments& arguments) {
 }
 
 constexpr char kValueAnnotation[] = "Union[torch.Tensor, TQXResult]";
-constexpr Parameter kX{"x", Kind::kAny, kValueAnnotation};
+constexpr Parameter kResult{"x", Kind::kAny, kValueAnnotation};
 constexpr Parameter kTruncate{"truncate", Kind::kInt, "int", Default::integer(16)};
 
-constexpr Signature kChecksum{
-    "tqx_checksum",
-    {kX, kTruncate},
-    "str",
-    "Compute SHA256 checksum of TQX result for reproducibility verification.\n"
-    "\n"
-    "The checksum depends on the float64 values alone: not on shape, device or machine.\n"
-    "A TQXResult is collapsed first.\n"
-    "\n"
-    "Args:\n"
-    "    x: Tensor on any device, or TQXResult.\n"
-    "    truncate: Number of hex characters to return (default 16, max 64)\n"
-    "\n"
-    "Returns:\n"
-    "    str: lower-case hexadecimal text.",
-    tqx_checksum};
-
-constexpr Signature kChecksumHex{"tqx_checksum_hex",
-                                 {kX},
-                                 "str",
-                                 "Compute full 64-character SHA256 hex checksum.\n"
-                                 "\n"
-                                 "Args:\n"
-                                 "    x: Tensor on any device, or TQXResult.\n"
-                                 "\n"
-                                 "Returns:\n"
-                                 "    str: all 64 lower-case hexadecimal characters.",
-                                 tqx_checksum_hex};
-
-constexpr Signature kVerify{
-    "tqx_verify",
-    {kX,
-     {"expected", Kind::kStr, "str"},
-     kTruncate,
-     {"raise_on_mismatch", Kind::kBool, "bool", Default::boolean(true)}},
-    "bool",
-    "Verify that a TQX result matches an expected checksum.\n"
-    "\n"
-    "Args:\n"
-    "    x: Tensor on any device, or TQXResult.\n"
-    "    expected: Checksum to compare with; its first truncate characters count.\n"
-    "    truncate: Number of hex characters to compare (default 16, max 64)\n"
-    "    raise_on_mismatch: If True (default), raise instead of returning False.\n"
-    "\n"
-    "Returns:\n"
-    "    bool: True if the checksums match.\n"
-    "\n"
-    "Raises:\n"
-    "    ValueError: TQX checksum mismatch! Got: ..., Expected: ...",
-    tqx_verify};
+constexpr Signature kRows[] = {
+    {"tqx_checksum",
+     {kResult, kTruncate},
+     "str",
+     "Compute SHA256 checksum of TQX result for reproducibility verification.\n"
+     "\n"
+     "The checksum depends on the float64 values alone: not on shape, device or machine.\n"
+     "A TQXResult is collapsed first.\n"
+     "\n"
+     "Args:\n"
+     "    x: Tensor on any device, or TQXResult.\n"
+     "    truncate: Number of hex characters to return (default 16, max 64)\n"
+     "\n"
+     "Returns:\n"
+     "    str: lower-case hexadecimal text.",
+     tqx_checksum},
+    {"tqx_checksum_hex",
+     {kResult},
+     "str",
+     "Compute full 64-character SHA256 hex checksum.\n"
+     "\n"
+     "Args:\n"
+     "    x: Tensor on any device, or TQXResult.\n"
+     "\n"
+     "Returns:\n"
+     "    str: all 64 lower-case hexadecimal characters.",
+     tqx_checksum_hex},
+    {"tqx_verify",
+     {kResult,
+      {"expected", Kind::kStr, "str"},
+      kTruncate,
+      {"raise_on_mismatch", Kind::kBool, "bool", Default::boolean(true)}},
+     "bool",
+     "Verify that a TQX result matches an expected checksum.\n"
+     "\n"
+     "Args:\n"
+     "    x: Tensor on any device, or TQXResult.\n"
+     "    expected: Checksum to compare with; its first truncate characters count.\n"
+     "    truncate: Number of hex characters to compare (default 16, max 64)\n"
+     "    raise_on_mismatch: If True (default), raise instead of returning False.\n"
+     "\n"
+     "Returns:\n"
+     "    bool: True if the checksums match.\n"
+     "\n"
+     "Raises:\n"
+     "    ValueError: TQX checksum mismatch! Got: ..., Expected: ...",
+     tqx_verify},
+};
 
 }  // namespace
 
-void define_checksums() {
-  define_function(kChecksum);
-  define_function(kChecksumHex);
-  define_function(kVerify);
-}
+void define_checksums() { define_functions(kRows); }
 
 }  // namespace korvex

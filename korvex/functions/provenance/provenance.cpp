@@ -2,7 +2,7 @@
 // The table of contents of provenance.
 #include "korvex/functions/provenance/provenance.h"
 
-#include "korvex/functions/provenance/rows.h"
+#include "korvex/functions/provenance/parts.h"
 
 namespace korvex {
 

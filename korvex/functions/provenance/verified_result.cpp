@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // TQXVerifiedResult: a result with the checksum it had when it was wrapped.
 //
-// The value is held by reference and not frozen: that is what verify() finds out.
-#include "korvex/cpython/messages.h"
-#include "korvex/functions/provenance/rows.h"
-#include "korvex/runtime/definitions.h"
+// The value is held by reference and may change; verify() finds that out.
+#include "korvex/functions/provenance/parts.h"
 #include "korvex/runtime/runtime.h"
 
 namespace korvex {
@@ -15,17 +13,17 @@ Object init(const Arguments& arguments) {
   const Object& self = arguments[0];
   const Object& value = arguments[1];
   const Object& checksum = arguments[2];
-  set_attribute(self, names().value, value);
-  const Object stored = truth(checksum) ? checksum : global(names().tqx_checksum).call(value);
-  set_attribute(self, names().checksum, stored);
-  const Object device = has_attribute(value, names().device) ? device_text(value) : text("cpu");
-  set_attribute(self, names().device_attribute, device);
+  set_attribute(self, "value"_name, value);
+  const Object stored = truth(checksum) ? checksum : global("tqx_checksum"_name).call(value);
+  set_attribute(self, "_checksum"_name, stored);
+  const Object device = has_attribute(value, "device"_name) ? device_text(value) : text("cpu");
+  set_attribute(self, "_device"_name, device);
   return none();
 }
 
 // The stored text; the one place where a value is tested on its way out.
 Object checksum(const Arguments& arguments) {
-  const Object stored = arguments[0].get(names().checksum);
+  const Object stored = arguments[0].get("_checksum"_name);
   if (PyUnicode_CheckExact(stored.handle()) == 0 && !is_none(stored)) {
     raise_formatted(PyExc_TypeError, messages::kReturnType, "str", Py_TYPE(stored)->tp_name);
   }
@@ -33,37 +31,35 @@ Object checksum(const Arguments& arguments) {
 }
 
 Object checksum_full(const Arguments& arguments) {
-  const Object full_text = global(names().tqx_checksum_hex);
-  const Object value = arguments[0].get(names().value);
+  const Object full_text = global("tqx_checksum_hex"_name);
+  const Object value = arguments[0].get("value"_name);
   return full_text.call(value);
 }
 
 Object verify(const Arguments& arguments) {
   const Object& self = arguments[0];
-  const Object verify_checksum = global(names().tqx_verify);
-  const Object value = self.get(names().value);
-  const Object stored = self.get(names().checksum);
-  return verify_checksum.call_with(names().raise_on_mismatch_keyword, value, stored, boolean(true));
+  const Object verify_checksum = global("tqx_verify"_name);
+  const Object value = self.get("value"_name);
+  const Object stored = self.get("_checksum"_name);
+  return verify_checksum.call_with(kKeywords<"raise_on_mismatch">, value, stored, boolean(true));
 }
 
 // Both kinds of value answer to the same call; the test stays although it changes nothing.
 Object item(const Arguments& arguments) {
   const Object& self = arguments[0];
-  if (is_instance(self.get(names().value), global(names().tqx_result))) {
-    return self.get(names().value).method(names().item);
+  if (is_limb_result(self.get("value"_name))) {
+    return self.get("value"_name).method("item"_name);
   }
-  return self.get(names().value).method(names().item);
+  return self.get("value"_name).method("item"_name);
 }
 
 Object repr(const Arguments& arguments) {
   const Object& self = arguments[0];
-  const Object stored = formatted(self.get(names().checksum));
-  const Object device = formatted(self.get(names().device_attribute));
+  const Object stored = formatted(self.get("_checksum"_name));
+  const Object device = formatted(self.get("_device"_name));
   return checked(PyUnicode_FromFormat("TQXVerifiedResult(checksum='%U', device='%U')",
                                       stored.handle(), device.handle()));
 }
-
-constexpr Parameter kSelf{"self"};
 
 constexpr char kClassDoc[] =
     "A TQX result with the checksum it had when it was wrapped.\n"

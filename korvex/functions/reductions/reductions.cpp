@@ -2,7 +2,7 @@
 // The table of contents of the reductions.
 #include "korvex/functions/reductions/reductions.h"
 
-#include "korvex/functions/reductions/rows.h"
+#include "korvex/functions/reductions/parts.h"
 
 namespace korvex {
 
@@ -11,6 +11,7 @@ void define_reductions() {
   define_dot();
   define_kernel_reductions();
   define_extrema();
+  define_trace();
   define_exact_decimals();
 }
 

@@ -1,30 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
 // tqx_atan2: the quadrant of tqx_atan(y / x) by six selections, all of them made for every element.
-#include "korvex/functions/series/rows.h"
-#include "korvex/functions/series/running_sum.h"
-#include "korvex/runtime/definitions.h"
+#include "korvex/functions/series/parts.h"
+#include "korvex/functions/series/steps.h"
+#include "korvex/runtime/runtime.h"
 
 namespace korvex {
 namespace {
 
 // (x ? 0) & (y ? 0), with the comparisons given; a negative zero counts as zero.
 Object both(const Object& x, int x_operation, const Object& y, int y_operation) {
-  const Object x_holds = compare(x, names().zero, x_operation);
-  const Object y_holds = compare(y, names().zero, y_operation);
+  const Object x_holds = compare(x, kZero, x_operation);
+  const Object y_holds = compare(y, kZero, y_operation);
   return bit_and(x_holds, y_holds);
 }
 
 // torch.tensor(0.0, device=y.device), in torch's default dtype
 Object zero_of_default_dtype(const Object& y) {
-  const Object tensor = global(names().torch).get(names().tensor);
-  const Object device = y.get(names().device);
-  return tensor.call_with(names().device_keyword, floating(0.0), device);
+  const Object tensor = torch_member("tensor"_name);
+  const Object device = y.get("device"_name);
+  return tensor.call_with(kKeywords<"device">, floating(0.0), device);
 }
 
 Object quadrant(const Object& y, const Object& x, const Object& base, const Object& pi) {
   // The first selection changes nothing; it is made all the same.
-  Object result =
-      where([&] { return compare(x, names().zero, Py_GT); }, [&] { return base; }, base);
+  Object result = where([&] { return compare(x, kZero, Py_GT); }, [&] { return base; }, base);
   result = where([&] { return both(x, Py_LT, y, Py_GE); }, [&] { return add(base, pi); }, result);
   result =
       where([&] { return both(x, Py_LT, y, Py_LT); }, [&] { return subtract(base, pi); }, result);
@@ -42,23 +41,25 @@ Object tqx_atan2(const Arguments& arguments) {
   Object x = folded(arguments[1]);
   require_cuda(y);
   require_cuda(x);
-  y = y.method(names().double_);
-  x = x.method(names().double_);
-  const Object pi = float64_scalar([] { return global(names().torch).get(names().pi); }, y);
-  const Object atan = global(names().tqx_atan);
+  y = y.method("double"_name);
+  x = x.method("double"_name);
+  const Object pi = float64_scalar([] { return torch_member("pi"_name); }, y);
+  const Object atan = global("tqx_atan"_name);
   const Object base = atan.call(divide(y, x));
   const Object result = quadrant(y, x, base, pi);
   return one_limb(result, y, arguments.flag(2));
 }
 
-constexpr Signature kAtan2{"tqx_atan2",
-                           {{"y", Kind::kAny, "torch.Tensor"}, kSeriesX, kSeriesReturnTqx},
-                           nullptr,
-                           "TRUE TQX atan2 using tqx_atan with quadrant handling.",
-                           tqx_atan2};
+constexpr Signature kRows[] = {
+    {"tqx_atan2",
+     {kY, kX, kReturnTqx},
+     nullptr,
+     "TRUE TQX atan2 using tqx_atan with quadrant handling.",
+     tqx_atan2},
+};
 
 }  // namespace
 
-void define_atan2() { define_function(kAtan2); }
+void define_atan2() { define_functions(kRows); }
 
 }  // namespace korvex

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // tqx_sin, tqx_cos and tqx_tan: Taylor series on an argument reduced to -pi..pi.
-#include "korvex/functions/series/rows.h"
-#include "korvex/functions/series/running_sum.h"
-#include "korvex/runtime/definitions.h"
+#include "korvex/functions/series/parts.h"
+#include "korvex/functions/series/steps.h"
+#include "korvex/runtime/runtime.h"
 
 namespace korvex {
 namespace {
 
-Object torch_pi() { return global(names().torch).get(names().pi); }
+Object torch_pi() { return torch_member("pi"_name); }
 
 // 2 * torch.pi
 Object two_pi() {
@@ -18,7 +18,7 @@ Object two_pi() {
 // The comparison is strict, so torch.pi itself stays. The rounding of 2 * pi and of the reduction
 // is not tracked.
 Object reduced(const Object& x) {
-  const Object remainder = global(names().torch).get(names().remainder);
+  const Object remainder = torch_member("remainder"_name);
   const Object x_red = remainder.call(x, two_pi());
   return where([&] { return compare(x_red, torch_pi(), Py_GT); },
                [&] { return subtract(x_red, two_pi()); }, x_red);
@@ -32,13 +32,13 @@ Object next_term(const Object& term, const Object& x_squared, const Object& divi
 
 // The term made in the last iteration is never added: each prepares the next one.
 Object tqx_sin(const Arguments& arguments) {
-  const Object x = series_operand(arguments[0]).method(names().double_);
+  const Object x = series_operand(arguments[0]).method("double"_name);
   const Object x_red = reduced(x);
   RunningSum sum;
-  sum.result = like(names().zeros_like, x);
-  sum.error = like(names().zeros_like, x);
-  Object term = x_red.method(names().clone);
-  // Made and never read.
+  sum.result = like("zeros_like"_name, x);
+  sum.error = like("zeros_like"_name, x);
+  Object term = x_red.method("clone"_name);
+  // Made in the documented order, and never read.
   const Object factorial = float64_scalar([] { return floating(1.0); }, x);
   const Object x_squared = product_value(x_red, x_red);
   for_terms(0, arguments[1], [&](long long n) {
@@ -52,11 +52,11 @@ Object tqx_sin(const Arguments& arguments) {
 
 // The leading 1 never passes through TwoSum as a term.
 Object tqx_cos(const Arguments& arguments) {
-  const Object x = series_operand(arguments[0]).method(names().double_);
+  const Object x = series_operand(arguments[0]).method("double"_name);
   const Object x_red = reduced(x);
   RunningSum sum;
-  sum.result = like(names().ones_like, x);
-  sum.error = like(names().zeros_like, x);
+  sum.result = like("ones_like"_name, x);
+  sum.error = like("zeros_like"_name, x);
   const Object x_squared = product_value(x_red, x_red);
   Object term = divide(negate(x_squared), floating(2.0));
   for_terms(1, arguments[1], [&](long long n) {
@@ -71,41 +71,37 @@ Object tqx_cos(const Arguments& arguments) {
 // The sine first, then the cosine, both with their defaults, then one plain division.
 Object tqx_tan(const Arguments& arguments) {
   const Object x = series_operand(arguments[0]);
-  const Object sine = global(names().tqx_sin).call(x);
-  const Object cosine = global(names().tqx_cos).call(x);
+  const Object sine = global("tqx_sin"_name).call(x);
+  const Object cosine = global("tqx_cos"_name).call(x);
   const Object result = divide(sine, cosine);
   return one_limb(result, x, arguments.flag(1));
 }
 
-constexpr Signature kSin{"tqx_sin",
-                         {kSeriesX, term_count(20), kSeriesReturnTqx},
-                         nullptr,
-                         "TRUE TQX sine using compensated Taylor series.\n"
-                         "sin(x) = x - x³/3! + x⁵/5! - x⁷/7! + ...\n"
-                         "Each term computed with TwoProduct, accumulated with TwoSum.\n"
-                         "Achieves ~1e-30 accuracy vs FP64's ~1e-16.",
-                         tqx_sin};
-
-constexpr Signature kCos{"tqx_cos",
-                         {kSeriesX, term_count(20), kSeriesReturnTqx},
-                         nullptr,
-                         "TRUE TQX cosine using compensated Taylor series.\n"
-                         "cos(x) = 1 - x²/2! + x⁴/4! - x⁶/6! + ...\n"
-                         "Each term computed with TwoProduct, accumulated with TwoSum.",
-                         tqx_cos};
-
-constexpr Signature kTan{"tqx_tan",
-                         {kSeriesX, kSeriesReturnTqx},
-                         nullptr,
-                         "TRUE TQX tangent: sin(x)/cos(x) using compensated series.",
-                         tqx_tan};
+constexpr Signature kRows[] = {
+    {"tqx_sin",
+     {kX, term_count(20), kReturnTqx},
+     nullptr,
+     "TRUE TQX sine using compensated Taylor series.\n"
+     "sin(x) = x - x³/3! + x⁵/5! - x⁷/7! + ...\n"
+     "Each term computed with TwoProduct, accumulated with TwoSum.\n"
+     "Achieves ~1e-30 accuracy vs FP64's ~1e-16.",
+     tqx_sin},
+    {"tqx_cos",
+     {kX, term_count(20), kReturnTqx},
+     nullptr,
+     "TRUE TQX cosine using compensated Taylor series.\n"
+     "cos(x) = 1 - x²/2! + x⁴/4! - x⁶/6! + ...\n"
+     "Each term computed with TwoProduct, accumulated with TwoSum.",
+     tqx_cos},
+    {"tqx_tan",
+     {kX, kReturnTqx},
+     nullptr,
+     "TRUE TQX tangent: sin(x)/cos(x) using compensated series.",
+     tqx_tan},
+};
 
 }  // namespace
 
-void define_circular() {
-  define_function(kSin);
-  define_function(kCos);
-  define_function(kTan);
-}
+void define_circular() { define_functions(kRows); }
 
 }  // namespace korvex

@@ -3,19 +3,19 @@
 //
 // The two loops differ in their order: sinh makes a term and adds it, cosh adds a term and makes
 // the next one, so the last term that cosh makes is never added.
-#include "korvex/functions/series/rows.h"
-#include "korvex/functions/series/running_sum.h"
-#include "korvex/runtime/definitions.h"
+#include "korvex/functions/series/parts.h"
+#include "korvex/functions/series/steps.h"
+#include "korvex/runtime/runtime.h"
 
 namespace korvex {
 namespace {
 
 Object tqx_sinh(const Arguments& arguments) {
-  const Object x = series_operand(arguments[0]).method(names().double_);
+  const Object x = series_operand(arguments[0]).method("double"_name);
   RunningSum sum;
-  sum.result = x.method(names().clone);
-  sum.error = like(names().zeros_like, x);
-  Object term = x.method(names().clone);
+  sum.result = x.method("clone"_name);
+  sum.error = like("zeros_like"_name, x);
+  Object term = x.method("clone"_name);
   const Object x_squared = product_value(x, x);
   for_terms(1, arguments[1], [&](long long n) {
     const long long power = 2 * n;
@@ -28,10 +28,10 @@ Object tqx_sinh(const Arguments& arguments) {
 }
 
 Object tqx_cosh(const Arguments& arguments) {
-  const Object x = series_operand(arguments[0]).method(names().double_);
+  const Object x = series_operand(arguments[0]).method("double"_name);
   RunningSum sum;
-  sum.result = like(names().ones_like, x);
-  sum.error = like(names().zeros_like, x);
+  sum.result = like("ones_like"_name, x);
+  sum.error = like("zeros_like"_name, x);
   const Object x_squared = product_value(x, x);
   Object term = divide(x_squared, floating(2.0));
   for_terms(1, arguments[1], [&](long long n) {
@@ -44,25 +44,23 @@ Object tqx_cosh(const Arguments& arguments) {
   return one_limb(sum.final_value(), x, arguments.flag(2));
 }
 
-constexpr Signature kSinh{"tqx_sinh",
-                          {kSeriesX, term_count(20), kSeriesReturnTqx},
-                          nullptr,
-                          "TRUE TQX hyperbolic sine using compensated Taylor series.\n"
-                          "sinh(x) = x + x³/3! + x⁵/5! + x⁷/7! + ...",
-                          tqx_sinh};
-
-constexpr Signature kCosh{"tqx_cosh",
-                          {kSeriesX, term_count(20), kSeriesReturnTqx},
-                          nullptr,
-                          "TRUE TQX hyperbolic cosine using compensated Taylor series.\n"
-                          "cosh(x) = 1 + x²/2! + x⁴/4! + x⁶/6! + ...",
-                          tqx_cosh};
+constexpr Signature kRows[] = {
+    {"tqx_sinh",
+     {kX, term_count(20), kReturnTqx},
+     nullptr,
+     "TRUE TQX hyperbolic sine using compensated Taylor series.\n"
+     "sinh(x) = x + x³/3! + x⁵/5! + x⁷/7! + ...",
+     tqx_sinh},
+    {"tqx_cosh",
+     {kX, term_count(20), kReturnTqx},
+     nullptr,
+     "TRUE TQX hyperbolic cosine using compensated Taylor series.\n"
+     "cosh(x) = 1 + x²/2! + x⁴/4! + x⁶/6! + ...",
+     tqx_cosh},
+};
 
 }  // namespace
 
-void define_hyperbolic() {
-  define_function(kSinh);
-  define_function(kCosh);
-}
+void define_hyperbolic() { define_functions(kRows); }
 
 }  // namespace korvex

@@ -1,19 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 // tqx_asin, tqx_acos and tqx_atan: series without a domain check.
-#include "korvex/functions/series/rows.h"
-#include "korvex/functions/series/running_sum.h"
-#include "korvex/runtime/definitions.h"
+#include "korvex/functions/series/parts.h"
+#include "korvex/functions/series/steps.h"
+#include "korvex/runtime/runtime.h"
 
 namespace korvex {
 namespace {
 
-// Converges slowly at the edge of the domain and grows outside it: both are what it returns.
+// Converges slowly at the edge of the domain and diverges outside it; neither is corrected.
 Object tqx_asin(const Arguments& arguments) {
-  const Object x = series_operand(arguments[0]).method(names().double_);
+  const Object x = series_operand(arguments[0]).method("double"_name);
   RunningSum sum;
-  sum.result = x.method(names().clone);
-  sum.error = like(names().zeros_like, x);
-  Object term = x.method(names().clone);
+  sum.result = x.method("clone"_name);
+  sum.error = like("zeros_like"_name, x);
+  Object term = x.method("clone"_name);
   const Object x_squared = product_value(x, x);
   for_terms(1, arguments[1], [&](long long n) {
     const Object coeff_num = integer((2 * n - 1) * (2 * n - 1));
@@ -30,7 +30,7 @@ Object tqx_asin(const Arguments& arguments) {
 Object pi_half_scalar(const Object& x) {
   return float64_scalar(
       [] {
-        const Object pi = global(names().torch).get(names().pi);
+        const Object pi = torch_member("pi"_name);
         return divide(pi, integer(2));
       },
       x);
@@ -39,15 +39,13 @@ Object pi_half_scalar(const Object& x) {
 Object tqx_acos(const Arguments& arguments) {
   const Object x = series_operand(arguments[0]);
   const Object pi_half = pi_half_scalar(x);
-  const Object asin = global(names().tqx_asin).call(x);
+  const Object asin = global("tqx_asin"_name).call(x);
   const Object result = subtract(pi_half, asin);
   return one_limb(result, x, arguments.flag(1));
 }
 
 // x > 0, or another comparison with the int 0
-Object compared_with_zero(const Object& x, int operation) {
-  return compare(x, names().zero, operation);
-}
+Object compared_with_zero(const Object& x, int operation) { return compare(x, kZero, operation); }
 
 // pi/2 - final where x > 1, -pi/2 - final where x < -1
 Object undo_inversion(const Object& x, const Object& large_x, const Object& pi_half,
@@ -61,14 +59,14 @@ Object undo_inversion(const Object& x, const Object& large_x, const Object& pi_h
 // The term carries the earlier divisions forward, so the denominators multiply: 3, 15, 105, ...
 // Only the first two terms are those of the arctangent.
 Object tqx_atan(const Arguments& arguments) {
-  const Object x = series_operand(arguments[0]).method(names().double_);
+  const Object x = series_operand(arguments[0]).method("double"_name);
   const Object pi_half = pi_half_scalar(x);
-  const Object large_x = compare(x.method(names().abs), names().one, Py_GT);
+  const Object large_x = compare(x.method("abs"_name), kOne, Py_GT);
   const Object x_adj = where([&] { return large_x; }, [&] { return divide(floating(1.0), x); }, x);
   RunningSum sum;
-  sum.result = x_adj.method(names().clone);
-  sum.error = like(names().zeros_like, x);
-  Object term = x_adj.method(names().clone);
+  sum.result = x_adj.method("clone"_name);
+  sum.error = like("zeros_like"_name, x);
+  Object term = x_adj.method("clone"_name);
   const Object x_squared = product_value(x_adj, x_adj);
   const Object neg_x_squared = negate(x_squared);
   for_terms(1, arguments[1], [&](long long n) {
@@ -81,34 +79,30 @@ Object tqx_atan(const Arguments& arguments) {
   return one_limb(final_value, x, arguments.flag(2));
 }
 
-constexpr Signature kAsin{"tqx_asin",
-                          {kSeriesX, term_count(25), kSeriesReturnTqx},
-                          nullptr,
-                          "TRUE TQX arcsine using compensated Taylor series.\n"
-                          "asin(x) = x + x³/6 + 3x⁵/40 + 15x⁷/336 + ...\n"
-                          "= sum_{n=0}^∞ (2n)! / (4^n (n!)² (2n+1)) * x^(2n+1)",
-                          tqx_asin};
-
-constexpr Signature kAcos{"tqx_acos",
-                          {kSeriesX, kSeriesReturnTqx},
-                          nullptr,
-                          "TRUE TQX arccosine: acos(x) = π/2 - asin(x).",
-                          tqx_acos};
-
-constexpr Signature kAtan{"tqx_atan",
-                          {kSeriesX, term_count(30), kSeriesReturnTqx},
-                          nullptr,
-                          "TRUE TQX arctangent using compensated Taylor series.\n"
-                          "atan(x) = x - x³/3 + x⁵/5 - x⁷/7 + ... for |x| ≤ 1\n"
-                          "For |x| > 1: atan(x) = π/2 - atan(1/x)",
-                          tqx_atan};
+constexpr Signature kRows[] = {
+    {"tqx_asin",
+     {kX, term_count(25), kReturnTqx},
+     nullptr,
+     "TRUE TQX arcsine using compensated Taylor series.\n"
+     "asin(x) = x + x³/6 + 3x⁵/40 + 15x⁷/336 + ...\n"
+     "= sum_{n=0}^∞ (2n)! / (4^n (n!)² (2n+1)) * x^(2n+1)",
+     tqx_asin},
+    {"tqx_acos",
+     {kX, kReturnTqx},
+     nullptr,
+     "TRUE TQX arccosine: acos(x) = π/2 - asin(x).",
+     tqx_acos},
+    {"tqx_atan",
+     {kX, term_count(30), kReturnTqx},
+     nullptr,
+     "TRUE TQX arctangent using compensated Taylor series.\n"
+     "atan(x) = x - x³/3 + x⁵/5 - x⁷/7 + ... for |x| ≤ 1\n"
+     "For |x| > 1: atan(x) = π/2 - atan(1/x)",
+     tqx_atan},
+};
 
 }  // namespace
 
-void define_inverse_circular() {
-  define_function(kAsin);
-  define_function(kAcos);
-  define_function(kAtan);
-}
+void define_inverse_circular() { define_functions(kRows); }
 
 }  // namespace korvex

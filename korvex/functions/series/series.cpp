@@ -2,7 +2,7 @@
 // The table of contents of the series functions.
 #include "korvex/functions/series/series.h"
 
-#include "korvex/functions/series/rows.h"
+#include "korvex/functions/series/parts.h"
 
 namespace korvex {
 

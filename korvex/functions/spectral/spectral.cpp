@@ -2,7 +2,7 @@
 // The table of contents of the spectral transforms.
 #include "korvex/functions/spectral/spectral.h"
 
-#include "korvex/functions/spectral/rows.h"
+#include "korvex/functions/spectral/parts.h"
 
 namespace korvex {
 

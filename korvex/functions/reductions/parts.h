@@ -8,6 +8,7 @@ void define_sum_and_mean();
 void define_dot();
 void define_kernel_reductions();
 void define_extrema();
+void define_trace();
 void define_exact_decimals();
 
 }  // namespace korvex

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The steps that all series share.
-#include "korvex/functions/series/running_sum.h"
+#include "korvex/functions/series/steps.h"
 
 namespace korvex {
 
@@ -11,13 +11,13 @@ Object series_operand(const Object& x) {
 }
 
 Object product_value(const Object& a, const Object& b) {
-  return unpack<2>(global(names().two_product).call(a, b))[0];
+  return unpack<2>(global("_two_product"_name).call(a, b))[0];
 }
 
-Object like(Handle name, const Object& x) { return global(names().torch).get(name).call(x); }
+Object like(Handle name, const Object& x) { return torch_member(name).call(x); }
 
 void RunningSum::add_term(const Object& term) {
-  const auto [s, e] = unpack<2>(global(names().two_sum).call(result, term));
+  const auto [s, e] = unpack<2>(global("_two_sum"_name).call(result, term));
   result = s;
   error = add(error, e);
 }

@@ -19,11 +19,9 @@ Object product_value(const Object& a, const Object& b);
 // torch.tensor is looked up.
 template <typename MakeValue>
 Object float64_scalar(const MakeValue& make_value, const Object& source) {
-  const Object tensor = global(names().torch).get(names().tensor);
+  const Object tensor = torch_member("tensor"_name);
   const Object value = make_value();
-  const Object dtype = global(names().torch).get(names().float64);
-  const Object device = source.get(names().device);
-  return tensor.call_with(names().dtype_device_keywords, value, dtype, device);
+  return make_float64(tensor, source, value);
 }
 
 // torch.name(x), for zeros_like and ones_like.
@@ -32,7 +30,7 @@ Object like(Handle name, const Object& x);
 // torch.where(condition(), value(), other): the function is looked up before its arguments.
 template <typename Condition, typename Value>
 Object where(const Condition& condition, const Value& value, const Object& other) {
-  const Object select = global(names().torch).get(names().where);
+  const Object select = torch_member("where"_name);
   const Object chosen = condition();
   const Object if_true = value();
   return select.call(chosen, if_true, other);
@@ -59,10 +57,6 @@ void for_terms(long long first, const Object& n_terms, const Step& step) {
     step(n);
   }
 }
-
-inline constexpr Parameter kSeriesX{"x", Kind::kAny, "torch.Tensor"};
-inline constexpr Parameter kSeriesReturnTqx{"return_tqx", Kind::kBool, "bool",
-                                            Default::boolean(false)};
 
 constexpr Parameter term_count(int default_terms) {
   return {"n_terms", Kind::kInt, "int", Default::integer(default_terms)};
