@@ -81,7 +81,8 @@ def copy_of_the_tree(tree):
 
 
 def python(site, *arguments, folder):
-    environment = os.environ | {"PYTHONPATH": str(site)}
+    search_path = os.pathsep.join([str(site), str(folder / "tools")])
+    environment = os.environ | {"PYTHONPATH": search_path}
     subprocess.run([sys.executable, "-P", *arguments], check=True, env=environment, cwd=folder)
 
 
