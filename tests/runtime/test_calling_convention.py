@@ -332,6 +332,32 @@ def test_int_refuses_what_is_no_number(runtime, value, type_name):
         assert caught.value.args == (told % "dim",)
 
 
+def is_int(row, name):
+    return row.annotations.get(name) in ("int", "Optional[int]")
+
+
+INTEGERS = [(row, name) for row in ROWS for name in row.parameters if is_int(row, name)]
+
+
+@pytest.mark.parametrize(
+    "row, parameter", INTEGERS, ids=[f"{row.path} {name}" for row, name in INTEGERS]
+)
+def test_every_int_refuses_what_is_no_number_before_the_body(runtime, row, parameter):
+    """The body would fail at its first operand, and a later number would be refused too."""
+    place = row.parameters.index(parameter)
+    named = {"self": runtime.TQXResult([])} if row.parameters[0] == "self" else {}
+    for other, name in enumerate(row.parameters):
+        if is_int(row, name):
+            named[name] = 1 if other < place else "later"
+        elif name != "self" and other < row.required:
+            named[name] = None
+    values = ["20", [20], *([] if row.annotations[parameter] == "Optional[int]" else [None])]
+    for value in values:
+        assert refusal(runtime, row, **named | {parameter: value}) == (
+            f"Argument '{parameter}' has incorrect type (expected int, got {type(value).__name__})"
+        )
+
+
 def test_int_refusal_carries_no_note(runtime):
     with pytest.raises(TypeError) as caught:
         runtime.tqx_checksum(torch.zeros(1), "2")

@@ -17,10 +17,12 @@ import torch
 from hypothesis import given, settings
 from hypothesis import strategies as st
 from operation_log import operations
-from series_scripts import SCRIPTS, WITH_TERMS
+from public_signatures import SERIES
 
 INF, NAN = math.inf, math.nan
-ONE_OPERAND = [name for name in SCRIPTS if name != "tqx_atan2"]
+NAMES = [row.path for row in SERIES]
+ONE_OPERAND = [name for name in NAMES if name != "tqx_atan2"]
+WITH_TERMS = [row.path for row in SERIES if "n_terms" in row.parameters]
 
 
 def value(runtime, name, *operands, **options):
@@ -258,7 +260,7 @@ KINDS = {
 
 
 @pytest.mark.parametrize("kind", KINDS)
-@pytest.mark.parametrize("name", SCRIPTS)
+@pytest.mark.parametrize("name", NAMES)
 def test_operand_of_any_kind_gives_float64_of_its_shape(module, name, kind):
     operands = [KINDS[kind]() for _ in range(2 if name == "tqx_atan2" else 1)]
     before = [host_bits(operand) for operand in operands]
@@ -290,10 +292,10 @@ def way_of_two_product(request, monkeypatch):
 
 
 @pytest.mark.parametrize("kind", KINDS)
-@pytest.mark.parametrize("name", SCRIPTS)
+@pytest.mark.parametrize("name", NAMES)
 def test_operations_are_those_of_plain_python(module, same_globals, way_of_two_product, name, kind):
     operands = [KINDS[kind]() for _ in range(2 if name == "tqx_atan2" else 1)]
-    assert_equal_courses(module, name, *operands)
+    assert_equal_operations(module, name, *operands)
 
 
 @pytest.mark.parametrize("n_terms", [0, 1, 2, 200])
@@ -301,10 +303,10 @@ def test_operations_are_those_of_plain_python(module, same_globals, way_of_two_p
 def test_operations_of_any_number_of_terms_are_those_of_plain_python(
     module, same_globals, name, n_terms
 ):
-    assert_equal_courses(module, name, KINDS["float64"](), n_terms)
+    assert_equal_operations(module, name, KINDS["float64"](), n_terms)
 
 
-def assert_equal_courses(module, name, *arguments):
+def assert_equal_operations(module, name, *arguments):
     lines, result = operations(lambda: getattr(module, name)(*arguments))
     told, expected = operations(lambda: getattr(reference_runtime, name)(*arguments))
     assert lines == told and len(lines) > 3
@@ -327,7 +329,7 @@ def test_atan2_takes_limbs_on_either_side(runtime):
         assert host_bits(runtime.tqx_atan2(*pair)) == told
 
 
-@pytest.mark.parametrize("name", SCRIPTS)
+@pytest.mark.parametrize("name", NAMES)
 def test_result_asked_for_as_limbs_has_one(runtime, name):
     operands = [KINDS["float64"]() for _ in range(2 if name == "tqx_atan2" else 1)]
     function = getattr(runtime, name)
@@ -337,7 +339,14 @@ def test_result_asked_for_as_limbs_has_one(runtime, name):
     assert host_bits(result.limbs[0]) == host_bits(function(*operands))
 
 
-@pytest.mark.parametrize("name", SCRIPTS)
+@pytest.mark.parametrize("name", NAMES)
+@pytest.mark.parametrize("operand", [1.5, [1.0], None])
+def test_operand_without_a_device_is_an_attribute_error(runtime, name, operand):
+    with pytest.raises(AttributeError, match="is_cuda"):
+        getattr(runtime, name)(*[operand] * (2 if name == "tqx_atan2" else 1))
+
+
+@pytest.mark.parametrize("name", NAMES)
 def test_operand_on_the_cpu_is_refused(runtime, name):
     operands = [torch.ones(2, dtype=torch.float64)] * (2 if name == "tqx_atan2" else 1)
     with pytest.raises(RuntimeError, match="^TQX requires CUDA tensor. Move tensor to GPU with"):
@@ -358,7 +367,7 @@ def test_atan2_broadcasts_and_passes_on_what_torch_says(runtime):
         runtime.tqx_atan2(device.tensor([1.0, 2.0]), device.tensor([1.0, 2.0, 3.0]))
 
 
-@pytest.mark.parametrize("name", SCRIPTS)
+@pytest.mark.parametrize("name", NAMES)
 def test_value_does_not_depend_on_the_error_of_twoproduct(module, monkeypatch, name):
     operands = [device.tensor([0.1, -0.7, 0.999, 2.5])] * (2 if name == "tqx_atan2" else 1)
     monkeypatch.delattr(torch, "fma", raising=False)

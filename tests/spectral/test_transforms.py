@@ -301,3 +301,29 @@ def test_odd_number_of_points_pads_the_even_spectrum(module):
     spectrum = torch.cat([bins, bins[1:-1].conj().flip(0)])
     result = module.tqx_irfft(z, 7)
     assert host_bits(result) == host_bits(torch.fft.ifft(device.to_device(spectrum), n=7).real)
+
+
+# ---- operands that do not fit ----
+
+
+@pytest.mark.parametrize("name", ["tqx_fft", "tqx_ifft", "tqx_rfft", "tqx_irfft"])
+def test_limbs_are_not_collapsed(runtime, name):
+    with pytest.raises(AttributeError, match="is_cuda"):
+        getattr(runtime, name)(runtime.TQXResult([torch.ones(4)]))
+
+
+@pytest.mark.parametrize("operand", [[1.0], 2.0, None])
+def test_radix_two_transform_of_what_has_no_shape(runtime, operand):
+    with pytest.raises(AttributeError, match="shape"):
+        runtime._tqx_fft_butterfly(operand)
+
+
+def test_radix_two_transform_asks_no_device(runtime):
+    """It is internal: the test is made by those who call it."""
+    x = torch.tensor([1.0, 3.0], dtype=torch.complex128)
+    assert runtime._tqx_fft_butterfly(x).tolist() == [4.0, -2.0]
+
+
+def test_length_that_is_no_power_of_two_is_not_caught(runtime):
+    with pytest.raises(IndexError):
+        runtime._tqx_fft_butterfly(torch.zeros(6, dtype=torch.complex128))

@@ -1,11 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Every function does to its operands and libraries what its plain-Python rendering does.
+"""Every function makes the calls of its reference implementation, one by one and in order.
 
-All operations on spies are compared, one by one and in order, on every route of a function that the
-courses of `courses.py` reach. So each launch, each wait and each allocation is covered.
+All operations on operands and libraries are compared, on every route of `call_routes.py`. So each
+launch, each wait and each allocation is covered. One sequence a family is written out by hand, in
+`test_recorded_*.py` of the family's folder: it holds of both.
 """
 
-import courses
+import call_routes
 import pytest
 import reference_runtime
 from call_recorder import Spy, text
@@ -18,7 +19,7 @@ WAIT = [".cuda", ".cuda.Stream", ".cuda.Stream.null", ".cuda.Stream.null.synchro
 @pytest.fixture(autouse=True)
 def _restored(module):
     reference_runtime.bind(module)
-    with courses.restored(module, reference_runtime):
+    with call_routes.restored(module, reference_runtime):
         yield
 
 
@@ -30,8 +31,8 @@ def shown(value):
     return repr(value)
 
 
-def ending(walked):
-    recorder, result, error = walked
+def ending(recorded):
+    _, result, error = recorded
     return shown(result), type(error).__name__, str(error)
 
 
@@ -41,31 +42,31 @@ def unwaited_launches(events):
     for place, event in enumerate(events):
         if any(mark in event for mark in LAUNCH):
             following = events[place + 1 : place + 6]
-            told = [f"cp{path}" for path in WAIT] + ["cp.cuda.Stream.null.synchronize()"]
-            unwaited += following != told
+            expected = [f"cp{path}" for path in WAIT] + ["cp.cuda.Stream.null.synchronize()"]
+            unwaited += following != expected
     return unwaited
 
 
 @pytest.mark.parametrize("row", ROWS, ids=[row.path for row in ROWS])
-def test_function_takes_the_told_steps(module, row):
-    for course in courses.distinct_courses(row, module):
-        of_module = courses.walk(course, module)
-        of_rendering = courses.walk(course, reference_runtime)
-        assert of_module[0].events == of_rendering[0].events, str(course)
-        assert ending(of_module) == ending(of_rendering), str(course)
+def test_function_makes_the_calls_of_its_reference_implementation(module, row):
+    for route in call_routes.routes_of(row):
+        of_module = call_routes.record(route, module)
+        of_reference = call_routes.record(route, reference_runtime)
+        assert of_module[0].events == of_reference[0].events, str(route)
+        assert ending(of_module) == ending(of_reference), str(route)
 
 
 @pytest.mark.parametrize("row", ROWS, ids=[row.path for row in ROWS])
 def test_each_launch_is_waited_for_at_once(module, row):
-    for course in courses.distinct_courses(row, module):
-        assert unwaited_launches(courses.walk(course, module)[0].events) == 0, str(course)
+    for route in call_routes.distinct_routes(row, module):
+        assert unwaited_launches(call_routes.record(route, module)[0].events) == 0, str(route)
 
 
-def test_every_kernel_is_reached_by_some_course(module):
+def test_every_kernel_is_reached_by_some_route(module):
     reached = set()
     for row in ROWS:
-        for course in courses.distinct_courses(row, module):
-            for event in courses.walk(course, module)[0].events:
+        for route in call_routes.distinct_routes(row, module):
+            for event in call_routes.record(route, module)[0].events:
                 if "get_kernel(" in event:
                     reached.add(event.partition("'")[2].rstrip("')"))
     assert len(reached) == 23
