@@ -108,7 +108,7 @@ leaks: install ## ten thousand calls of every function: memory, references and t
 FUZZ_SEED ?= $(shell date +%s)
 FUZZ_SECONDS ?= 500
 
-fuzz: install ## random calls on the module and its rendering; FUZZ_SECONDS=500, FUZZ_SEED=the time
+fuzz: install ## random calls on the module and its reference; FUZZ_SECONDS=500, FUZZ_SEED=the time
 	@$(PY) -P tests/fuzz/fuzz_module.py --seed $(FUZZ_SEED) --seconds $(FUZZ_SECONDS)
 
 sanitize: environment ## all tests on a build under AddressSanitizer and UndefinedBehaviorSanitizer

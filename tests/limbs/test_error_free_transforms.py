@@ -226,8 +226,8 @@ def test_terms_must_be_a_list(runtime, terms):
     name = "Tensor" if isinstance(terms, torch.Tensor) else type(terms).__name__
     with pytest.raises(TypeError) as caught:
         runtime._compensated_sum(terms)
-    told = f"Argument 'terms' has incorrect type (expected list, got {name})"
-    assert caught.value.args == (told,)
+    text = f"Argument 'terms' has incorrect type (expected list, got {name})"
+    assert caught.value.args == (text,)
 
 
 def test_subclass_of_list_is_refused(runtime):

@@ -154,9 +154,9 @@ def test_up_to_four_limbs_add_up_exactly(module, x_columns, y_columns):
     for function, sign in ((module._tqx_add_limbs, 1), (module._tqx_sub_limbs, -1)):
         result = function(x, y, "d")
         for element in range(3):
-            told = sum(Fraction(c[element]) for c in x_columns)
-            told += sign * sum(Fraction(c[element]) for c in y_columns)
-            assert sum(Fraction(limb[element]) for limb in limbs_of(result)) == told
+            expected = sum(Fraction(c[element]) for c in x_columns)
+            expected += sign * sum(Fraction(c[element]) for c in y_columns)
+            assert sum(Fraction(limb[element]) for limb in limbs_of(result)) == expected
 
 
 # ---- failures ----
@@ -178,9 +178,9 @@ def test_limbs_that_are_no_lists(runtime):
 def test_limb_without_elements(runtime):
     with pytest.raises((RuntimeError, IndexError)) as caught:
         runtime._tqx_add_limbs([tensor([])], [tensor([])], "d")
-    with pytest.raises(type(caught.value)) as told:
+    with pytest.raises(type(caught.value)) as expected:
         tensor([]).abs().max()
-    assert str(caught.value) == str(told.value)
+    assert str(caught.value) == str(expected.value)
 
 
 def test_shapes_that_do_not_broadcast(runtime):

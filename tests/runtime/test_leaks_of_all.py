@@ -2,7 +2,7 @@
 """Every function over and over, on real operands: blocks, references and tensors stay as they were.
 
 The calls come from the fuzzer's generator: for each function one that gives a value and one that
-fails. The rendering in plain Python makes the same calls as a control: where it grows too, the
+fails. The reference implementation makes the same calls as a control: where it grows too, the
 growth is the interpreter's or torch's. `make leaks` makes 10,000 calls of each instead of 200.
 """
 

@@ -19,7 +19,7 @@ import pytest
 import torch
 from public_signatures import FUNCTIONS, METHODS, ROWS
 
-TOLD_NAMES = """
+PUBLIC_NAMES = """
     __version__ TQXResult tqx_checksum tqx_verify tqx_checksum_hex TQXVerifiedResult tqx_sum
     tqx_mean tqx_var tqx_std tqx_norm tqx_prod tqx_cumsum tqx_logsumexp tqx_min tqx_max tqx_argmin
     tqx_argmax tqx_sum_exact tqx_dot_exact tqx_mean_exact tqx_matmul_exact tqx_var_exact
@@ -42,13 +42,13 @@ def test_the_module_is_the_built_extension(module):
     assert type(module.__spec__.loader) is importlib.machinery.ExtensionFileLoader
 
 
-def test_the_told_names_are_85():
-    assert len(TOLD_NAMES) == len(set(TOLD_NAMES)) == 85
+def test_public_names_are_85():
+    assert len(PUBLIC_NAMES) == len(set(PUBLIC_NAMES)) == 85
 
 
-def test_all_lists_existing_names_in_the_told_order(module):
+def test_all_lists_existing_names_in_the_documented_order(module):
     assert type(module.__all__) is list
-    assert module.__all__ == list(TOLD_NAMES)
+    assert module.__all__ == list(PUBLIC_NAMES)
     assert len(module.__all__) == 85
     assert [name for name in module.__all__ if not hasattr(module, name)] == []
 
@@ -131,8 +131,8 @@ def test_function_keeps_its_defaults(module, row):
     function = _function(row, module)
     assert function.__defaults__ == (row.defaults or None)
     assert function.__kwdefaults__ == (dict(row.keyword_only) or None)
-    for given, told in zip(function.__defaults__ or (), row.defaults, strict=True):
-        assert type(given) is type(told)
+    for given, expected in zip(function.__defaults__ or (), row.defaults, strict=True):
+        assert type(given) is type(expected)
 
 
 @by_row
@@ -343,7 +343,7 @@ def test_doc_string_says(module, path, line):
     assert line in " ".join(_doc(module, path).split())
 
 
-def test_doc_strings_that_are_told_whole(module):
+def test_doc_strings_to_the_letter(module):
     assert module.tqx_mean.__doc__ == "TQX exact mean using TwoSum cascade."
     assert module.get_backend_info.__doc__ == "Get information about the active backend."
 
@@ -382,12 +382,12 @@ def test_class_is_an_ordinary_one(module, name):
 def test_special_methods_are_these_and_no_others(module):
     inherited = {"__module__", "__qualname__", "__doc__", "__dict__", "__weakref__"}
     inherited |= {"__slotnames__"}  # pickle leaves it behind
-    for name, told in [
+    for name, expected in [
         ("TQXResult", {"__init__", "__float__", "__repr__"}),
         ("TQXVerifiedResult", {"__init__", "__repr__"}),
     ]:
         special = {n for n in vars(getattr(module, name)) if n.startswith("__")}
-        assert special - inherited == told
+        assert special - inherited == expected
 
 
 def test_static_method_and_properties_are_such(module):

@@ -36,15 +36,15 @@ def ending(recorded):
     return shown(result), type(error).__name__, str(error)
 
 
+def places_of_launches(events):
+    return [place for place, event in enumerate(events) if any(mark in event for mark in LAUNCH)]
+
+
 def unwaited_launches(events):
     """How many launches are not followed, at once, by the wait on the null stream."""
-    unwaited = 0
-    for place, event in enumerate(events):
-        if any(mark in event for mark in LAUNCH):
-            following = events[place + 1 : place + 6]
-            expected = [f"cp{path}" for path in WAIT] + ["cp.cuda.Stream.null.synchronize()"]
-            unwaited += following != expected
-    return unwaited
+    wait = [f"cp{path}" for path in WAIT] + ["cp.cuda.Stream.null.synchronize()"]
+    following = [events[place + 1 : place + 6] for place in places_of_launches(events)]
+    return sum(events != wait for events in following)
 
 
 @pytest.mark.parametrize("row", ROWS, ids=[row.path for row in ROWS])
@@ -59,7 +59,10 @@ def test_function_makes_the_calls_of_its_reference_implementation(module, row):
 @pytest.mark.parametrize("row", ROWS, ids=[row.path for row in ROWS])
 def test_each_launch_is_waited_for_at_once(module, row):
     for route in call_routes.distinct_routes(row, module):
-        assert unwaited_launches(call_routes.record(route, module)[0].events) == 0, str(route)
+        events = call_routes.record(route, module)[0].events
+        fetched = sum("get_kernel(" in event for event in events)
+        assert len(places_of_launches(events)) == fetched, str(route)
+        assert unwaited_launches(events) == 0, str(route)
 
 
 def test_every_kernel_is_reached_by_some_route(module):

@@ -65,9 +65,9 @@ PLANTED = [
 def test_stub_that_is_wrong_is_noticed(tmp_path):
     """A parameter, a default and a name, each of which must be reported."""
     text = (TREE / "korvex" / "tqx_runtime.pyi").read_text()
-    for _, told, wrong in PLANTED:
-        assert told in text
-        text = text.replace(told, wrong)
+    for _, expected, wrong in PLANTED:
+        assert expected in text
+        text = text.replace(expected, wrong)
     package = tmp_path / "korvex"
     package.mkdir()
     (package / "__init__.py").touch()

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the series functions give: told values, special values, kinds of operands.
+"""What the series functions give: documented values, special values, kinds of operands.
 
 The values at the defaults are those of the sums as they are, truncated where they are truncated:
-they are compared to the digits in which they are told, not with the true function.
+they are compared to the digits in which they are documented, not with the true function.
 """
 
 import math
@@ -40,7 +40,7 @@ def values(module, name, operands, **options):
     return getattr(module, name)(device.tensor(operands), **options).tolist()
 
 
-# ---- told values ----
+# ---- documented values ----
 
 TO_TEN_DIGITS = [
     ("tqx_asin", (0.5,), 0.5235987756),
@@ -65,9 +65,9 @@ TO_TEN_DIGITS = [
 ]
 
 
-@pytest.mark.parametrize("name, operands, told", TO_TEN_DIGITS)
-def test_value_to_ten_digits(runtime, name, operands, told):
-    assert round(value(runtime, name, *operands), 10) == told
+@pytest.mark.parametrize("name, operands, expected", TO_TEN_DIGITS)
+def test_value_to_ten_digits(runtime, name, operands, expected):
+    assert round(value(runtime, name, *operands), 10) == expected
 
 
 EXACT = [
@@ -84,9 +84,9 @@ EXACT = [
 ]
 
 
-@pytest.mark.parametrize("name, operands, told", EXACT)
-def test_value_to_the_last_bit(runtime, name, operands, told):
-    assert bits(value(runtime, name, *operands)) == bits(told)
+@pytest.mark.parametrize("name, operands, expected", EXACT)
+def test_value_to_the_last_bit(runtime, name, operands, expected):
+    assert bits(value(runtime, name, *operands)) == bits(expected)
 
 
 OF_FEW_TERMS = [
@@ -98,9 +98,9 @@ OF_FEW_TERMS = [
 ]
 
 
-@pytest.mark.parametrize("name, n_terms, told", OF_FEW_TERMS)
-def test_value_at_one_of_two_terms(runtime, name, n_terms, told):
-    assert value(runtime, name, 1.0, n_terms=n_terms) == told
+@pytest.mark.parametrize("name, n_terms, expected", OF_FEW_TERMS)
+def test_value_at_one_of_two_terms(runtime, name, n_terms, expected):
+    assert value(runtime, name, 1.0, n_terms=n_terms) == expected
 
 
 def test_arctangent_of_three_terms(runtime):
@@ -142,20 +142,20 @@ NO_TERMS = [
 
 
 @pytest.mark.parametrize("n_terms", [0, -1, -(10**30)])
-@pytest.mark.parametrize("name, told", NO_TERMS)
-def test_no_terms(runtime, name, told, n_terms):
-    assert values(runtime, name, [0.5, -3.0], n_terms=n_terms) == told
+@pytest.mark.parametrize("name, expected", NO_TERMS)
+def test_no_terms(runtime, name, expected, n_terms):
+    assert values(runtime, name, [0.5, -3.0], n_terms=n_terms) == expected
 
 
-@pytest.mark.parametrize("name, told", [row for row in NO_TERMS if row[0] != "tqx_sin"])
-def test_one_term_is_as_none(runtime, name, told):
-    assert values(runtime, name, [0.5, -3.0], n_terms=1) == told
+@pytest.mark.parametrize("name, expected", [row for row in NO_TERMS if row[0] != "tqx_sin"])
+def test_one_term_is_as_none(runtime, name, expected):
+    assert values(runtime, name, [0.5, -3.0], n_terms=1) == expected
 
 
 def test_sine_of_one_term_is_the_reduced_argument(runtime):
     reduced = values(runtime, "tqx_sin", [0.5, -3.0, 7.0], n_terms=1)
-    told = [numpy.remainder(x, 2 * math.pi) for x in (0.5, -3.0, 7.0)]
-    assert reduced == [x - 2 * math.pi if x > math.pi else x for x in told]
+    expected = [numpy.remainder(x, 2 * math.pi) for x in (0.5, -3.0, 7.0)]
+    assert reduced == [x - 2 * math.pi if x > math.pi else x for x in expected]
 
 
 class Interrupted(Exception):
@@ -308,8 +308,8 @@ def test_operations_of_any_number_of_terms_are_those_of_plain_python(
 
 def assert_equal_operations(module, name, *arguments):
     lines, result = operations(lambda: getattr(module, name)(*arguments))
-    told, expected = operations(lambda: getattr(reference_runtime, name)(*arguments))
-    assert lines == told and len(lines) > 3
+    expected_lines, expected = operations(lambda: getattr(reference_runtime, name)(*arguments))
+    assert lines == expected_lines and len(lines) > 3
     assert host_bits(result) == host_bits(expected)
 
 
@@ -324,9 +324,9 @@ def test_limbs_are_collapsed_and_do_not_pass_through(runtime, name):
 def test_atan2_takes_limbs_on_either_side(runtime):
     plain = device.tensor([0.5, -0.25])
     limbs = runtime.TQXResult([plain, torch.zeros_like(plain)], "cuda:0")
-    told = host_bits(runtime.tqx_atan2(plain, plain))
+    expected = host_bits(runtime.tqx_atan2(plain, plain))
     for pair in ((limbs, plain), (plain, limbs), (limbs, limbs)):
-        assert host_bits(runtime.tqx_atan2(*pair)) == told
+        assert host_bits(runtime.tqx_atan2(*pair)) == expected
 
 
 @pytest.mark.parametrize("name", NAMES)

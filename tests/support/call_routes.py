@@ -125,7 +125,7 @@ class RouteRecorder(Recorder):
 
 
 def _is_path(event):
-    return event.replace(".", "_").isidentifier()
+    return re.fullmatch(r"#?\w+(\.\w+)*", event)
 
 
 @dataclass(frozen=True)
@@ -330,5 +330,10 @@ def distinct_routes(row, runtime):
     with restored(runtime):
         for route in plain_routes(row):
             events = record(route, runtime)[0].events
-            found.setdefault(tuple(re.sub(r"\d+", "", event) for event in events), route)
+            found.setdefault(tuple(map(without_numbers, events)), route)
     return list(found.values())
+
+
+@functools.cache
+def without_numbers(event):
+    return re.sub(r"\d+", "", event)
