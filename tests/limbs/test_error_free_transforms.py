@@ -241,34 +241,3 @@ def test_subclass_of_list_is_refused(runtime):
 def test_element_without_clone(runtime):
     with pytest.raises(AttributeError, match="clone"):
         runtime._compensated_sum([1.0])
-
-
-# ---- all of them ----
-
-
-@pytest.mark.parametrize("name", [*SUMS, "_two_product", "_compensated_sum"])
-def test_transforms_are_not_public(module, name):
-    assert name not in module.__all__
-
-
-DOC_STRINGS = {
-    "_twosum_f64": [
-        "TwoSum in FP64: a + b = s + e EXACTLY.",
-        "Uses Knuth's algorithm. All operations in FP64.",
-    ],
-    "_two_sum": ["TwoSum: Error-free addition.", "Returns (s, e) where a + b = s + e EXACTLY."],
-    "_two_product": [
-        "TwoProduct: Error-free multiplication.",
-        "Returns (p, e) where a * b = p + e EXACTLY.",
-        "Uses FMA if available, otherwise Veltkamp split.",
-    ],
-    "_compensated_sum": [
-        "Sum a list of terms with full error tracking.",
-        "Returns (sum, error) where true_sum = sum + error.",
-    ],
-}
-
-
-@pytest.mark.parametrize("name", DOC_STRINGS)
-def test_doc_string(module, name):
-    assert getattr(module, name).__doc__.strip().splitlines() == DOC_STRINGS[name]

@@ -191,29 +191,3 @@ def test_shapes_that_do_not_broadcast(runtime):
 def test_device_must_be_text(runtime):
     with pytest.raises(TypeError, match="'device' has incorrect type"):
         runtime._tqx_add_limbs(scalars(1.0), scalars(2.0), None)
-
-
-DOC_STRINGS = {
-    "_extract_tqx_tensor": [
-        "Extract tensor from TQXResult or return tensor as-is. Returns (tensor, is_tqx)."
-    ],
-    "_get_tqx_limbs": [
-        "Get all limbs from TQXResult or wrap tensor as single-limb.",
-        "Returns list of tensors (the limbs) - NO COLLAPSE.",
-    ],
-    "_tqx_add_limbs": [
-        "Add two sets of TQX limbs using TwoSum cascade.",
-        "Preserves full precision by keeping all error terms.",
-    ],
-    "_tqx_sub_limbs": [
-        "Subtract y_limbs from x_limbs using TwoSum cascade.",
-        "Equivalent to adding x_limbs + (-y_limbs).",
-    ],
-}
-
-
-@pytest.mark.parametrize("name", DOC_STRINGS)
-def test_doc_string(module, name):
-    lines = [line.strip() for line in getattr(module, name).__doc__.strip().splitlines()]
-    assert [line for line in lines if line] == DOC_STRINGS[name]
-    assert name not in module.__all__
