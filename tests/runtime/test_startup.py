@@ -84,14 +84,14 @@ def test_modules_are_imported_in_order():
 def test_names_are_bound_in_order():
     run_startup("""
         fake.add_all()
-        failure = '''
+        expected = '''
             torch struct hashlib Decimal getcontext Optional List Union Tuple
             __version__ _USE_NATIVE_CUBIN _NATIVE_LOADER NativeCubinLoader HAS_CUPY
             TQXResult __all__ _TRITON_BACKEND_OK cp tqx_sum
             get_backend_info tqx_checksum tqx_checksum_hex tqx_verify TQXVerifiedResult
         '''.split()
-        bound = [name for name in vars(fake.import_module()) if name in failure]
-        assert bound == failure, bound
+        bound = [name for name in vars(fake.import_module()) if name in expected]
+        assert bound == expected, bound
     """)
 
 
