@@ -15,6 +15,8 @@ import pytest
 import reference_runtime
 from public_signatures import ROWS
 
+pytestmark = pytest.mark.usefixtures("quick_collections")
+
 
 class Fault(Exception):
     """No exception that any code could expect."""
@@ -133,19 +135,14 @@ def all_faults(found, module):
 @pytest.mark.parametrize("row", ROWS, ids=[row.path for row in ROWS])
 def test_faults_leave_nothing(module, row, record_property):
     found = list(places_of_faults(row, module, most=30))
-    gc.collect()
-    gc.freeze()
-    try:
-        injected = all_faults(found, module)
-        for _ in range(4):  # free lists fill in some rounds, a leak shows in all
-            before = sys.getallocatedblocks()
-            all_faults(found, module)
-            if sys.getallocatedblocks() - before < max(injected / 2, 5):
-                break
-        else:
-            pytest.fail("memory grows with every round of faults")
-    finally:
-        gc.unfreeze()
+    injected = all_faults(found, module)
+    for _ in range(4):  # free lists fill in some rounds, a leak shows in all
+        before = sys.getallocatedblocks()
+        all_faults(found, module)
+        if sys.getallocatedblocks() - before < max(injected / 2, 5):
+            break
+    else:
+        pytest.fail("memory grows with every round of faults")
     record_property("faults injected", 2 * injected)
 
 

@@ -18,7 +18,10 @@ from call_outcomes import outcome
 from public_signatures import ROWS
 
 # torch warns once in a process: which call hears it says nothing about the function.
-pytestmark = pytest.mark.filterwarnings("ignore")
+pytestmark = [
+    pytest.mark.filterwarnings("ignore"),
+    pytest.mark.usefixtures("quick_collections"),
+]
 
 fuzzer = golden.load_script(golden.FOLDER.parent / "fuzz" / "fuzz_module.py")
 VALUES, FAILURES = 1, 1
@@ -26,12 +29,8 @@ ROUNDS = 5  # free lists fill in some rounds; a leak shows in every one
 
 
 @pytest.fixture(scope="module", autouse=True)
-def _quick_collections(module):
+def _same_globals(module):
     reference_runtime.bind(module)
-    gc.collect()
-    gc.freeze()
-    yield
-    gc.unfreeze()
 
 
 class Repeated:
