@@ -9,6 +9,7 @@ import hypothesis
 import pytest
 import reference_runtime
 import torch
+from call_recorder import Recorder
 
 DEVICE = device.choose()
 
@@ -51,12 +52,26 @@ def module():
 
 @pytest.fixture(params=["module", "reference"])
 def runtime(request, monkeypatch):
-    """The built module, then the rendering in plain Python, with the same globals."""
+    """The built module, then its reference implementation in Python, with the same globals."""
     if request.param == "module":
         return DEVICE.runtime
     for name in ("torch", "cp", "_NATIVE_LOADER"):
         monkeypatch.setattr(reference_runtime, name, getattr(DEVICE.runtime, name))
     return reference_runtime
+
+
+@pytest.fixture
+def recorded(runtime, monkeypatch):
+    """Makes a recorder whose spies stand for the libraries, and for the globals of these names."""
+
+    def make(script="", *names, returns=None, raises=None):
+        recorder = Recorder(script, returns, raises)
+        for name in ("torch", "cp", *names):
+            monkeypatch.setattr(runtime, name, recorder.spy(name))
+        monkeypatch.setattr(runtime, "_NATIVE_LOADER", recorder.spy("loader"))
+        return recorder
+
+    return make
 
 
 @pytest.fixture

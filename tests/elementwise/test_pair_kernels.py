@@ -133,12 +133,12 @@ DATA = {
 @every_way
 @every_kernel
 @pytest.mark.parametrize("data", DATA)
-def test_value_and_error_have_the_told_bits(run, name, data):
+def test_value_and_error_have_the_expected_bits(run, name, data):
     check(run, name, *DATA[data])
 
 
 def test_data_reach_the_cases_that_they_are_for():
-    """The ones told in words above: scaled dividends with errors, and errors below the normal."""
+    """The ones described above: scaled dividends with errors, and errors below the normal."""
     value, error = expected_bits("tqx_div_kernel", *DATA["tiny dividends"])
     assert sum(e not in (0, 1 << 63) for e in error) > 1000
     _, rests = expected_bits("tqx_div_kernel", *DATA["subnormal rests"])
@@ -155,9 +155,9 @@ def test_every_element_is_written_whatever_the_count(run, name, n):
     rows = [patterns(20 + n, 100), patterns(21 + n, 100)]
     x, y = ([row[i % 100] for i in range(n)] for row in rows)
     value, error = run(name, x, y)
-    told = expected_bits(name, *rows)
-    assert value == [told[0][i % 100] for i in range(n)]
-    assert error == [told[1][i % 100] for i in range(n)]
+    expected = expected_bits(name, *rows)
+    assert value == [expected[0][i % 100] for i in range(n)]
+    assert error == [expected[1][i % 100] for i in range(n)]
 
 
 # ---- drawn data ----
@@ -174,7 +174,7 @@ OPERANDS = st.lists(st.tuples(OPERAND, OPERAND), min_size=1, max_size=50)
 @example(pairs=[(3 * SMALLEST, 2.0**-60), (2.0**-1000, 3.0 * 2.0**-30)])
 @example(pairs=[(SMALLEST, LARGEST), (LARGEST, SMALLEST), (1.0, -SMALLEST)])
 @example(pairs=[(2.0**-1022, 1.0 + 2.0**-52), (2.0**-1022, 2.0), (-0.0, 3.0), (0.0, -3.0)])
-def test_any_operands_give_the_told_bits_in_every_way(name, pairs):
+def test_any_operands_give_the_expected_bits_in_every_way(name, pairs):
     x, y = map(list, zip(*pairs, strict=True))
     for run in WAYS.values():
         check(run, name, x, y)

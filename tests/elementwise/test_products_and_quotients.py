@@ -127,9 +127,9 @@ def test_limb_operand_gives_limbs_whatever_the_flag(runtime, call, name):
 @both
 def test_lower_limbs_of_an_operand_are_collapsed_away(runtime, call, name):
     x, y = limbs(runtime, [3.0], [2.0**-60]), tensor([7.0])
-    told = call(name, tensor([3.0]), y, return_tqx=True)
+    expected = call(name, tensor([3.0]), y, return_tqx=True)
     made = call(name, x, y, return_tqx=True)
-    assert [limb.tolist() for limb in made.limbs] == [limb.tolist() for limb in told.limbs]
+    assert [limb.tolist() for limb in made.limbs] == [limb.tolist() for limb in expected.limbs]
 
 
 def test_device_is_that_of_the_first_operand_after_collapse(runtime, call):
@@ -241,12 +241,12 @@ def test_error_is_the_rounded_rest(module, name, pairs):
 
 @both
 @given(pairs=st.lists(st.tuples(st.floats(), st.floats()), min_size=1, max_size=30))
-def test_any_operands_give_the_told_pair(module, name, pairs):
+def test_any_operands_give_the_expected_pair(module, name, pairs):
     x, y = zip(*pairs, strict=True)
     made = getattr(module, name)(tensor(x), tensor(y), return_tqx=True)
     for i, (a, b) in enumerate(pairs):
-        told = [0x7FF8000000000000 if math.isnan(v) else bits(v) for v in PAIR[name](a, b)]
-        assert [bits(limb[i].item()) for limb in made.limbs] == told
+        expected = [0x7FF8000000000000 if math.isnan(v) else bits(v) for v in PAIR[name](a, b)]
+        assert [bits(limb[i].item()) for limb in made.limbs] == expected
 
 
 @both

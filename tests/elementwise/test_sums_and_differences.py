@@ -48,8 +48,8 @@ def test_result_is_the_rounded_sum(call, name):
     """A zero loses its sign when its error, +0, is added."""
     x, y = [1e16, 0.1, -0.0, -0.0, 5e-324], [1.0, 0.2, 0.0, -0.0, 5e-324]
     result = call(name, tensor(x), tensor(y))
-    told = [a + SIGN[name] * b + 0.0 for a, b in zip(x, y, strict=True)]
-    assert list(map(bits, result.tolist())) == list(map(bits, told))
+    expected = [a + SIGN[name] * b + 0.0 for a, b in zip(x, y, strict=True)]
+    assert list(map(bits, result.tolist())) == list(map(bits, expected))
     assert result.dtype == torch.float64 and str(result.device) == "cuda:0"
 
 
@@ -206,8 +206,8 @@ def test_difference_of_two_numbers_keeps_the_lost_part(call):
 @both
 def test_number_is_broadcast_over_a_tensor(call, name):
     result = call(name, tensor([1e16, 2.0]), 1.0, return_tqx=True)
-    told = [six_operations(v, SIGN[name] * 1.0) for v in (1e16, 2.0)]
-    assert list(zip(*(limb.tolist() for limb in result.limbs), strict=True)) == told
+    expected = [six_operations(v, SIGN[name] * 1.0) for v in (1e16, 2.0)]
+    assert list(zip(*(limb.tolist() for limb in result.limbs), strict=True)) == expected
 
 
 @both
@@ -281,9 +281,9 @@ def test_pair_and_kernel_have_the_same_operations(module, name, pairs):
     """Also where the result is infinite: the pair's own sum is the tensor result, NaN as NaN."""
     x, y = zip(*pairs, strict=True)
     pair = getattr(module, name)(tensor(x), tensor(y), return_tqx=True)
-    told = (pair.limbs[0] + pair.limbs[1]).tolist()
+    expected = (pair.limbs[0] + pair.limbs[1]).tolist()
     result = getattr(module, name)(tensor(x), tensor(y)).tolist()
-    for a, b in zip(told, result, strict=True):
+    for a, b in zip(expected, result, strict=True):
         assert bits(a) == bits(b) or (math.isnan(a) and math.isnan(b))
 
 
@@ -314,8 +314,8 @@ def test_limbs_are_kept_or_collapsed_as_asked(runtime, call, name):
 def test_tensor_beside_limbs_is_one_limb(runtime, call, name):
     x, y = limbs(runtime, [1e16, 1.0]), tensor([1, 2], torch.int32)
     kept = call(name, x, y, return_tqx=True)
-    told = [Fraction(10**16) + SIGN[name], Fraction(1) + SIGN[name] * 2]
-    assert [sum(Fraction(limb[i].item()) for limb in kept.limbs) for i in range(2)] == told
+    expected = [Fraction(10**16) + SIGN[name], Fraction(1) + SIGN[name] * 2]
+    assert [sum(Fraction(limb[i].item()) for limb in kept.limbs) for i in range(2)] == expected
 
 
 def test_device_of_limbs_is_that_of_the_first_operand(runtime, call):

@@ -98,14 +98,14 @@ def test_backend_info_names_the_emulated_device(activated):
     assert info["native_cubin"] == activated["library"]
 
 
-def test_library_told_is_the_one_that_is_loaded(activated):
+def test_library_that_is_named_is_the_one_loaded(activated):
     assert activated["path"] == activated["library"]
     assert activated["library"] in activated["mapped"]
     assert "host_kernels_fma" not in activated["mapped"]
     assert "host_kernels_avx512" not in activated["mapped"]
 
 
-def test_device_is_told_in_one_line(activated):
+def test_device_is_described_in_one_line(activated):
     expected = f"korvex emulated CUDA device (base), 3 threads, {activated['library']}"
     assert activated["text"] == expected
 

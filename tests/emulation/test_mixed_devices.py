@@ -12,16 +12,6 @@ TWO_DEVICES = (
 )
 
 
-@pytest.fixture
-def x():
-    return device.tensor([1.0, 2.0, 3.0])
-
-
-@pytest.fixture
-def host():
-    return torch.tensor([1.0, 2.0, 3.0], dtype=torch.float64)
-
-
 ELEMENT_BY_ELEMENT = {
     "add": lambda x, h: x + h,
     "add, the other first": lambda x, h: h + x,

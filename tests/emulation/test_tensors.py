@@ -21,16 +21,6 @@ NOT_NUMPY = (
 )
 
 
-@pytest.fixture
-def x():
-    return device.tensor([1.0, 2.0, 3.0])
-
-
-@pytest.fixture
-def host():
-    return torch.tensor([1.0, 2.0, 3.0], dtype=torch.float64)
-
-
 # --- Where a tensor is
 
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""A seeded fuzzer: random calls of every function, on the built module and on its rendering.
+"""A seeded fuzzer: random calls of every function, on the module and on its reference.
 
     PYTHONPATH=tests/support python tests/fuzz/fuzz_module.py --seed 7 --seconds 500
 
@@ -275,9 +275,9 @@ def main():
     options = parser.parse_args()
     torch.set_num_threads(1)  # small operands: threads would only wait for each other
     run = fuzz(device.choose().runtime, options.seed, options.first, options.count, options.seconds)
-    for seed, place, path, of_module, of_rendering in run.differences[:20]:
+    for seed, place, path, of_module, of_reference in run.differences[:20]:
         print(f"--seed {seed} --first {place} --count 1: {path}")
-        print(f"  module:    {str(of_module)[:300]}\n  rendering: {str(of_rendering)[:300]}")
+        print(f"  module:    {str(of_module)[:300]}\n  reference: {str(of_reference)[:300]}")
     print(f"seed {options.seed}: {run.report()}")
     return 1 if run.differences else 0
 

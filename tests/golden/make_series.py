@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Golden digests of the series functions. Run it to write series.json: python make_series.py
 
-The reference does the told operations once more on numpy's float64, which rounds each of them once
+The reference does the same operations once more on numpy's float64, which rounds each of them once
 (IEEE 754), and reads no error of a product. A tensor divided by a Python number is multiplied by
 the number's rounded reciprocal, as torch does on CUDA: cases where a quotient of that kind is
 inexact say so in their names.
@@ -164,23 +164,23 @@ def mark(name):
 
 
 def _of_one_operand():
-    for name, told in ONE_OPERAND.items():
+    for name, expected in ONE_OPERAND.items():
         for kind, inputs in OPERANDS.items():
             yield Case(
                 f"{name}, {kind}{mark(name)}",
                 lambda inputs=inputs: (inputs(),),
-                reference(told),
+                reference(expected),
                 lambda m, x, name=name: getattr(m, name)(x),
             )
 
 
 def _of_other_term_counts():
-    for name, told in WITH_TERMS.items():
+    for name, expected in WITH_TERMS.items():
         for n_terms in (0, 1, 2, 5, 60):
             yield Case(
                 f"{name} of {n_terms} terms{mark(name)}",
                 lambda: (golden.uniform("terms", 200),),
-                reference(functools.partial(told, n_terms=n_terms)),
+                reference(functools.partial(expected, n_terms=n_terms)),
                 lambda m, x, name=name, n_terms=n_terms: getattr(m, name)(x, n_terms),
             )
 

@@ -86,12 +86,12 @@ def _cases():
     for n in (1, 2, 4):
         for kind, rows in VALUES.items():
             inputs = functools.partial(lambda rows, n: (rows(n),), rows, n)
-            for name, told, run in [
+            for name, expected, run in [
                 ("tqx_fft", functools.partial(by_row, inverse=False), forward),
                 ("tqx_ifft", functools.partial(by_row, inverse=True), inverse),
                 ("tqx_rfft", half, lambda m, x: parts(m.tqx_rfft(x))),
             ]:
-                yield Case(f"{name} of length {n}, {kind}{mark(n)}", inputs, told, run)
+                yield Case(f"{name} of length {n}, {kind}{mark(n)}", inputs, expected, run)
     yield Case(
         f"tqx_fft of length 3 padded to 4{BY_TORCH}",
         lambda: (golden.rows(golden.uniform("padded", 300), 3),),

@@ -42,7 +42,7 @@ def test_digest_tells_signs_of_zero_apart_and_not_kinds_of_nan():
 
 def test_inputs_and_digests_can_be_read_without_mpfr():
     """A machine that compares needs torch and numpy alone."""
-    told = run_python("""
+    expected = run_python("""
         import sys
         sys.modules["gmpy2"] = sys.modules["pytest"] = sys.modules["hypothesis"] = None
         from korvex_tools.verify import golden
@@ -53,4 +53,4 @@ def test_inputs_and_digests_can_be_read_without_mpfr():
                 assert case.long or golden.digest(case.inputs()) == entry["inputs"]
         print(len(golden.makers()))
     """)
-    assert int(told) == len(LOADED)
+    assert int(expected) == len(LOADED)

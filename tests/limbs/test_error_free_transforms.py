@@ -9,7 +9,6 @@ from fractions import Fraction
 
 import pytest
 import torch
-from call_recorder import Recorder
 from device import tensor
 from hypothesis import example, given
 from hypothesis import strategies as st
@@ -57,18 +56,6 @@ NO_FMA = {"torch.fma": AttributeError("fma")}
 SUMS = ("_twosum_f64", "_two_sum")
 
 
-@pytest.fixture
-def recorded(runtime, monkeypatch):
-    """Makes a recorder whose `torch` the runtime under test uses."""
-
-    def make(script, **options):
-        recorder = Recorder(script, **options)
-        monkeypatch.setattr(runtime, "torch", recorder.spy("torch"))
-        return recorder
-
-    return make
-
-
 # ---- TwoSum ----
 
 
@@ -85,17 +72,6 @@ def test_operands_of_two_sum_go_by_keyword_too(runtime, recorded, name):
     recorder = recorded(TWO_SUM)
     getattr(runtime, name)(b=recorder.spy("b"), a=recorder.spy("a"))
     recorder.check()
-
-
-@pytest.mark.parametrize("name", SUMS)
-@pytest.mark.parametrize("failing", ["s", "v", "a_part", "a_error", "b_error", "e"])
-def test_two_sum_passes_a_failure_on_and_stops(runtime, recorded, name, failing):
-    told = RuntimeError("from torch")
-    recorder = recorded(TWO_SUM, raises={failing: told})
-    with pytest.raises(RuntimeError) as caught:
-        getattr(runtime, name)(recorder.spy("a"), recorder.spy("b"))
-    assert caught.value is told
-    assert recorder.events[-1].startswith(f"{failing} = ")
 
 
 def test_the_twins_are_two_objects(runtime):
@@ -159,45 +135,13 @@ def test_two_sum_returns_new_objects_and_changes_none(runtime, name):
 # ---- TwoProduct ----
 
 
-def test_product_with_fma(runtime, recorded):
-    recorder = recorded(WITH_FMA)
-    pair = runtime._two_product(recorder.spy("a"), recorder.spy("b"))
-    recorder.check()
-    assert type(pair) is tuple and repr(pair) == "(<p>, <e>)"
-
-
-def test_product_without_fma_is_split(runtime, recorded):
-    recorder = recorded(SPLIT, raises=NO_FMA)
-    pair = runtime._two_product(recorder.spy("a"), recorder.spy("b"))
-    recorder.check()
-    assert type(pair) is tuple and repr(pair) == "(<p>, <e>)"
-
-
 def test_torch_is_asked_for_fma_at_every_call(runtime, recorded):
     """The attribute comes and goes between calls, and each call takes the path of its moment."""
-    told = [SPLIT, WITH_FMA, SPLIT, SPLIT, WITH_FMA]
-    for script in told:
+    for script in [SPLIT, WITH_FMA, SPLIT, SPLIT, WITH_FMA]:
         recorder = recorded(script, raises=NO_FMA if script is SPLIT else None)
-        runtime._two_product(recorder.spy("a"), recorder.spy("b"))
+        pair = runtime._two_product(recorder.spy("a"), recorder.spy("b"))
         recorder.check()
-
-
-def test_failure_other_than_a_missing_attribute_passes(runtime, recorded):
-    told = ZeroDivisionError()
-    recorder = recorded("p = a * b\ntorch.fma", raises={"torch.fma": told})
-    with pytest.raises(ZeroDivisionError) as caught:
-        runtime._two_product(recorder.spy("a"), recorder.spy("b"))
-    assert caught.value is told
-    recorder.check()
-
-
-def test_failure_of_fma_passes_and_nothing_is_split(runtime, recorded):
-    told = RuntimeError("from torch")
-    recorder = recorded(WITH_FMA, raises={"e": told})
-    with pytest.raises(RuntimeError) as caught:
-        runtime._two_product(recorder.spy("a"), recorder.spy("b"))
-    assert caught.value is told
-    recorder.check()
+        assert type(pair) is tuple and repr(pair) == "(<p>, <e>)"
 
 
 def exact_fma(a, b, c):
@@ -250,68 +194,12 @@ def test_product_is_exact_on_the_split_path(module, a, b):
 # ---- the compensated sum ----
 
 
-def test_sum_of_no_terms(runtime, recorded):
-    recorder = recorded("""
-        torch.tensor
-        s = torch.tensor(0.0)
-        torch.tensor
-        e = torch.tensor(0.0)
-    """)
-    assert repr(runtime._compensated_sum([])) == "(<s>, <e>)"
-    recorder.check()
-
-
 def test_sum_of_no_terms_has_defaults_of_torch(runtime):
     s, e = runtime._compensated_sum([])
     assert s is not e and (s.item(), e.item()) == (0.0, 0.0)
     assert s.shape == e.shape == ()
     assert s.dtype == e.dtype == torch.get_default_dtype()
     assert s.device == e.device == torch.tensor(0.0).device
-
-
-def test_sum_of_three_terms(runtime, recorded):
-    recorder = recorded("""
-        t0.clone
-        s0 = t0.clone()
-        torch.zeros_like
-        e0 = torch.zeros_like(s0)
-        s1 = s0 + t1
-        v1 = s1 - s0
-        sv1 = s1 - v1
-        left1 = s0 - sv1
-        right1 = t1 - v1
-        new1 = left1 + right1
-        e1 = e0 + new1
-        s2 = s1 + t2
-        v2 = s2 - s1
-        sv2 = s2 - v2
-        left2 = s1 - sv2
-        right2 = t2 - v2
-        new2 = left2 + right2
-        e2 = e1 + new2
-    """)
-    terms = [recorder.spy(name) for name in ("t0", "t1", "t2")]
-    pair = runtime._compensated_sum(terms)
-    recorder.check()
-    assert type(pair) is tuple and repr(pair) == "(<s2>, <e2>)"
-    assert repr(terms) == "[<t0>, <t1>, <t2>]"
-
-
-def test_sum_calls_the_two_sum_of_the_module(runtime, recorded, monkeypatch):
-    recorder = recorded("""
-        t0.clone
-        s0 = t0.clone()
-        torch.zeros_like
-        e0 = torch.zeros_like(s0)
-        two_sum(s0, t1)
-        e1 = e0 + new
-    """)
-    monkeypatch.setattr(runtime, "_two_sum", recorder.spy("two_sum"))
-    monkeypatch.setattr(runtime, "_twosum_f64", None)
-    recorder.returns["two_sum(s0, t1)"] = (recorder.spy("s1"), recorder.spy("new"))
-    pair = runtime._compensated_sum([recorder.spy("t0"), recorder.spy("t1")])
-    recorder.check()
-    assert repr(pair) == "(<s1>, <e1>)"
 
 
 def test_sum_of_one_term_is_a_clone_and_zeros(runtime):
@@ -339,8 +227,8 @@ def test_terms_must_be_a_list(runtime, terms):
     name = "Tensor" if isinstance(terms, torch.Tensor) else type(terms).__name__
     with pytest.raises(TypeError) as caught:
         runtime._compensated_sum(terms)
-    told = f"Argument 'terms' has incorrect type (expected list, got {name})"
-    assert caught.value.args == (told,)
+    text = f"Argument 'terms' has incorrect type (expected list, got {name})"
+    assert caught.value.args == (text,)
 
 
 def test_subclass_of_list_is_refused(runtime):
@@ -354,48 +242,3 @@ def test_subclass_of_list_is_refused(runtime):
 def test_element_without_clone(runtime):
     with pytest.raises(AttributeError, match="clone"):
         runtime._compensated_sum([1.0])
-
-
-# ---- all of them ----
-
-
-@pytest.mark.parametrize("name, count", [(n, 2) for n in (*SUMS, "_two_product")])
-def test_count_of_arguments(runtime, name, count):
-    with pytest.raises(TypeError) as caught:
-        getattr(runtime, name)(1.0)
-    assert caught.value.args == (f"{name}() takes exactly 2 positional arguments (1 given)",)
-
-
-def test_count_of_arguments_of_the_compensated_sum(runtime):
-    with pytest.raises(TypeError) as caught:
-        runtime._compensated_sum([], [])
-    told = "_compensated_sum() takes exactly 1 positional argument (2 given)"
-    assert caught.value.args == (told,)
-
-
-@pytest.mark.parametrize("name", [*SUMS, "_two_product", "_compensated_sum"])
-def test_transforms_are_not_public(module, name):
-    assert name not in module.__all__
-
-
-DOC_STRINGS = {
-    "_twosum_f64": [
-        "TwoSum in FP64: a + b = s + e EXACTLY.",
-        "Uses Knuth's algorithm. All operations in FP64.",
-    ],
-    "_two_sum": ["TwoSum: Error-free addition.", "Returns (s, e) where a + b = s + e EXACTLY."],
-    "_two_product": [
-        "TwoProduct: Error-free multiplication.",
-        "Returns (p, e) where a * b = p + e EXACTLY.",
-        "Uses FMA if available, otherwise Veltkamp split.",
-    ],
-    "_compensated_sum": [
-        "Sum a list of terms with full error tracking.",
-        "Returns (sum, error) where true_sum = sum + error.",
-    ],
-}
-
-
-@pytest.mark.parametrize("name", DOC_STRINGS)
-def test_doc_string(module, name):
-    assert getattr(module, name).__doc__.strip().splitlines() == DOC_STRINGS[name]

@@ -52,7 +52,7 @@ def test_infinity_becomes_a_finite_power(runtime):
 
 
 @pytest.mark.parametrize(
-    "pattern, told",
+    "pattern, expected",
     [
         (0x7FF8000000000000, 3 * 2**1023),
         (0xFFF8000000000000, -3 * 2**1023),
@@ -60,16 +60,16 @@ def test_infinity_becomes_a_finite_power(runtime):
         (0x7FFFFFFFFFFFFFFF, (2**53 - 1) * 2**972),
     ],
 )
-def test_nan_becomes_a_finite_value_of_its_payload(runtime, pattern, told):
-    assert runtime.TQXResult._fp64_to_decimal(from_bits(pattern)) == told
+def test_nan_becomes_a_finite_value_of_its_payload(runtime, pattern, expected):
+    assert runtime.TQXResult._fp64_to_decimal(from_bits(pattern)) == expected
 
 
 @pytest.mark.parametrize("fraction", [1, 2, 0x8000000000000, 0xFFFFFFFFFFFFF])
 def test_subnormal_gets_the_implicit_bit(runtime, fraction):
-    told = Fraction(fraction + 2**52, 2**1075)
+    expected = Fraction(fraction + 2**52, 2**1075)
     for sign in (1, -1):
         converted = runtime.TQXResult._fp64_to_decimal(sign * fraction * SMALLEST)
-        assert Fraction(converted) == sign * told
+        assert Fraction(converted) == sign * expected
 
 
 def test_smallest_subnormal_reads_about_a_normal(runtime):
@@ -77,7 +77,7 @@ def test_smallest_subnormal_reads_about_a_normal(runtime):
     assert f"{converted:.13E}" == "1.1125369292536E-308"
 
 
-def as_told(f):
+def by_definition(f):
     """The steps on the bits, in rational arithmetic."""
     if f == 0.0:
         return Fraction(0)
@@ -92,7 +92,7 @@ def as_told(f):
 @example(-SMALLEST_NORMAL)
 def test_any_bit_pattern_converts_as_its_bits_say(module, f):
     converted = module.TQXResult._fp64_to_decimal(f)
-    assert Fraction(converted) == as_told(f)
+    assert Fraction(converted) == by_definition(f)
     if math.isfinite(f) and abs(f) >= SMALLEST_NORMAL:
         assert Fraction(converted) == Fraction(f)
 

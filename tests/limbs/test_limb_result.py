@@ -358,11 +358,11 @@ def test_view_that_does_not_fit_fails_at_the_first_such_limb(runtime):
             if self.error:
                 raise self.error
 
-    told = RuntimeError("does not fit")
-    limbs = [Limb(), Limb(told), Limb()]
+    failure = RuntimeError("does not fit")
+    limbs = [Limb(), Limb(failure), Limb()]
     with pytest.raises(RuntimeError) as caught:
         runtime.TQXResult(limbs).view(3)
-    assert caught.value is told and [limb.calls for limb in limbs] == [1, 1, 0]
+    assert caught.value is failure and [limb.calls for limb in limbs] == [1, 1, 0]
 
 
 def test_shape_operations_walk_the_list_and_not_n_limbs(runtime):

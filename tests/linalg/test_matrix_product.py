@@ -37,8 +37,8 @@ def check(module, a, b, rows, columns, inner):
     limbs = [limb.tolist() for limb in result.limbs]
     for i in range(rows):
         for j in range(columns):
-            told = dot_limbs(a[i], [b[k][j] for k in range(inner)], 3)
-            assert [bits(limb[i][j]) for limb in limbs] == [bits(v) for v in told], (i, j)
+            expected = dot_limbs(a[i], [b[k][j] for k in range(inner)], 3)
+            assert [bits(limb[i][j]) for limb in limbs] == [bits(v) for v in expected], (i, j)
 
 
 def drawn(*shape):
@@ -119,9 +119,9 @@ def test_value_is_the_collapsed_limbs(module):
 
 def test_operands_are_widened(module):
     a, b = tensor([[2**24 + 1, 3]], torch.int64), tensor([[0.1], [0.25]], torch.float32)
-    told = dot_limbs([2.0**24 + 1, 3.0], [b[0, 0].item(), b[1, 0].item()], 3)
+    expected = dot_limbs([2.0**24 + 1, 3.0], [b[0, 0].item(), b[1, 0].item()], 3)
     result = module.tqx_matmul(a, b, return_tqx=True)
-    assert [limb.item() for limb in result.limbs] == told
+    assert [limb.item() for limb in result.limbs] == expected
 
 
 # ---- routes and shapes ----
@@ -181,9 +181,9 @@ def test_exact_elements(module):
     a, b = [[0.1, 0.2], [0.3, 1e20]], [[0.7, 1e-9], [3.3, 1.1]]
     decimal = module.tqx_matmul_exact(tensor(a), tensor(b), 1, 0.9)
     assert type(decimal) is Decimal
-    told = sum(map(Fraction, dot_limbs(a[1], [0.7, 3.3], 3)))
-    assert Fraction(decimal) == told
-    assert Fraction(module.tqx_bmm_exact(tensor([b, a]), tensor([a, b]), 1, 1, 0)) == told
+    expected = sum(map(Fraction, dot_limbs(a[1], [0.7, 3.3], 3)))
+    assert Fraction(decimal) == expected
+    assert Fraction(module.tqx_bmm_exact(tensor([b, a]), tensor([a, b]), 1, 1, 0)) == expected
 
 
 def test_exact_element_of_two_vectors_fails(module):
@@ -264,7 +264,7 @@ OPTIMISED = """
     assert_is_off = True
     assert not assert_is_off, "assertions are off here"
 
-    def told(kind, text, function, *operands):
+    def fails(kind, text, function, *operands):
         try:
             function(*operands)
         except kind as error:
@@ -281,20 +281,21 @@ OPTIMISED = """
     if product.tolist() != [[3.0, 3.0], [3.0, 3.0]]:
         raise SystemExit(f"{product}")
     # Fewer elements than the sizes say never reach the kernel.
-    told(ValueError, "", m.tqx_matmul, ones(2, 3), ones(2, 2))
-    told(RuntimeError, "shape", m.tqx_matmul, ones(2, 2, 3), ones(2, 4, 2))
-    told(ValueError, "need more than 2 values to unpack", m.tqx_bmm, ones(2, 3), ones(2, 3, 4))
-    told(ValueError, "need more than 1 value to unpack", m.tqx_bmm, ones(1, 3, 4), ones(3))
-    told(ValueError, "too many values to unpack (expected 3)", m.tqx_bmm, ones(1, 1, 1, 1), ones(3))
+    fails(ValueError, "", m.tqx_matmul, ones(2, 3), ones(2, 2))
+    fails(RuntimeError, "shape", m.tqx_matmul, ones(2, 2, 3), ones(2, 4, 2))
+    fails(ValueError, "need more than 2 values to unpack", m.tqx_bmm, ones(2, 3), ones(2, 3, 4))
+    fails(ValueError, "need more than 1 value to unpack", m.tqx_bmm, ones(1, 3, 4), ones(3))
+    too_many = "too many values to unpack (expected 3)"
+    fails(ValueError, too_many, m.tqx_bmm, ones(1, 1, 1, 1), ones(3))
     product = m.tqx_bmm(ones(1, 2, 3), ones(2, 3, 4))
     if tuple(product.shape) != (1, 2, 4):
         raise SystemExit(f"{product.shape}")
-    print("all as told")
+    print("all as expected")
 """
 
 
 def test_without_assertions_nothing_replaces_them():
-    assert run_python(OPTIMISED, "-O").splitlines()[-1] == "all as told"
+    assert run_python(OPTIMISED, "-O").splitlines()[-1] == "all as expected"
 
 
 def test_builtins_of_the_calling_frame_do_not_matter(module):

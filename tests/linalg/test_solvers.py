@@ -50,9 +50,9 @@ def rate(matrix):
 def errors(result, exact):
     """The largest error of each column, in ulps of the column's largest element."""
     found = []
-    for column, told in zip(zip(*result, strict=True), zip(*exact, strict=True), strict=True):
-        difference = max(abs(Fraction(v) - t) for v, t in zip(column, told, strict=True))
-        found.append(float(difference / Fraction(math.ulp(float(max(map(abs, told)))))))
+    for column, expected in zip(zip(*result, strict=True), zip(*exact, strict=True), strict=True):
+        difference = max(abs(Fraction(v) - t) for v, t in zip(column, expected, strict=True))
+        found.append(float(difference / Fraction(math.ulp(float(max(map(abs, expected)))))))
     return found
 
 

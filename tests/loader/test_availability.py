@@ -84,7 +84,7 @@ else:
 
 
 @needs_no_driver
-def test_all_reasons_are_told(tmp_path):
+def test_all_reasons_are_reported(tmp_path):
     """So that whoever mends one of them is not surprised by the next."""
     bare_run(
         tmp_path,

@@ -138,7 +138,7 @@ def test_constructor_raises_runtime_error_and_no_import_error(run, files):
     )
 
 
-def test_forked_child_is_told_that_it_cannot_use_cuda(run):
+def test_forked_child_learns_that_it_cannot_use_cuda(run):
     run(
         """
         import os

@@ -113,7 +113,7 @@ def test_launch_from_a_thread_of_its_own(module):
     assert found == [[3.0, 1e-300, 0.0, 0.0]]
 
 
-def test_forked_child_is_told_that_it_cannot_use_cuda(module):
+def test_forked_child_learns_that_it_cannot_use_cuda(module):
     kernel = module._NATIVE_LOADER.get_kernel("tqx_sum_seq_kernel")
     x = module.cp.from_dlpack(torch.zeros(4, dtype=torch.float64, device="cuda"))
     child = os.fork()

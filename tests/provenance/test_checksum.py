@@ -10,7 +10,6 @@ import device
 import numpy
 import pytest
 import torch
-from call_recorder import Recorder
 from hypothesis import given
 from hypothesis import strategies as st
 
@@ -44,9 +43,9 @@ KNOWN = [
 ]
 
 
-@pytest.mark.parametrize("x, told", [row[1:] for row in KNOWN], ids=[row[0] for row in KNOWN])
-def test_known_texts(runtime, x, told):
-    assert runtime.tqx_checksum(x) == told
+@pytest.mark.parametrize("x, expected", [row[1:] for row in KNOWN], ids=[row[0] for row in KNOWN])
+def test_known_texts(runtime, x, expected):
+    assert runtime.tqx_checksum(x) == expected
 
 
 def test_host_and_device_agree(runtime):
@@ -146,13 +145,13 @@ def test_that_many_first_characters(runtime, truncate):
 
 @pytest.mark.parametrize("truncate", [0, -1, -2, -16, -63, -64, -65, -1000, -(2**63), -(10**30)])
 def test_zero_and_negative_truncation_slice_from_the_end(runtime, truncate):
-    told = ONE_FULL[:truncate] if truncate > -64 else ""
-    assert runtime.tqx_checksum(ONE, truncate) == told
+    expected = ONE_FULL[:truncate] if truncate > -64 else ""
+    assert runtime.tqx_checksum(ONE, truncate) == expected
 
 
-@pytest.mark.parametrize("truncate, told", [(16.9, 16), (True, 1), (False, 0), (-1.9, -1)])
-def test_truncation_that_is_another_number(runtime, truncate, told):
-    assert runtime.tqx_checksum(ONE, truncate) == ONE_FULL[:told]
+@pytest.mark.parametrize("truncate, expected", [(16.9, 16), (True, 1), (False, 0), (-1.9, -1)])
+def test_truncation_that_is_another_number(runtime, truncate, expected):
+    assert runtime.tqx_checksum(ONE, truncate) == ONE_FULL[:expected]
 
 
 def test_full_text_has_no_truncation_parameter(runtime):
@@ -263,71 +262,36 @@ def test_mismatch_shows_text_that_is_not_ascii(runtime):
         runtime.tqx_verify(ONE, "größe")
 
 
-# ---- the order of the calls ----
-
-HASHING = """
-    double.double
-    t1 = double.double()
-    t1.cpu
-    t2 = t1.cpu()
-    t2.contiguous
-    tensor_f64 = t2.contiguous()
-    tensor_f64.numpy
-    array = tensor_f64.numpy()
-    array.tobytes
-    data_bytes = array.tobytes()
-    hashlib.sha256
-    hasher = hashlib.sha256(data_bytes)
-    hasher.hexdigest
-    full_hash = hasher.hexdigest()
-"""
+# ---- the order of the calls; tests/runtime compares every other with the reference ----
 
 
-@pytest.mark.parametrize("truncate, stop", [(16, 16), (64, 64), (65, 64), (-3, -3), (10**30, 64)])
-def test_checksum_calls(runtime, monkeypatch, truncate, stop):
-    recorder = Recorder(HASHING.replace("double.double", "x.double") + f"text = full_hash[:{stop}]")
-    monkeypatch.setattr(runtime, "hashlib", recorder.spy("hashlib"))
-    text = runtime.tqx_checksum(recorder.spy("x"), truncate)
-    recorder.check()
-    assert repr(text) == "<text>"
-
-
-def test_limb_result_is_collapsed_first(runtime, monkeypatch):
-    script = "tensor = collapse()" + HASHING.replace("double.double", "tensor.double")
-    recorder = Recorder(script + "text = full_hash[:16]")
-    monkeypatch.setattr(runtime, "hashlib", recorder.spy("hashlib"))
-    result = runtime.TQXResult([])
-    result.collapse = recorder.spy("collapse")
-    runtime.tqx_checksum(result)
-    recorder.check()
-
-
-def test_full_checksum_is_the_truncated_one_at_64(runtime, monkeypatch):
-    recorder = Recorder("text = tqx_checksum(x, truncate=64)")
-    monkeypatch.setattr(runtime, "tqx_checksum", recorder.spy("tqx_checksum"))
-    assert repr(runtime.tqx_checksum_hex(recorder.spy("x"))) == "<text>"
-    recorder.check()
-
-
-@pytest.mark.parametrize("actual, match", [("abc", True), ("abd", False)])
-def test_verification_computes_one_checksum(runtime, monkeypatch, actual, match):
-    recorder = Recorder("actual = tqx_checksum(x, truncate=3)", returns={"actual": actual})
-    monkeypatch.setattr(runtime, "tqx_checksum", recorder.spy("tqx_checksum"))
-    assert runtime.tqx_verify(recorder.spy("x"), "abcdef", 3.9, False) is match
-    recorder.check()
-
-
-def test_verification_compares_the_actual_text_with_the_expected_one(runtime, monkeypatch):
-    recorder = Recorder(
+def test_checksum_of_limbs_is_that_of_their_collapse(runtime, recorded):
+    recorder = recorded(
         """
-        actual = tqx_checksum(x, truncate=3)
-        match = actual == 'abc'
-        bool(match)
-        """
+        tensor = collapse()
+        tensor.double
+        t1 = tensor.double()
+        t1.cpu
+        t2 = t1.cpu()
+        t2.contiguous
+        tensor_f64 = t2.contiguous()
+        tensor_f64.numpy
+        array = tensor_f64.numpy()
+        array.tobytes
+        data_bytes = array.tobytes()
+        hashlib.sha256
+        hasher = hashlib.sha256(data_bytes)
+        hasher.hexdigest
+        full_hash = hasher.hexdigest()
+        text = full_hash[:64]
+        """,
+        "hashlib",
     )
-    monkeypatch.setattr(runtime, "tqx_checksum", recorder.spy("tqx_checksum"))
-    assert runtime.tqx_verify(recorder.spy("x"), "abcdef", 3)
-    assert recorder.events[:3] == recorder.expected
+    result = runtime.TQXResult([])
+    recorder.events.clear()  # the dtype that the construction reads
+    result.collapse = recorder.spy("collapse")
+    assert repr(runtime.tqx_checksum(result, 65)) == "<text>"
+    recorder.check()
 
 
 def test_no_kernel_is_launched(module, launches):

@@ -237,6 +237,6 @@ def test_limbs_are_canonical(module, pairs):
 def test_last_bit_that_remains_is_kept(module, pairs, exponent):
     x = [a for a, _ in pairs] + [-a for a, _ in pairs] + [math.ldexp(1.0, exponent)]
     y = [b for _, b in pairs] + [b for _, b in pairs] + [1.0]
-    told = canonical_limbs(Fraction(2) ** exponent, 4)
+    expected = canonical_limbs(Fraction(2) ** exponent, 4)
     result = module.tqx_dot(tensor(x), tensor(y), return_tqx=True)
-    assert limb_bits(result) == all_bits(told)
+    assert limb_bits(result) == all_bits(expected)

@@ -35,7 +35,7 @@ def rounded_squares(values):
 
 
 @pytest.mark.parametrize("options, lost", [({}, 1), ({"unbiased": True}, 1), ({"unbiased": 0}, 0)])
-def test_variance_divides_as_told(runtime, options, lost):
+def test_variance_divides_by_the_documented_count(runtime, options, lost):
     expected = rounded_squares(VALUES) / (len(VALUES) - lost)
     variance = runtime.tqx_var_exact(tensor(VALUES), **options)
     assert abs(Fraction(variance) - expected) <= expected / 10**999

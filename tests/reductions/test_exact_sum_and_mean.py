@@ -13,9 +13,9 @@ from device import tensor
 
 def test_long_sum_of_a_tenth_is_exact(module, launches):
     x = torch.full((100_000,), 0.1, dtype=torch.float64, device="cuda")
-    told = Decimal("10000.00000000000055511151231257827021181583404541015625")
+    expected = Decimal("10000.00000000000055511151231257827021181583404541015625")
     total = module.tqx_sum_exact(x)
-    assert type(total) is Decimal and total == told == 100_000 * Decimal(0.1)
+    assert type(total) is Decimal and total == expected == 100_000 * Decimal(0.1)
     assert launches == ["tqx_sum_seq_kernel"]
 
 

@@ -107,8 +107,8 @@ def test_operand_is_widened_before_anything_is_added(module, options, dtype):
 
 def test_float32_operand_is_summed_as_the_doubles_it_holds(module):
     x = tensor([0.1, 0.2, 1e8], torch.float32)
-    told = sum_limbs(x.double().cpu().tolist(), 4)
-    assert limb_bits(module.tqx_sum(x, return_tqx=True)) == all_bits(told)
+    expected = sum_limbs(x.double().cpu().tolist(), 4)
+    assert limb_bits(module.tqx_sum(x, return_tqx=True)) == all_bits(expected)
 
 
 def test_boolean_operand_is_counted(module):
@@ -210,20 +210,20 @@ KNOWN = [
     ("subnormals", [2.0**-1074] * 7, [7 * 2.0**-1074]),
 ]
 by_known = pytest.mark.parametrize(
-    "values, told", [row[1:] for row in KNOWN], ids=[row[0] for row in KNOWN]
+    "values, expected", [row[1:] for row in KNOWN], ids=[row[0] for row in KNOWN]
 )
 
 
 @by_known
-def test_sequential_limbs_are_canonical(module, values, told):
+def test_sequential_limbs_are_canonical(module, values, expected):
     limbs = sum_limbs(values, 4)
-    if told is not None:
-        assert all_bits(limbs) == all_bits(told + [0.0] * (4 - len(told)))
+    if expected is not None:
+        assert all_bits(limbs) == all_bits(expected + [0.0] * (4 - len(expected)))
     assert limb_bits(module.tqx_sum(tensor(values), return_tqx=True)) == all_bits(limbs)
 
 
 @by_known
-def test_parallel_limbs_are_canonical(module, values, told):
+def test_parallel_limbs_are_canonical(module, values, expected):
     result = module.tqx_sum(tensor(values), exact=False, return_tqx=True)
     assert limb_bits(result) == all_bits(sum_limbs(values, 2))
 
@@ -261,9 +261,9 @@ def test_two_sums_in_a_row_leave_nothing_of_each_other(module):
 
 def test_long_sum_of_a_tenth(module):
     x = tensor([0.1] * 100_000)
-    told = sum_limbs([0.1] * 100_000, 4)
-    assert limb_bits(module.tqx_sum(x, return_tqx=True)) == all_bits(told)
-    assert module.tqx_sum(x, exact=False).item() == told[0]
+    expected = sum_limbs([0.1] * 100_000, 4)
+    assert limb_bits(module.tqx_sum(x, return_tqx=True)) == all_bits(expected)
+    assert module.tqx_sum(x, exact=False).item() == expected[0]
 
 
 # ---- mean ----

@@ -75,15 +75,15 @@ def parallel_bits(module, values):
 @example([1.0, 2.0**-53, 2.0**-1074])
 @example([1.7e308] * 7)
 def test_limbs_are_canonical(module, values):
-    told = canonical_limbs(exact_sum(values), 4)
-    assert sequential_bits(module, values) == [bits(limb) for limb in told]
+    expected = canonical_limbs(exact_sum(values), 4)
+    assert sequential_bits(module, values) == [bits(limb) for limb in expected]
 
 
 @given(FINITE_LISTS)
 @example([1.7e308, 1.7e308, 1.7e308])
 def test_parallel_limbs_are_canonical(module, values):
-    told = canonical_limbs(exact_sum(values), 2)
-    assert parallel_bits(module, values) == [bits(limb) for limb in told]
+    expected = canonical_limbs(exact_sum(values), 2)
+    assert parallel_bits(module, values) == [bits(limb) for limb in expected]
 
 
 @given(st.one_of(lists_of(moderate(-1074, 1000), 4), lists_of(moderate(-100, 60), 300)))

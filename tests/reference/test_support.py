@@ -31,8 +31,8 @@ FINITE = st.integers(0, 2**64 - 1).map(from_bits).filter(math.isfinite)
 @given(st.fractions())
 def test_rounding_agrees_with_mpfr(value):
     with gmpy2.context(gmpy2.ieee(64)):
-        told = float(gmpy2.mpfr(gmpy2.mpq(value.numerator, value.denominator)))
-    assert round_to_double(value) == told
+        expected = float(gmpy2.mpfr(gmpy2.mpq(value.numerator, value.denominator)))
+    assert round_to_double(value) == expected
 
 
 @given(FINITE, FINITE)
@@ -41,7 +41,7 @@ def test_rounding_a_sum_of_two_agrees_with_the_processor(a, b):
 
 
 @pytest.mark.parametrize(
-    "value, told",
+    "value, expected",
     [
         (Fraction(LARGEST) + Fraction(2**969), LARGEST),
         (Fraction(LARGEST) + Fraction(2**970), math.inf),
@@ -52,8 +52,8 @@ def test_rounding_a_sum_of_two_agrees_with_the_processor(a, b):
         (Fraction(0), 0.0),
     ],
 )
-def test_rounding_at_the_ends_of_the_range(value, told):
-    assert bits(round_to_double(value)) == bits(told)
+def test_rounding_at_the_ends_of_the_range(value, expected):
+    assert bits(round_to_double(value)) == bits(expected)
 
 
 @given(st.lists(FINITE, max_size=4))
@@ -132,13 +132,13 @@ def test_recorder_tells_an_operation_in_place_from_an_operator():
         recorder.check()
 
 
-def test_recorder_returns_and_raises_what_it_is_told():
-    told = KeyError("told")
+def test_recorder_returns_and_raises_what_it_is_given():
+    failure = KeyError("given")
     recorder = Recorder(
-        "n = x.numel()\nx.fail", returns={"n": 5, "x.numel": len}, raises={"x.fail": told}
+        "n = x.numel()\nx.fail", returns={"n": 5, "x.numel": len}, raises={"x.fail": failure}
     )
     x = recorder.spy("x")
     assert x.numel is len
     with pytest.raises(KeyError) as caught:
         _ = x.fail
-    assert caught.value is told
+    assert caught.value is failure

@@ -2,7 +2,7 @@
 """How arguments are counted, bound, converted and refused, for every function and method.
 
 The objects below stand for any first operand: the tests end before it is used, or see its first
-use. Every statement is also held against the rendering in plain Python.
+use. Every statement is also checked on the reference implementation in Python.
 """
 
 import decimal
@@ -49,8 +49,8 @@ def test_too_few_positional_arguments(runtime, row):
     exact = row.required == len(row.parameters) and not row.takes_rest
     word = "exactly" if exact else "at least"
     for given in range(row.required):
-        told = count_text(row.name, word, row.required, given)
-        assert refusal(runtime, row, *range(given)) == told
+        expected = count_text(row.name, word, row.required, given)
+        assert refusal(runtime, row, *range(given)) == expected
 
 
 COUNT_TEXTS = [
@@ -68,11 +68,11 @@ COUNT_TEXTS = [
 ]
 
 
-@pytest.mark.parametrize("name, args, told", COUNT_TEXTS)
-def test_count_text_to_the_letter(runtime, name, args, told):
+@pytest.mark.parametrize("name, args, expected", COUNT_TEXTS)
+def test_count_text_to_the_letter(runtime, name, args, expected):
     with pytest.raises(TypeError) as caught:
         getattr(runtime, name)(*args)
-    assert caught.value.args == (told,)
+    assert caught.value.args == (expected,)
 
 
 METHOD_COUNT_TEXTS = [
@@ -88,11 +88,11 @@ METHOD_COUNT_TEXTS = [
 ]
 
 
-@pytest.mark.parametrize("name, args, told", METHOD_COUNT_TEXTS)
-def test_count_of_a_method_includes_self(runtime, name, args, told):
+@pytest.mark.parametrize("name, args, expected", METHOD_COUNT_TEXTS)
+def test_count_of_a_method_includes_self(runtime, name, args, expected):
     with pytest.raises(TypeError) as caught:
         getattr(runtime.TQXResult([]), name)(*args)
-    assert caught.value.args == (told,)
+    assert caught.value.args == (expected,)
 
 
 def test_count_of_a_verified_results_method_includes_self(runtime):
@@ -125,25 +125,25 @@ def test_any_number_of_arguments_where_all_are_taken(runtime):
 @pytest.mark.parametrize("row", **row_ids(FUNCTIONS))
 def test_unexpected_keyword(runtime, row):
     arguments = range(row.required)
-    told = f"{row.name}() got an unexpected keyword argument 'bogus'"
+    expected = f"{row.name}() got an unexpected keyword argument 'bogus'"
     if row.parameters:
-        assert refusal(runtime, row, *arguments, bogus=1) == told
+        assert refusal(runtime, row, *arguments, bogus=1) == expected
     else:
         refusal(runtime, row, *arguments, bogus=1)
 
 
 @pytest.mark.parametrize("row", **row_ids(METHODS))
 def test_unexpected_keyword_of_a_method(runtime, row):
-    told = f"{row.name}() got an unexpected keyword argument 'bogus'"
-    assert refusal(runtime, row, *range(row.required), bogus=1) == told
+    expected = f"{row.name}() got an unexpected keyword argument 'bogus'"
+    assert refusal(runtime, row, *range(row.required), bogus=1) == expected
 
 
 @pytest.mark.parametrize("row", **row_ids([row for row in FIXED if row.parameters]))
 def test_keyword_for_a_parameter_already_given(runtime, row):
     for given in range(1, len(row.parameters) + 1):
         name = row.parameters[given - 1]
-        told = f"{row.name}() got multiple values for keyword argument '{name}'"
-        assert refusal(runtime, row, *range(given), **{name: 1}) == told
+        expected = f"{row.name}() got multiple values for keyword argument '{name}'"
+        assert refusal(runtime, row, *range(given), **{name: 1}) == expected
 
 
 def test_too_many_arguments_are_reported_before_keywords(runtime):
@@ -314,22 +314,48 @@ NO_NUMBERS = [
 
 @pytest.mark.parametrize("value, type_name", NO_NUMBERS, ids=[name for _, name in NO_NUMBERS])
 def test_int_refuses_what_is_no_number(runtime, value, type_name):
-    told = f"Argument '%s' has incorrect type (expected int, got {type_name})"
+    text = f"Argument '%s' has incorrect type (expected int, got {type_name})"
     result = runtime.TQXResult([])
     with pytest.raises(TypeError) as caught:
         runtime.tqx_checksum(torch.zeros(1), value)
-    assert caught.value.args == (told % "truncate",)
+    assert caught.value.args == (text % "truncate",)
     with pytest.raises(TypeError) as caught:
         result.unsqueeze(value)
-    assert caught.value.args == (told % "dim",)
+    assert caught.value.args == (text % "dim",)
     if value is not None:
         for call in (runtime.tqx_sum, runtime.tqx_mean):
             with pytest.raises(TypeError) as caught:
                 call(None, value)
-            assert caught.value.args == (told % "dim",)
+            assert caught.value.args == (text % "dim",)
         with pytest.raises(TypeError) as caught:
             result.squeeze(value)
-        assert caught.value.args == (told % "dim",)
+        assert caught.value.args == (text % "dim",)
+
+
+def is_int(row, name):
+    return row.annotations.get(name) in ("int", "Optional[int]")
+
+
+INTEGERS = [(row, name) for row in ROWS for name in row.parameters if is_int(row, name)]
+
+
+@pytest.mark.parametrize(
+    "row, parameter", INTEGERS, ids=[f"{row.path} {name}" for row, name in INTEGERS]
+)
+def test_every_int_refuses_what_is_no_number_before_the_body(runtime, row, parameter):
+    """The body would fail at its first operand, and a later number would be refused too."""
+    place = row.parameters.index(parameter)
+    named = {"self": runtime.TQXResult([])} if row.parameters[0] == "self" else {}
+    for other, name in enumerate(row.parameters):
+        if is_int(row, name):
+            named[name] = 1 if other < place else "later"
+        elif name != "self" and other < row.required:
+            named[name] = None
+    values = ["20", [20], *([] if row.annotations[parameter] == "Optional[int]" else [None])]
+    for value in values:
+        assert refusal(runtime, row, **named | {parameter: value}) == (
+            f"Argument '{parameter}' has incorrect type (expected int, got {type(value).__name__})"
+        )
 
 
 def test_int_refusal_carries_no_note(runtime):
@@ -358,15 +384,15 @@ def test_float_that_is_no_integer_fails_as_int_does(runtime, value):
 
 
 def test_exception_of_int_is_unchanged(runtime):
-    told = ZeroDivisionError("from __int__")
+    failure = ZeroDivisionError("from __int__")
 
     class Failing:
         def __int__(self):
-            raise told
+            raise failure
 
     with pytest.raises(ZeroDivisionError) as caught:
         runtime.TQXResult([]).squeeze(Failing())
-    assert caught.value is told
+    assert caught.value is failure
 
 
 # ---- bool ----
@@ -393,10 +419,10 @@ class NoTruth:
 
 @pytest.mark.parametrize("parameter", ["keepdim", "return_tqx", "exact"])
 def test_exception_of_a_truth_test_is_unchanged(runtime, parameter):
-    told = ZeroDivisionError("from __bool__")
+    failure = ZeroDivisionError("from __bool__")
     with pytest.raises(ZeroDivisionError) as caught:
-        runtime.tqx_sum(None, **{parameter: NoTruth(told)})
-    assert caught.value is told
+        runtime.tqx_sum(None, **{parameter: NoTruth(failure)})
+    assert caught.value is failure
 
 
 def test_truth_test_of_a_tensor_with_two_elements_fails_as_torch_fails(runtime):
@@ -542,8 +568,8 @@ def test_long_type_names_are_cut_at_200_characters(runtime):
     long_name = type("N" * 300, (), {})
     with pytest.raises(TypeError) as caught:
         runtime.TQXResult([], long_name())
-    told = f"Argument 'device' has incorrect type (expected str, got {'N' * 200})"
-    assert caught.value.args == (told,)
+    text = f"Argument 'device' has incorrect type (expected str, got {'N' * 200})"
+    assert caught.value.args == (text,)
 
 
 # ---- order ----

@@ -89,16 +89,16 @@ def label(case):
 
 @pytest.mark.parametrize("case", VECTORS, ids=label)
 def test_function_of_a_vector_holds_the_copies_of_its_steps(module, case):
-    name, options, count, told = case
+    name, options, count, expected = case
     held = copies_held(module, name, options, operands(count))
-    assert told <= held <= told + SMALL
+    assert expected <= held <= expected + SMALL
 
 
 @pytest.mark.parametrize("case", MATRICES, ids=label)
 def test_matrix_product_holds_the_copies_of_its_steps(module, case):
-    name, options, count, told = case
+    name, options, count, expected = case
     held = copies_held(module, name, options, operands(count, SIDE, SIDE))
-    assert told <= held <= told + SMALL
+    assert expected <= held <= expected + SMALL
 
 
 @pytest.mark.parametrize("case", [*VECTORS, *MATRICES], ids=label)
@@ -120,7 +120,7 @@ def test_operand_that_is_not_contiguous_is_copied_once(module):
 
 
 @pytest.mark.parametrize(
-    ("case", "n", "told"),
+    ("case", "n", "expected"),
     [
         ("tqx_sum", COUNT, 0),
         ("tqx_var", COUNT, 0),
@@ -128,7 +128,7 @@ def test_operand_that_is_not_contiguous_is_copied_once(module):
         ("tqx_matmul(return_tqx=True)", 1000, 3),
     ],
 )
-def test_kernel_holds_next_to_nothing_of_its_own(case, n, told):
+def test_kernel_holds_next_to_nothing_of_its_own(case, n, expected):
     if not device.choose().emulated:
         pytest.skip("kernels for a GPU allocate nothing")
     if "libasan" in os.environ.get("LD_PRELOAD", ""):
@@ -137,4 +137,4 @@ def test_kernel_holds_next_to_nothing_of_its_own(case, n, told):
     environment = os.environ | {"MALLOC_MMAP_THRESHOLD_": str(1 << 18)}
     output = subprocess.run(command, capture_output=True, text=True, check=True, env=environment)
     figures = json.loads(output.stdout)
-    assert told - 0.1 <= figures["bytes"] / figures["operand"] <= told + 0.1
+    assert expected - 0.1 <= figures["bytes"] / figures["operand"] <= expected + 0.1

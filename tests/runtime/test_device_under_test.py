@@ -36,10 +36,10 @@ def test_device_can_be_forced_to_be_emulated():
     )
 
 
-@pytest.mark.parametrize("wanted, told", [("gpu", "no GPU is available"), ("tpu", "not 'tpu'")])
-def test_device_that_cannot_be_had_ends_the_run(wanted, told):
+@pytest.mark.parametrize("wanted, expected", [("gpu", "no GPU is available"), ("tpu", "not 'tpu'")])
+def test_device_that_cannot_be_had_ends_the_run(wanted, expected):
     script = "import fake_siblings; fake_siblings.add_torch(); import device; device.choose()"
-    with pytest.raises(AssertionError, match=told):
+    with pytest.raises(AssertionError, match=expected):
         run_python(script, KORVEX_TEST_DEVICE=wanted)
 
 

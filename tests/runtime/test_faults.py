@@ -1,19 +1,21 @@
 # SPDX-License-Identifier: Apache-2.0
 """A failure at every call out of the module, one after the other.
 
-Each function walks its courses (`courses.py`) with spies; then again and again with the first, the
-second, ... the last operation failing. The exception must come out as the very object that was
-raised, nothing may follow it, and blocks of memory must not add up. Two places are told to treat
-an exception in another way, and there the rendering in plain Python says how it must end.
+Each function takes its plain routes (`call_routes.py`) with spies; then again and again with the
+first, the second, ... the last operation failing. The exception must come out as the very object
+that was raised, nothing may follow it, and blocks of memory must not add up. Two places treat an
+exception in another way, and there the reference implementation says how it must end.
 """
 
 import gc
 import sys
 
-import courses
+import call_routes
 import pytest
 import reference_runtime
 from public_signatures import ROWS
+
+pytestmark = pytest.mark.usefixtures("quick_collections")
 
 
 class Fault(Exception):
@@ -26,52 +28,59 @@ class Stop(BaseException):
 
 KINDS = [Fault, Stop, RuntimeError, AttributeError, TypeError, ImportError]
 
-# Long courses are loops of like steps: the ordinary run takes so many places of each, spread out.
+# Long sequences are loops of like steps: the ordinary run takes so many places of each, spread out.
 MOST_PLACES = 120
 
 
 @pytest.fixture(autouse=True)
 def _restored(module):
     reference_runtime.bind(module)
-    with courses.restored(module, reference_runtime):
+    with call_routes.restored(module, reference_runtime):
         yield
 
 
-def distinct(row, module):
-    return courses.distinct_courses(row, module, courses.without_numbers)
+def places_of_faults(row, module, most=MOST_PLACES):
+    """Each distinct route of a function with its calls at which no earlier route has failed.
+
+    Up to a fault, two routes with the same calls do the same.
+    """
+    seen = set()
+    for route in call_routes.distinct_routes(row, module):
+        places, calls = [], 0
+        for place, event in enumerate(call_routes.record(route, module)[0].events):
+            calls = hash((calls, call_routes.without_numbers(event)))
+            if calls not in seen:
+                places.append(place)
+                seen.add(calls)
+        yield route, places[:: max(1, len(places) // most)]
 
 
-def places(count, most=MOST_PLACES):
-    step = max(1, count // most)
-    return range(0, count, step)
+def count_of_events(route, module):
+    return len(call_routes.record(route, module)[0].events)
 
 
-def count_of_events(course, module):
-    return len(courses.walk(course, module)[0].events)
-
-
-def may_be_told_otherwise(event, kind):
+def may_become_another(event, kind):
     """torch.broadcast_shapes may be reworded; hasattr takes an AttributeError for a no."""
     return (kind is RuntimeError and "broadcast_shapes(" in event) or (
         kind is AttributeError and "(" not in event
     )
 
 
-def check_fault(course, module, place, kind):
-    told = kind("fault")
-    recorder, result, error = courses.walk(course, module, place, told)
-    if error is not told and may_be_told_otherwise(recorder.events[place], kind):
-        check_as_rendered(course, module, place, kind)
+def check_fault(route, module, place, kind):
+    fault = kind("fault")
+    recorder, result, error = call_routes.record(route, module, place, fault)
+    if error is not fault and may_become_another(recorder.events[place], kind):
+        check_against_reference(route, module, place, kind)
         return
-    assert error is told, f"{course}, event {place}: {recorder.events[place]}"
+    assert error is fault, f"{route}, event {place}: {recorder.events[place]}"
     assert error.__context__ is None and error.__cause__ is None
-    assert len(recorder.events) == place + 1, f"{course} went on after {recorder.events[place]}"
+    assert len(recorder.events) == place + 1, f"{route} went on after {recorder.events[place]}"
 
 
-def check_as_rendered(course, module, place, kind):
+def check_against_reference(route, module, place, kind):
     endings = []
     for runtime in (module, reference_runtime):
-        recorder, _, error = courses.walk(course, runtime, place, kind("fault"))
+        recorder, _, error = call_routes.record(route, runtime, place, kind("fault"))
         endings.append(
             (
                 recorder.events,
@@ -81,22 +90,22 @@ def check_as_rendered(course, module, place, kind):
                 type(error and error.__context__),
             )
         )
-    assert endings[0] == endings[1], f"{course}, event {place}"
+    assert endings[0] == endings[1], f"{route}, event {place}"
 
 
 @pytest.mark.parametrize("row", ROWS, ids=[row.path for row in ROWS])
 def test_fault_at_every_call_comes_out_unchanged(module, row, record_property):
     injected = 0
-    for course in distinct(row, module):
-        count = count_of_events(course, module)
-        for place in places(count):
-            check_fault(course, module, place, KINDS[injected % len(KINDS)])
+    for route, places in places_of_faults(row, module):
+        count = count_of_events(route, module)
+        for place in places:
+            check_fault(route, module, place, KINDS[injected % len(KINDS)])
             injected += 1
         for kind in KINDS:  # each kind at the last call too
             if count:
-                check_fault(course, module, count - 1, kind)
+                check_fault(route, module, count - 1, kind)
                 injected += 1
-        assert count_of_events(course, module) == count  # it works as before
+        assert count_of_events(route, module) == count  # it works as before
     record_property("faults injected", injected)
 
 
@@ -104,20 +113,20 @@ def test_fault_at_every_call_comes_out_unchanged(module, row, record_property):
 @pytest.mark.parametrize("row", ROWS, ids=[row.path for row in ROWS])
 def test_fault_of_every_kind_at_every_call(module, row, record_property):
     injected = 0
-    for course in distinct(row, module):
-        for place in range(count_of_events(course, module)):
+    for route in call_routes.distinct_routes(row, module):
+        for place in range(count_of_events(route, module)):
             for kind in KINDS:
-                check_fault(course, module, place, kind)
+                check_fault(route, module, place, kind)
                 injected += 1
     record_property("faults injected", injected)
 
 
 def all_faults(found, module):
-    """Every course of a function with a fault at one of its calls, then at another, ..."""
+    """A fault at every place of every route, one after the other."""
     injected = 0
-    for course, count in found:
-        for place in places(count, 30):
-            courses.walk(course, module, place, Fault())
+    for route, places in found:
+        for place in places:
+            call_routes.record(route, module, place, Fault())
             injected += 1
     gc.collect()
     return injected
@@ -125,20 +134,15 @@ def all_faults(found, module):
 
 @pytest.mark.parametrize("row", ROWS, ids=[row.path for row in ROWS])
 def test_faults_leave_nothing(module, row, record_property):
-    found = [(course, count_of_events(course, module)) for course in distinct(row, module)]
-    gc.collect()
-    gc.freeze()
-    try:
-        injected = all_faults(found, module)
-        for _ in range(4):  # free lists fill in some rounds, a leak shows in all
-            before = sys.getallocatedblocks()
-            all_faults(found, module)
-            if sys.getallocatedblocks() - before < max(injected / 2, 5):
-                break
-        else:
-            pytest.fail("memory grows with every round of faults")
-    finally:
-        gc.unfreeze()
+    found = list(places_of_faults(row, module, most=30))
+    injected = all_faults(found, module)
+    for _ in range(4):  # free lists fill in some rounds, a leak shows in all
+        before = sys.getallocatedblocks()
+        all_faults(found, module)
+        if sys.getallocatedblocks() - before < max(injected / 2, 5):
+            break
+    else:
+        pytest.fail("memory grows with every round of faults")
     record_property("faults injected", 2 * injected)
 
 
@@ -160,4 +164,4 @@ def test_wrong_exception_would_be_noticed(module, monkeypatch):
 
     row = next(row for row in ROWS if row.path == "tqx_sum")
     with pytest.raises(AssertionError):
-        check_fault(courses.Course(Rewording(row)), module, 3, Fault)
+        check_fault(call_routes.Route(Rewording(row)), module, 3, Fault)

@@ -6,7 +6,7 @@ import textwrap
 import pytest
 from subprocess_run import run_python
 
-TOLD = (
+INSTALL_TEXT = (
     "Interpreter change detected - this module can only be loaded into one interpreter per process."
 )
 
@@ -14,7 +14,7 @@ PRELUDE = f"""
 import os, sys, tempfile
 import fake_siblings as fake
 from fake_siblings import MODULE, RELATIVE
-TOLD = {TOLD!r}
+INSTALL_TEXT = {INSTALL_TEXT!r}
 
 try:
     import _interpreters
@@ -58,8 +58,8 @@ def test_second_interpreter_is_refused(isolated):
         fake.add_all()
         module = fake.import_module()
         other = make_interpreter(isolated={isolated})
-        assert import_there(other) == "ImportError: " + TOLD
-        assert import_there(other) == "ImportError: " + TOLD
+        assert import_there(other) == "ImportError: " + INSTALL_TEXT
+        assert import_there(other) == "ImportError: " + INSTALL_TEXT
         _interpreters.destroy(other)
         assert module.get_backend_info()["native_arch"] == "fake_arch"
         assert fake.import_module() is module
@@ -73,7 +73,7 @@ def test_interpreter_of_a_failed_import_stays_the_only_one(isolated):
         fake.hide(RELATIVE)
         assert isinstance(fake.import_error(), ImportError)
         other = make_interpreter(isolated={isolated})
-        assert import_there(other) == "ImportError: " + TOLD
+        assert import_there(other) == "ImportError: " + INSTALL_TEXT
         _interpreters.destroy(other)
         fake.add_all()
         assert fake.import_module()._USE_NATIVE_CUBIN is True
@@ -87,6 +87,6 @@ def test_main_interpreter_is_refused_after_another_one_imported():
         assert import_there(other, arrange) == "imported"
         fake.add_all()
         error = fake.import_error()
-        assert type(error) is ImportError and error.args == (TOLD,), error
+        assert type(error) is ImportError and error.args == (INSTALL_TEXT,), error
         os._exit(0)  # leaves the other interpreter, and the module in it, as they are
     """)

@@ -10,14 +10,7 @@ import pytest
 import torch
 from device import tensor
 
-
-@pytest.fixture(scope="module", autouse=True)
-def _quick_collections():
-    """Keep what the run has made so far out of the many collections here."""
-    gc.collect()
-    gc.freeze()
-    yield
-    gc.unfreeze()
+pytestmark = pytest.mark.usefixtures("quick_collections")
 
 
 class _Subject:

@@ -2,7 +2,7 @@
 """Every function over and over, on real operands: blocks, references and tensors stay as they were.
 
 The calls come from the fuzzer's generator: for each function one that gives a value and one that
-fails. The rendering in plain Python makes the same calls as a control: where it grows too, the
+fails. The reference implementation makes the same calls as a control: where it grows too, the
 growth is the interpreter's or torch's. `make leaks` makes 10,000 calls of each instead of 200.
 """
 
@@ -19,7 +19,10 @@ from public_signatures import ROWS
 from korvex_tools.verify import golden
 
 # torch warns once in a process: which call hears it says nothing about the function.
-pytestmark = pytest.mark.filterwarnings("ignore")
+pytestmark = [
+    pytest.mark.filterwarnings("ignore"),
+    pytest.mark.usefixtures("quick_collections"),
+]
 
 fuzzer = golden.load_script(golden.FOLDER.parent / "fuzz" / "fuzz_module.py")
 VALUES, FAILURES = 1, 1
@@ -27,12 +30,8 @@ ROUNDS = 5  # free lists fill in some rounds; a leak shows in every one
 
 
 @pytest.fixture(scope="module", autouse=True)
-def _quick_collections(module):
+def _same_globals(module):
     reference_runtime.bind(module)
-    gc.collect()
-    gc.freeze()
-    yield
-    gc.unfreeze()
 
 
 class Repeated:

@@ -16,10 +16,11 @@ import types
 import typing
 import weakref
 
-import golden
 import pytest
 import torch
 from public_signatures import FUNCTIONS, METHODS, ROWS
+
+from korvex_tools.verify import golden
 
 RECORDED_NAMES = list(json.loads((golden.FOLDER / "surface.json").read_text())["names"])
 
@@ -118,8 +119,8 @@ def test_function_keeps_its_defaults(module, row):
     function = _function(row, module)
     assert function.__defaults__ == (row.defaults or None)
     assert function.__kwdefaults__ == (dict(row.keyword_only) or None)
-    for given, told in zip(function.__defaults__ or (), row.defaults, strict=True):
-        assert type(given) is type(told)
+    for given, expected in zip(function.__defaults__ or (), row.defaults, strict=True):
+        assert type(given) is type(expected)
 
 
 @by_row
@@ -330,7 +331,7 @@ def test_doc_string_says(module, path, line):
     assert line in " ".join(_doc(module, path).split())
 
 
-def test_doc_strings_that_are_told_whole(module):
+def test_doc_strings_to_the_letter(module):
     assert module.tqx_mean.__doc__ == "TQX exact mean using TwoSum cascade."
     assert module.get_backend_info.__doc__ == "Get information about the active backend."
 
@@ -369,12 +370,12 @@ def test_class_is_an_ordinary_one(module, name):
 def test_special_methods_are_these_and_no_others(module):
     inherited = {"__module__", "__qualname__", "__doc__", "__dict__", "__weakref__"}
     inherited |= {"__slotnames__"}  # pickle leaves it behind
-    for name, told in [
+    for name, expected in [
         ("TQXResult", {"__init__", "__float__", "__repr__"}),
         ("TQXVerifiedResult", {"__init__", "__repr__"}),
     ]:
         special = {n for n in vars(getattr(module, name)) if n.startswith("__")}
-        assert special - inherited == told
+        assert special - inherited == expected
 
 
 def test_static_method_and_properties_are_such(module):

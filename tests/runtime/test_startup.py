@@ -84,14 +84,14 @@ def test_modules_are_imported_in_order():
 def test_names_are_bound_in_order():
     run_startup("""
         fake.add_all()
-        told = '''
+        expected = '''
             torch struct hashlib Decimal getcontext Optional List Union Tuple
             __version__ _USE_NATIVE_CUBIN _NATIVE_LOADER NativeCubinLoader HAS_CUPY
             TQXResult __all__ _TRITON_BACKEND_OK cp tqx_sum
             get_backend_info tqx_checksum tqx_checksum_hex tqx_verify TQXVerifiedResult
         '''.split()
-        bound = [name for name in vars(fake.import_module()) if name in told]
-        assert bound == told, bound
+        bound = [name for name in vars(fake.import_module()) if name in expected]
+        assert bound == expected, bound
     """)
 
 
@@ -310,20 +310,20 @@ def test_no_loader_ends_in_the_install_text(arrange):
 
 
 UNCHANGED_CASES = {
-    "relative constructor": "fake.add_loader(RELATIVE, loader=fake.raiser(told))",
-    "relative class": "fake.add_lazy_loader(RELATIVE, NativeCubinLoader=fake.raiser(told))",
+    "relative constructor": "fake.add_loader(RELATIVE, loader=fake.raiser(failure))",
+    "relative class": "fake.add_lazy_loader(RELATIVE, NativeCubinLoader=fake.raiser(failure))",
     "relative flag": (
         "fake.add_lazy_loader(RELATIVE, NativeCubinLoader=lambda: Loader,"
-        " HAS_CUPY=fake.raiser(told))"
+        " HAS_CUPY=fake.raiser(failure))"
     ),
     "truth test of the relative flag": (
-        "fake.add_loader(RELATIVE, has_cupy=type('F', (), {'__bool__': fake.raiser(told)})())"
+        "fake.add_loader(RELATIVE, has_cupy=type('F', (), {'__bool__': fake.raiser(failure)})())"
     ),
     "absolute constructor": (
-        "fake.hide(RELATIVE); fake.add_loader(ABSOLUTE, loader=fake.raiser(told))"
+        "fake.hide(RELATIVE); fake.add_loader(ABSOLUTE, loader=fake.raiser(failure))"
     ),
     "absolute class": (
-        "fake.hide(RELATIVE);fake.add_lazy_loader(ABSOLUTE, NativeCubinLoader=fake.raiser(told))"
+        "fake.hide(RELATIVE);fake.add_lazy_loader(ABSOLUTE, NativeCubinLoader=fake.raiser(failure))"
     ),
 }
 
@@ -333,9 +333,9 @@ UNCHANGED_CASES = {
 def test_any_other_exception_of_a_loader_is_unchanged(arrange, error):
     run_startup(f"""
         fake.add_all()
-        told = {error}
+        failure = {error}
         {arrange}
-        assert fake.import_error() is told
+        assert fake.import_error() is failure
         assert MODULE not in sys.modules
     """)
 
@@ -364,16 +364,16 @@ def test_missing_cupy_is_unchanged():
 def test_failing_cupy_is_unchanged(error):
     run_startup(f"""
         fake.add_all()
-        told = {error}
+        failure = {error}
 
         class Failing:
             def find_spec(self, name, path=None, target=None):
                 if name == "cupy":
-                    raise told
+                    raise failure
 
         del sys.modules["cupy"]
         sys.meta_path.insert(0, Failing())
-        assert fake.import_error() is told
+        assert fake.import_error() is failure
     """)
 
 

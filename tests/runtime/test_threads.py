@@ -65,8 +65,10 @@ def test_sixteen_threads_get_what_one_gets(module):
         return all_outcomes(module, order)
 
     for outcomes in in_threads(work):
-        for place, told in enumerate(outcomes):
-            assert told is None or told == alone[place], f"call {place}: {CALLS[place][0].path}"
+        for place, expected in enumerate(outcomes):
+            assert expected is None or expected == alone[place], (
+                f"call {place}: {CALLS[place][0].path}"
+            )
 
 
 def test_calls_of_the_threads_cover_every_function():

@@ -241,10 +241,10 @@ def test_transforms_give_complex_tensors_and_the_last_a_real_one(surface):
 
 
 def test_checksums_are_texts_and_verify_compares_them(surface):
-    told = hashlib.sha256(struct.pack("<3d", *V)).hexdigest()
-    assert surface.tqx_checksum(tensor(V)) == told[:16]
-    assert surface.tqx_checksum_hex(tensor(V)) == told
-    assert surface.tqx_verify(tensor(V), told[:16]) is True
+    expected = hashlib.sha256(struct.pack("<3d", *V)).hexdigest()
+    assert surface.tqx_checksum(tensor(V)) == expected[:16]
+    assert surface.tqx_checksum_hex(tensor(V)) == expected
+    assert surface.tqx_verify(tensor(V), expected[:16]) is True
 
 
 def test_classes_hold_their_values(surface):

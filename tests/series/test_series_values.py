@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the series functions give: told values, special values, kinds of operands.
+"""What the series functions give: documented values, special values, kinds of operands.
 
 The values at the defaults are those of the sums as they are, truncated where they are truncated:
-they are compared to the digits in which they are told, not with the true function.
+they are compared to the digits in which they are documented, not with the true function.
 """
 
 import math
@@ -17,10 +17,12 @@ import torch
 from hypothesis import given, settings
 from hypothesis import strategies as st
 from operation_log import operations
-from series_scripts import SCRIPTS, WITH_TERMS
+from public_signatures import SERIES
 
 INF, NAN = math.inf, math.nan
-ONE_OPERAND = [name for name in SCRIPTS if name != "tqx_atan2"]
+NAMES = [row.path for row in SERIES]
+ONE_OPERAND = [name for name in NAMES if name != "tqx_atan2"]
+WITH_TERMS = [row.path for row in SERIES if "n_terms" in row.parameters]
 
 
 def value(runtime, name, *operands, **options):
@@ -38,7 +40,7 @@ def values(module, name, operands, **options):
     return getattr(module, name)(device.tensor(operands), **options).tolist()
 
 
-# ---- told values ----
+# ---- documented values ----
 
 TO_TEN_DIGITS = [
     ("tqx_asin", (0.5,), 0.5235987756),
@@ -63,9 +65,9 @@ TO_TEN_DIGITS = [
 ]
 
 
-@pytest.mark.parametrize("name, operands, told", TO_TEN_DIGITS)
-def test_value_to_ten_digits(runtime, name, operands, told):
-    assert round(value(runtime, name, *operands), 10) == told
+@pytest.mark.parametrize("name, operands, expected", TO_TEN_DIGITS)
+def test_value_to_ten_digits(runtime, name, operands, expected):
+    assert round(value(runtime, name, *operands), 10) == expected
 
 
 EXACT = [
@@ -82,9 +84,9 @@ EXACT = [
 ]
 
 
-@pytest.mark.parametrize("name, operands, told", EXACT)
-def test_value_to_the_last_bit(runtime, name, operands, told):
-    assert bits(value(runtime, name, *operands)) == bits(told)
+@pytest.mark.parametrize("name, operands, expected", EXACT)
+def test_value_to_the_last_bit(runtime, name, operands, expected):
+    assert bits(value(runtime, name, *operands)) == bits(expected)
 
 
 OF_FEW_TERMS = [
@@ -96,9 +98,9 @@ OF_FEW_TERMS = [
 ]
 
 
-@pytest.mark.parametrize("name, n_terms, told", OF_FEW_TERMS)
-def test_value_at_one_of_two_terms(runtime, name, n_terms, told):
-    assert value(runtime, name, 1.0, n_terms=n_terms) == told
+@pytest.mark.parametrize("name, n_terms, expected", OF_FEW_TERMS)
+def test_value_at_one_of_two_terms(runtime, name, n_terms, expected):
+    assert value(runtime, name, 1.0, n_terms=n_terms) == expected
 
 
 def test_arctangent_of_three_terms(runtime):
@@ -140,20 +142,20 @@ NO_TERMS = [
 
 
 @pytest.mark.parametrize("n_terms", [0, -1, -(10**30)])
-@pytest.mark.parametrize("name, told", NO_TERMS)
-def test_no_terms(runtime, name, told, n_terms):
-    assert values(runtime, name, [0.5, -3.0], n_terms=n_terms) == told
+@pytest.mark.parametrize("name, expected", NO_TERMS)
+def test_no_terms(runtime, name, expected, n_terms):
+    assert values(runtime, name, [0.5, -3.0], n_terms=n_terms) == expected
 
 
-@pytest.mark.parametrize("name, told", [row for row in NO_TERMS if row[0] != "tqx_sin"])
-def test_one_term_is_as_none(runtime, name, told):
-    assert values(runtime, name, [0.5, -3.0], n_terms=1) == told
+@pytest.mark.parametrize("name, expected", [row for row in NO_TERMS if row[0] != "tqx_sin"])
+def test_one_term_is_as_none(runtime, name, expected):
+    assert values(runtime, name, [0.5, -3.0], n_terms=1) == expected
 
 
 def test_sine_of_one_term_is_the_reduced_argument(runtime):
     reduced = values(runtime, "tqx_sin", [0.5, -3.0, 7.0], n_terms=1)
-    told = [numpy.remainder(x, 2 * math.pi) for x in (0.5, -3.0, 7.0)]
-    assert reduced == [x - 2 * math.pi if x > math.pi else x for x in told]
+    expected = [numpy.remainder(x, 2 * math.pi) for x in (0.5, -3.0, 7.0)]
+    assert reduced == [x - 2 * math.pi if x > math.pi else x for x in expected]
 
 
 class Interrupted(Exception):
@@ -258,7 +260,7 @@ KINDS = {
 
 
 @pytest.mark.parametrize("kind", KINDS)
-@pytest.mark.parametrize("name", SCRIPTS)
+@pytest.mark.parametrize("name", NAMES)
 def test_operand_of_any_kind_gives_float64_of_its_shape(module, name, kind):
     operands = [KINDS[kind]() for _ in range(2 if name == "tqx_atan2" else 1)]
     before = [host_bits(operand) for operand in operands]
@@ -290,10 +292,10 @@ def way_of_two_product(request, monkeypatch):
 
 
 @pytest.mark.parametrize("kind", KINDS)
-@pytest.mark.parametrize("name", SCRIPTS)
+@pytest.mark.parametrize("name", NAMES)
 def test_operations_are_those_of_plain_python(module, same_globals, way_of_two_product, name, kind):
     operands = [KINDS[kind]() for _ in range(2 if name == "tqx_atan2" else 1)]
-    assert_equal_courses(module, name, *operands)
+    assert_equal_operations(module, name, *operands)
 
 
 @pytest.mark.parametrize("n_terms", [0, 1, 2, 200])
@@ -301,13 +303,13 @@ def test_operations_are_those_of_plain_python(module, same_globals, way_of_two_p
 def test_operations_of_any_number_of_terms_are_those_of_plain_python(
     module, same_globals, name, n_terms
 ):
-    assert_equal_courses(module, name, KINDS["float64"](), n_terms)
+    assert_equal_operations(module, name, KINDS["float64"](), n_terms)
 
 
-def assert_equal_courses(module, name, *arguments):
+def assert_equal_operations(module, name, *arguments):
     lines, result = operations(lambda: getattr(module, name)(*arguments))
-    told, expected = operations(lambda: getattr(reference_runtime, name)(*arguments))
-    assert lines == told and len(lines) > 3
+    expected_lines, expected = operations(lambda: getattr(reference_runtime, name)(*arguments))
+    assert lines == expected_lines and len(lines) > 3
     assert host_bits(result) == host_bits(expected)
 
 
@@ -322,12 +324,12 @@ def test_limbs_are_collapsed_and_do_not_pass_through(runtime, name):
 def test_atan2_takes_limbs_on_either_side(runtime):
     plain = device.tensor([0.5, -0.25])
     limbs = runtime.TQXResult([plain, torch.zeros_like(plain)], "cuda:0")
-    told = host_bits(runtime.tqx_atan2(plain, plain))
+    expected = host_bits(runtime.tqx_atan2(plain, plain))
     for pair in ((limbs, plain), (plain, limbs), (limbs, limbs)):
-        assert host_bits(runtime.tqx_atan2(*pair)) == told
+        assert host_bits(runtime.tqx_atan2(*pair)) == expected
 
 
-@pytest.mark.parametrize("name", SCRIPTS)
+@pytest.mark.parametrize("name", NAMES)
 def test_result_asked_for_as_limbs_has_one(runtime, name):
     operands = [KINDS["float64"]() for _ in range(2 if name == "tqx_atan2" else 1)]
     function = getattr(runtime, name)
@@ -337,7 +339,14 @@ def test_result_asked_for_as_limbs_has_one(runtime, name):
     assert host_bits(result.limbs[0]) == host_bits(function(*operands))
 
 
-@pytest.mark.parametrize("name", SCRIPTS)
+@pytest.mark.parametrize("name", NAMES)
+@pytest.mark.parametrize("operand", [1.5, [1.0], None])
+def test_operand_without_a_device_is_an_attribute_error(runtime, name, operand):
+    with pytest.raises(AttributeError, match="is_cuda"):
+        getattr(runtime, name)(*[operand] * (2 if name == "tqx_atan2" else 1))
+
+
+@pytest.mark.parametrize("name", NAMES)
 def test_operand_on_the_cpu_is_refused(runtime, name):
     operands = [torch.ones(2, dtype=torch.float64)] * (2 if name == "tqx_atan2" else 1)
     with pytest.raises(RuntimeError, match="^TQX requires CUDA tensor. Move tensor to GPU with"):
@@ -358,7 +367,7 @@ def test_atan2_broadcasts_and_passes_on_what_torch_says(runtime):
         runtime.tqx_atan2(device.tensor([1.0, 2.0]), device.tensor([1.0, 2.0, 3.0]))
 
 
-@pytest.mark.parametrize("name", SCRIPTS)
+@pytest.mark.parametrize("name", NAMES)
 def test_value_does_not_depend_on_the_error_of_twoproduct(module, monkeypatch, name):
     operands = [device.tensor([0.1, -0.7, 0.999, 2.5])] * (2 if name == "tqx_atan2" else 1)
     monkeypatch.delattr(torch, "fma", raising=False)

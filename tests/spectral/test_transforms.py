@@ -114,13 +114,13 @@ def test_operations_are_those_of_plain_python(module, monkeypatch, name, options
     for shared in ("torch", "cp", "_NATIVE_LOADER"):
         monkeypatch.setattr(reference_runtime, shared, getattr(module, shared))
 
-    def course(runtime):
+    def steps(runtime):
         lines, returned = without_warning_of_the_cast(
             lambda: operations(lambda: getattr(runtime, name)(x, **options))
         )
         return lines, host_bits(returned)
 
-    assert course(module) == course(reference_runtime)
+    assert steps(module) == steps(reference_runtime)
 
 
 # ---- values ----
@@ -136,8 +136,8 @@ def test_forward_of_an_impulse(runtime):
 
 def test_forward_of_a_shifted_impulse_shows_the_roundings_of_the_angles(runtime):
     result = runtime.tqx_fft(device.tensor([0.0, 1.0, 0.0, 0.0])).tolist()
-    told = [1.0, -1.0j, -1.0, 1.0j]
-    assert all(abs(r - t) < 1e-15 for r, t in zip(result, told, strict=True))
+    expected = [1.0, -1.0j, -1.0, 1.0j]
+    assert all(abs(r - t) < 1e-15 for r, t in zip(result, expected, strict=True))
     assert abs(result[1].real) == math.cos(math.pi / 2) == 6.123233995736766e-17
 
 
@@ -239,7 +239,7 @@ def test_imaginary_part_is_gone_before_the_transform(module, name, n):
     assert host_bits(result) == host_bits(getattr(module, name)(z.real.clone()))
 
 
-def test_loss_of_the_imaginary_part_is_told_by_torch(module):
+def test_loss_of_the_imaginary_part_is_reported_by_torch(module):
     torch.set_warn_always(True)
     try:
         with pytest.warns(UserWarning, match=LOST):
@@ -263,14 +263,14 @@ def test_number_of_points_is_ignored_on_the_radix_two_route_of_the_inverse(modul
 
 
 def test_transform_of_an_empty_axis_is_what_torch_makes_of_it(module):
-    for call, told in [
+    for call, expected in [
         (lambda: module.tqx_fft(operand("real", (4,)), 0), lambda x: torch.fft.fft(x, n=0)),
         (lambda: module.tqx_ifft(operand("complex", (0,))), lambda x: torch.fft.ifft(x)),
     ]:
         with pytest.raises(RuntimeError) as caught:
             call()
         with pytest.raises(RuntimeError) as of_torch:
-            told(torch.zeros(0, dtype=torch.complex128))
+            expected(torch.zeros(0, dtype=torch.complex128))
         assert str(caught.value) == str(of_torch.value)
 
 
@@ -301,3 +301,29 @@ def test_odd_number_of_points_pads_the_even_spectrum(module):
     spectrum = torch.cat([bins, bins[1:-1].conj().flip(0)])
     result = module.tqx_irfft(z, 7)
     assert host_bits(result) == host_bits(torch.fft.ifft(device.to_device(spectrum), n=7).real)
+
+
+# ---- operands that do not fit ----
+
+
+@pytest.mark.parametrize("name", ["tqx_fft", "tqx_ifft", "tqx_rfft", "tqx_irfft"])
+def test_limbs_are_not_collapsed(runtime, name):
+    with pytest.raises(AttributeError, match="is_cuda"):
+        getattr(runtime, name)(runtime.TQXResult([torch.ones(4)]))
+
+
+@pytest.mark.parametrize("operand", [[1.0], 2.0, None])
+def test_radix_two_transform_of_what_has_no_shape(runtime, operand):
+    with pytest.raises(AttributeError, match="shape"):
+        runtime._tqx_fft_butterfly(operand)
+
+
+def test_radix_two_transform_asks_no_device(runtime):
+    """It is internal: the test is made by those who call it."""
+    x = torch.tensor([1.0, 3.0], dtype=torch.complex128)
+    assert runtime._tqx_fft_butterfly(x).tolist() == [4.0, -2.0]
+
+
+def test_length_that_is_no_power_of_two_is_not_caught(runtime):
+    with pytest.raises(IndexError):
+        runtime._tqx_fft_butterfly(torch.zeros(6, dtype=torch.complex128))

@@ -20,7 +20,7 @@ def shown(value):
     return type(value).__name__, repr(value)
 
 
-def told(error):
+def text_of(error):
     """The text of an exception without the addresses that torch appends to some."""
     return str(error).partition("\nException raised from")[0]
 
@@ -40,6 +40,6 @@ def outcome(runtime, row, args, kwargs):
     try:
         result = shown(row.call(runtime, *args, **kwargs))
     except Exception as error:
-        return type(error).__name__, told(error), len(getattr(error, "__notes__", ()))
+        return type(error).__name__, text_of(error), len(getattr(error, "__notes__", ()))
     # The operands too: a constructor fills its receiver, nothing else may change anything.
     return result, [shown(value) for value in args]

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Spy objects that write down, in order, everything that is done with them.
 
-A test gives the whole expected course as a script, one event a line:
+A test gives the whole expected sequence as a script, one event a line:
 
     x.is_cuda                       an attribute was read
     bool(x.is_cuda)                 a truth test was made
@@ -17,6 +17,25 @@ Names that begin with two underscores are not recorded: the interpreter reads th
 """
 
 import re
+
+# Scripts of what most functions with a kernel do: the operand as a flat array, the wait.
+FLAT = """
+    x.double
+    x1 = x.double()
+    x1.contiguous
+    x2 = x1.contiguous()
+    x2.view
+    x_flat = x2.view(-1)
+    x_flat.numel
+    n = x_flat.numel()
+"""
+WAIT = """
+    cp.cuda
+    cp.cuda.Stream
+    cp.cuda.Stream.null
+    cp.cuda.Stream.null.synchronize
+    cp.cuda.Stream.null.synchronize()
+"""
 
 _ASSIGNMENT = re.compile(r"(?P<name>\w+) = (?P<event>.+)")
 
@@ -40,7 +59,7 @@ _UNARY = {"neg": "-", "pos": "+", "invert": "~"}
 
 
 class Recorder:
-    """One course of events: the script to follow and the list of what happened."""
+    """One sequence of events: the script to follow and the list of what happened."""
 
     def __init__(self, script="", returns=None, raises=None):
         self.expected = [line.strip() for line in script.splitlines() if line.strip()]
@@ -56,17 +75,17 @@ class Recorder:
         label = label or event
         line = event
         if len(self.events) < len(self.expected):
-            told = self.expected[len(self.events)]
-            assignment = _ASSIGNMENT.fullmatch(told)
+            expected = self.expected[len(self.events)]
+            assignment = _ASSIGNMENT.fullmatch(expected)
             if assignment and assignment["event"] == event:
-                label, line = assignment["name"], told
+                label, line = assignment["name"], expected
         self.events.append(line)
         if label in self.raises:
             raise self.raises[label]
         return label
 
     def result(self, event, label=None):
-        """Write one event down and return its result: a told value or a new spy."""
+        """Write one event down and return its result: the value given for it, or a new spy."""
         label = self.note(event, label)
         return self.returns[label] if label in self.returns else Spy(self, label)
 

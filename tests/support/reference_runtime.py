@@ -1398,7 +1398,7 @@ def tqx_sub(x, y, return_tqx: bool = False):
 def _product_or_quotient(name, x, y, return_tqx):
     x_tensor, x_is_tqx = _extract_tqx_tensor(x)
     y_tensor, y_is_tqx = _extract_tqx_tensor(y)
-    propagate_tqx = x_is_tqx or y_is_tqx or return_tqx
+    propagate_tqx = bool(x_is_tqx) or bool(y_is_tqx) or return_tqx
     x_t = x_tensor.double()
     y_t = y_tensor.double()
     out, out_err, output_shape = _launch_pair(name, x_t, y_t, x_tensor)
@@ -1458,7 +1458,7 @@ def tqx_verify(
     if truncate > sys.maxsize:
         raise OverflowError("Python int too large to convert to C ssize_t")
     expected_truncated = expected[:truncate]
-    match = actual == expected_truncated
+    match = bool(actual == expected_truncated)
     if not match and raise_on_mismatch:
         raise ValueError(
             "TQX checksum mismatch!\n"

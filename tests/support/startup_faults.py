@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """Start-up with a failure at each of its calls out of the module, in a process that forks for each.
 
-Spies stand for all that start-up imports. The module, and a rendering of start-up in plain Python,
-walk the same course with the same call failing, and must end alike; beside that, what an exception
-may become is told here once more, in words of its own. `main` prints how many faults it injected.
+Spies stand for all that start-up imports. The module, and a reference implementation of start-up in
+Python, meet the same failure at the same call and must end alike; what an exception may become is
+stated here once more, on its own. `main` prints how many faults it injected.
 The process never imports torch, so a fork costs little.
 """
 
@@ -16,7 +16,7 @@ import types
 
 from fake_siblings import ABSOLUTE, INSTALL_TEXT, MODULE, RELATIVE, extension_file
 
-RENDERING = """
+REFERENCE = """
 import torch
 import struct
 import hashlib
@@ -46,7 +46,7 @@ __all__ = None
 _TRITON_BACKEND_OK = False
 import cupy as cp
 """
-TOLD_NAMES = """
+BOUND_NAMES = """
     torch struct hashlib Decimal getcontext Optional List Union Tuple __version__ _USE_NATIVE_CUBIN
     _NATIVE_LOADER NativeCubinLoader HAS_CUPY TQXResult __all__ _TRITON_BACKEND_OK cp
 """.split()
@@ -63,18 +63,18 @@ class Stop(BaseException):
 KINDS = (Fault, Stop, RuntimeError, AttributeError, TypeError, ImportError, ModuleNotFoundError)
 
 
-class Course:
-    """What start-up does to the outside, one event each; the one at `place` raises `told`."""
+class Recording:
+    """What start-up does to the outside, one event each; the one at `place` raises `fault`."""
 
-    def __init__(self, place=None, told=None, **behaviour):
+    def __init__(self, place=None, fault=None, **behaviour):
         self.events = []
-        self._place, self._told = place, told
+        self._place, self._fault = place, fault
         self._behaviour = behaviour  # of an event: what it raises, or the value of a truth test
 
     def note(self, event):
         self.events.append(event)
         if len(self.events) - 1 == self._place:
-            raise self._told
+            raise self._fault
         error = self._behaviour.get(event)
         if isinstance(error, BaseException):
             raise error
@@ -93,25 +93,25 @@ class Course:
 class Spy:
     """Each read of a name, call, truth test and assignment is an event."""
 
-    def __init__(self, course, path):
-        object.__setattr__(self, "_course", course)
+    def __init__(self, recording, path):
+        object.__setattr__(self, "_recording", recording)
         object.__setattr__(self, "_path", path)
 
     def __getattr__(self, name):
         if name.startswith("__"):  # the interpreter's own questions
             raise AttributeError(name)
-        self._course.note(f"{self._path}.{name}")
-        return Spy(self._course, f"{self._path}.{name}")
+        self._recording.note(f"{self._path}.{name}")
+        return Spy(self._recording, f"{self._path}.{name}")
 
     def __setattr__(self, name, value):
-        self._course.note(f"{self._path}.{name} = {value!r}")
+        self._recording.note(f"{self._path}.{name} = {value!r}")
 
     def __call__(self, *args, **kwargs):
-        self._course.note(f"{self._path}({', '.join(map(repr, [*args, *kwargs.items()]))})")
-        return Spy(self._course, f"{self._path}()")
+        self._recording.note(f"{self._path}({', '.join(map(repr, [*args, *kwargs.items()]))})")
+        return Spy(self._recording, f"{self._path}()")
 
     def __bool__(self):
-        return self._course.truth(f"bool({self._path})")
+        return self._recording.truth(f"bool({self._path})")
 
 
 class Spec:
@@ -119,22 +119,22 @@ class Spec:
 
     values = {"name": MODULE, "loader": None, "parent": "korvex", "submodule_search_locations": []}
 
-    def __init__(self, course):
-        self._course = course
+    def __init__(self, recording):
+        self._recording = recording
 
     def __getattr__(self, name):
-        self._course.note(f"spec.{name}")
+        self._recording.note(f"spec.{name}")
         return extension_file() if name == "origin" else self.values[name]
 
 
-# --- Walks: how a course ends
+# --- How a start-up ends
 
 
-def ending(course, namespace, error):
-    bound = [name for name in namespace if name in TOLD_NAMES]
+def ending(recording, namespace, error):
+    bound = [name for name in namespace if name in BOUND_NAMES]
     loader = namespace.get("_NATIVE_LOADER")
     return {
-        "events": course.events,
+        "events": recording.events,
         "error": error and [type(error).__name__, str(error)],
         "causes": [repr(error and error.__cause__), error and error.__suppress_context__],
         "bound": bound,
@@ -143,14 +143,14 @@ def ending(course, namespace, error):
     }
 
 
-def with_imports(course, work):
-    """Runs work() with the imports of start-up going to the course; returns what it raised."""
+def with_imports(recording, work):
+    """Runs work() with the imports of start-up going to the recording; returns what it raised."""
     original = builtins.__import__
 
     def import_(name, namespace=None, local=None, names=(), level=0):
         if namespace is None or namespace.get("__name__") != MODULE:
             return original(name, namespace, local, names, level)
-        return course.import_(name, names, level)
+        return recording.import_(name, names, level)
 
     builtins.__import__ = import_
     try:
@@ -161,24 +161,24 @@ def with_imports(course, work):
         builtins.__import__ = original
 
 
-def walk_module(course):
-    module = _imp.create_dynamic(Spec(Course()))
-    error = with_imports(course, lambda: _imp.exec_dynamic(module))
+def record_module(recording):
+    module = _imp.create_dynamic(Spec(Recording()))
+    error = with_imports(recording, lambda: _imp.exec_dynamic(module))
     if error is None:
         assert callable(module.tqx_sum) and callable(module.get_backend_info)
     else:
         assert not hasattr(module, "tqx_sum")
-    return ending(course, vars(module), error), error
+    return ending(recording, vars(module), error), error
 
 
-def walk_rendering(course):
+def record_reference(recording):
     namespace = {"__name__": MODULE, "__package__": "korvex", "INSTALL_TEXT": INSTALL_TEXT}
-    code = compile(RENDERING, "rendering", "exec")
-    error = with_imports(course, lambda: exec(code, namespace))
-    return ending(course, namespace, error), error
+    code = compile(REFERENCE, "reference", "exec")
+    error = with_imports(recording, lambda: exec(code, namespace))
+    return ending(recording, namespace, error), error
 
 
-# --- What is told
+# --- What is expected
 
 
 LOADERS = (f"import {RELATIVE}", f"import {ABSOLUTE}")
@@ -190,7 +190,7 @@ def is_in_a_loader_stage(event):
     )
 
 
-def told_outcome(event, kind):
+def expected_outcome(event, kind):
     """ "unchanged", or that the exception may become another: of an import, or of a loader."""
     is_name_of_from_import = "." in event and not event.endswith(")") and " " not in event
     if kind is AttributeError and is_name_of_from_import:
@@ -203,17 +203,17 @@ def told_outcome(event, kind):
 
 
 def check_fault(behaviour, place, kind):
-    """In a process of its own: the module ends as the rendering does, and as is told."""
-    told = kind("fault")
-    expected, _ = walk_rendering(Course(place, kind("fault"), **behaviour))
-    actual, error = walk_module(Course(place, told, **behaviour))
-    assert actual == expected, f"{actual}\nrendering: {expected}"
-    outcome = told_outcome(actual["events"][place], kind)
+    """In a process of its own: the module ends as the reference does, and as expected."""
+    fault = kind("fault")
+    expected, _ = record_reference(Recording(place, kind("fault"), **behaviour))
+    actual, error = record_module(Recording(place, fault, **behaviour))
+    assert actual == expected, f"{actual}\nreference: {expected}"
+    outcome = expected_outcome(actual["events"][place], kind)
     if outcome == "unchanged":
-        assert error is told and len(actual["events"]) == place + 1
+        assert error is fault and len(actual["events"]) == place + 1
         assert error.__context__ is None and error.__cause__ is None
     elif outcome == "import error":
-        assert type(error) is ImportError and error is not told
+        assert type(error) is ImportError and error is not fault
     elif error is not None and error is not behaviour.get("import cupy"):
         assert type(error) is ImportError and error.args == (INSTALL_TEXT,)
     assert (MODULE in sys.modules) == (error is None)
@@ -221,23 +221,23 @@ def check_fault(behaviour, place, kind):
 
 def check_create_fault(place, kind):
     """The four attributes that are copied may be missing; the rest must come out unchanged."""
-    told = kind("fault")
-    course = Course(place, told)
+    fault = kind("fault")
+    recording = Recording(place, fault)
     try:
-        module = _imp.create_dynamic(Spec(course))
+        module = _imp.create_dynamic(Spec(recording))
     except BaseException as error:
-        assert error is told and error.__context__ is None, repr(error)
-        assert len(course.events) == place + 1
+        assert error is fault and error.__context__ is None, repr(error)
+        assert len(recording.events) == place + 1
         assert not (kind is AttributeError and place >= COUNT_OF_READS - 4)
     else:
         assert kind is AttributeError and place >= COUNT_OF_READS - 4
-        assert isinstance(module, types.ModuleType) and len(course.events) == COUNT_OF_READS
+        assert isinstance(module, types.ModuleType) and len(recording.events) == COUNT_OF_READS
 
 
-# --- Courses and faults
+# --- Situations and faults
 
 MISSING = ModuleNotFoundError("missing")
-COURSES = {
+SITUATIONS = {
     "relative name": {},
     "absolute name": {f"import {RELATIVE}": MISSING},
     "relative name lacks the flag": {f"{RELATIVE}.HAS_CUPY": AttributeError("HAS_CUPY")},
@@ -270,9 +270,9 @@ def in_child(work):
 
 
 def count_of_events(behaviour):
-    course = Course(**behaviour)
-    walk_rendering(course)
-    return len(course.events)
+    recording = Recording(**behaviour)
+    record_reference(recording)
+    return len(recording.events)
 
 
 def main():
@@ -285,11 +285,12 @@ def main():
         if text:
             wrong.append(f"{what}: {text}")
 
-    for name, behaviour in COURSES.items():
+    for name, behaviour in SITUATIONS.items():
 
         def undisturbed(behaviour=behaviour):
-            expected, actual = walk_rendering(Course(**behaviour)), walk_module(Course(**behaviour))
-            assert actual[0] == expected[0], f"{actual[0]}\nrendering: {expected[0]}"
+            expected = record_reference(Recording(**behaviour))
+            actual = record_module(Recording(**behaviour))
+            assert actual[0] == expected[0], f"{actual[0]}\nreference: {expected[0]}"
 
         if text := in_child(undisturbed):
             wrong.append(f"{name}: {text}")
@@ -297,14 +298,14 @@ def main():
             for kind in KINDS:
                 work = lambda: check_fault(behaviour, place, kind)  # noqa: B023, E731
                 note(f"{name}, event {place}, {kind.__name__}", in_child(work))
-    course = Course()
-    _imp.create_dynamic(Spec(course))
-    COUNT_OF_READS = len(course.events)
+    recording = Recording()
+    _imp.create_dynamic(Spec(recording))
+    COUNT_OF_READS = len(recording.events)
     for place in range(COUNT_OF_READS):
         for kind in KINDS:
             work = lambda: check_create_fault(place, kind)  # noqa: B023, E731
             note(f"create, read {place}, {kind.__name__}", in_child(work))
-    print(json.dumps({"faults": faults, "wrong": wrong[:20], "reads": course.events}))
+    print(json.dumps({"faults": faults, "wrong": wrong[:20], "reads": recording.events}))
 
 
 if __name__ == "__main__":

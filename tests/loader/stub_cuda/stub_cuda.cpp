@@ -92,7 +92,7 @@ struct Failure {
 };
 
 struct StubDriver {
-  std::mutex mutex;  // guards what calls are told to do, and the log
+  std::mutex mutex;  // guards what calls are set to do, and the log
   std::mutex state;  // guards everything else
   std::condition_variable changed;
   pid_t initialised_in = -1;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A stand-in for the management library, libnvidia-ml.so.1: as many devices as it is told, and of
-// no use until it is told.
+// A stand-in for the management library, libnvidia-ml.so.1: as many devices as are set, and of
+// no use until they are set.
 #include <string>
 #include <vector>
 

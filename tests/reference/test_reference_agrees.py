@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The built module and the rendering in plain Python answer every call alike.
+"""The built module and its reference implementation in Python answer every call alike.
 
 Calls are made of a function or method, positional arguments and keywords out of a pool of fitting
 and unfitting values. Compared are the bits of a result, or type and text of the exception.
@@ -116,7 +116,7 @@ def test_parameters_are_those_of_the_module(module, row):
     assert names_and_defaults(module) == names_and_defaults(reference_runtime)
 
 
-def test_every_function_of_the_module_is_rendered(module):
+def test_every_function_has_a_reference_implementation(module):
     public = {name for name in module.__all__ if name != "__version__"}
     assert public == {row.path for row in FUNCTIONS} | {"TQXResult", "TQXVerifiedResult"}
     for name in ("TQXResult", "TQXVerifiedResult"):
