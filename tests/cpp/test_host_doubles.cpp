@@ -6,9 +6,9 @@
 #include <limits>
 
 #include "check.h"
-#include "korvex/kernels/host/host_doubles.h"
 #include "korvex/arithmetic/elementary/logarithm.h"
 #include "korvex/arithmetic/elementary/logistic.h"
+#include "korvex/kernels/host/doubles.h"
 #include "random_data.h"
 #include "suites.h"
 

@@ -7,7 +7,7 @@
 // the tile passes over it (ElementSlices); rows with an element that three slices did not hold pass
 // once more with six; then each element is rounded, or summed product by product where even those
 // did not hold it. Which thread takes which tile never shows in a result.
-#pragma once
+#include "korvex/kernels/host/matrix_product.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -16,18 +16,14 @@
 
 #include "korvex/arithmetic/exact/dot.h"
 #include "korvex/arithmetic/exact/matrix_product.h"
-#include "korvex/kernels/host/host_lanes.h"
-#include "korvex/kernels/host/slices.h"
+#include "korvex/kernels/host/lanes.h"
+#include "korvex/kernels/host/shells.h"
+#include "korvex/kernels/host/threads.h"
 
 namespace korvex::host {
+namespace {
 
-// Matrices lie row by row: a is M x K, b is K x N, the three limbs of the product are M x N.
-struct MatrixProduct {
-  const double* a;
-  const double* b;
-  double* limbs[arithmetic::kElementLimbs];
-  std::int64_t m, n, k;
-};
+static_assert(arithmetic::kElementLimbs == sizeof MatrixProduct::limbs / sizeof(double*));
 
 class MatrixOnHost {
  public:
@@ -126,7 +122,7 @@ struct MatrixOnHost::Workspace::Memory {
   double gathered[kGathered];
 };
 
-inline void MatrixOnHost::run_tile(std::int64_t tile, Workspace& workspace) const {
+void MatrixOnHost::run_tile(std::int64_t tile, Workspace& workspace) const {
   const std::int64_t row_blocks = tiles() / panels();
   const std::int64_t first_row = tile % row_blocks * kTileRows;
   const std::int64_t first_column = tile / row_blocks * kPanel;
@@ -145,8 +141,8 @@ inline void MatrixOnHost::run_tile(std::int64_t tile, Workspace& workspace) cons
   }
 }
 
-inline void MatrixOnHost::copy_panel(const Tile& tile, std::int64_t first_k, std::int64_t depth,
-                                     Workspace::Memory& memory) const {
+void MatrixOnHost::copy_panel(const Tile& tile, std::int64_t first_k, std::int64_t depth,
+                              Workspace::Memory& memory) const {
   const double* from = product_.b + first_k * product_.n + tile.first_column;
   for (std::int64_t k = 0; k < depth; ++k, from += product_.n) {
     double* to = memory.panel + k * kPanel;
@@ -241,7 +237,7 @@ bool MatrixOnHost::finish_row(const Tile& tile, std::int64_t row, Workspace::Mem
 }
 
 // The lanes go along the columns, which are copied piece by piece.
-inline void MatrixOnHost::sum_along_columns(const Tile& tile, Workspace::Memory& memory) const {
+void MatrixOnHost::sum_along_columns(const Tile& tile, Workspace::Memory& memory) const {
   for (std::int64_t column = 0; column < tile.columns; ++column) {
     for (std::int64_t row = 0; row < tile.rows; ++row) {
       const double* a = product_.a + (tile.first_row + row) * product_.k;
@@ -262,10 +258,12 @@ inline void MatrixOnHost::sum_along_columns(const Tile& tile, Workspace::Memory&
   }
 }
 
-// Below it a thread costs more than it saves.
+// Fewer products are not worth a thread.
 constexpr std::int64_t kLeastProductsOfThread = 1 << 18;
 
-inline void multiply_on_host(const MatrixProduct& product, int threads) {
+}  // namespace
+
+void multiply_on_host(const MatrixProduct& product, int threads) {
   if (product.m <= 0 || product.n <= 0) {
     return;
   }
@@ -273,15 +271,28 @@ inline void multiply_on_host(const MatrixProduct& product, int threads) {
   const std::int64_t tiles = matrix.tiles();
   const std::int64_t products = product.m * product.n * std::max<std::int64_t>(product.k, 1);
   const std::int64_t useful = std::min(tiles, products / kLeastProductsOfThread);
-  const std::int64_t slices = std::max<std::int64_t>(1, std::min<std::int64_t>(useful, threads));
-  for_each_of_slices<MatrixOnHost::Workspace>(
-      tiles, static_cast<int>(slices),
+  const std::int64_t ranges = std::max<std::int64_t>(1, std::min<std::int64_t>(useful, threads));
+  for_each_of_ranges<MatrixOnHost::Workspace>(
+      tiles, static_cast<int>(ranges),
       [&matrix](std::int64_t begin, std::int64_t end, MatrixOnHost::Workspace& workspace) {
         for (std::int64_t tile = begin; tile < end; ++tile) {
           matrix.run_tile(tile, workspace);
         }
       },
       [](const MatrixOnHost::Workspace&) {});
+}
+
+// Arguments: a, b, c0, c1, c2, M, N, K.
+void run_matmul(const Arguments& arguments) {
+  const MatrixProduct product = {
+      arguments.array(0),
+      arguments.array(1),
+      {arguments.array(2), arguments.array(3), arguments.array(4)},
+      arguments.integer(5),
+      arguments.integer(6),
+      arguments.integer(7),
+  };
+  multiply_on_host(product, arguments.threads());
 }
 
 }  // namespace korvex::host
