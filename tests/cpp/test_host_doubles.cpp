@@ -8,7 +8,7 @@
 #include "check.h"
 #include "korvex/arithmetic/elementary/logarithm.h"
 #include "korvex/arithmetic/elementary/logistic.h"
-#include "korvex/kernels/host/doubles.h"
+#include "korvex/kernels/host/lanes.h"
 #include "random_data.h"
 #include "suites.h"
 
@@ -40,8 +40,8 @@ double random_argument(Random& random) {
 }
 
 // As many as every register has lanes for, so that all builds check the same.
-constexpr int kGroup = 4;
-static_assert(kGroup % kHostReals == 0);
+constexpr int kGroup = 8;
+static_assert(kGroup % kHostLanes == 0);
 
 struct Group {
   double x[kGroup];
@@ -53,12 +53,12 @@ struct Group {
 template <class LanesTry, class Try>
 int decided_lanes(const Group& group, const LanesTry& lanes_try, const Try& try_one) {
   int decided = 0;
-  for (int i = 0; i < kGroup; i += kHostReals) {
-    const RoundedOf<HostReal> lanes = lanes_try(load_real(group.x + i));
-    double stored[kHostReals];
-    store_real(stored, lanes.value);
+  for (int i = 0; i < kGroup; i += kHostLanes) {
+    const RoundedOf<HostDoubles> lanes = lanes_try(HostLanes::load(group.x + i));
+    double stored[kHostLanes];
+    HostLanes::store(stored, lanes.value);
     bool all_decided = true;
-    for (int j = 0; j < kHostReals; ++j) {
+    for (int j = 0; j < kHostLanes; ++j) {
       const Rounded one = try_one(group.x[i + j]);
       CHECK(lane(lanes.decided, j) == one.decided);
       if (one.decided) CHECK_SAME_BITS(stored[j], one.value);
@@ -76,10 +76,10 @@ void first_tries_agree_in_all_lanes() {
   int decided[4] = {0, 0, 0, 0};
   for (int round = 0; round < kRounds; ++round) {
     const Group group(random);
-    decided[0] += decided_lanes(group, try_exponential<HostReal>, try_exponential<double>);
-    decided[1] += decided_lanes(group, try_logarithm<HostReal>, try_logarithm<double>);
-    decided[2] += decided_lanes(group, try_sigmoid<HostReal>, try_sigmoid<double>);
-    decided[3] += decided_lanes(group, try_tanh<HostReal>, try_tanh<double>);
+    decided[0] += decided_lanes(group, try_exponential<HostDoubles>, try_exponential<double>);
+    decided[1] += decided_lanes(group, try_logarithm<HostDoubles>, try_logarithm<double>);
+    decided[2] += decided_lanes(group, try_sigmoid<HostDoubles>, try_sigmoid<double>);
+    decided[3] += decided_lanes(group, try_tanh<HostDoubles>, try_tanh<double>);
   }
   for (const int count : decided) {
     CHECK(count > kRounds * kGroup / 4);
@@ -92,16 +92,16 @@ void operations_agree_in_all_lanes() {
   for (int round = 0; round < 5000; ++round) {
     const Group left(random);
     const Group right(random);
-    for (int i = 0; i < kGroup; i += kHostReals) {
+    for (int i = 0; i < kGroup; i += kHostLanes) {
       const double* x = left.x + i;
       const double* y = right.x + i;
-      const HostReal a = load_real(x);
-      const HostReal b = load_real(y);
-      const HostReal with_sign = with_sign_of(b, absolute(a));
-      const HostReal less = lesser(a, b);
-      const HostReal chosen = selected(a >= b, a, b);
+      const HostDoubles a = HostLanes::load(x);
+      const HostDoubles b = HostLanes::load(y);
+      const HostDoubles with_sign = with_sign_of(b, absolute(a));
+      const HostDoubles less = lesser(a, b);
+      const HostDoubles chosen = selected(a >= b, a, b);
       const auto is_equal = a == b;
-      for (int j = 0; j < kHostReals; ++j) {
+      for (int j = 0; j < kHostLanes; ++j) {
         CHECK_SAME_BITS(lane(with_sign, j), std::copysign(x[j], y[j]));
         CHECK_SAME_BITS(lane(less, j), x[j] < y[j] ? x[j] : y[j]);
         CHECK_SAME_BITS(lane(chosen, j), x[j] >= y[j] ? x[j] : y[j]);

@@ -57,7 +57,7 @@ class BiasedCascade {
 
   template <int kSlice>
   KORVEX_INLINE void start(int bias_exponent) {
-    bias_[kSlice] = Lanes::broadcast(1.5 * power_of_two(bias_exponent - kSlice * kBits));
+    bias_[kSlice] = Value(1.5 * power_of_two(bias_exponent - kSlice * kBits));
     for (int stream = 0; stream < kStreams; ++stream) {
       slice_[kSlice][stream] = bias_[kSlice];
     }
@@ -77,23 +77,23 @@ class BiasedCascade {
   template <int kSlice, int kStream>
   KORVEX_INLINE void cascade(Value x) {
     const Value before = slice_[kSlice][kStream];
-    const Value after = before + x;              // rounded to the grid
-    const Value residue = x - (after - before);  // exact, both
+    const Value after = add_rn(before, x);                   // rounded to the grid
+    const Value residue = sub_rn(x, sub_rn(after, before));  // exact, both
     slice_[kSlice][kStream] = after;
     if constexpr (kSlice == 0) {
-      moved_ |= Lanes::bits(after) ^ Lanes::bits(bias_[0]);
+      moved_ |= to_bits(after) ^ to_bits(bias_[0]);
     }
     if constexpr (kSlice + 1 < kSlices) {
       cascade<kSlice + 1, kStream>(residue);
     } else {
-      lost_ |= Lanes::bits(residue);
+      lost_ |= to_bits(residue);
     }
   }
 
   template <int kSlice, int kStream>
   KORVEX_INLINE std::int64_t count_stream() const {
     const std::int64_t own =
-        Lanes::total(Lanes::bits(slice_[kSlice][kStream]) - Lanes::bits(bias_[kSlice]));
+        Lanes::total(to_bits(slice_[kSlice][kStream]) - to_bits(bias_[kSlice]));
     if constexpr (kStream + 1 < kStreams) {
       return own + count_stream<kSlice, kStream + 1>();
     }

@@ -87,8 +87,8 @@ class ElementSlices {
   KORVEX_INLINE explicit ElementSlices(Value bias) { start<0>(bias); }
 
   KORVEX_INLINE void add_product(Value a, Value b) {
-    const Value product = a * b;                                 // rounded
-    const Value error = Lanes::error_of_product(a, b, product);  // exact under a plan that suits
+    const Value product = mul_rn(a, b);                // rounded
+    const Value error = product_error(a, b, product);  // exact under a plan that suits
     cascade<0>(product);
     cascade<1>(error);
   }
@@ -96,7 +96,7 @@ class ElementSlices {
   // Grid units of a slice; its grid is 2^(bias_exponent - slice * kProductSliceBits - 52).
   template <int kSlice>
   KORVEX_INLINE Bits count() const {
-    return Lanes::bits(slice_[kSlice]) - Lanes::bits(bias_[kSlice]);
+    return to_bits(slice_[kSlice]) - to_bits(bias_[kSlice]);
   }
   // Zero but for the sign bit in lanes where nothing was left below the last slice.
   KORVEX_INLINE Bits lost() const { return lost_; }
@@ -107,20 +107,20 @@ class ElementSlices {
     bias_[kSlice] = bias;
     slice_[kSlice] = bias;
     if constexpr (kSlice + 1 < kSlices) {
-      start<kSlice + 1>(bias * power_of_two(-kProductSliceBits));  // exact
+      start<kSlice + 1>(mul_rn(bias, Value(power_of_two(-kProductSliceBits))));  // exact
     }
   }
 
   template <int kSlice>
   KORVEX_INLINE void cascade(Value addend) {
     const Value before = slice_[kSlice];
-    const Value after = before + addend;           // rounded to the grid
-    const Value rest = addend - (after - before);  // exact, both
+    const Value after = add_rn(before, addend);                // rounded to the grid
+    const Value rest = sub_rn(addend, sub_rn(after, before));  // exact, both
     slice_[kSlice] = after;
     if constexpr (kSlice + 1 < kSlices) {
       cascade<kSlice + 1>(rest);
     } else {
-      lost_ |= Lanes::bits(rest);
+      lost_ |= to_bits(rest);
     }
   }
 
@@ -183,14 +183,13 @@ KORVEX_INLINE double element_bias(int bias_exponent) { return 1.5 * power_of_two
 // Adds what one lane's slices hold. Lanes whose plan does not suit hold anything, so the addition
 // may wrap there; nobody reads those.
 template <int kSlice, class Lanes, int kSlices>
-KORVEX_INLINE void keep_counts(const ElementSlices<Lanes, kSlices>& slices, int lane,
+KORVEX_INLINE void keep_counts(const ElementSlices<Lanes, kSlices>& slices, int index,
                                ElementCounts& counts) {
   const auto before = static_cast<std::uint64_t>(counts.count[kSlice]);
-  const auto units =
-      static_cast<std::uint64_t>(Lanes::units(slices.template count<kSlice>(), lane));
+  const std::uint64_t units = lane(slices.template count<kSlice>(), index);
   counts.count[kSlice] = static_cast<std::int64_t>(before + units);
   if constexpr (kSlice + 1 < kSlices) {
-    keep_counts<kSlice + 1>(slices, lane, counts);
+    keep_counts<kSlice + 1>(slices, index, counts);
   }
 }
 

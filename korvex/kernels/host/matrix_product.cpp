@@ -201,15 +201,15 @@ void MatrixOnHost::pass_row(const Tile& tile, std::int64_t row, std::int64_t fir
   Slices first(Lanes::load(memory.bias[row]));
   Slices second(Lanes::load(memory.bias[row] + Lanes::kCount));
   for (std::int64_t k = 0; k < depth; ++k, b += kPanel) {
-    const Lanes::Value factor = Lanes::broadcast(a[k]);
+    const Lanes::Value factor = Lanes::Value(a[k]);
     first.add_product(factor, Lanes::load(b));
     second.add_product(factor, Lanes::load(b + Lanes::kCount));
   }
   for (int lane = 0; lane < Lanes::kCount; ++lane) {
     arithmetic::keep_counts<0>(first, lane, memory.counts[row][lane]);
     arithmetic::keep_counts<0>(second, lane, memory.counts[row][Lanes::kCount + lane]);
-    memory.lost[row][lane] |= first.lost()[lane];
-    memory.lost[row][Lanes::kCount + lane] |= second.lost()[lane];
+    memory.lost[row][lane] |= arithmetic::lane(first.lost(), lane);
+    memory.lost[row][Lanes::kCount + lane] |= arithmetic::lane(second.lost(), lane);
   }
 }
 

@@ -6,16 +6,17 @@
 
 #include "korvex/arithmetic/elementary/logarithm.h"
 #include "korvex/arithmetic/elementary/logistic.h"
-#include "korvex/kernels/host/doubles.h"
 #include "korvex/kernels/host/elements.h"
+#include "korvex/kernels/host/lanes.h"
 #include "korvex/kernels/host/shells.h"
 #include "korvex/kernels/host/threads.h"
 
 namespace korvex::host {
 namespace {
 
-using arithmetic::HostReal;
+using arithmetic::ElementLanes;
 using arithmetic::RoundedOf;
+using Real = ElementLanes::Value;
 
 // Arguments: x, out, n.
 template <double (*Function)(double)>
@@ -31,26 +32,25 @@ __attribute__((noinline)) double out_of_line(double x) {
 
 // Writes the lanes that the first try has not decided.
 template <double (*Function)(double)>
-__attribute__((noinline)) void finish_undecided(HostReal x, const RoundedOf<HostReal>& tried,
-                                                double* out) {
-  for (int i = 0; i < arithmetic::kHostReals; ++i) {
-    if (!arithmetic::lane(tried.decided, i)) out[i] = Function(arithmetic::lane(x, i));
+__attribute__((noinline)) void finish_undecided(Real x, const RoundedOf<Real>& tried, double* out) {
+  for (int lane = 0; lane < ElementLanes::kCount; ++lane) {
+    if (!arithmetic::lane(tried.decided, lane)) out[lane] = Function(arithmetic::lane(x, lane));
   }
 }
 
 // The same for a function whose first try decides nearly every element, several at a time. All
 // other steps are calls, so that the loop holds the first try alone.
-template <RoundedOf<HostReal> (*Try)(HostReal), double (*Function)(double)>
+template <RoundedOf<Real> (*Try)(Real), double (*Function)(double)>
 void run_tried_unary(const Arguments& arguments) {
   const double* x = arguments.array(0);
   double* out = arguments.array(1);
   for_each_range(arguments.integer(2), arguments.threads(),
                  [=](std::int64_t begin, std::int64_t end) {
                    std::int64_t i = begin;
-                   for (; i + arithmetic::kHostReals <= end; i += arithmetic::kHostReals) {
-                     const HostReal argument = arithmetic::load_real(x + i);
+                   for (; i + ElementLanes::kCount <= end; i += ElementLanes::kCount) {
+                     const Real argument = ElementLanes::load(x + i);
                      const auto tried = Try(argument);
-                     arithmetic::store_real(out + i, tried.value);
+                     ElementLanes::store(out + i, tried.value);
                      if (!arithmetic::all(tried.decided)) {
                        finish_undecided<Function>(argument, tried, out + i);
                      }
