@@ -3,8 +3,8 @@
 // written once for any number of parallel lanes.
 //
 // A lane type has the members of ScalarLanes, and its Value and Bits have the functions of a double
-// and of its bits, by the same names: add_rn, to_bits, lane and so on. Which lane type runs never
-// shows in a result.
+// and of its bits, by the same names: add_rn, to_bits, lane and so on. No result depends on
+// which lane type runs.
 #pragma once
 
 #include "korvex/arithmetic/base/binary64.h"

@@ -5,8 +5,9 @@
 // grids must lie so that none can overflow; 128 products at a time go through three of them without
 // a test, and their grid units are counted. Where anything was left below the last slice, six
 // slices are tried; where that happens again, or where the exponents do not suit (an infinity,
-// products that underflow), each product goes into a long accumulator. So one wild element costs
-// only itself, and which way was taken never shows. The proofs stand in docs/numerics_products.md.
+// products that underflow), each product goes into a long accumulator. So an element with wide
+// exponents slows down no other, and the result does not depend on the way that was taken. The
+// proofs stand in docs/numerics_products.md.
 #pragma once
 
 #include "korvex/arithmetic/base/binary64.h"
@@ -16,6 +17,7 @@
 #include "korvex/arithmetic/exact/canonical.h"
 #include "korvex/arithmetic/exact/exact_product_sum.h"
 #include "korvex/arithmetic/exact/products.h"
+#include "korvex/arithmetic/exact/slice.h"
 
 namespace korvex::arithmetic {
 
@@ -54,7 +56,7 @@ class FactorRangeOf {
   std::uint64_t smallest_less_one_ = ~std::uint64_t{0};
 };
 
-// Where the slices of an element lie, told by its row and its column.
+// Where the slices of an element lie, from the exponents of its row and its column.
 struct ElementPlan {
   int bias_exponent;  // of the first slice
   bool has_exact_errors;
@@ -83,7 +85,7 @@ class ElementSlices {
   using Value = typename Lanes::Value;
   using Bits = typename Lanes::Bits;
 
-  // bias: 1.5 * 2^bias_exponent of each lane's plan.
+  // bias: slice_bias(bias_exponent) of each lane's plan.
   KORVEX_INLINE explicit ElementSlices(Value bias) { start<0>(bias); }
 
   KORVEX_INLINE void add_product(Value a, Value b) {
@@ -113,14 +115,12 @@ class ElementSlices {
 
   template <int kSlice>
   KORVEX_INLINE void cascade(Value addend) {
-    const Value before = slice_[kSlice];
-    const Value after = add_rn(before, addend);                // rounded to the grid
-    const Value rest = sub_rn(addend, sub_rn(after, before));  // exact, both
-    slice_[kSlice] = after;
+    const SliceAndRest<Value> step = add_to_slice(slice_[kSlice], addend);
+    slice_[kSlice] = step.slice;
     if constexpr (kSlice + 1 < kSlices) {
-      cascade<kSlice + 1>(rest);
+      cascade<kSlice + 1>(step.rest);
     } else {
-      lost_ |= to_bits(rest);
+      lost_ |= to_bits(step.rest);
     }
   }
 
@@ -178,10 +178,8 @@ struct ElementCounts {
   }
 };
 
-KORVEX_INLINE double element_bias(int bias_exponent) { return 1.5 * power_of_two(bias_exponent); }
-
 // Adds what one lane's slices hold. Lanes whose plan does not suit hold anything, so the addition
-// may wrap there; nobody reads those.
+// may wrap there; their counts are not read.
 template <int kSlice, class Lanes, int kSlices>
 KORVEX_INLINE void keep_counts(const ElementSlices<Lanes, kSlices>& slices, int index,
                                ElementCounts& counts) {
@@ -204,7 +202,7 @@ KORVEX_COLD bool try_element(const double* a, const double* b, std::int64_t stri
     return false;
   }
   ElementCounts counts;
-  const double bias = element_bias(plan.bias_exponent);
+  const double bias = slice_bias(plan.bias_exponent);
   std::uint64_t lost = 0;
   for (std::int64_t begin = 0; begin < k_count; begin += kCascadeSteps) {
     const std::int64_t rest = k_count - begin;
@@ -216,14 +214,14 @@ KORVEX_COLD bool try_element(const double* a, const double* b, std::int64_t stri
     keep_counts<0>(slices, 0, counts);
     lost |= slices.lost();
   }
-  if (lost << 1 != 0) {
+  if (has_rest(lost)) {
     return false;
   }
   counts.round<kSlices>(plan.bias_exponent, limbs);
   return true;
 }
 
-// The way that is always open.
+// The way that suits every element: each product into the long accumulator.
 KORVEX_COLD inline void sum_element(const double* a, const double* b, std::int64_t stride,
                                     std::int64_t k_count, double* limbs) {
   ExactProductSum sum;

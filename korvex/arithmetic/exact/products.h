@@ -43,7 +43,7 @@ class ProductCascade : public BiasedCascade<Lanes, kSlices, kStreams, kProductSl
     const Value x = Lanes::load(x_step + kStream * Lanes::kCount);
     const Value y = Lanes::load(y_step + kStream * Lanes::kCount);
     const Value product = mul_rn(x, y);                // rounded
-    const Value error = product_error(x, y, product);  // exact, or small_ tells
+    const Value error = product_error(x, y, product);  // exact unless small_ is set
     small_ |= Lanes::is_below(product, kLeastSplitProduct);
     this->template cascade<0, kStream>(product);
     this->template cascade<1, kStream>(error);

@@ -6,8 +6,8 @@
 // any of them cannot be split (not finite, or too large or small); if none, the 16 parts of each
 // lane go through four slices on fixed grids whose units a warp adds up as integers, and what is
 // left below the last slice goes part by part into the warp's digits. Otherwise the pairs of the
-// tile go there one by one, as 106-bit integers. Every partial sum is exact, so nothing of this
-// shows.
+// tile go there one by one, as 106-bit integers. Every partial sum is exact, so the
+// result does not depend on the way.
 #pragma once
 
 #include "korvex/arithmetic/base/portability.h"

@@ -4,11 +4,11 @@
 //
 // Phases: each thread takes a run of neighbouring elements into a part of its own, in static
 // memory; the parts are joined two by two; one thread rounds. Parts are exact, or lie on a grid, so
-// the number of threads does not show. Only block 0 works, and any number of threads up to
-// kSingleBlock may do. A run starts at any element, at 8 bytes and not at 16, so it is read one
-// double at a time: a wider load there would fault. The kernels ask for one block on a
+// the result does not depend on the number of threads. Only block 0 works, and any number of
+// threads up to kSingleBlock may do. A run starts at any element, at 8 bytes and not at 16, so it
+// is read one double at a time: a wider load there would fault. The kernels ask for one block on a
 // multiprocessor: left to itself the compiler halves the registers where two would fit, for a
-// second block that is never there.
+// second block that no launch has.
 #pragma once
 
 #include <new>

@@ -4,7 +4,7 @@
 //
 // HostDoubles has the functions of one double, with the same names: each operation rounds each lane
 // as the operation on one double does. HostLanes has the members of ScalarLanes, for loops over any
-// number of lanes. Which of the two types runs never shows in a result.
+// number of lanes. No result depends on which of the two types runs.
 #pragma once
 
 #ifdef __FMA__

@@ -6,7 +6,7 @@
 // a panel of columns, 128 products deep at a time, the panel is copied side by side and each row of
 // the tile passes over it (ElementSlices); rows with an element that three slices did not hold pass
 // once more with six; then each element is rounded, or summed product by product where even those
-// did not hold it. Which thread takes which tile never shows in a result.
+// did not hold it. No result depends on which thread takes which tile.
 #include "korvex/kernels/host/matrix_product.h"
 
 #include <algorithm>
@@ -179,13 +179,13 @@ void MatrixOnHost::plan_row(const Tile& tile, std::int64_t row, Workspace::Memor
   for (std::int64_t column = 0; column < kPanel; ++column) {
     memory.counts[row][column] = {};
     memory.lost[row][column] = 0;
-    memory.bias[row][column] = 1.5;
+    memory.bias[row][column] = arithmetic::slice_bias(0);
     if (column >= tile.columns) {
       continue;
     }
     const arithmetic::ElementPlan element = plan(tile, row, column);
     if (element.suits(kSlices)) {
-      memory.bias[row][column] = arithmetic::element_bias(element.bias_exponent);
+      memory.bias[row][column] = arithmetic::slice_bias(element.bias_exponent);
     } else {
       memory.lost[row][column] = ~std::uint64_t{0};
     }
@@ -222,7 +222,7 @@ bool MatrixOnHost::finish_row(const Tile& tile, std::int64_t row, Workspace::Mem
     const std::int64_t j = tile.first_column + column;
     const arithmetic::ElementPlan element = plan(tile, row, column);
     double limbs[arithmetic::kElementLimbs];
-    if (memory.lost[row][column] << 1 == 0) {
+    if (!arithmetic::has_rest(memory.lost[row][column])) {
       memory.counts[row][column].round<kSlices>(element.bias_exponent, limbs);
     } else if (kSlices < arithmetic::kManySlices && element.suits(arithmetic::kManySlices)) {
       is_finished = false;
