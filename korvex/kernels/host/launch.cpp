@@ -20,21 +20,34 @@ struct NamedShell {
   Shell* run;
 };
 
-// In the order of the kernel table.
+// In the order of the kernel table, one row a line.
+// clang-format off
 constexpr NamedShell kShells[] = {
-    {"tqx_sum_seq_kernel", run_sum_seq},   {"tqx_sum_kernel", run_sum},
-    {"tqx_dot_seq_kernel", run_dot_seq},   {"tqx_dot_kernel", run_dot},
-    {"tqx_matmul_kernel", run_matmul},     {"tqx_var_kernel", run_var},
-    {"tqx_norm_kernel", run_norm},         {"tqx_prod_kernel", run_prod},
-    {"tqx_cumsum_kernel", run_cumsum},     {"tqx_logsumexp_kernel", run_logsumexp},
-    {"tqx_add_kernel", run_add},           {"tqx_sub_kernel", run_sub},
-    {"tqx_mul_kernel", run_mul},           {"tqx_div_kernel", run_div},
-    {"tqx_relu_kernel", run_relu},         {"tqx_neg_kernel", run_neg},
-    {"tqx_exp_kernel", run_exp},           {"tqx_log_kernel", run_log},
-    {"tqx_sqrt_kernel", run_sqrt},         {"tqx_sigmoid_kernel", run_sigmoid},
-    {"tqx_tanh_kernel", run_tanh},         {"tqx_leaky_relu_kernel", run_leaky_relu},
+    {"tqx_sum_seq_kernel", run_sum_seq},
+    {"tqx_sum_kernel", run_sum},
+    {"tqx_dot_seq_kernel", run_dot_seq},
+    {"tqx_dot_kernel", run_dot},
+    {"tqx_matmul_kernel", run_matmul},
+    {"tqx_var_kernel", run_var},
+    {"tqx_norm_kernel", run_norm},
+    {"tqx_prod_kernel", run_prod},
+    {"tqx_cumsum_kernel", run_cumsum},
+    {"tqx_logsumexp_kernel", run_logsumexp},
+    {"tqx_add_kernel", run_add},
+    {"tqx_sub_kernel", run_sub},
+    {"tqx_mul_kernel", run_mul},
+    {"tqx_div_kernel", run_div},
+    {"tqx_relu_kernel", run_relu},
+    {"tqx_neg_kernel", run_neg},
+    {"tqx_exp_kernel", run_exp},
+    {"tqx_log_kernel", run_log},
+    {"tqx_sqrt_kernel", run_sqrt},
+    {"tqx_sigmoid_kernel", run_sigmoid},
+    {"tqx_tanh_kernel", run_tanh},
+    {"tqx_leaky_relu_kernel", run_leaky_relu},
     {"tqx_rms_norm_kernel", run_rms_norm},
 };
+// clang-format on
 
 constexpr bool shells_match_the_table() {
   if (sizeof kShells / sizeof kShells[0] != kKernelCount) {
