@@ -73,15 +73,14 @@ class BiasedCascade {
 
   template <int kSlice, int kStream>
   KORVEX_INLINE void cascade(Value x) {
-    const SliceAndRest<Value> step = add_to_slice(slice_[kSlice][kStream], x);
-    slice_[kSlice][kStream] = step.slice;
+    const Value rest = add_to_slice(slice_[kSlice][kStream], x);
     if constexpr (kSlice == 0) {
-      moved_ |= to_bits(step.slice) ^ to_bits(bias_[0]);
+      moved_ |= to_bits(slice_[0][kStream]) ^ to_bits(bias_[0]);
     }
     if constexpr (kSlice + 1 < kSlices) {
-      cascade<kSlice + 1, kStream>(step.rest);
+      cascade<kSlice + 1, kStream>(rest);
     } else {
-      lost_ |= to_bits(step.rest);
+      lost_ |= to_bits(rest);
     }
   }
 

@@ -115,12 +115,11 @@ class ElementSlices {
 
   template <int kSlice>
   KORVEX_INLINE void cascade(Value addend) {
-    const SliceAndRest<Value> step = add_to_slice(slice_[kSlice], addend);
-    slice_[kSlice] = step.slice;
+    const Value rest = add_to_slice(slice_[kSlice], addend);
     if constexpr (kSlice + 1 < kSlices) {
-      cascade<kSlice + 1>(step.rest);
+      cascade<kSlice + 1>(rest);
     } else {
-      lost_ |= to_bits(step.rest);
+      lost_ |= to_bits(rest);
     }
   }
 

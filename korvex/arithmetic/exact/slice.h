@@ -11,30 +11,31 @@
 #pragma once
 
 #include "korvex/arithmetic/base/binary64.h"
-#include "korvex/arithmetic/base/eft.h"
 #include "korvex/arithmetic/base/portability.h"
 
 namespace korvex::arithmetic {
 
-// 1.5 * 2^exponent; precondition: kMinExponent <= exponent <= kExponentBias.
-KORVEX_INLINE double slice_bias(int exponent) {
-  constexpr std::uint64_t kHalf = std::uint64_t{1} << (kFractionBits - 1);
-  return from_bits(exponent_bits(exponent + kExponentBias) | kHalf);
+// 1.5 * 2^exponent. Precondition here and below: kMinExponent <= exponent <= kExponentBias.
+KORVEX_INLINE double slice_bias(int exponent) { return 1.5 * power_of_two(exponent); }
+
+// Its bits, for slices that start anew every few elements: a compiler then sees which bits are 0.
+// Where one thread carries many slices through a loop (tqx_sum_seq_kernel), nvcc makes slower code
+// when it sees that.
+KORVEX_INLINE std::uint64_t slice_bias_bits(int exponent) {
+  return exponent_bits(exponent + kExponentBias) | std::uint64_t{1} << (kFractionBits - 1);
 }
 
-// Real: a double, or several in lanes, each with a slice of its own.
+// Adds to a slice that began at its bias, and returns what the grid did not take, for the next
+// slice: Dekker's FastTwoSum. Exact as long as the slice stays in its binade, which is for the
+// caller to know or to test (moved_out). Real: a double, or several in lanes, each with a slice of
+// its own.
 template <class Real>
-struct SliceAndRest {
-  Real slice;
-  Real rest;  // what the grid did not take, for the next slice
-};
-
-// Adds to a slice that began at its bias: Dekker's FastTwoSum. Exact as long as the slice stays in
-// its binade, which is for the caller to know or to test (moved_out).
-template <class Real>
-KORVEX_INLINE SliceAndRest<Real> add_to_slice(Real slice, Real addend) {
-  const ValueAndErrorOf<Real> sum = fast_two_sum(slice, addend);
-  return {sum.value, sum.error};
+KORVEX_INLINE Real add_to_slice(Real& slice, Real addend) {
+  const Real before = slice;
+  const Real after = add_rn(before, addend);                // rounded to the grid
+  const Real rest = sub_rn(addend, sub_rn(after, before));  // exact, both
+  slice = after;
+  return rest;
 }
 
 // Of the bits in which any partial sum of a slice differed from its bias: did one leave the binade?

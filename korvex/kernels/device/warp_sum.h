@@ -77,8 +77,8 @@ struct WarpPlan {
     return wanted < kLowestBias ? kLowestBias : wanted;
   }
 
-  KORVEX_INLINE double bias(int slice) const {
-    return arithmetic::slice_bias(bias_exponent - slice * kSliceBits);
+  KORVEX_INLINE std::uint64_t bias_bits(int slice) const {
+    return arithmetic::slice_bias_bits(bias_exponent - slice * kSliceBits);
   }
 
   // The exponent of a grid unit, counted from 2^-1074.
@@ -209,18 +209,15 @@ class WarpSum {
   KORVEX_INLINE bool run(const WarpPlan& plan, double* rest, std::int64_t* units) const {
     std::uint64_t moved = 0;
     for (int slice = 0; slice < kSlices; ++slice) {
-      const double bias = plan.bias(slice);
-      double sum = bias;
+      const std::uint64_t bias = plan.bias_bits(slice);
+      double sum = arithmetic::from_bits(bias);
       for (int i = 0; i < kPerLane; ++i) {
-        const arithmetic::SliceAndRest<double> step = arithmetic::add_to_slice(sum, rest[i]);
-        sum = step.slice;
-        rest[i] = step.rest;
+        rest[i] = arithmetic::add_to_slice(sum, rest[i]);
         if (slice == 0) {
-          moved |= arithmetic::to_bits(sum) ^ arithmetic::to_bits(bias);
+          moved |= arithmetic::to_bits(sum) ^ bias;
         }
       }
-      units[slice] =
-          static_cast<std::int64_t>(arithmetic::to_bits(sum) - arithmetic::to_bits(bias));
+      units[slice] = static_cast<std::int64_t>(arithmetic::to_bits(sum) - bias);
     }
     return !arithmetic::moved_out(moved);
   }
@@ -230,7 +227,7 @@ class WarpSum {
     const double* own = x + 2 * thread_.lane();
     if (count == kTile) {
       for (int i = 0; i < kPerLane; i += 2) {
-        thread_.load_pair(own + i * kLanes, into + i);
+        thread_.load_pair(own + std::int64_t{i} * kLanes, into + i);
       }
       return;
     }

@@ -64,7 +64,8 @@ std::vector<Start> starts_of_ranges(const double* x, std::int64_t n, int ranges)
   return starts;
 }
 
-// What log_sum_exp asks of those who run it: the join of work(x, count, part) over all elements.
+// Passes over all elements for log_sum_exp: over(work) runs work(x, count, part) on ranges of them
+// and returns the joined parts.
 class HostRunner {
  public:
   HostRunner(const double* x, std::int64_t n, int threads) : x_(x), n_(n), threads_(threads) {}
