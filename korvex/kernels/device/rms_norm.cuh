@@ -40,10 +40,16 @@ __device__ __forceinline__ void add_tiles_of_warp(const DeviceThread& thread, co
 // without a whole warp is an error of the launch.
 __device__ __forceinline__ void add_squares(const DeviceThread& thread, const double* x,
                                             std::int64_t n, RmsNormMemory& block) {
-  if (thread.warps() == 0) __trap();
-  if (thread.index() == 0) block.special = 0;
+  if (thread.warps() == 0) {
+    __trap();
+  }
+  if (thread.index() == 0) {
+    block.special = 0;
+  }
   thread.sync_block();
-  if (thread.warp() < thread.warps()) add_tiles_of_warp(thread, x, n, block);
+  if (thread.warp() < thread.warps()) {
+    add_tiles_of_warp(thread, x, n, block);
+  }
   thread.sync_block();
 }
 

@@ -13,7 +13,9 @@ template <class Operation>
 void for_each_element(const double* x, double* out, std::int64_t n, int threads,
                       const Operation& operation) {
   for_each_range(n, threads, [=](std::int64_t begin, std::int64_t end) {
-    for (std::int64_t i = begin; i < end; ++i) out[i] = operation(x[i]);
+    for (std::int64_t i = begin; i < end; ++i) {
+      out[i] = operation(x[i]);
+    }
   });
 }
 

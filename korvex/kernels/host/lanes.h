@@ -84,7 +84,9 @@ KORVEX_INLINE HostDoubles fma_rn(HostDoubles a, HostDoubles b, HostDoubles c) {
   return _mm256_fmadd_pd(a.value, b.value, c.value);
 #else
   HostDoubles result;
-  for (int i = 0; i < kHostLanes; ++i) result.value[i] = fma_rn(a.value[i], b.value[i], c.value[i]);
+  for (int i = 0; i < kHostLanes; ++i) {
+    result.value[i] = fma_rn(a.value[i], b.value[i], c.value[i]);
+  }
   return result;
 #endif
 }

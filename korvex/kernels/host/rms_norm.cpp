@@ -41,12 +41,16 @@ struct SumOfSquares {
 void run_rms_norm(const Arguments& arguments) {
   const double* x = arguments.array(0);
   const std::int64_t n = arguments.integer(2);
-  if (n <= 0) return;
+  if (n <= 0) {
+    return;
+  }
   SumOfSquares sum;
   for_each_range<SumOfSquares>(
       n, arguments.threads(),
       [x](std::int64_t begin, std::int64_t end, SumOfSquares& part) {
-        for (std::int64_t i = begin; i < end; ++i) part.add(x[i]);
+        for (std::int64_t i = begin; i < end; ++i) {
+          part.add(x[i]);
+        }
       },
       [&sum](const SumOfSquares& part) { sum.add(part); });
   const arithmetic::InverseRoot root =

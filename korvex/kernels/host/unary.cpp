@@ -34,7 +34,9 @@ __attribute__((noinline)) double out_of_line(double x) {
 template <double (*Function)(double)>
 __attribute__((noinline)) void finish_undecided(Real x, const RoundedOf<Real>& tried, double* out) {
   for (int lane = 0; lane < ElementLanes::kCount; ++lane) {
-    if (!arithmetic::lane(tried.decided, lane)) out[lane] = Function(arithmetic::lane(x, lane));
+    if (!arithmetic::lane(tried.decided, lane)) {
+      out[lane] = Function(arithmetic::lane(x, lane));
+    }
   }
 }
 
@@ -55,7 +57,9 @@ void run_tried_unary(const Arguments& arguments) {
                        finish_undecided<Function>(argument, tried, out + i);
                      }
                    }
-                   for (; i < end; ++i) out[i] = out_of_line<Function>(x[i]);
+                   for (; i < end; ++i) {
+                     out[i] = out_of_line<Function>(x[i]);
+                   }
                  });
 }
 
