@@ -3,8 +3,8 @@
 #
 # Results are defined bit by bit, so the floating-point rules stand here and only here: binary64,
 # round to nearest even, no contraction of a*b+c, no fast-math, no flush to zero. A target may add
-# an instruction set (-mfma -mavx2); under these rules that changes no bit. Nobody reads errno or the
-# exception flags of floating point, so loops with a root or a choice may become vector code.
+# an instruction set (-mfma -mavx2); under these rules that changes no bit. Neither errno nor the
+# exception flags of floating point are read, so loops with a root or a choice may become vector code.
 
 option(KORVEX_WERROR "Treat compiler warnings as errors" ON)
 option(KORVEX_SANITIZE "Build everything under AddressSanitizer and UndefinedBehaviorSanitizer" OFF)

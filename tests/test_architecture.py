@@ -2,6 +2,7 @@
 """The rules of the tree that no compiler checks: its map, its layers, its file heads."""
 
 import ast
+import json
 import re
 import subprocess
 from pathlib import Path
@@ -167,6 +168,27 @@ def test_one_header_tells_host_from_device():
     files = [path for path in source_files() if path.suffix in (".cpp", ".h", ".cu", ".cuh")]
     telling = [relative(path) for path in files if "__CUDACC__" in path.read_text()]
     assert telling == ["korvex/arithmetic/base/portability.h"]
+
+
+def test_clang_tidy_reads_every_header_of_the_host():
+    """Its filter is searched in the header's path; a header that does not match is not checked."""
+    text = (SOURCE_TREE / ".clang-tidy").read_text()
+    pattern = json.loads(re.search(r'^HeaderFilterRegex: (".*")$', text, re.MULTILINE).group(1))
+    headers = [path for path in source_files() if path.suffix == ".h" and path.parts[-2] != "cmake"]
+    assert len(headers) > 50
+    assert [relative(path) for path in headers if not re.search(pattern, str(path))] == []
+    assert not re.search(pattern, "/usr/include/python3.12/object.h")
+    assert not re.search(pattern, "/x/.venv/include/python3.12/internal/pycore_object.h")
+
+
+def test_host_and_device_files_of_a_family_have_the_same_name():
+    shells = {path.stem for path in (SOURCE_TREE / "korvex/kernels/host").glob("*.cpp")}
+    kernels = {
+        path.stem
+        for path in (SOURCE_TREE / "korvex/kernels/device").glob("*.cuh")
+        if "__global__" in path.read_text()
+    }
+    assert shells - {"launch"} == kernels
 
 
 def test_floating_point_flags_are_set_in_one_place():

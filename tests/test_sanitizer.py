@@ -11,7 +11,7 @@ import pytest
 
 TREE = Path(__file__).resolve().parent.parent
 FLAGS = "-std=c++20 -O1 -g -ffp-contract=off -fPIC -shared -fsanitize=address,undefined".split()
-RIGHT = "for (std::int64_t i = begin; i < end; ++i) out[i] = operation(x[i]);"
+RIGHT = "out[i] = operation(x[i]);"
 CALL = """
 import ctypes, sys
 library = ctypes.CDLL(sys.argv[1])
@@ -37,12 +37,13 @@ def compiler():
 def run_on_copy(folder, text):
     """Build the host kernels with that loop over elements; run one kernel under the sanitizer."""
     shutil.copytree(TREE / "korvex", folder / "korvex", ignore=shutil.ignore_patterns("*.so"))
-    shell = folder / "korvex" / "kernels" / "host" / "host_unary.h"
-    assert RIGHT in shell.read_text()
-    shell.write_text(shell.read_text().replace(RIGHT, text))
-    source = folder / "korvex" / "kernels" / "host" / "host_kernels.cpp"
+    host = folder / "korvex" / "kernels" / "host"
+    loop = host / "elements.h"
+    assert loop.read_text().count(f" {RIGHT}\n") == 1
+    loop.write_text(loop.read_text().replace(f" {RIGHT}\n", f" {text}\n"))
     library = folder / "kernels.so"
-    subprocess.run([compiler(), *FLAGS, f"-I{folder}", source, "-o", library], check=True)
+    sources = sorted(host.glob("*.cpp"))
+    subprocess.run([compiler(), *FLAGS, f"-I{folder}", *sources, "-o", library], check=True)
     query = [compiler(), "-print-file-name=libasan.so"]
     runtime = subprocess.run(query, capture_output=True, text=True).stdout.strip()
     environment = {"LD_PRELOAD": runtime, "ASAN_OPTIONS": "detect_leaks=0"}

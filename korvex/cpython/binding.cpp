@@ -23,25 +23,37 @@ void add_subclass_note(const char* expected) {
 
 void require_exact(const Parameter& parameter, Handle value, PyTypeObject* type,
                    const char* expected) {
-  if (Py_TYPE(value) == type) return;
+  if (Py_TYPE(value) == type) {
+    return;
+  }
   try {
     refuse_type(parameter.name, expected, value);
   } catch (const PythonError&) {
-    if (PyType_IsSubtype(Py_TYPE(value), type) != 0) add_subclass_note(expected);
+    if (PyType_IsSubtype(Py_TYPE(value), type) != 0) {
+      add_subclass_note(expected);
+    }
     throw;
   }
 }
 
 Object convert_int(const Parameter& parameter, const Object& value) {
-  if (PyLong_CheckExact(value.handle())) return value;
-  if (PyNumber_Check(value) == 0) refuse_type(parameter.name, "int", value);
+  if (PyLong_CheckExact(value.handle())) {
+    return value;
+  }
+  if (PyNumber_Check(value) == 0) {
+    refuse_type(parameter.name, "int", value);
+  }
   return checked(PyNumber_Long(value));
 }
 
 Object convert_float(const Object& value) {
-  if (PyFloat_CheckExact(value.handle())) return value;
+  if (PyFloat_CheckExact(value.handle())) {
+    return value;
+  }
   const double number = PyFloat_AsDouble(value);
-  if (number == -1.0 && PyErr_Occurred() != nullptr) throw PythonError{};
+  if (number == -1.0 && PyErr_Occurred() != nullptr) {
+    throw PythonError{};
+  }
   return floating(number);
 }
 
@@ -75,7 +87,9 @@ void Binding::refuse_count() const {
 void Binding::take_positional() {
   given_ = PyTuple_GET_SIZE(positional_);
   const auto given = static_cast<std::size_t>(given_);
-  if (given > row_.positional_count_ && !row_.variadic_) refuse_count();
+  if (given > row_.positional_count_ && !row_.variadic_) {
+    refuse_count();
+  }
   const std::size_t named = given < row_.positional_count_ ? given : row_.positional_count_;
   for (std::size_t i = 0; i < named; ++i) {
     arguments_.values_[i] =
@@ -98,20 +112,28 @@ void Binding::require_string_keywords() const {
 }
 
 void Binding::take_keywords() {
-  if (keywords_ == nullptr || PyDict_GET_SIZE(keywords_) == 0) return;
+  if (keywords_ == nullptr || PyDict_GET_SIZE(keywords_) == 0) {
+    return;
+  }
   require_string_keywords();
   Py_ssize_t position = 0;
   PyObject* name = nullptr;
   PyObject* value = nullptr;
-  while (PyDict_Next(keywords_, &position, &name, &value) != 0) take_keyword(name, value);
+  while (PyDict_Next(keywords_, &position, &name, &value) != 0) {
+    take_keyword(name, value);
+  }
 }
 
 void Binding::take_keyword(Handle name, Handle value) {
   const auto parameters = row_.parameters();
   for (std::size_t i = 0; i < parameters.size(); ++i) {
-    if (parameters[i].kind == Kind::kVariadic) continue;
+    if (parameters[i].kind == Kind::kVariadic) {
+      continue;
+    }
     // Names in calls are interned, so identity nearly always decides.
-    if (name != row_.names_[i].handle() && PyUnicode_Compare(name, row_.names_[i]) != 0) continue;
+    if (name != row_.names_[i].handle() && PyUnicode_Compare(name, row_.names_[i]) != 0) {
+      continue;
+    }
     if (!arguments_.values_[i].empty()) {
       raise_formatted(PyExc_TypeError, messages::kDoubleKeyword, row_.signature().name, name);
     }
@@ -124,7 +146,9 @@ void Binding::take_keyword(Handle name, Handle value) {
 // Whatever came by keyword counts as given up to the first argument that is missing.
 void Binding::require_all() {
   for (std::size_t i = 0; i < row_.required_count_; ++i) {
-    if (!arguments_.values_[i].empty()) continue;
+    if (!arguments_.values_[i].empty()) {
+      continue;
+    }
     given_ = static_cast<Py_ssize_t>(i);
     refuse_count();
   }
@@ -143,7 +167,9 @@ void Binding::convert() {
         value = boolean(truth(value));
         break;
       case Kind::kOptionalInt:
-        if (is_none(value)) break;
+        if (is_none(value)) {
+          break;
+        }
         [[fallthrough]];
       case Kind::kInt:
         value = convert_int(parameters[i], value);
@@ -164,13 +190,17 @@ void Binding::test_types() const {
     const Object& value = arguments_.values_[i];
     switch (parameter.kind) {
       case Kind::kOptionalStr:
-        if (is_none(value)) break;
+        if (is_none(value)) {
+          break;
+        }
         [[fallthrough]];
       case Kind::kStr:
         require_exact(parameter, value, &PyUnicode_Type, "str");
         break;
       case Kind::kOptionalTuple:
-        if (is_none(value)) break;
+        if (is_none(value)) {
+          break;
+        }
         [[fallthrough]];
       case Kind::kTuple:
         require_exact(parameter, value, &PyTuple_Type, "tuple");

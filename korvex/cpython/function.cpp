@@ -74,7 +74,9 @@ PyObject* function_call(PyObject* self, PyObject* positional, PyObject* keywords
 }
 
 PyObject* function_bind(PyObject* self, PyObject* instance, PyObject* /*owner*/) {
-  if (instance == nullptr || Py_IsNone(instance) != 0) return Py_NewRef(self);
+  if (instance == nullptr || Py_IsNone(instance) != 0) {
+    return Py_NewRef(self);
+  }
   return PyMethod_New(self, instance);
 }
 
@@ -91,7 +93,9 @@ PyObject* function_reduce(PyObject* self, PyObject* /*unused*/) {
 int function_traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(Py_TYPE(self));
   Py_VISIT(as_function(self)->attributes);
-  if (as_function(self)->state == nullptr) return 0;
+  if (as_function(self)->state == nullptr) {
+    return 0;
+  }
   const FunctionState& state = state_of(self);
   Py_VISIT(state.module_name.handle());
   Py_VISIT(state.globals.handle());
@@ -104,7 +108,9 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) {
 
 int function_clear(PyObject* self) {
   Py_CLEAR(as_function(self)->attributes);
-  if (as_function(self)->state == nullptr) return 0;
+  if (as_function(self)->state == nullptr) {
+    return 0;
+  }
   FunctionState& state = state_of(self);
   state.globals = Object();  // the module's dict is the only way round a cycle
   state.annotations = none();
@@ -114,7 +120,9 @@ int function_clear(PyObject* self) {
 void function_dealloc(PyObject* self) {
   PyTypeObject* type = Py_TYPE(self);
   PyObject_GC_UnTrack(self);
-  if (as_function(self)->weak_references != nullptr) PyObject_ClearWeakRefs(self);
+  if (as_function(self)->weak_references != nullptr) {
+    PyObject_ClearWeakRefs(self);
+  }
   Py_CLEAR(as_function(self)->attributes);
   delete as_function(self)->state;
   type->tp_free(self);

@@ -8,8 +8,12 @@ namespace korvex {
 
 bool has_attribute(Handle a, Handle name) {
   const Object value = Object::steal(PyObject_GetAttr(a, name));
-  if (!value.empty()) return true;
-  if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) throw PythonError{};
+  if (!value.empty()) {
+    return true;
+  }
+  if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) {
+    throw PythonError{};
+  }
   PyErr_Clear();
   return false;
 }
@@ -24,7 +28,9 @@ void unpack_into(Handle iterable, std::span<Object> items) {
     }
     ++taken;
   }
-  if (next_item(iterator).empty()) return;
+  if (next_item(iterator).empty()) {
+    return;
+  }
   raise_formatted(PyExc_ValueError, messages::kTooManyValues, taken);
 }
 

@@ -66,13 +66,17 @@ class Object {
 
 // Takes over a new reference returned by the C API, or throws if there is none.
 inline Object checked(PyObject* owned) {
-  if (owned == nullptr) throw PythonError{};
+  if (owned == nullptr) {
+    throw PythonError{};
+  }
   return Object::steal(owned);
 }
 
 // Tests the status of a C API call that returns -1 on failure.
 inline int checked(int status) {
-  if (status < 0) throw PythonError{};
+  if (status < 0) {
+    throw PythonError{};
+  }
   return status;
 }
 
@@ -150,7 +154,9 @@ inline void set_item(Handle a, Handle index, Handle value) {
 // The value of an int object; OverflowError if it does not fit.
 inline long long as_integer(Handle a) {
   const long long value = PyLong_AsLongLong(a);
-  if (value == -1 && PyErr_Occurred() != nullptr) throw PythonError{};
+  if (value == -1 && PyErr_Occurred() != nullptr) {
+    throw PythonError{};
+  }
   return value;
 }
 
@@ -180,7 +186,9 @@ Object list(const Items&... items) {
 // len(sequence)
 inline Py_ssize_t length(Handle sequence) {
   const Py_ssize_t count = PyObject_Size(sequence);
-  if (count < 0) throw PythonError{};
+  if (count < 0) {
+    throw PythonError{};
+  }
   return count;
 }
 
@@ -197,7 +205,9 @@ inline Object range_to(const Object& stop) {
 // The next item of an iterator, or an empty object at its end.
 inline Object next_item(Handle iterator) {
   Object item = Object::steal(PyIter_Next(iterator));
-  if (item.empty() && PyErr_Occurred() != nullptr) throw PythonError{};
+  if (item.empty() && PyErr_Occurred() != nullptr) {
+    throw PythonError{};
+  }
   return item;
 }
 
@@ -220,7 +230,9 @@ void for_each(Handle iterable, const Visit& visit) {
   const Object iterator = checked(PyObject_GetIter(iterable));
   for (;;) {
     const Object item = next_item(iterator);
-    if (item.empty()) break;
+    if (item.empty()) {
+      break;
+    }
     visit(item);
   }
 }

@@ -29,10 +29,14 @@ BoundSignature::BoundSignature(const Signature& signature) : signature_(&signatu
     if (parameter.kind == Kind::kVariadic) {
       variadic_ = true;
     } else {
-      if (!required) defaults_[position] = parameter.default_value.value();
+      if (!required) {
+        defaults_[position] = parameter.default_value.value();
+      }
       if (!parameter.keyword_only) {
         ++positional_count_;
-        if (required) ++required_count_;
+        if (required) {
+          ++required_count_;
+        }
       }
     }
     ++position;
@@ -46,9 +50,13 @@ Arguments BoundSignature::bind(Handle positional, Handle keywords) const {
 Object BoundSignature::defaults_tuple() const {
   const Object values = list();
   for (std::size_t i = 0; i < positional_count_; ++i) {
-    if (!defaults_[i].empty()) append(values, defaults_[i]);
+    if (!defaults_[i].empty()) {
+      append(values, defaults_[i]);
+    }
   }
-  if (PyList_GET_SIZE(values.handle()) == 0) return none();
+  if (PyList_GET_SIZE(values.handle()) == 0) {
+    return none();
+  }
   return checked(PyList_AsTuple(values));
 }
 
@@ -84,7 +92,9 @@ Object BoundSignature::annotations_dict() const {
 namespace {
 
 const char* parameter_kind_name(const Parameter& parameter) {
-  if (parameter.kind == Kind::kVariadic) return "VAR_POSITIONAL";
+  if (parameter.kind == Kind::kVariadic) {
+    return "VAR_POSITIONAL";
+  }
   return parameter.keyword_only ? "KEYWORD_ONLY" : "POSITIONAL_OR_KEYWORD";
 }
 

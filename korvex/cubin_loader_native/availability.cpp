@@ -18,8 +18,12 @@ bool is_cupy_installed() {
   const Object name = text("cupy");
   const Object modules = object(PyImport_GetModuleDict());
   const Object loaded = object(PyDict_GetItemWithError(modules, name));
-  if (!loaded.empty()) return !is_none(loaded);
-  if (PyErr_Occurred() != nullptr) throw PythonError{};
+  if (!loaded.empty()) {
+    return !is_none(loaded);
+  }
+  if (PyErr_Occurred() != nullptr) {
+    throw PythonError{};
+  }
   const Object finder = checked(PyImport_ImportModule("importlib.util"));
   return !is_none(finder.get(text("find_spec")).call(name));
 }
@@ -35,7 +39,9 @@ std::string why_no_driver() {
 
 // The driver reads this variable, and sees no device if its list is empty or starts with -1.
 bool hides_all_devices(const char* visible_devices) {
-  if (visible_devices == nullptr) return false;
+  if (visible_devices == nullptr) {
+    return false;
+  }
   const std::string_view value = visible_devices;
   return value.empty() || value == "-1" || value.starts_with("-1,");
 }
@@ -46,11 +52,17 @@ std::string why_no_device(const KernelFiles& files) {
     return "no device: CUDA_VISIBLE_DEVICES is \"" + std::string(visible_devices) + "\"";
   }
   const auto devices = list_devices();
-  if (!devices) return {};
-  if (devices->empty()) return "no device: the driver manages none";
+  if (!devices) {
+    return {};
+  }
+  if (devices->empty()) {
+    return "no device: the driver manages none";
+  }
   std::string seen;
   for (const Capability& device : *devices) {
-    if (files.choose(device)) return {};
+    if (files.choose(device)) {
+      return {};
+    }
     seen += (seen.empty() ? "sm_" : ", sm_") + device.digits();
   }
   return "no compiled kernels for the devices here, which are " + seen + ": " +
@@ -62,9 +74,13 @@ std::string why_no_device(const KernelFiles& files) {
 std::string why_unavailable(const KernelFiles& files) {
   std::string reasons;
   const auto add = [&](const std::string& reason) {
-    if (!reason.empty()) reasons += (reasons.empty() ? "" : "; ") + reason;
+    if (!reason.empty()) {
+      reasons += (reasons.empty() ? "" : "; ") + reason;
+    }
   };
-  if (!is_cupy_installed()) add("cupy is not installed");
+  if (!is_cupy_installed()) {
+    add("cupy is not installed");
+  }
   const std::string no_driver = why_no_driver();
   add(no_driver);
   if (files.empty()) {

@@ -31,14 +31,18 @@ class CurrentContext {
   CurrentContext(const Driver& driver, Context context) : driver_(driver) {
     Context current = nullptr;
     driver_.context_current(&current);
-    if (current == context) return;
+    if (current == context) {
+      return;
+    }
     driver_.context_push(context);
     pushed_ = true;
   }
   // What was pushed goes, whatever happened in between; an error here would hide the first.
   ~CurrentContext() {
     Context popped = nullptr;
-    if (pushed_) driver_.context_pop.attempt(&popped);
+    if (pushed_) {
+      driver_.context_pop.attempt(&popped);
+    }
   }
   CurrentContext(const CurrentContext&) = delete;
   CurrentContext& operator=(const CurrentContext&) = delete;
@@ -48,7 +52,9 @@ class CurrentContext {
 
   // Ends the scope early, with the error if the driver has one.
   void leave() {
-    if (!pushed_) return;
+    if (!pushed_) {
+      return;
+    }
     pushed_ = false;
     Context popped = nullptr;
     driver_.context_pop(&popped);

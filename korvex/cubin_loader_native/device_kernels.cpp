@@ -13,7 +13,9 @@ namespace {
 std::string read_image(const std::filesystem::path& path) {
   std::ifstream file(path, std::ios::binary);
   std::string image((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  if (image.empty()) throw DeviceFailure("cannot read " + path.string());
+  if (image.empty()) {
+    throw DeviceFailure("cannot read " + path.string());
+  }
   image.push_back('\0');
   return image;
 }
@@ -36,7 +38,9 @@ LoadedModule::LoadedModule(const Driver& driver, const KernelFile& file) : drive
   LoadOption options[] = {kErrorLog, kErrorLogBytes};
   void* values[] = {log, reinterpret_cast<void*>(std::uintptr_t{sizeof log - 1})};
   const Result result = driver_.module_load.attempt(&module_, image.data(), 2, options, values);
-  if (result == kSuccess) return;
+  if (result == kSuccess) {
+    return;
+  }
   try {
     throw_failed_call(driver_.module_load.name(), result);
   } catch (const DeviceFailure& failure) {
@@ -52,7 +56,9 @@ void DeviceKernels::load(const KernelFile& file) {
 }
 
 DeviceKernels::~DeviceKernels() {
-  if (module_ == nullptr) return;
+  if (module_ == nullptr) {
+    return;
+  }
   try {
     const CurrentContext current(driver_, context());
     module_.reset();

@@ -28,12 +28,16 @@ struct ManagementFunctions {
 
 std::optional<std::vector<Capability>> read_devices(const ManagementFunctions& management) {
   unsigned count = 0;
-  if (management.device_count(&count) != kManagementSuccess) return {};
+  if (management.device_count(&count) != kManagementSuccess) {
+    return {};
+  }
   std::vector<Capability> devices;
   for (unsigned index = 0; index < count; ++index) {
     ManagedDevice device = nullptr;
     Capability capability;
-    if (management.device_by_index(index, &device) != kManagementSuccess) return {};
+    if (management.device_by_index(index, &device) != kManagementSuccess) {
+      return {};
+    }
     if (management.device_capability(device, &capability.major, &capability.minor) !=
         kManagementSuccess) {
       return {};
@@ -48,9 +52,13 @@ std::optional<std::vector<Capability>> read_devices(const ManagementFunctions& m
 std::optional<std::vector<Capability>> list_devices() {
   const SharedLibrary library("libnvidia-ml.so.1");
   ManagementFunctions management;
-  if (!management.find_in(library)) return {};
+  if (!management.find_in(library)) {
+    return {};
+  }
   // An error here is no proof that CUDA does not work: the driver itself will say.
-  if (management.init() != kManagementSuccess) return {};
+  if (management.init() != kManagementSuccess) {
+    return {};
+  }
   const auto devices = read_devices(management);
   management.shutdown();
   return devices;

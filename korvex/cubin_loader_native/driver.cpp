@@ -29,7 +29,9 @@ void throw_failed_call(const char* name, Result result) {
 }
 
 Driver::Driver() {
-  if (!library_.is_open()) throw DeviceFailure("no NVIDIA driver: " + library_.error());
+  if (!library_.is_open()) {
+    throw DeviceFailure("no NVIDIA driver: " + library_.error());
+  }
 }
 
 const Driver& Driver::get() {
@@ -45,7 +47,9 @@ void Driver::initialise() const {
 }
 
 void require_initialised_process() {
-  if (initialised_in == -1 || initialised_in == getpid()) return;
+  if (initialised_in == -1 || initialised_in == getpid()) {
+    return;
+  }
   throw DeviceFailure(
       "CUDA was initialised before this process was forked, and does not work in a forked child: "
       "start processes with the \"spawn\" method of multiprocessing");

@@ -60,7 +60,9 @@ class Entry {
   // Calls it; DeviceFailure if it does not succeed.
   void operator()(Parameters... arguments) const {
     const Result result = function_(arguments...);
-    if (result != kSuccess) throw_failed_call(name_, result);
+    if (result != kSuccess) {
+      throw_failed_call(name_, result);
+    }
   }
 
   // Calls it and leaves the result to the caller.

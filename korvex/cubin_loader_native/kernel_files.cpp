@@ -29,7 +29,9 @@ constexpr NamePattern kPatterns[] = {
 std::optional<Capability> read_capability(std::string_view digits) {
   int value = 0;
   const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-  if (error != std::errc{} || end != digits.data() + digits.size() || value < 10) return {};
+  if (error != std::errc{} || end != digits.data() + digits.size() || value < 10) {
+    return {};
+  }
   return Capability{value / 10, value % 10};
 }
 
@@ -37,11 +39,15 @@ std::optional<KernelFile> read_name(const std::filesystem::path& path) {
   const std::string name = path.filename().string();
   for (const NamePattern& pattern : kPatterns) {
     std::string_view rest = name;
-    if (!rest.starts_with(pattern.prefix) || !rest.ends_with(pattern.suffix)) continue;
+    if (!rest.starts_with(pattern.prefix) || !rest.ends_with(pattern.suffix)) {
+      continue;
+    }
     rest.remove_prefix(pattern.prefix.size());
     rest.remove_suffix(pattern.suffix.size());
     const auto capability = read_capability(rest);
-    if (capability) return KernelFile{path, *capability, pattern.is_ptx};
+    if (capability) {
+      return KernelFile{path, *capability, pattern.is_ptx};
+    }
   }
   return {};
 }
@@ -55,7 +61,9 @@ bool runs_on(const KernelFile& file, Capability device) {
 KernelFiles::KernelFiles(std::filesystem::path folder) : folder_(std::move(folder)) {
   std::error_code missing;
   for (const auto& entry : std::filesystem::directory_iterator(folder_, missing)) {
-    if (const auto file = read_name(entry.path())) files_.push_back(*file);
+    if (const auto file = read_name(entry.path())) {
+      files_.push_back(*file);
+    }
   }
   std::ranges::sort(
       files_, {}, [](const KernelFile& file) { return std::tuple(file.is_ptx, file.capability); });
@@ -64,8 +72,12 @@ KernelFiles::KernelFiles(std::filesystem::path folder) : folder_(std::move(folde
 std::optional<KernelFile> KernelFiles::choose(Capability device) const {
   std::optional<KernelFile> best;
   for (const KernelFile& file : files_) {
-    if (file.is_ptx && best && !best->is_ptx) break;
-    if (runs_on(file, device)) best = file;
+    if (file.is_ptx && best && !best->is_ptx) {
+      break;
+    }
+    if (runs_on(file, device)) {
+      best = file;
+    }
   }
   return best;
 }

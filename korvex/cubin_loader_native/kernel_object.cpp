@@ -41,7 +41,9 @@ Handle read_grid_keyword(const char* kernel, Handle const* values, Handle names)
     }
     grid = values[i];
   }
-  if (grid == nullptr) raise_formatted(PyExc_TypeError, messages::kNoGrid, kernel);
+  if (grid == nullptr) {
+    raise_formatted(PyExc_TypeError, messages::kNoGrid, kernel);
+  }
   return grid;
 }
 
@@ -49,7 +51,9 @@ PyObject* kernel_launch(PyObject* self, Handle const* arguments, Py_ssize_t coun
                         PyObject* keyword_names) {
   const KernelRow& row = row_of(self);
   const auto body = [&] {
-    if (!has_own_block(row)) raise_formatted(PyExc_TypeError, messages::kNoOwnBlock, row.name);
+    if (!has_own_block(row)) {
+      raise_formatted(PyExc_TypeError, messages::kNoOwnBlock, row.name);
+    }
     Launch launch;
     launch.kernel = as_kernel(self)->row;
     launch.grid =
@@ -65,7 +69,9 @@ PyObject* kernel_launch(PyObject* self, Handle const* arguments, Py_ssize_t coun
 PyObject* kernel_function(PyObject* self, Handle const* arguments, Py_ssize_t count) {
   const KernelRow& row = row_of(self);
   const auto body = [&] {
-    if (count != 3) raise_formatted(PyExc_TypeError, messages::kFunctionCount, row.name, count);
+    if (count != 3) {
+      raise_formatted(PyExc_TypeError, messages::kFunctionCount, row.name, count);
+    }
     Launch launch;
     launch.kernel = as_kernel(self)->row;
     launch.grid = read_grid(row.name, arguments[0]);
@@ -107,12 +113,16 @@ PyObject* get_parameters(PyObject* self, void* /*closure*/) {
 }
 PyObject* get_block(PyObject* self, void* /*closure*/) {
   const KernelRow& row = row_of(self);
-  if (!has_own_block(row)) return none().release();
+  if (!has_own_block(row)) {
+    return none().release();
+  }
   return Py_BuildValue("(Iii)", row.block, 1, 1);
 }
 PyObject* get_blocks_per_multiprocessor(PyObject* self, void* /*closure*/) {
   const unsigned blocks = row_of(self).blocks_per_multiprocessor;
-  if (blocks == 0) return none().release();
+  if (blocks == 0) {
+    return none().release();
+  }
   return PyLong_FromUnsignedLong(blocks);
 }
 
@@ -165,7 +175,9 @@ PyType_Spec type_spec = {
 }  // namespace
 
 void release_launcher(std::shared_ptr<Launcher>& launcher) {
-  if (launcher.use_count() != 1) return launcher.reset();
+  if (launcher.use_count() != 1) {
+    return launcher.reset();
+  }
   without_lock([&] { launcher.reset(); });
 }
 

@@ -52,16 +52,22 @@ std::optional<std::int64_t> least_count(const Launch& launch, const Parameter& p
                                    ? factor.number
                                    : std::bit_cast<std::int64_t>(
                                          launch.values[static_cast<std::size_t>(factor.parameter)]);
-    if (value == 0) return 0;
+    if (value == 0) {
+      return 0;
+    }
     overflow = __builtin_mul_overflow(product, value, &product) || overflow;
   }
-  if (overflow) return {};
+  if (overflow) {
+    return {};
+  }
   return product;
 }
 
 void require_long_enough(const Launch& launch, const char* kernel, const ArrayArgument& array) {
   const std::optional<std::int64_t> least = least_count(launch, *array.parameter);
-  if (least && array.element_count >= *least) return;
+  if (least && array.element_count >= *least) {
+    return;
+  }
   raise_formatted(PyExc_ValueError, messages::kTooShort, kernel, array.parameter->name.c_str(),
                   array.parameter->size_text.c_str(),
                   least ? std::to_string(*least).c_str() : "over 2**63",

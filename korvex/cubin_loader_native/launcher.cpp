@@ -18,20 +18,28 @@ Launcher::Launcher(std::filesystem::path folder)
     const DeviceInfo info(driver_, ordinal);
     devices_.push_back(std::make_unique<DeviceSlot>(info, files_.choose(info.capability)));
   }
-  if (devices_.empty()) throw DeviceFailure("no CUDA device is visible to this process");
+  if (devices_.empty()) {
+    throw DeviceFailure("no CUDA device is visible to this process");
+  }
   first_ = choose_first();
 }
 
 Launcher::~Launcher() {
   // In a forked child the contexts are the parent's, and no driver call works.
-  if (process_ == getpid()) return;
-  for (auto& slot : devices_) static_cast<void>(slot->kernels.release());
+  if (process_ == getpid()) {
+    return;
+  }
+  for (auto& slot : devices_) {
+    static_cast<void>(slot->kernels.release());
+  }
 }
 
 std::size_t Launcher::current_ordinal() const {
   Context context = nullptr;
   driver_.context_current(&context);
-  if (context == nullptr) return 0;
+  if (context == nullptr) {
+    return 0;
+  }
   Device device = 0;
   driver_.context_device(&device);
   const auto slot = std::ranges::find_if(
@@ -41,10 +49,14 @@ std::size_t Launcher::current_ordinal() const {
 
 std::size_t Launcher::choose_first() const {
   const std::size_t current = current_ordinal();
-  if (devices_[current]->file) return current;
+  if (devices_[current]->file) {
+    return current;
+  }
   const auto fits = [](const auto& slot) { return slot->file.has_value(); };
   const auto first = std::ranges::find_if(devices_, fits);
-  if (first == devices_.end()) throw DeviceFailure(why_none_fits(devices_[current]->info));
+  if (first == devices_.end()) {
+    throw DeviceFailure(why_none_fits(devices_[current]->info));
+  }
   return static_cast<std::size_t>(first - devices_.begin());
 }
 
@@ -64,7 +76,9 @@ void Launcher::launch(const Launch& launch) {
   wait_for_producers(launch);
   enqueue(launch, slot.info, function);
   // The caller waits on the null stream of its own current device only.
-  if (current.is_pushed()) driver_.stream_synchronize(kLegacyStream);
+  if (current.is_pushed()) {
+    driver_.stream_synchronize(kLegacyStream);
+  }
   current.leave();
 }
 
@@ -74,7 +88,9 @@ std::size_t Launcher::device_of(const Launch& launch) const {
   int ordinal = 0;
   for (std::size_t i = 0; i < launch.array_count; ++i) {
     const ArrayArgument& array = launch.arrays[i];
-    if (array.element_count == 0) continue;
+    if (array.element_count == 0) {
+      continue;
+    }
     const int own_ordinal = ordinal_of(array);
     if (first == nullptr) {
       first = &array;
@@ -87,7 +103,9 @@ std::size_t Launcher::device_of(const Launch& launch) const {
                         ": all arrays of a launch must be on one device");
     }
   }
-  if (first != nullptr) return static_cast<std::size_t>(ordinal);
+  if (first != nullptr) {
+    return static_cast<std::size_t>(ordinal);
+  }
   const std::size_t current = current_ordinal();
   return devices_[current]->file ? current : first_;
 }
@@ -110,7 +128,9 @@ int Launcher::ordinal_of(const ArrayArgument& array) const {
 DeviceKernels& Launcher::kernels_on(DeviceSlot& slot) {
   const std::lock_guard guard(mutex_);
   if (slot.kernels == nullptr) {
-    if (!slot.file) throw DeviceFailure(why_none_fits(slot.info));
+    if (!slot.file) {
+      throw DeviceFailure(why_none_fits(slot.info));
+    }
     auto kernels = std::make_unique<DeviceKernels>(driver_, slot.info);
     kernels->load(*slot.file);
     slot.kernels = std::move(kernels);
@@ -124,7 +144,9 @@ void Launcher::wait_for_producers(const Launch& launch) const {
   Stream waited_for = kLegacyStream;
   for (std::size_t i = 0; i < launch.array_count; ++i) {
     const Stream stream = launch.arrays[i].stream;
-    if (stream == kLegacyStream || stream == waited_for) continue;
+    if (stream == kLegacyStream || stream == waited_for) {
+      continue;
+    }
     driver_.stream_synchronize(stream);
     waited_for = stream;
   }
@@ -133,11 +155,15 @@ void Launcher::wait_for_producers(const Launch& launch) const {
 void Launcher::enqueue(const Launch& launch, const DeviceInfo& device, Function function) const {
   auto values = launch.values;
   std::array<void*, kMaxParameters> arguments{};
-  for (std::size_t i = 0; i < values.size(); ++i) arguments[i] = &values[i];
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    arguments[i] = &values[i];
+  }
   unsigned grid_x = launch.grid[0];
   const unsigned blocks = kKernelTable[launch.kernel].blocks_per_multiprocessor *
                           static_cast<unsigned>(device.multiprocessors);
-  if (launch.limits_grid && blocks != 0) grid_x = std::min(grid_x, blocks);
+  if (launch.limits_grid && blocks != 0) {
+    grid_x = std::min(grid_x, blocks);
+  }
   driver_.launch(function, grid_x, launch.grid[1], launch.grid[2], launch.block[0], launch.block[1],
                  launch.block[2], 0, kLegacyStream, arguments.data(), nullptr);
 }

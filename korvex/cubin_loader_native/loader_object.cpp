@@ -86,8 +86,9 @@ void loader_dealloc(PyObject* self) {
 
 std::string known_names() {
   std::string names;
-  for (const KernelRow& row : kKernelTable)
+  for (const KernelRow& row : kKernelTable) {
     names += (names.empty() ? "" : ", ") + std::string(row.name);
+  }
   return names;
 }
 
@@ -98,7 +99,9 @@ PyObject* loader_get_kernel(PyObject* self, PyObject* name) {
     }
     Object kernel = object(PyDict_GetItemWithError(state_of(self).kernels, name));
     if (kernel.empty()) {
-      if (PyErr_Occurred() != nullptr) throw PythonError{};
+      if (PyErr_Occurred() != nullptr) {
+        throw PythonError{};
+      }
       raise_formatted(PyExc_KeyError, messages::kUnknownKernel, name, known_names().c_str());
     }
     return kernel.release();

@@ -26,15 +26,21 @@ constexpr char kSource[] = "<korvex.cubin_loader_native>";
 void warn(const std::string& message) {
   const int failed = PyErr_WarnExplicit(PyExc_RuntimeWarning, message.c_str(), kSource, 1,
                                         "korvex.cubin_loader_native", nullptr);
-  if (failed == 0) return;
-  if (PyErr_ExceptionMatches(PyExc_Exception) == 0) throw PythonError{};
+  if (failed == 0) {
+    return;
+  }
+  if (PyErr_ExceptionMatches(PyExc_Exception) == 0) {
+    throw PythonError{};
+  }
   PyErr_Clear();
   try {
     const Object show = checked(PyImport_ImportModule("warnings")).get(text("showwarning"));
     show.call(text(message.c_str()), PyExc_RuntimeWarning, text(kSource), integer(1));
   } catch (const PythonError&) {
     // Whoever replaced showwarning made it fail; the reason stays in UNAVAILABLE_REASON.
-    if (PyErr_ExceptionMatches(PyExc_Exception) == 0) throw;
+    if (PyErr_ExceptionMatches(PyExc_Exception) == 0) {
+      throw;
+    }
     PyErr_Clear();
   }
 }
@@ -50,7 +56,9 @@ void execute(PyObject* module) {
   add("UNAVAILABLE_REASON", reason.empty() ? none() : text(reason.c_str()));
   add("Kernel", state->kernel_type);
   add("NativeCubinLoader", make_loader_type(module));
-  if (!reason.empty()) warn(messages::kUnavailable + reason);
+  if (!reason.empty()) {
+    warn(messages::kUnavailable + reason);
+  }
 }
 
 int exec_slot(PyObject* module) {

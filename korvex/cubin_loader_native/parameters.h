@@ -30,7 +30,9 @@ class Word {
  public:
   constexpr Word() = default;
   consteval Word(std::string_view text) {
-    if (text.empty() || text.size() >= text_.size()) throw "a word is missing or too long";
+    if (text.empty() || text.size() >= text_.size()) {
+      throw "a word is missing or too long";
+    }
     text.copy(text_.data(), text.size());
   }
   constexpr const char* c_str() const { return text_.data(); }
@@ -89,9 +91,13 @@ consteval Factor read_factor(std::string_view word, const ParameterList& list) {
     }
   }
   Factor factor;
-  if (word.empty()) throw "a size is missing";
+  if (word.empty()) {
+    throw "a size is missing";
+  }
   for (const char digit : word) {
-    if (digit < '0' || digit > '9') throw "a size names no integer parameter";
+    if (digit < '0' || digit > '9') {
+      throw "a size names no integer parameter";
+    }
     factor.number = factor.number * 10 + (digit - '0');
   }
   return factor;
@@ -113,7 +119,9 @@ consteval ParameterList read_list(std::string_view text) {
 
 consteval std::array<ParameterList, kKernelCount> read_table() {
   std::array<ParameterList, kKernelCount> lists;
-  for (std::size_t i = 0; i < lists.size(); ++i) lists[i] = read_list(kKernelTable[i].parameters);
+  for (std::size_t i = 0; i < lists.size(); ++i) {
+    lists[i] = read_list(kKernelTable[i].parameters);
+  }
   return lists;
 }
 

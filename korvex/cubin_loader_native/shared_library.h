@@ -12,7 +12,9 @@ class SharedLibrary {
  public:
   // Opens the library by its name; if that fails, error() says why.
   explicit SharedLibrary(const char* name) : handle_(dlopen(name, RTLD_NOW | RTLD_LOCAL)) {
-    if (handle_ == nullptr) error_ = dlerror();
+    if (handle_ == nullptr) {
+      error_ = dlerror();
+    }
   }
 
   bool is_open() const { return handle_ != nullptr; }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The kernels that exist and how each is called: the one list that every checker of arguments
-// reads.
+// reads, and the shapes of blocks for which the device code is compiled.
 //
 // A parameter is name:kind. Kind i64 and f64 are scalars; f64[count] is an array of at least so
 // many doubles, count being a number, the name of an i64 parameter, or a product of such, as in
@@ -8,6 +8,18 @@
 #pragma once
 
 namespace korvex::kernels {
+
+// Launch shapes: threads in a block of each kind of kernel.
+inline constexpr unsigned kElementBlock = 256;  // a thread for each element
+inline constexpr unsigned kGridBlock = 256;     // all threads of a grid on one result, whole warps
+inline constexpr unsigned kSingleBlock = 1024;  // one block on one result, or any smaller one
+// Of form "function": the most threads that a caller may ask for.
+inline constexpr unsigned kMostThreadsOfFunction = 256;
+
+// Blocks of kGridBlock threads that fill a multiprocessor.
+inline constexpr unsigned kGridBlocksPerMultiprocessor = 8;
+// Blocks of tqx_sum_kernel for which a multiprocessor must have registers at a time.
+inline constexpr unsigned kResidentSumBlocks = 4;
 
 // NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): a row reads best in this order.
 struct KernelRow {
@@ -22,30 +34,37 @@ struct KernelRow {
 
 inline constexpr KernelRow kKernelTable[] = {
     {"tqx_sum_seq_kernel", "function", 0, "x:f64[n] out:f64[4] n:i64"},
-    {"tqx_sum_kernel", "launch", 256, "x:f64[n] out:f64[1] out_err:f64[1] n:i64", 8},
+    {"tqx_sum_kernel", "launch", kGridBlock, "x:f64[n] out:f64[1] out_err:f64[1] n:i64",
+     kGridBlocksPerMultiprocessor},
     {"tqx_dot_seq_kernel", "function", 0, "x:f64[n] y:f64[n] out:f64[4] n:i64"},
-    {"tqx_dot_kernel", "launch", 256,
-     "x:f64[n] y:f64[n] out:f64[1] out_err:f64[1] out_err2:f64[1] n:i64", 8},
+    {"tqx_dot_kernel", "launch", kGridBlock,
+     "x:f64[n] y:f64[n] out:f64[1] out_err:f64[1] out_err2:f64[1] n:i64",
+     kGridBlocksPerMultiprocessor},
     {"tqx_matmul_kernel", "function", 0,
      "a:f64[M*K] b:f64[K*N] c0:f64[M*N] c1:f64[M*N] c2:f64[M*N] M:i64 N:i64 K:i64"},
-    {"tqx_var_kernel", "launch", 1024, "x:f64[n] out_mean:f64[1] out_var:f64[1] n:i64"},
-    {"tqx_norm_kernel", "launch", 1024, "x:f64[n] out:f64[1] n:i64"},
-    {"tqx_prod_kernel", "launch", 1024, "x:f64[n] out:f64[1] out_err:f64[1] n:i64"},
-    {"tqx_cumsum_kernel", "launch", 1024, "x:f64[n] out:f64[n] out_err:f64[n] n:i64"},
-    {"tqx_logsumexp_kernel", "launch", 1024, "x:f64[n] out:f64[1] n:i64"},
-    {"tqx_add_kernel", "launch", 256, "x:f64[n] y:f64[n] out:f64[n] out_err:f64[n] n:i64"},
-    {"tqx_sub_kernel", "launch", 256, "x:f64[n] y:f64[n] out:f64[n] out_err:f64[n] n:i64"},
-    {"tqx_mul_kernel", "launch", 256, "x:f64[n] y:f64[n] out:f64[n] out_err:f64[n] n:i64"},
-    {"tqx_div_kernel", "launch", 256, "x:f64[n] y:f64[n] out:f64[n] out_err:f64[n] n:i64"},
-    {"tqx_relu_kernel", "launch", 256, "x:f64[n] out:f64[n] n:i64"},
-    {"tqx_neg_kernel", "launch", 256, "x:f64[n] out:f64[n] n:i64"},
-    {"tqx_exp_kernel", "launch", 256, "x:f64[n] out:f64[n] n:i64"},
-    {"tqx_log_kernel", "launch", 256, "x:f64[n] out:f64[n] n:i64"},
-    {"tqx_sqrt_kernel", "launch", 256, "x:f64[n] out:f64[n] n:i64"},
-    {"tqx_sigmoid_kernel", "launch", 256, "x:f64[n] out:f64[n] n:i64"},
-    {"tqx_tanh_kernel", "launch", 256, "x:f64[n] out:f64[n] n:i64"},
-    {"tqx_leaky_relu_kernel", "launch", 256, "x:f64[n] negative_slope:f64 out:f64[n] n:i64"},
-    {"tqx_rms_norm_kernel", "launch", 1024, "x:f64[n] out:f64[n] n:i64 eps:f64"},
+    {"tqx_var_kernel", "launch", kSingleBlock, "x:f64[n] out_mean:f64[1] out_var:f64[1] n:i64"},
+    {"tqx_norm_kernel", "launch", kSingleBlock, "x:f64[n] out:f64[1] n:i64"},
+    {"tqx_prod_kernel", "launch", kSingleBlock, "x:f64[n] out:f64[1] out_err:f64[1] n:i64"},
+    {"tqx_cumsum_kernel", "launch", kSingleBlock, "x:f64[n] out:f64[n] out_err:f64[n] n:i64"},
+    {"tqx_logsumexp_kernel", "launch", kSingleBlock, "x:f64[n] out:f64[1] n:i64"},
+    {"tqx_add_kernel", "launch", kElementBlock,
+     "x:f64[n] y:f64[n] out:f64[n] out_err:f64[n] n:i64"},
+    {"tqx_sub_kernel", "launch", kElementBlock,
+     "x:f64[n] y:f64[n] out:f64[n] out_err:f64[n] n:i64"},
+    {"tqx_mul_kernel", "launch", kElementBlock,
+     "x:f64[n] y:f64[n] out:f64[n] out_err:f64[n] n:i64"},
+    {"tqx_div_kernel", "launch", kElementBlock,
+     "x:f64[n] y:f64[n] out:f64[n] out_err:f64[n] n:i64"},
+    {"tqx_relu_kernel", "launch", kElementBlock, "x:f64[n] out:f64[n] n:i64"},
+    {"tqx_neg_kernel", "launch", kElementBlock, "x:f64[n] out:f64[n] n:i64"},
+    {"tqx_exp_kernel", "launch", kElementBlock, "x:f64[n] out:f64[n] n:i64"},
+    {"tqx_log_kernel", "launch", kElementBlock, "x:f64[n] out:f64[n] n:i64"},
+    {"tqx_sqrt_kernel", "launch", kElementBlock, "x:f64[n] out:f64[n] n:i64"},
+    {"tqx_sigmoid_kernel", "launch", kElementBlock, "x:f64[n] out:f64[n] n:i64"},
+    {"tqx_tanh_kernel", "launch", kElementBlock, "x:f64[n] out:f64[n] n:i64"},
+    {"tqx_leaky_relu_kernel", "launch", kElementBlock,
+     "x:f64[n] negative_slope:f64 out:f64[n] n:i64"},
+    {"tqx_rms_norm_kernel", "launch", kSingleBlock, "x:f64[n] out:f64[n] n:i64 eps:f64"},
 };
 
 inline constexpr int kKernelCount = static_cast<int>(sizeof kKernelTable / sizeof kKernelTable[0]);

@@ -44,7 +44,9 @@ void define_class(const ClassRow& row) {
   const Object body = checked(PyDict_New());
   checked(PyDict_SetItemString(body, "__module__", module_name));
   checked(PyDict_SetItemString(body, "__qualname__", name));
-  if (row.doc != nullptr) checked(PyDict_SetItemString(body, "__doc__", text(row.doc)));
+  if (row.doc != nullptr) {
+    checked(PyDict_SetItemString(body, "__doc__", text(row.doc)));
+  }
   for (const Method& method : row.methods) {
     const Object member = make_member(method, row.name, module_name);
     checked(PyDict_SetItemString(body, method.signature.name, member));

@@ -9,11 +9,19 @@ namespace korvex {
 Object global(Handle name) {
   const Object& globals = module_state().globals;
   const Handle own = PyDict_GetItemWithError(globals, name);
-  if (own != nullptr) return Object::borrow(own);
-  if (PyErr_Occurred() != nullptr) throw PythonError{};
+  if (own != nullptr) {
+    return Object::borrow(own);
+  }
+  if (PyErr_Occurred() != nullptr) {
+    throw PythonError{};
+  }
   const Handle builtin = PyDict_GetItemWithError(module_state().builtins, name);
-  if (builtin != nullptr) return Object::borrow(builtin);
-  if (PyErr_Occurred() != nullptr) throw PythonError{};
+  if (builtin != nullptr) {
+    return Object::borrow(builtin);
+  }
+  if (PyErr_Occurred() != nullptr) {
+    throw PythonError{};
+  }
   raise_formatted(PyExc_NameError, "name '%U' is not defined", name);
 }
 

@@ -9,7 +9,9 @@ Object limb_result(const Object& limbs, const Object& device) {
 }
 
 Object one_limb(const Object& result, const Object& source, bool return_tqx) {
-  if (!return_tqx) return result;
+  if (!return_tqx) {
+    return result;
+  }
   const Object result_class = global("TQXResult"_name);
   const Object limbs = list(result);
   const Object device = device_text(source);

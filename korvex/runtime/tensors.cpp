@@ -8,7 +8,9 @@ namespace korvex {
 
 void require_cuda(const Object& x) {
   const Object is_cuda = x.get("is_cuda"_name);
-  if (!truth(is_cuda)) raise(PyExc_RuntimeError, messages::kNeedsCuda);
+  if (!truth(is_cuda)) {
+    raise(PyExc_RuntimeError, messages::kNeedsCuda);
+  }
 }
 
 Object flat_float64(const Object& x) {

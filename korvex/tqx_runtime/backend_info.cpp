@@ -14,7 +14,9 @@ Object cuda_is_available() {
 
 // The availability is asked anew for the name of the device.
 Object device_name() {
-  if (!truth(cuda_is_available())) return none();
+  if (!truth(cuda_is_available())) {
+    return none();
+  }
   const Object cuda = torch_member("cuda"_name);
   return cuda.method("get_device_name"_name, kZero);
 }
@@ -22,12 +24,16 @@ Object device_name() {
 bool has_loader() { return truth(global("_NATIVE_LOADER"_name)); }
 
 Object native_arch() {
-  if (!has_loader()) return none();
+  if (!has_loader()) {
+    return none();
+  }
   return global("_NATIVE_LOADER"_name).get("arch"_name);
 }
 
 Object native_cubin() {
-  if (!has_loader()) return none();
+  if (!has_loader()) {
+    return none();
+  }
   const Object path = global("_NATIVE_LOADER"_name).get("cubin_path"_name);
   return to_text(path);
 }

@@ -21,7 +21,9 @@ std::atomic<std::int64_t> remembered_interpreter_id{-1};  // kept for the life o
 
 bool is_first_interpreter() {
   const std::int64_t current = PyInterpreterState_GetID(PyInterpreterState_Get());
-  if (current < 0) throw PythonError{};
+  if (current < 0) {
+    throw PythonError{};
+  }
   std::int64_t expected = -1;
   return remembered_interpreter_id.compare_exchange_strong(expected, current) ||
          expected == current;
@@ -32,16 +34,22 @@ void copy_from(Handle import_spec, const char* attribute, const Object& dict, co
                bool allow_none) {
   const Object value = Object::steal(PyObject_GetAttrString(import_spec, attribute));
   if (value.empty()) {
-    if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) throw PythonError{};
+    if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) {
+      throw PythonError{};
+    }
     PyErr_Clear();
     return;
   }
-  if (!allow_none && is_none(value)) return;
+  if (!allow_none && is_none(value)) {
+    return;
+  }
   checked(PyDict_SetItemString(dict, name, value));
 }
 
 Object create(Handle import_spec) {
-  if (!is_first_interpreter()) raise(PyExc_ImportError, messages::kInterpreterChange);
+  if (!is_first_interpreter()) {
+    raise(PyExc_ImportError, messages::kInterpreterChange);
+  }
   if (remembered_state != nullptr && !remembered_state->module.empty()) {
     return remembered_state->module;
   }
@@ -61,7 +69,9 @@ void remember(Handle module) {
     state->constants = Constant::make_all();
     state->function_type = make_function_type();
     const Handle builtins = PyImport_AddModule("builtins");
-    if (builtins == nullptr) throw PythonError{};
+    if (builtins == nullptr) {
+      throw PythonError{};
+    }
     state->builtins = object(PyModule_GetDict(builtins));
     remembered_state = state.release();
   }
@@ -77,14 +87,18 @@ void forget_module() {
   const Object modules = object(PyImport_GetModuleDict());
   const Object name = Object::steal(PyUnicode_FromString(kModuleName));
   const Object entry = Object::steal(PyObject_GetItem(modules, name));
-  if (entry.handle() == module.handle()) PyObject_DelItem(modules, name);
+  if (entry.handle() == module.handle()) {
+    PyObject_DelItem(modules, name);
+  }
   PyErr_Clear();
   PyErr_SetRaisedException(Object(error).release());
 }
 
 void execute(Handle module) {
   if (remembered_state != nullptr && !remembered_state->module.empty()) {
-    if (remembered_state->module.handle() == module) return;
+    if (remembered_state->module.handle() == module) {
+      return;
+    }
     raise(PyExc_RuntimeError, messages::kReinitialised);
   }
   remember(module);

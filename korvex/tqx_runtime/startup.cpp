@@ -72,7 +72,9 @@ class Startup {
     if (!try_loader("from .cubin_loader_native import NativeCubinLoader, HAS_CUPY")) {
       try_loader("from cubin_loader_native import NativeCubinLoader, HAS_CUPY");
     }
-    if (!truth(get("_USE_NATIVE_CUBIN"))) raise(PyExc_ImportError, messages::kNoLoader);
+    if (!truth(get("_USE_NATIVE_CUBIN"))) {
+      raise(PyExc_ImportError, messages::kNoLoader);
+    }
   }
 
   // False if an ImportError was raised.
@@ -85,7 +87,9 @@ class Startup {
       }
       return true;
     } catch (const PythonError&) {
-      if (PyErr_ExceptionMatches(PyExc_ImportError) == 0) throw;
+      if (PyErr_ExceptionMatches(PyExc_ImportError) == 0) {
+        throw;
+      }
       PyErr_Clear();
       return false;
     }
@@ -98,7 +102,9 @@ class Startup {
 
   static Object list_of_public_names() {
     const Object names = list();
-    for (const char* name : kPublicNames) append(names, text(name));
+    for (const char* name : kPublicNames) {
+      append(names, text(name));
+    }
     return names;
   }
 

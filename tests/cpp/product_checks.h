@@ -9,11 +9,11 @@
 #include <vector>
 
 #include "check.h"
-#include "korvex/arithmetic/exact/dot.h"
-#include "korvex/kernels/host/host_lanes.h"
 #include "korvex/arithmetic/base/lanes.h"
+#include "korvex/arithmetic/exact/dot.h"
 #include "korvex/arithmetic/exact/matrix_product.h"
-#include "korvex/kernels/host/host_matrix.h"
+#include "korvex/kernels/host/lanes.h"
+#include "korvex/kernels/host/matrix_product.h"
 #include "random_data.h"
 #include "sum_checks.h"
 
@@ -92,12 +92,12 @@ inline ProductLimbs multiply(const Matrices& matrices, int threads) {
     limb.assign(matrices.m * matrices.n + 1, 7.0);
   }
   host::multiply_on_host({matrices.a.data(),
-                               matrices.b.data(),
-                               {out.limb[0].data(), out.limb[1].data(), out.limb[2].data()},
-                               static_cast<std::int64_t>(matrices.m),
-                               static_cast<std::int64_t>(matrices.n),
-                               static_cast<std::int64_t>(matrices.k)},
-                              threads);
+                          matrices.b.data(),
+                          {out.limb[0].data(), out.limb[1].data(), out.limb[2].data()},
+                          static_cast<std::int64_t>(matrices.m),
+                          static_cast<std::int64_t>(matrices.n),
+                          static_cast<std::int64_t>(matrices.k)},
+                         threads);
   return out;
 }
 

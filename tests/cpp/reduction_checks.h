@@ -10,13 +10,13 @@
 #include <vector>
 
 #include "check.h"
-#include "korvex/arithmetic/exact/element_product.h"
-#include "korvex/kernels/host/host_lanes.h"
 #include "korvex/arithmetic/base/lanes.h"
 #include "korvex/arithmetic/elementary/log_sum_exp.h"
+#include "korvex/arithmetic/exact/element_product.h"
 #include "korvex/arithmetic/exact/norm.h"
 #include "korvex/arithmetic/exact/prefix_sums.h"
 #include "korvex/arithmetic/exact/variance.h"
+#include "korvex/kernels/host/lanes.h"
 
 namespace korvex::test {
 

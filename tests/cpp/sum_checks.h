@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "check.h"
-#include "korvex/kernels/host/host_lanes.h"
 #include "korvex/arithmetic/base/lanes.h"
 #include "korvex/arithmetic/exact/sum.h"
+#include "korvex/kernels/host/lanes.h"
 
 namespace korvex::test {
 

@@ -23,7 +23,9 @@ constexpr double kInf = std::numeric_limits<double>::infinity();
 
 std::uint64_t random_bits(Random& random) {
   std::uint64_t bits = 0;
-  for (int i = 0; i < 8; ++i) bits = bits << 8 | static_cast<std::uint64_t>(random.below(256));
+  for (int i = 0; i < 8; ++i) {
+    bits = bits << 8 | static_cast<std::uint64_t>(random.below(256));
+  }
   return bits;
 }
 
@@ -90,7 +92,9 @@ void square_roots_are_cut_to_units() {
   Random random(74);
   for (int i = 0; i < 40; ++i) {
     WideRoot a;
-    for (auto& word : a.word) word = random_bits(random);
+    for (auto& word : a.word) {
+      word = random_bits(random);
+    }
     a.word[kRootWords - 1] = static_cast<std::uint64_t>(random.below(3)) + 1;
     const WideRoot root = fixed_square_root(a);
     const WideRoot square = root * root;  // too small by fewer than 9 units
@@ -123,7 +127,9 @@ void rounding_gives_back_doubles_and_finds_midpoints() {
     // Subnormal results, down to half of the least.
     const int down = -1040 - random.below(60);
     const Rounded small = rounded(fixed, down, 24);
-    if (small.decided) CHECK_SAME_BITS(small.value, std::ldexp(x, down));
+    if (small.decided) {
+      CHECK_SAME_BITS(small.value, std::ldexp(x, down));
+    }
   }
 }
 
@@ -140,12 +146,16 @@ void phases_agree() {
     CHECK_SAME_BITS(exponential(-700 - 46 * unit * 0.98), accurate_exp(-700 - 46 * unit * 0.98));
     CHECK_SAME_BITS(logarithm(x), accurate_log(x, log_pair(x).value));
     const double tiny = std::ldexp(unit + 0.5, -1030 - random.below(40));
-    if (tiny != 0) CHECK_SAME_BITS(logarithm(tiny), accurate_log(tiny, log_pair(tiny).value));
+    if (tiny != 0) {
+      CHECK_SAME_BITS(logarithm(tiny), accurate_log(tiny, log_pair(tiny).value));
+    }
     if (x < 19) {
       CHECK_SAME_BITS(hyperbolic_tangent(x), widened_tanh(x));
       CHECK_SAME_BITS(hyperbolic_tangent(-x), -widened_tanh(x));
     }
-    if (x < 38) CHECK_SAME_BITS(sigmoid(x), widened_sigmoid(x));
+    if (x < 38) {
+      CHECK_SAME_BITS(sigmoid(x), widened_sigmoid(x));
+    }
   }
 }
 
@@ -161,11 +171,15 @@ void check_first_try(const double* ordinary, int count, const Usual& is_usual) {
     const double usual[] = {ordinary[i], 1400 * (unit - 0.5), 1e300 * unit,
                             1.0 + ordinary[i] * 0x1p-20};
     for (const double x : usual) {
-      if (is_usual(x) && !Try(x).decided) ++open;
+      if (is_usual(x) && !Try(x).decided) {
+        ++open;
+      }
     }
     for (const double x : {usual[0], usual[1], usual[2], usual[3], any, std::ldexp(unit, -1060)}) {
       const Rounded tried = Try(x);
-      if (tried.decided) CHECK_SAME_BITS(tried.value, Function(x));
+      if (tried.decided) {
+        CHECK_SAME_BITS(tried.value, Function(x));
+      }
     }
   }
   CHECK(open <= count / 100);
@@ -174,7 +188,9 @@ void check_first_try(const double* ordinary, int count, const Usual& is_usual) {
   for (const double border : borders) {
     for (const double x : {border, -border, std::nextafter(border, 0.0)}) {
       const Rounded tried = Try(x);
-      if (tried.decided) CHECK_SAME_BITS(tried.value, Function(x));
+      if (tried.decided) {
+        CHECK_SAME_BITS(tried.value, Function(x));
+      }
       CHECK(tried.decided == is_usual(x));
     }
   }
@@ -193,7 +209,9 @@ void first_tries_agree() {
   check_first_try<try_sigmoid, sigmoid>(x, kCount, [](double v) { return v > -708; });
   check_first_try<try_tanh, hyperbolic_tangent>(x, kCount,
                                                 [](double v) { return absolute(v) >= 0x1p-27; });
-  for (double& value : x) value = absolute(value);
+  for (double& value : x) {
+    value = absolute(value);
+  }
   check_first_try<try_logarithm, logarithm>(
       x, kCount, [](double v) { return v >= 0x1p-1022 && v <= kLargest; });
 }

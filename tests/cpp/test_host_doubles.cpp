@@ -6,9 +6,9 @@
 #include <limits>
 
 #include "check.h"
-#include "korvex/kernels/host/host_doubles.h"
 #include "korvex/arithmetic/elementary/logarithm.h"
 #include "korvex/arithmetic/elementary/logistic.h"
+#include "korvex/kernels/host/lanes.h"
 #include "random_data.h"
 #include "suites.h"
 
@@ -26,7 +26,9 @@ constexpr double kUnusual[] = {
 
 double random_argument(Random& random) {
   std::uint64_t bits = 0;
-  for (int i = 0; i < 8; ++i) bits = bits << 8 | static_cast<std::uint64_t>(random.below(256));
+  for (int i = 0; i < 8; ++i) {
+    bits = bits << 8 | static_cast<std::uint64_t>(random.below(256));
+  }
   switch (random.below(5)) {
     case 0:
       return from_bits(bits);
@@ -40,28 +42,32 @@ double random_argument(Random& random) {
 }
 
 // As many as every register has lanes for, so that all builds check the same.
-constexpr int kGroup = 4;
-static_assert(kGroup % kHostReals == 0);
+constexpr int kGroup = 8;
+static_assert(kGroup % kHostLanes == 0);
 
 struct Group {
   double x[kGroup];
   explicit Group(Random& random) {
-    for (double& value : x) value = random_argument(random);
+    for (double& value : x) {
+      value = random_argument(random);
+    }
   }
 };
 
 template <class LanesTry, class Try>
 int decided_lanes(const Group& group, const LanesTry& lanes_try, const Try& try_one) {
   int decided = 0;
-  for (int i = 0; i < kGroup; i += kHostReals) {
-    const RoundedOf<HostReal> lanes = lanes_try(load_real(group.x + i));
-    double stored[kHostReals];
-    store_real(stored, lanes.value);
+  for (int i = 0; i < kGroup; i += kHostLanes) {
+    const RoundedOf<HostDoubles> lanes = lanes_try(HostLanes::load(group.x + i));
+    double stored[kHostLanes];
+    HostLanes::store(stored, lanes.value);
     bool all_decided = true;
-    for (int j = 0; j < kHostReals; ++j) {
+    for (int j = 0; j < kHostLanes; ++j) {
       const Rounded one = try_one(group.x[i + j]);
       CHECK(lane(lanes.decided, j) == one.decided);
-      if (one.decided) CHECK_SAME_BITS(stored[j], one.value);
+      if (one.decided) {
+        CHECK_SAME_BITS(stored[j], one.value);
+      }
       all_decided = all_decided && one.decided;
       decided += one.decided ? 1 : 0;
     }
@@ -76,10 +82,10 @@ void first_tries_agree_in_all_lanes() {
   int decided[4] = {0, 0, 0, 0};
   for (int round = 0; round < kRounds; ++round) {
     const Group group(random);
-    decided[0] += decided_lanes(group, try_exponential<HostReal>, try_exponential<double>);
-    decided[1] += decided_lanes(group, try_logarithm<HostReal>, try_logarithm<double>);
-    decided[2] += decided_lanes(group, try_sigmoid<HostReal>, try_sigmoid<double>);
-    decided[3] += decided_lanes(group, try_tanh<HostReal>, try_tanh<double>);
+    decided[0] += decided_lanes(group, try_exponential<HostDoubles>, try_exponential<double>);
+    decided[1] += decided_lanes(group, try_logarithm<HostDoubles>, try_logarithm<double>);
+    decided[2] += decided_lanes(group, try_sigmoid<HostDoubles>, try_sigmoid<double>);
+    decided[3] += decided_lanes(group, try_tanh<HostDoubles>, try_tanh<double>);
   }
   for (const int count : decided) {
     CHECK(count > kRounds * kGroup / 4);
@@ -92,16 +98,16 @@ void operations_agree_in_all_lanes() {
   for (int round = 0; round < 5000; ++round) {
     const Group left(random);
     const Group right(random);
-    for (int i = 0; i < kGroup; i += kHostReals) {
+    for (int i = 0; i < kGroup; i += kHostLanes) {
       const double* x = left.x + i;
       const double* y = right.x + i;
-      const HostReal a = load_real(x);
-      const HostReal b = load_real(y);
-      const HostReal with_sign = with_sign_of(b, absolute(a));
-      const HostReal less = lesser(a, b);
-      const HostReal chosen = selected(a >= b, a, b);
+      const HostDoubles a = HostLanes::load(x);
+      const HostDoubles b = HostLanes::load(y);
+      const HostDoubles with_sign = with_sign_of(b, absolute(a));
+      const HostDoubles less = lesser(a, b);
+      const HostDoubles chosen = selected(a >= b, a, b);
       const auto is_equal = a == b;
-      for (int j = 0; j < kHostReals; ++j) {
+      for (int j = 0; j < kHostLanes; ++j) {
         CHECK_SAME_BITS(lane(with_sign, j), std::copysign(x[j], y[j]));
         CHECK_SAME_BITS(lane(less, j), x[j] < y[j] ? x[j] : y[j]);
         CHECK_SAME_BITS(lane(chosen, j), x[j] >= y[j] ? x[j] : y[j]);

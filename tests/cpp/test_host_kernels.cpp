@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "check.h"
-#include "korvex/kernels/table.h"
 #include "korvex/arithmetic/exact/pairs.h"
-#include "korvex/kernels/host/host_kernels.h"
+#include "korvex/kernels/host/launch.h"
+#include "korvex/kernels/table.h"
 #include "random_data.h"
 #include "sum_checks.h"
 

@@ -142,14 +142,14 @@ void quotients_at_the_bound_are_nearest() {
   }
 }
 
-struct Told {
+struct Expected {
   Operation operation;
   double x, y, value, error;
 };
 
 void special_operands_give_the_told_pairs() {
   const double nan = arithmetic::canonical_nan();
-  const Told table[] = {
+  const Expected table[] = {
       // The six operations, whatever comes out of them.
       {arithmetic::add_pair, 1e16, 1.0, 1e16, 1.0},
       {arithmetic::add_pair, kInfinity, 1.0, kInfinity, nan},
@@ -194,8 +194,8 @@ void special_operands_give_the_told_pairs() {
       {arithmetic::divide_pair, 0x1p-900, 0x1.8p+70, 0x1.5555555555555p-971,
        0x1.5555555555558p-1025},
   };
-  for (const Told& told : table) {
-    expect_pair(told.operation(told.x, told.y), told.value, told.error);
+  for (const Expected& row : table) {
+    expect_pair(row.operation(row.x, row.y), row.value, row.error);
   }
 }
 

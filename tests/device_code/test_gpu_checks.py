@@ -90,6 +90,6 @@ def kernel_names():
 @pytest.mark.parametrize("kernel", kernel_names())
 def test_a_wrong_bit_of_any_kernel_is_noticed(checks, host, kernel):
     figures = checks.check_sanitizer(Watched(host, spoiled=kernel), host)
-    told = " ".join(figures["wrong"])
+    reported = " ".join(figures["wrong"])
     others = set(kernel_names()) - {kernel}
-    assert figures["wrong"] and not any(f"{name}, " in told for name in others)
+    assert figures["wrong"] and not any(f"{name}, " in reported for name in others)

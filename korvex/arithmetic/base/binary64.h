@@ -59,8 +59,9 @@ KORVEX_INLINE double power_of_two(int exponent) {
   return from_bits(exponent_bits(exponent + kExponentBias));
 }
 
-// What code that is written for one double or for several needs beside arithmetic; here for one.
-// Companions: the types of its integers, and of what a comparison gives.
+// Functions, beside arithmetic, of code that is written once for one double and for several in the
+// lanes of a register. Here stand those of one double; korvex/kernels/host/lanes.h has the others.
+// Companions: the type of the integers that go with a Real, and of what a comparison gives.
 template <class Real>
 struct Companions;
 template <>

@@ -46,30 +46,31 @@ KORVEX_INLINE ValueAndErrorOf<Real> two_product(Real a, Real b) {
   return {product, fma_rn(a, b, -product)};  // exact
 }
 
-// x == high + low with both at most 26 bits long, for |x| < kSplitLimit. Value: a double, or a
-// vector of them.
+// x == high + low with both at most 26 bits long, for |x| < kSplitLimit.
 constexpr double kSplitLimit = 0x1p+995;
-template <class Value>
-KORVEX_INLINE Value high_half(Value x) {
-  const Value scaled = 134217729.0 * x;  // 2^27 + 1; rounded
-  return scaled - (scaled - x);          // rounded, then exact
+template <class Real>
+KORVEX_INLINE Real high_half(Real x) {
+  const Real scaled = mul_rn(Real(134217729.0), x);  // 2^27 + 1; rounded
+  return sub_rn(scaled, sub_rn(scaled, x));          // rounded, then exact
 }
 
 // x * y - RN(x * y) by Dekker's product, exact under the condition of two_product where both
 // factors are below kSplitLimit in magnitude; beyond that it may be NaN.
-template <class Value>
-KORVEX_INLINE Value split_product_error(Value x, Value y, Value product) {
-  const Value x_high = high_half(x);
-  const Value x_low = x - x_high;  // exact
-  const Value y_high = high_half(y);
-  const Value y_low = y - y_high;                // exact
-  const Value rest = x_high * y_high - product;  // exact, and so are the next two
-  const Value less = (rest + x_high * y_low) + x_low * y_high;
-  return less + x_low * y_low;  // exact
+template <class Real>
+KORVEX_INLINE Real split_product_error(Real x, Real y, Real product) {
+  const Real x_high = high_half(x);
+  const Real x_low = sub_rn(x, x_high);  // exact
+  const Real y_high = high_half(y);
+  const Real y_low = sub_rn(y, y_high);                       // exact
+  const Real rest = sub_rn(mul_rn(x_high, y_high), product);  // exact, and so are the next two
+  const Real less = add_rn(rest, mul_rn(x_high, y_low));
+  const Real still_less = add_rn(less, mul_rn(x_low, y_high));
+  return add_rn(still_less, mul_rn(x_low, y_low));  // exact
 }
 
 // The same, by whichever of the two is fast here.
-KORVEX_INLINE double product_error(double x, double y, double product) {
+template <class Real>
+KORVEX_INLINE Real product_error(Real x, Real y, Real product) {
   if constexpr (kFmaIsFast) {
     return fma_rn(x, y, -product);
   } else {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What differs between the device compiler and the host compiler, and nothing else.
 //
-// Assumptions of every header in this folder, stated once:
+// Assumptions of all of korvex/arithmetic, stated once:
 //   - double is IEEE 754 binary64, 64-bit little-endian integers, two's complement;
 //   - rounding is to nearest, ties to even; nothing is flushed to zero;
 //   - each operation in the source is one rounded operation: no contraction into a fused
@@ -22,8 +22,8 @@
 
 // KORVEX_HD: for both targets. KORVEX_INLINE: the same, always inlined, for what stands in a loop
 // over elements. KORVEX_COLD: the same, never inlined, for what runs once a chunk or less.
-// KORVEX_UNROLL_4, before a loop: what it carries round then stays in place; hosts have no
-// need.
+// KORVEX_UNROLL_4, before a loop: a device takes four passes at a time, so that values which go
+// from one pass to the next stay in their registers instead of being copied. Nothing on a host.
 #ifdef __CUDACC__
 #define KORVEX_HD __host__ __device__
 #define KORVEX_INLINE __host__ __device__ __forceinline__

@@ -22,7 +22,9 @@ template <int W>
 KORVEX_HD Fixed<W> fixed_from(std::uint64_t value, int shift) {
   Fixed<W> result;
   const int position = 64 * (W - 1) + shift;  // of the lowest bit of value, in units
-  if (position <= -64) return result;
+  if (position <= -64) {
+    return result;
+  }
   if (position < 0) {
     result.word[0] = value >> -position;
     return result;
@@ -30,7 +32,9 @@ KORVEX_HD Fixed<W> fixed_from(std::uint64_t value, int shift) {
   const int index = position / 64;
   const int offset = position % 64;
   result.word[index] = value << offset;
-  if (offset != 0 && index + 1 < W) result.word[index + 1] = value >> (64 - offset);
+  if (offset != 0 && index + 1 < W) {
+    result.word[index + 1] = value >> (64 - offset);
+  }
   return result;
 }
 
@@ -64,7 +68,9 @@ KORVEX_HD Fixed<W> operator-(const Fixed<W>& a, const Fixed<W>& b) {
 template <int W>
 KORVEX_HD bool operator<(const Fixed<W>& a, const Fixed<W>& b) {
   for (int i = W - 1; i > 0; --i) {
-    if (a.word[i] != b.word[i]) return a.word[i] < b.word[i];
+    if (a.word[i] != b.word[i]) {
+      return a.word[i] < b.word[i];
+    }
   }
   return a.word[0] < b.word[0];
 }
@@ -72,7 +78,9 @@ KORVEX_HD bool operator<(const Fixed<W>& a, const Fixed<W>& b) {
 template <int W>
 KORVEX_HD bool is_zero(const Fixed<W>& a) {
   std::uint64_t any = 0;
-  for (int i = 0; i < W; ++i) any |= a.word[i];
+  for (int i = 0; i < W; ++i) {
+    any |= a.word[i];
+  }
   return any == 0;
 }
 
@@ -83,7 +91,9 @@ KORVEX_HD Fixed<W> shifted_down(const Fixed<W>& a, int shift) {
   const int bits = shift % 64;
   for (int i = 0; i + words < W; ++i) {
     result.word[i] = a.word[i + words] >> bits;
-    if (bits != 0 && i + words + 1 < W) result.word[i] |= a.word[i + words + 1] << (64 - bits);
+    if (bits != 0 && i + words + 1 < W) {
+      result.word[i] |= a.word[i + words + 1] << (64 - bits);
+    }
   }
   return result;
 }
@@ -92,7 +102,9 @@ KORVEX_HD Fixed<W> shifted_down(const Fixed<W>& a, int shift) {
 template <int W>
 KORVEX_HD Fixed<W> shifted_up(const Fixed<W>& a, int shift) {
   Fixed<W> result = a;
-  if (shift == 0) return result;
+  if (shift == 0) {
+    return result;
+  }
   for (int i = W - 1; i >= 0; --i) {
     result.word[i] = (a.word[i] << shift) | (i > 0 ? a.word[i - 1] >> (64 - shift) : 0);
   }
@@ -119,7 +131,9 @@ KORVEX_COLD Fixed<W> operator*(const Fixed<W>& a, const Fixed<W>& b) {
     for (int i = column < W ? 0 : column - W + 1; i < W && i <= column; ++i) {
       add_product(a.word[i], b.word[column - i], low, middle, high);
     }
-    if (column >= W - 1) result.word[column - W + 1] = low;
+    if (column >= W - 1) {
+      result.word[column - W + 1] = low;
+    }
     low = middle;
     middle = high;
     high = 0;
@@ -172,7 +186,9 @@ KORVEX_COLD Fixed<W> quotient(Fixed<W> a, const Fixed<W>& b) {
 template <int W>
 KORVEX_HD int highest_bit(const Fixed<W>& a) {
   for (int i = W - 1; i >= 0; --i) {
-    if (a.word[i] != 0) return 64 * i + 63 - leading_zeros(a.word[i]);
+    if (a.word[i] != 0) {
+      return 64 * i + 63 - leading_zeros(a.word[i]);
+    }
   }
   return -1;
 }
@@ -180,12 +196,18 @@ KORVEX_HD int highest_bit(const Fixed<W>& a) {
 // 64 bits of a from a position in units on; positions may lie outside.
 template <int W>
 KORVEX_HD std::uint64_t bits_from(const Fixed<W>& a, int position) {
-  if (position < 0) return position <= -64 ? 0 : a.word[0] << -position;
+  if (position < 0) {
+    return position <= -64 ? 0 : a.word[0] << -position;
+  }
   const int index = position / 64;
   const int offset = position % 64;
-  if (index >= W) return 0;
+  if (index >= W) {
+    return 0;
+  }
   std::uint64_t bits = a.word[index] >> offset;
-  if (offset != 0 && index + 1 < W) bits |= a.word[index + 1] << (64 - offset);
+  if (offset != 0 && index + 1 < W) {
+    bits |= a.word[index + 1] << (64 - offset);
+  }
   return bits;
 }
 
@@ -203,7 +225,9 @@ KORVEX_COLD Rounded rounded(const Fixed<W>& a, int exponent, int uncertain_bits)
   const int top = highest_bit(a);
   const int unit_exponent = exponent - 64 * (W - 1);  // a counts units of 2^unit_exponent
   int last = top - kFractionBits;                     // position of the last bit kept
-  if (last + unit_exponent < kUnitExponent) last = kUnitExponent - unit_exponent;
+  if (last + unit_exponent < kUnitExponent) {
+    last = kUnitExponent - unit_exponent;
+  }
   const std::uint64_t kept = last > top ? 0 : bits_from(a, last);
   const bool half = last >= 1 && last - 1 <= top && (bits_from(a, last - 1) & 1) != 0;
   // Below the half bit, down to the uncertain ones: all zeros or all ones is too near a midpoint.
@@ -213,7 +237,9 @@ KORVEX_COLD Rounded rounded(const Fixed<W>& a, int exponent, int uncertain_bits)
     const bool bit = position <= top && (bits_from(a, position) & 1) != 0;
     all_zero = all_zero && !bit;
     all_one = all_one && bit;
-    if (!all_zero && !all_one) break;
+    if (!all_zero && !all_one) {
+      break;
+    }
   }
   const bool decided = last - 2 > uncertain_bits && !(half ? all_zero : all_one);
   const std::uint64_t significand = kept + (half ? 1 : 0);

@@ -98,7 +98,9 @@ KORVEX_INLINE Real scaled(Real value, typename Companions<Real>::Integer exponen
 // Rounds to the grid of the subnormal numbers, 2^grid_exponent in the scale of the pair.
 KORVEX_COLD inline Rounded round_to_subnormal(const ScaledPair& pair, double error,
                                               int grid_exponent) {
-  if (grid_exponent < -48) return {0.0, false};  // at the border to the normal numbers
+  if (grid_exponent < -48) {
+    return {0.0, false};  // at the border to the normal numbers
+  }
   const double bias = mul_rn(0x1.8p+52, power_of_two(grid_exponent));
   const ValueAndError on_grid = fast_two_sum(bias, pair.high);
   const double kept = sub_rn(on_grid.value, bias);  // exact: a multiple of the grid
@@ -143,7 +145,9 @@ constexpr int kFixedExpUncertainBits = 24;
 template <int W>
 KORVEX_HD Fixed<W> fixed_ln2() {
   Fixed<W> result;
-  for (int i = 0; i < W; ++i) result.word[i] = kLn2Digits[kLn2Words - W + i];
+  for (int i = 0; i < W; ++i) {
+    result.word[i] = kLn2Digits[kLn2Words - W + i];
+  }
   return result;
 }
 
@@ -167,7 +171,9 @@ KORVEX_COLD FixedExp<W> fixed_exp(const Fixed<W>& magnitude, bool negative) {
   const double head = add_rn(static_cast<double>(magnitude.word[W - 1]),
                              mul_rn(static_cast<double>(magnitude.word[W - 2] >> 11), 0x1p-53));
   auto k = static_cast<std::uint64_t>(mul_rn(head, 0x1.71547652b82fep+0));
-  if (magnitude < times(ln2, k)) --k;
+  if (magnitude < times(ln2, k)) {
+    --k;
+  }
   Fixed<W> r = magnitude - times(ln2, k);
   if (!(r < ln2)) {
     r = r - ln2;
@@ -179,7 +185,9 @@ KORVEX_COLD FixedExp<W> fixed_exp(const Fixed<W>& magnitude, bool negative) {
     exponent = -exponent - 1;
   }
   Fixed<W> power = fixed_taylor(shifted_down(r, 8));
-  for (int i = 0; i < 8; ++i) power = power * power;
+  for (int i = 0; i < 8; ++i) {
+    power = power * power;
+  }
   return {power, exponent};
 }
 
@@ -201,11 +209,19 @@ constexpr double kExpError = 0x1p-71;                    // proved: 2^-73
 
 // RN(exp(x)) for every x.
 KORVEX_INLINE double exponential(double x) {
-  if (is_nan(x)) return canonical_nan();
-  if (x > kExpOverflow) return infinity();
-  if (x < kExpUnderflow) return 0.0;
+  if (is_nan(x)) {
+    return canonical_nan();
+  }
+  if (x > kExpOverflow) {
+    return infinity();
+  }
+  if (x < kExpUnderflow) {
+    return 0.0;
+  }
   const double magnitude = x < 0 ? -x : x;
-  if (magnitude < 0x1p-54) return 1.0;
+  if (magnitude < 0x1p-54) {
+    return 1.0;
+  }
   const Rounded fast = round_pair(exp_pair(x), kExpError);
   return fast.decided ? fast.value : accurate_exp(x);
 }

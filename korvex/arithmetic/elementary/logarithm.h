@@ -83,8 +83,12 @@ struct SignedFixed {
 
 template <int W>
 KORVEX_HD SignedFixed<W> sum_of(const SignedFixed<W>& a, const SignedFixed<W>& b) {
-  if (a.negative == b.negative) return {a.magnitude + b.magnitude, a.negative};
-  if (a.magnitude < b.magnitude) return {b.magnitude - a.magnitude, b.negative};
+  if (a.negative == b.negative) {
+    return {a.magnitude + b.magnitude, a.negative};
+  }
+  if (a.magnitude < b.magnitude) {
+    return {b.magnitude - a.magnitude, b.negative};
+  }
   return {a.magnitude - b.magnitude, a.negative};
 }
 
@@ -96,7 +100,9 @@ KORVEX_COLD SignedFixed<W> fixed_log1p(const SignedFixed<W>& z) {
   for (std::uint64_t n = 2;; ++n) {
     power = power * z.magnitude;
     const Fixed<W> term = divided(power, n);
-    if (is_zero(term)) return sum;
+    if (is_zero(term)) {
+      return sum;
+    }
     const bool negative = n % 2 == 0 || z.negative;  // -z^2/2, +z^3/3 with the sign of z
     sum = sum_of(sum, SignedFixed<W>{term, negative});
   }
@@ -132,11 +138,21 @@ KORVEX_INLINE RoundedOf<Real> round_log(const ValueAndErrorOf<Real>& y) {
 
 // RN(log(x)) for every x.
 KORVEX_INLINE double logarithm(double x) {
-  if (is_nan(x)) return canonical_nan();
-  if (x == 0.0) return -infinity();
-  if (is_negative(x)) return canonical_nan();
-  if (!is_finite(x)) return x;
-  if (x == 1.0) return 0.0;
+  if (is_nan(x)) {
+    return canonical_nan();
+  }
+  if (x == 0.0) {
+    return -infinity();
+  }
+  if (is_negative(x)) {
+    return canonical_nan();
+  }
+  if (!is_finite(x)) {
+    return x;
+  }
+  if (x == 1.0) {
+    return 0.0;
+  }
   const Rounded fast = round_log(log_pair(x));
   return fast.decided ? fast.value : accurate_log(x, fast.value);
 }

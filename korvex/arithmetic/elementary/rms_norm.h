@@ -74,13 +74,21 @@ KORVEX_HD inline InverseRoot special_root(double special) {
 // squares: the sum of the finite squares, destroyed. Precondition: n > 0.
 KORVEX_COLD inline InverseRoot inverse_root(ProductAccumulator& squares, bool any_nan,
                                             bool any_infinite, std::int64_t n, double eps) {
-  if (any_nan || is_nan(eps) || eps == -infinity()) return special_root(canonical_nan());
-  if (any_infinite || eps == infinity()) return special_root(0.0);
+  if (any_nan || is_nan(eps) || eps == -infinity()) {
+    return special_root(canonical_nan());
+  }
+  if (any_infinite || eps == infinity()) {
+    return special_root(0.0);
+  }
   squares.add_product(eps, mul_rn(static_cast<double>(n >> 32), 0x1p+32));      // exact
   squares.add_product(eps, static_cast<double>(n & std::int64_t{0xffffffff}));  // exact
-  if (!squares.settle_to_read()) return special_root(canonical_nan());
+  if (!squares.settle_to_read()) {
+    return special_root(canonical_nan());
+  }
   const int top = squares.top_bit();
-  if (top < 0) return special_root(infinity());
+  if (top < 0) {
+    return special_root(infinity());
+  }
   const auto count = static_cast<std::uint64_t>(n);
   const int count_exponent = 63 - leading_zeros(count);
   // Both in [1, 2); the quotient, in (1/2, 2), is less than 4 units off.
@@ -112,7 +120,9 @@ KORVEX_COLD inline double accurate_normalised(double x, const InverseRoot& r) {
   const WideRoot product = times(r.root, significand(x));
   const int exponent = r.exponent + shift(x) + kUnitExponent;
   const Rounded result = rounded(product, exponent, kUncertainBits);
-  if (result.decided) return result.value;
+  if (result.decided) {
+    return result.value;
+  }
   WideRoot margin;
   margin.word[0] = std::uint64_t{1} << (kUncertainBits + 3);
   const double below = rounded(product - margin, exponent, kUncertainBits).value;
@@ -128,7 +138,9 @@ KORVEX_INLINE double normalised(double x, const InverseRoot& r) {
     const double result = mul_rn(x, r.special);
     return is_nan(result) ? canonical_nan() : result;
   }
-  if (x == 0) return x;
+  if (x == 0) {
+    return x;
+  }
   const bool subnormal = exponent_field(x) == 0;
   const double normal = subnormal ? mul_rn(x, 0x1p+54) : x;  // exact
   const int exponent = exponent_field(normal) - kExponentBias - (subnormal ? 54 : 0) + r.exponent;
@@ -142,7 +154,9 @@ KORVEX_INLINE double normalised(double x, const InverseRoot& r) {
     const ScaledPair pair{product.value, fma_rn(m, r.low, product.error), exponent};
     const Rounded fast = round_pair(pair, kNormalisedError);
     magnitude = fast.decided ? fast.value : accurate_normalised(x, r);
-    if (!is_finite(magnitude)) magnitude = infinity();  // the encoding ran over
+    if (!is_finite(magnitude)) {
+      magnitude = infinity();  // the encoding ran over
+    }
   }
   return is_negative(x) ? -magnitude : magnitude;
 }

@@ -8,7 +8,9 @@ namespace korvex::arithmetic {
 
 // max(x, 0); NaN stays NaN, and -0 becomes +0.
 KORVEX_INLINE double relu(double x) {
-  if (is_nan(x)) return canonical_nan();
+  if (is_nan(x)) {
+    return canonical_nan();
+  }
   return x > 0 ? x : 0.0;
 }
 

@@ -2,18 +2,15 @@
 // The sum of a short run of doubles on fixed grids: three additions an element and slice, exact or
 // reported as not exact.
 //
-// A slice starts at bias = 1.5 * 2^k. While it stays in [2^k, 2^(k+1)), each addition to it rounds
-// to the grid 2^(k-52), and the rounding error, at most half a grid step, goes on to the next
-// slice, whose k is kSliceBits lower. So the slices hold the exact sum as integers in grid units,
-// in any order of the elements: bits(slice) - bits(bias) counts the units. Two things are tested,
-// over the whole run: that no partial sum of the first slice left its binade, and that nothing was
-// left below the last slice. The binned sums of Demmel and Hida, Accurate and efficient floating
-// point summation, 2003, and of Demmel and Nguyen, Fast reproducible floating-point summation,
-// 2013, rest on the same step. The bounds are proved in docs/numerics_sum.md.
+// Each element goes to the first slice (slice.h), what that leaves to the second, whose grid is
+// finer, and so on. Two things are tested, over the whole run: that no partial sum of the first
+// slice left its binade, and that nothing was left below the last slice. The bounds are proved in
+// docs/numerics_sum.md.
 #pragma once
 
 #include "korvex/arithmetic/base/binary64.h"
 #include "korvex/arithmetic/base/portability.h"
+#include "korvex/arithmetic/exact/slice.h"
 
 namespace korvex::arithmetic {
 
@@ -42,7 +39,7 @@ class BiasedCascade {
 
   // True where count() tells the exact sum of all that was fed.
   KORVEX_INLINE bool is_exact() const {
-    return (Lanes::any(moved_) >> kFractionBits) == 0 && (Lanes::any(lost_) << 1) == 0;
+    return !moved_out(Lanes::any(moved_)) && !has_rest(Lanes::any(lost_));
   }
 
   // What the slice holds, in units of 2^(bias_exponent - slice * kBits - 52).
@@ -57,7 +54,7 @@ class BiasedCascade {
 
   template <int kSlice>
   KORVEX_INLINE void start(int bias_exponent) {
-    bias_[kSlice] = Lanes::broadcast(1.5 * power_of_two(bias_exponent - kSlice * kBits));
+    bias_[kSlice] = Value(slice_bias(bias_exponent - kSlice * kBits));
     for (int stream = 0; stream < kStreams; ++stream) {
       slice_[kSlice][stream] = bias_[kSlice];
     }
@@ -76,24 +73,21 @@ class BiasedCascade {
 
   template <int kSlice, int kStream>
   KORVEX_INLINE void cascade(Value x) {
-    const Value before = slice_[kSlice][kStream];
-    const Value after = before + x;              // rounded to the grid
-    const Value residue = x - (after - before);  // exact, both
-    slice_[kSlice][kStream] = after;
+    const Value rest = add_to_slice(slice_[kSlice][kStream], x);
     if constexpr (kSlice == 0) {
-      moved_ |= Lanes::bits(after) ^ Lanes::bits(bias_[0]);
+      moved_ |= to_bits(slice_[0][kStream]) ^ to_bits(bias_[0]);
     }
     if constexpr (kSlice + 1 < kSlices) {
-      cascade<kSlice + 1, kStream>(residue);
+      cascade<kSlice + 1, kStream>(rest);
     } else {
-      lost_ |= Lanes::bits(residue);
+      lost_ |= to_bits(rest);
     }
   }
 
   template <int kSlice, int kStream>
   KORVEX_INLINE std::int64_t count_stream() const {
     const std::int64_t own =
-        Lanes::total(Lanes::bits(slice_[kSlice][kStream]) - Lanes::bits(bias_[kSlice]));
+        Lanes::total(to_bits(slice_[kSlice][kStream]) - to_bits(bias_[kSlice]));
     if constexpr (kStream + 1 < kStreams) {
       return own + count_stream<kSlice, kStream + 1>();
     }

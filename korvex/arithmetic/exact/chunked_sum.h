@@ -3,9 +3,9 @@
 // exact. The terms are the elements of an array (Addends, below) or products of pairs (Products).
 //
 // Phases for each chunk: run the cascade as planned; where it reports that it was not exact, look
-// at the chunk's exponents, plan anew and run it once more; where that cannot be, give each element
-// to the long accumulator, and leave the cascade alone for a few chunks. So nothing is ever lost,
-// and what the plan was never shows in the result. Counts of grid units are kept as integers over
+// at the chunk's exponents, plan anew and run it once more; where no plan suits, give each element
+// to the long accumulator, and do not try the cascade for a few chunks. So nothing is ever lost,
+// and the result does not depend on the plan. Counts of grid units are kept as integers over
 // many chunks and go into the ExactSum when the plan changes.
 #pragma once
 
@@ -42,8 +42,9 @@ struct ExponentRange {
 
 // Terms that are the elements of an array.
 //
-// Terms tell where they begin and how a chunk of them is run through slices (Cascade), added one by
-// one (add_each) and measured (range).
+// A type of terms says what they are summed in (Sum), how a chunk of them runs through slices
+// (Cascade, run), how they are added one by one (add, add_wide) and which exponents they have
+// (range).
 struct Addends {
   using Sum = ExactSum;
   static constexpr int kBits = kSliceBits;  // from slice to slice

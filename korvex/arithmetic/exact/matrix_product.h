@@ -5,8 +5,9 @@
 // grids must lie so that none can overflow; 128 products at a time go through three of them without
 // a test, and their grid units are counted. Where anything was left below the last slice, six
 // slices are tried; where that happens again, or where the exponents do not suit (an infinity,
-// products that underflow), each product goes into a long accumulator. So one wild element costs
-// only itself, and which way was taken never shows. The proofs stand in docs/numerics_products.md.
+// products that underflow), each product goes into a long accumulator. So an element with wide
+// exponents slows down no other, and the result does not depend on the way that was taken. The
+// proofs stand in docs/numerics_products.md.
 #pragma once
 
 #include "korvex/arithmetic/base/binary64.h"
@@ -16,6 +17,7 @@
 #include "korvex/arithmetic/exact/canonical.h"
 #include "korvex/arithmetic/exact/exact_product_sum.h"
 #include "korvex/arithmetic/exact/products.h"
+#include "korvex/arithmetic/exact/slice.h"
 
 namespace korvex::arithmetic {
 
@@ -54,7 +56,7 @@ class FactorRangeOf {
   std::uint64_t smallest_less_one_ = ~std::uint64_t{0};
 };
 
-// Where the slices of an element lie, told by its row and its column.
+// Where the slices of an element lie, from the exponents of its row and its column.
 struct ElementPlan {
   int bias_exponent;  // of the first slice
   bool has_exact_errors;
@@ -83,12 +85,12 @@ class ElementSlices {
   using Value = typename Lanes::Value;
   using Bits = typename Lanes::Bits;
 
-  // bias: 1.5 * 2^bias_exponent of each lane's plan.
+  // bias: slice_bias(bias_exponent) of each lane's plan.
   KORVEX_INLINE explicit ElementSlices(Value bias) { start<0>(bias); }
 
   KORVEX_INLINE void add_product(Value a, Value b) {
-    const Value product = a * b;                                 // rounded
-    const Value error = Lanes::error_of_product(a, b, product);  // exact under a plan that suits
+    const Value product = mul_rn(a, b);                // rounded
+    const Value error = product_error(a, b, product);  // exact under a plan that suits
     cascade<0>(product);
     cascade<1>(error);
   }
@@ -96,7 +98,7 @@ class ElementSlices {
   // Grid units of a slice; its grid is 2^(bias_exponent - slice * kProductSliceBits - 52).
   template <int kSlice>
   KORVEX_INLINE Bits count() const {
-    return Lanes::bits(slice_[kSlice]) - Lanes::bits(bias_[kSlice]);
+    return to_bits(slice_[kSlice]) - to_bits(bias_[kSlice]);
   }
   // Zero but for the sign bit in lanes where nothing was left below the last slice.
   KORVEX_INLINE Bits lost() const { return lost_; }
@@ -107,20 +109,17 @@ class ElementSlices {
     bias_[kSlice] = bias;
     slice_[kSlice] = bias;
     if constexpr (kSlice + 1 < kSlices) {
-      start<kSlice + 1>(bias * power_of_two(-kProductSliceBits));  // exact
+      start<kSlice + 1>(mul_rn(bias, Value(power_of_two(-kProductSliceBits))));  // exact
     }
   }
 
   template <int kSlice>
   KORVEX_INLINE void cascade(Value addend) {
-    const Value before = slice_[kSlice];
-    const Value after = before + addend;           // rounded to the grid
-    const Value rest = addend - (after - before);  // exact, both
-    slice_[kSlice] = after;
+    const Value rest = add_to_slice(slice_[kSlice], addend);
     if constexpr (kSlice + 1 < kSlices) {
       cascade<kSlice + 1>(rest);
     } else {
-      lost_ |= Lanes::bits(rest);
+      lost_ |= to_bits(rest);
     }
   }
 
@@ -178,19 +177,16 @@ struct ElementCounts {
   }
 };
 
-KORVEX_INLINE double element_bias(int bias_exponent) { return 1.5 * power_of_two(bias_exponent); }
-
 // Adds what one lane's slices hold. Lanes whose plan does not suit hold anything, so the addition
-// may wrap there; nobody reads those.
+// may wrap there; their counts are not read.
 template <int kSlice, class Lanes, int kSlices>
-KORVEX_INLINE void keep_counts(const ElementSlices<Lanes, kSlices>& slices, int lane,
+KORVEX_INLINE void keep_counts(const ElementSlices<Lanes, kSlices>& slices, int index,
                                ElementCounts& counts) {
   const auto before = static_cast<std::uint64_t>(counts.count[kSlice]);
-  const auto units =
-      static_cast<std::uint64_t>(Lanes::units(slices.template count<kSlice>(), lane));
+  const std::uint64_t units = lane(slices.template count<kSlice>(), index);
   counts.count[kSlice] = static_cast<std::int64_t>(before + units);
   if constexpr (kSlice + 1 < kSlices) {
-    keep_counts<kSlice + 1>(slices, lane, counts);
+    keep_counts<kSlice + 1>(slices, index, counts);
   }
 }
 
@@ -205,7 +201,7 @@ KORVEX_COLD bool try_element(const double* a, const double* b, std::int64_t stri
     return false;
   }
   ElementCounts counts;
-  const double bias = element_bias(plan.bias_exponent);
+  const double bias = slice_bias(plan.bias_exponent);
   std::uint64_t lost = 0;
   for (std::int64_t begin = 0; begin < k_count; begin += kCascadeSteps) {
     const std::int64_t rest = k_count - begin;
@@ -217,14 +213,14 @@ KORVEX_COLD bool try_element(const double* a, const double* b, std::int64_t stri
     keep_counts<0>(slices, 0, counts);
     lost |= slices.lost();
   }
-  if (lost << 1 != 0) {
+  if (has_rest(lost)) {
     return false;
   }
   counts.round<kSlices>(plan.bias_exponent, limbs);
   return true;
 }
 
-// The way that is always open.
+// The way that suits every element: each product into the long accumulator.
 KORVEX_COLD inline void sum_element(const double* a, const double* b, std::int64_t stride,
                                     std::int64_t k_count, double* limbs) {
   ExactProductSum sum;

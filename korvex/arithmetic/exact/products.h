@@ -8,6 +8,7 @@
 #pragma once
 
 #include "korvex/arithmetic/base/binary64.h"
+#include "korvex/arithmetic/base/eft.h"
 #include "korvex/arithmetic/base/portability.h"
 #include "korvex/arithmetic/exact/biased_cascade.h"
 #include "korvex/arithmetic/exact/chunked_sum.h"
@@ -41,8 +42,8 @@ class ProductCascade : public BiasedCascade<Lanes, kSlices, kStreams, kProductSl
   KORVEX_INLINE void feed_stream(const double* x_step, const double* y_step) {
     const Value x = Lanes::load(x_step + kStream * Lanes::kCount);
     const Value y = Lanes::load(y_step + kStream * Lanes::kCount);
-    const Value product = x * y;                                 // rounded
-    const Value error = Lanes::error_of_product(x, y, product);  // exact, or small_ tells
+    const Value product = mul_rn(x, y);                // rounded
+    const Value error = product_error(x, y, product);  // exact unless small_ is set
     small_ |= Lanes::is_below(product, kLeastSplitProduct);
     this->template cascade<0, kStream>(product);
     this->template cascade<1, kStream>(error);
@@ -51,7 +52,7 @@ class ProductCascade : public BiasedCascade<Lanes, kSlices, kStreams, kProductSl
     }
   }
 
-  typename Base::Bits small_{};
+  typename Base::Bits small_{};  // of products below kLeastSplitProduct
 };
 
 // Terms that are products of two arrays, element by element.

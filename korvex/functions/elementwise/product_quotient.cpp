@@ -19,8 +19,9 @@ Object product_or_quotient(Handle kernel_name, const Arguments& arguments) {
   const Object x_t = x_tensor.method("double"_name);
   const Object y_t = y_tensor.method("double"_name);
   const BinaryOutputs result = launch_binary(kernel_name, x_t, y_t, x_tensor);
-  if (!propagate_tqx)
+  if (!propagate_tqx) {
     return add(result.out, result.out_err).method("view"_name, result.output_shape);
+  }
   return limbs_beside(x_tensor, [&] {
     const Object value = result.out.method("view"_name, result.output_shape);
     const Object error = result.out_err.method("view"_name, result.output_shape);

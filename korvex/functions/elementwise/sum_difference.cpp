@@ -26,7 +26,9 @@ constexpr Twin kSubtraction{"_tqx_sub_limbs"_name, true, "tqx_sub_kernel"_name};
 
 // Only x is asked for a device; without one the first limb of x has it.
 Object limb_device(const Object& x, const Object& x_limbs) {
-  if (has_attribute(x, "device"_name)) return device_text(x);
+  if (has_attribute(x, "device"_name)) {
+    return device_text(x);
+  }
   return device_text(x_limbs.at(kZero));
 }
 
@@ -40,7 +42,9 @@ Object limb_route(const Twin& twin, const Object& x, const Object& y, bool retur
 
 // A tensor as float64, a number as a 0-dimensional tensor on "cuda".
 Object pair_operand(const Object& x) {
-  if (has_attribute(x, "double"_name)) return x.method("double"_name);
+  if (has_attribute(x, "double"_name)) {
+    return x.method("double"_name);
+  }
   const Object tensor = torch_member("tensor"_name);
   const Object dtype = torch_member("float64"_name);
   return tensor.call_with(kKeywords<"dtype", "device">, x, dtype, "cuda"_name);
@@ -69,8 +73,12 @@ Object dispatch(const Twin& twin, const Arguments& arguments) {
   const bool return_tqx = arguments.flag(2);
   const bool x_is_tqx = is_limb_result(x);
   const bool y_is_tqx = is_limb_result(y);
-  if (x_is_tqx || y_is_tqx) return limb_route(twin, x, y, return_tqx);
-  if (return_tqx) return pair_route(twin, x, y);
+  if (x_is_tqx || y_is_tqx) {
+    return limb_route(twin, x, y, return_tqx);
+  }
+  if (return_tqx) {
+    return pair_route(twin, x, y);
+  }
   return kernel_route(twin, x, y);
 }
 

@@ -26,8 +26,12 @@ Object bits_of(const Object& f) {
 
 // The element of a limb that is converted: by index, or the only one, or the first one.
 Object element_of(const Object& limb, const Object& index) {
-  if (!is_none(index)) return limb.at(index).method("item"_name);
-  if (equal(limb.method("numel"_name), kOne)) return limb.method("item"_name);
+  if (!is_none(index)) {
+    return limb.at(index).method("item"_name);
+  }
+  if (equal(limb.method("numel"_name), kOne)) {
+    return limb.method("item"_name);
+  }
   return limb.method("flatten"_name).at(kZero).method("item"_name);
 }
 
@@ -48,7 +52,9 @@ Object to_decimal(const Arguments& arguments) {
 Object fp64_to_decimal(const Arguments& arguments) {
   const Object& f = arguments[0];
   // True for -0.0 too, so the sign of a zero is dropped; false for NaN.
-  if (arguments.number(0) == 0.0) return global("Decimal"_name).call(kZero);
+  if (arguments.number(0) == 0.0) {
+    return global("Decimal"_name).call(kZero);
+  }
   const Object bits = bits_of(f);
   const bool negative = truth(shift_right(bits, integer(63)));
   const Object sign = integer(negative ? -1 : 1);

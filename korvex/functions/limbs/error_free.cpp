@@ -72,7 +72,9 @@ Object empty_sum() {
 // The errors are gathered by plain addition, so the pair is exact up to the rounding of e.
 Object compensated_sum(const Arguments& arguments) {
   const Object& terms = arguments[0];
-  if (PyList_GET_SIZE(terms.handle()) == 0) return empty_sum();
+  if (PyList_GET_SIZE(terms.handle()) == 0) {
+    return empty_sum();
+  }
   Object s = terms.at(kZero).method("clone"_name);
   Object e = torch_member("zeros_like"_name).call(s);
   for_each(tail(terms, 1), [&](const Object& t) {

@@ -13,14 +13,18 @@ constexpr Py_ssize_t kMaxLimbs = 4;
 
 Object extract_tqx_tensor(const Arguments& arguments) {
   const Object& x = arguments[0];
-  if (is_limb_result(x)) return tuple(x.method("collapse"_name), boolean(true));
+  if (is_limb_result(x)) {
+    return tuple(x.method("collapse"_name), boolean(true));
+  }
   return tuple(x, boolean(false));
 }
 
 // The list of a result itself, not a copy.
 Object get_tqx_limbs(const Arguments& arguments) {
   const Object& x = arguments[0];
-  if (is_limb_result(x)) return x.get("limbs"_name);
+  if (is_limb_result(x)) {
+    return x.get("limbs"_name);
+  }
   return list(x.method("double"_name));
 }
 
@@ -49,7 +53,9 @@ Object cascade(const Object& limbs) {
     const Object s = add(acc, limb);
     const Object e = rounding_error(s, acc, limb);
     acc = s;
-    if (greater(largest_magnitude(e), kZero)) append(errors, e);
+    if (greater(largest_magnitude(e), kZero)) {
+      append(errors, e);
+    }
   });
   checked(PyList_Insert(errors, 0, acc));
   return errors;
@@ -58,7 +64,9 @@ Object cascade(const Object& limbs) {
 Object tqx_add_limbs(const Arguments& arguments) {
   const Object& device = arguments[2];
   Object all_limbs = add(arguments[0], arguments[1]);
-  if (length(all_limbs) == 1) return limb_result(all_limbs, device);
+  if (length(all_limbs) == 1) {
+    return limb_result(all_limbs, device);
+  }
   all_limbs = sorted_by_magnitude(all_limbs);
   Object result_limbs = cascade(all_limbs);
   if (length(result_limbs) > kMaxLimbs) {

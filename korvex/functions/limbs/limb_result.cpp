@@ -43,8 +43,12 @@ Object zero_scalar() {
 // correct one: that is what collapsing means here.
 Object collapse(const Arguments& arguments) {
   const Object& self = arguments[0];
-  if (equal(self.get("n_limbs"_name), kZero)) return zero_scalar();
-  if (equal(self.get("n_limbs"_name), kOne)) return limb_as_double(self, kZero);
+  if (equal(self.get("n_limbs"_name), kZero)) {
+    return zero_scalar();
+  }
+  if (equal(self.get("n_limbs"_name), kOne)) {
+    return limb_as_double(self, kZero);
+  }
   Object result = limb_as_double(self, kZero);
   Object carry = torch_member("zeros_like"_name).call(result);
   const Object range = object(reinterpret_cast<PyObject*>(&PyRange_Type));
@@ -63,7 +67,9 @@ Object collapse(const Arguments& arguments) {
 Object item(const Arguments& arguments) {
   const Object& self = arguments[0];
   const Object collapsed = self.method("collapse"_name);
-  if (equal(collapsed.method("numel"_name), kOne)) return collapsed.method("item"_name);
+  if (equal(collapsed.method("numel"_name), kOne)) {
+    return collapsed.method("item"_name);
+  }
   return collapsed.method("flatten"_name).at(kZero).method("item"_name);
 }
 

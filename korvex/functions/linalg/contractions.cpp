@@ -11,7 +11,9 @@ Object tqx_linear(const Arguments& arguments) {
   const Object& bias = arguments[2];
   const Object matmul = global("tqx_matmul"_name);
   const Object result = matmul.call(arguments[0], arguments[1].method("t"_name));
-  if (is_none(bias)) return result;
+  if (is_none(bias)) {
+    return result;
+  }
   const Object sum = global("tqx_add"_name);
   const Object result_f64 = result.method("double"_name);
   const Object expand = bias.method("double"_name).get("expand_as"_name);
@@ -45,7 +47,9 @@ Object tqx_einsum(const Arguments& arguments) {
   const Object& equation = arguments[0];
   const Object& operands = arguments[1];
   for (const EinsumRoute& route : kRoutes) {
-    if (PyUnicode_CompareWithASCIIString(equation, route.equation) != 0) continue;
+    if (PyUnicode_CompareWithASCIIString(equation, route.equation) != 0) {
+      continue;
+    }
     const Object function = global(route.function);
     const Object first = operands.at(kZero);
     const Object second = operands.at(kOne);

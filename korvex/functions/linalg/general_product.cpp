@@ -43,19 +43,25 @@ Object call_with_shape(const Object& method, const Object& shape, const Object& 
 }
 
 Object common_batch_shape(const Object& a_batch, const Object& b_batch) {
-  if (!truth(a_batch) && !truth(b_batch)) return tuple();
+  if (!truth(a_batch) && !truth(b_batch)) {
+    return tuple();
+  }
   const Object broadcast = torch_member("broadcast_shapes"_name);
   try {
     return broadcast.call(a_batch, b_batch);
   } catch (const PythonError&) {
-    if (PyErr_ExceptionMatches(PyExc_RuntimeError) == 0) throw;
+    if (PyErr_ExceptionMatches(PyExc_RuntimeError) == 0) {
+      throw;
+    }
     raise_no_broadcast(a_batch, b_batch);
   }
 }
 
 // tensor.expand(*batch_shape, tensor.shape[-2], tensor.shape[-1]) if its own batch shape differs
 Object expanded(const Object& tensor, const Object& own_batch, const Object& batch_shape) {
-  if (!not_equal(own_batch, batch_shape)) return tensor;
+  if (!not_equal(own_batch, batch_shape)) {
+    return tensor;
+  }
   const Object expand = tensor.get("expand"_name);
   const Object rows = extent(tensor, minus_two());
   const Object columns = extent(tensor, kMinusOne);
@@ -123,7 +129,9 @@ Object batched_product(Object a, Object b, const Object& return_tqx) {
     const Object b_member = b_flat.at(i);
     return product.call(a_member, b_member, return_tqx);
   });
-  if (truth(return_tqx)) return assembled_limbs(results, batch, a);
+  if (truth(return_tqx)) {
+    return assembled_limbs(results, batch, a);
+  }
   return batch.shaped(stacked(results));
 }
 
@@ -137,17 +145,27 @@ Object tqx_matmul(const Arguments& arguments) {
   Object b = arguments[1];
   const Object& return_tqx = arguments[2];
   require_cuda(a);
-  if (has_dimensions(a, 1) && has_dimensions(b, 1)) return global("tqx_dot"_name).call(a, b);
+  if (has_dimensions(a, 1) && has_dimensions(b, 1)) {
+    return global("tqx_dot"_name).call(a, b);
+  }
   const bool squeeze_a = has_dimensions(a, 1);
-  if (squeeze_a) a = a.method("unsqueeze"_name, kZero);
+  if (squeeze_a) {
+    a = a.method("unsqueeze"_name, kZero);
+  }
   const bool squeeze_b = has_dimensions(b, 1);
-  if (squeeze_b) b = b.method("unsqueeze"_name, kMinusOne);
+  if (squeeze_b) {
+    b = b.method("unsqueeze"_name, kMinusOne);
+  }
   const bool both_matrices = has_dimensions(a, 2) && has_dimensions(b, 2);
   Object result = both_matrices ? global("_tqx_matmul_2d"_name).call(a, b, return_tqx)
                                 : batched_product(a, b, return_tqx);
   // A tensor and a TQXResult answer to the same squeeze.
-  if (squeeze_a) result = result.method("squeeze"_name, minus_two());
-  if (squeeze_b) result = result.method("squeeze"_name, kMinusOne);
+  if (squeeze_a) {
+    result = result.method("squeeze"_name, minus_two());
+  }
+  if (squeeze_b) {
+    result = result.method("squeeze"_name, kMinusOne);
+  }
   return result;
 }
 

@@ -41,7 +41,9 @@ Object tqx_solve(const Arguments& arguments) {
   const Object passes = checked(PyObject_GetIter(range_to(arguments[2])));
   while (!next_item(passes).empty()) {
     const Object residual = residual_of(a, b, x_tqx);
-    if (is_small(residual)) break;
+    if (is_small(residual)) {
+      break;
+    }
     const Object correction = linalg("solve"_name).call(a, residual);
     x_tqx =
         global("tqx_add"_name).call_with(kKeywords<"return_tqx">, x_tqx, correction, boolean(true));
@@ -64,7 +66,9 @@ Object sign_of(const Object& pivots, const Object& n) {
   for_each(range_to(n), [&](const Object& i) {
     const Object pivot = pivots.at(i);
     const Object in_place = add(i, kOne);
-    if (not_equal(pivot, in_place)) sign = in_place_multiply(sign, kMinusOne);
+    if (not_equal(pivot, in_place)) {
+      sign = in_place_multiply(sign, kMinusOne);
+    }
   });
   return sign;
 }

@@ -41,7 +41,9 @@ Object tqx_checksum_hex(const Arguments& arguments) {
 // expected[:truncate] with a machine-word stop: one that is too large raises OverflowError.
 Object truncated(const Object& expected, const Object& truncate) {
   const Py_ssize_t stop = PyLong_AsSsize_t(truncate);
-  if (stop == -1 && PyErr_Occurred() != nullptr) throw PythonError{};
+  if (stop == -1 && PyErr_Occurred() != nullptr) {
+    throw PythonError{};
+  }
   return checked(PySequence_GetSlice(expected, 0, stop));
 }
 
@@ -60,7 +62,9 @@ Object tqx_verify(const Arguments& arguments) {
   const Object actual = checksum.call_with(kKeywords<"truncate">, x, truncate);
   const Object expected_truncated = truncated(expected, truncate);
   const bool match = equal(actual, expected_truncated);
-  if (!match && raise_on_mismatch) raise_mismatch(actual, expected_truncated);
+  if (!match && raise_on_mismatch) {
+    raise_mismatch(actual, expected_truncated);
+  }
   return boolean(match);
 }
 

@@ -31,7 +31,9 @@ Object parallel_dot(const Object& x, const FlatPair& flat, bool return_tqx) {
   const Object grid = grid_over(flat.n);
   launch("tqx_dot_kernel"_name, grid, ArrayOf{flat.x_flat}, ArrayOf{flat.y_flat}, ArrayOf{out},
          ArrayOf{out_err}, ArrayOf{out_err2}, flat.n);
-  if (return_tqx) return squeezed_limbs(x, out, out_err, out_err2);
+  if (return_tqx) {
+    return squeezed_limbs(x, out, out_err, out_err2);
+  }
   const Object first_two = add(out, out_err);
   return add(first_two, out_err2).method("squeeze"_name);
 }

@@ -54,7 +54,9 @@ Object tqx_prod(const Arguments& arguments) {
   const Object out = zeros_like_device(kOne, x);
   const Object out_err = zeros_like_device(kOne, x);
   launch_single_block("tqx_prod_kernel"_name, x_flat, n, out, out_err);
-  if (arguments.flag(1)) return squeezed_limbs(x, out, out_err);
+  if (arguments.flag(1)) {
+    return squeezed_limbs(x, out, out_err);
+  }
   return add(out, out_err).method("squeeze"_name);
 }
 
@@ -66,7 +68,9 @@ Object tqx_cumsum(const Arguments& arguments) {
   const Object out = empty_like_device(n, x);
   const Object out_err = empty_like_device(n, x);
   launch_single_block("tqx_cumsum_kernel"_name, x_flat, n, out, out_err);
-  if (!arguments.flag(1)) return in_shape_of(out, x);
+  if (!arguments.flag(1)) {
+    return in_shape_of(out, x);
+  }
   return limbs_beside(x, [&] {
     const Object value = in_shape_of(out, x);
     const Object error = in_shape_of(out_err, x);

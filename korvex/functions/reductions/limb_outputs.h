@@ -10,7 +10,9 @@ namespace korvex {
 inline Object four_limbs(const Object& out, const Object& x) {
   return limbs_beside(x, [&] {
     const Object limbs = list();
-    for (int i = 0; i < 4; ++i) append(limbs, out.at(integer(i)));
+    for (int i = 0; i < 4; ++i) {
+      append(limbs, out.at(integer(i)));
+    }
     return limbs;
   });
 }

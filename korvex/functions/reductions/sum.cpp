@@ -25,7 +25,9 @@ Object parallel_sum(const Object& x, const Object& x_flat, const Object& n, bool
   const Object out_err = zeros_like_device(kOne, x);
   const Object grid = grid_over(n);
   launch("tqx_sum_kernel"_name, grid, ArrayOf{x_flat}, ArrayOf{out}, ArrayOf{out_err}, n);
-  if (!return_tqx) return add(out, out_err).method("squeeze"_name);
+  if (!return_tqx) {
+    return add(out, out_err).method("squeeze"_name);
+  }
   return squeezed_limbs(x, out, out_err);
 }
 
@@ -58,7 +60,9 @@ Object whole_mean(const Object& x, bool return_tqx) {
   const Object n = x.method("numel"_name);
   const Object sum_result =
       global("tqx_sum"_name).call_with(kKeywords<"return_tqx">, x, boolean(true));
-  if (return_tqx) return mean_limbs(x, sum_result, n);
+  if (return_tqx) {
+    return mean_limbs(x, sum_result, n);
+  }
   const Object collapsed = sum_result.method("collapse"_name);
   return divide(collapsed, n);
 }
@@ -68,7 +72,9 @@ Object tqx_mean(const Arguments& arguments) {
   const Object& dim = arguments[1];
   const Object& keepdim = arguments[2];
   require_cuda(x);
-  if (is_none(dim)) return whole_mean(x, arguments.flag(3));
+  if (is_none(dim)) {
+    return whole_mean(x, arguments.flag(3));
+  }
   const Object n = x.get("shape"_name).at(dim);
   const Object total =
       global("tqx_sum"_name).call_with(kKeywords<"dim", "keepdim">, x, dim, keepdim);

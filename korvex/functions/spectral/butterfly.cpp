@@ -42,7 +42,9 @@ void permute(const Object& x, long long n, long long bits) {
   for (long long i = 0; i < n; ++i) {
     checked(PyErr_CheckSignals());
     const long long j = reversed_digits(i, bits);
-    if (i < j) swap(x, i, j);
+    if (i < j) {
+      swap(x, i, j);
+    }
   }
 }
 
@@ -89,12 +91,16 @@ void run_stage(const Object& x, long long n, long long size, bool inverse) {
 Object tqx_fft_butterfly(const Arguments& arguments) {
   const bool inverse = arguments.flag(1);
   const Object n_object = arguments[0].get("shape"_name).at(kMinusOne);
-  if (truth(compare(n_object, kOne, Py_LE))) return arguments[0];
+  if (truth(compare(n_object, kOne, Py_LE))) {
+    return arguments[0];
+  }
   const Object x = arguments[0].method("clone"_name);
   const long long bits = index_bits(n_object);
   const long long n = as_integer(n_object);
   permute(x, n, bits);
-  for (long long size = 2; size <= n; size *= 2) run_stage(x, n, size, inverse);
+  for (long long size = 2; size <= n; size *= 2) {
+    run_stage(x, n, size, inverse);
+  }
   return inverse ? divide(x, n_object) : x;
 }
 

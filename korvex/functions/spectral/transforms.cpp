@@ -46,12 +46,16 @@ Object padded(const Object& x, const Object& n, const Object& dim) {
 }
 
 Object with_length(const Object& x, const Object& n, const Object& dim) {
-  if (greater(n, length_along(x, dim))) return padded(x, n, dim);
+  if (greater(n, length_along(x, dim))) {
+    return padded(x, n, dim);
+  }
   return x.method("narrow"_name, dim, kZero, n);
 }
 
 Object as_complex(const Object& x) {
-  if (truth(x.method("is_complex"_name))) return x;
+  if (truth(x.method("is_complex"_name))) {
+    return x;
+  }
   const Object complex = torch_member("complex"_name);
   const Object imaginary = torch_member("zeros_like"_name).call(x);
   return complex.call(x, imaginary);
@@ -73,7 +77,9 @@ Object tqx_fft(const Arguments& arguments) {
   const Object& dim = arguments[2];
   require_cuda(arguments[0]);
   Object x = arguments[0].method("double"_name);
-  if (!is_none(n)) x = with_length(x, n, dim);
+  if (!is_none(n)) {
+    x = with_length(x, n, dim);
+  }
   const Object size = length_along(x, dim);
   if (takes_butterfly(size, dim)) {
     x = as_complex(x);
@@ -120,7 +126,9 @@ Object tqx_irfft(const Arguments& arguments) {
   const Object& dim = arguments[2];
   require_cuda(x);
   Object n = arguments[1];
-  if (is_none(n)) n = multiply(integer(2), subtract(length_along(x, dim), kOne));
+  if (is_none(n)) {
+    n = multiply(integer(2), subtract(length_along(x, dim), kOne));
+  }
   const Object neg_freq = negative_frequencies(x, dim);
   const Object full_spectrum = concatenated(x, [&] { return neg_freq; }, dim);
   const Object transform = global("tqx_ifft"_name);

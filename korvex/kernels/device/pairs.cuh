@@ -4,7 +4,8 @@
 #pragma once
 
 #include "korvex/arithmetic/exact/pairs.h"
-#include "korvex/kernels/device/device_thread.cuh"
+#include "korvex/kernels/device/thread.cuh"
+#include "korvex/kernels/table.h"
 
 namespace korvex::kernels {
 
@@ -25,25 +26,25 @@ __device__ __forceinline__ void pairs_by_grid(const double* x, const double* y, 
 }  // namespace korvex::kernels
 
 // out[i] and out_err[i]: the sum of x[i] and y[i], and its error.
-extern "C" __global__ void __launch_bounds__(256)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
     tqx_add_kernel(const double* x, const double* y, double* out, double* out_err, long long n) {
   korvex::kernels::pairs_by_grid<korvex::arithmetic::add_pair>(x, y, out, out_err, n);
 }
 
 // out[i] and out_err[i]: x[i] less y[i], and its error.
-extern "C" __global__ void __launch_bounds__(256)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
     tqx_sub_kernel(const double* x, const double* y, double* out, double* out_err, long long n) {
   korvex::kernels::pairs_by_grid<korvex::arithmetic::subtract_pair>(x, y, out, out_err, n);
 }
 
 // out[i] and out_err[i]: the product of x[i] and y[i], and its error.
-extern "C" __global__ void __launch_bounds__(256)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
     tqx_mul_kernel(const double* x, const double* y, double* out, double* out_err, long long n) {
   korvex::kernels::pairs_by_grid<korvex::arithmetic::multiply_pair>(x, y, out, out_err, n);
 }
 
 // out[i] and out_err[i]: x[i] divided by y[i], and its error.
-extern "C" __global__ void __launch_bounds__(256)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
     tqx_div_kernel(const double* x, const double* y, double* out, double* out_err, long long n) {
   korvex::kernels::pairs_by_grid<korvex::arithmetic::divide_pair>(x, y, out, out_err, n);
 }

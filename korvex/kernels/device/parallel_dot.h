@@ -6,8 +6,8 @@
 // any of them cannot be split (not finite, or too large or small); if none, the 16 parts of each
 // lane go through four slices on fixed grids whose units a warp adds up as integers, and what is
 // left below the last slice goes part by part into the warp's digits. Otherwise the pairs of the
-// tile go there one by one, as 106-bit integers. Every partial sum is exact, so nothing of this
-// shows.
+// tile go there one by one, as 106-bit integers. Every partial sum is exact, so the
+// result does not depend on the way.
 #pragma once
 
 #include "korvex/arithmetic/base/portability.h"
@@ -45,8 +45,9 @@ class WarpProducts : private WarpSum<Thread> {
       const double x_factor = place < count ? x[place] : 0.0;
       const double y_factor = place < count ? y[place] : 0.0;
       const double product = arithmetic::mul_rn(x_factor, y_factor);  // rounded
-      part[2 * i] = product;
-      part[2 * i + 1] = arithmetic::fma_rn(x_factor, y_factor, -product);  // exact where split
+      double* split = part + std::int64_t{2} * i;
+      split[0] = product;
+      split[1] = arithmetic::fma_rn(x_factor, y_factor, -product);  // exact where can_be_split
       const auto field = static_cast<unsigned>(arithmetic::exponent_field(product));
       highest = field > highest ? field : highest;
       can_be_split = can_be_split && field <= WarpPlan::kHighestField &&

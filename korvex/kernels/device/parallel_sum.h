@@ -11,7 +11,7 @@
 // each digit of a block that is not zero.
 //
 // A Thread is one thread of a grid of whole warps: its place, and what it can do together with
-// others. device_thread.cuh has the one of a GPU, a test has one that runs on a host.
+// others. thread.cuh has the one of a GPU, a test has one that runs on a host.
 #pragma once
 
 #include <new>
@@ -20,10 +20,11 @@
 #include "korvex/arithmetic/exact/exact_sum.h"
 #include "korvex/arithmetic/exact/sum.h"
 #include "korvex/kernels/device/warp_sum.h"
+#include "korvex/kernels/table.h"
 
 namespace korvex::kernels {
 
-constexpr int kMaxWarps = 8;  // in a block
+constexpr int kMaxWarps = kGridBlock / kLanes;  // in a block
 
 // Digits that hold any sum of a kind: all of its long accumulator but the last, which is for
 // carries.

@@ -4,11 +4,11 @@
 //
 // Phases: each thread takes a run of neighbouring elements into a part of its own, in static
 // memory; the parts are joined two by two; one thread rounds. Parts are exact, or lie on a grid, so
-// the number of threads does not show. Only block 0 works, and any number of threads up to
-// kMostThreads may do. A run starts at any element, at 8 bytes and not at 16, so it is read one
-// double at a time: a wider load there would fault. The kernels ask for one block on a
+// the result does not depend on the number of threads. Only block 0 works, and any number of
+// threads up to kSingleBlock may do. A run starts at any element, at 8 bytes and not at 16, so it
+// is read one double at a time: a wider load there would fault. The kernels ask for one block on a
 // multiprocessor: left to itself the compiler halves the registers where two would fit, for a
-// second block that is never there.
+// second block that no launch has.
 #pragma once
 
 #include <new>
@@ -19,11 +19,10 @@
 #include "korvex/arithmetic/exact/norm.h"
 #include "korvex/arithmetic/exact/prefix_sums.h"
 #include "korvex/arithmetic/exact/variance.h"
-#include "korvex/kernels/device/device_thread.cuh"
+#include "korvex/kernels/device/thread.cuh"
+#include "korvex/kernels/table.h"
 
 namespace korvex::kernels {
-
-constexpr int kMostThreads = 1024;
 
 // What a thread of the running sums holds.
 struct SegmentSum {
@@ -48,7 +47,7 @@ union ReductionWorkspace {
 };
 
 // Launches of these kernels never overlap: all are made on the null stream of the device.
-__device__ PartMemory part_memory[kMostThreads];
+__device__ PartMemory part_memory[kSingleBlock];
 __device__ ReductionWorkspace reduction_workspace;
 // A WideProductWorkspace: static memory is not constructed.
 alignas(16) __device__ unsigned char wide_product_memory[sizeof(arithmetic::WideProductWorkspace)];
@@ -105,7 +104,7 @@ class BlockRunner {
   std::int64_t end_;
 };
 
-// What else a grid holds has nothing to do.
+// Only the first block of a grid works; the others return at once.
 __device__ __forceinline__ bool is_in_first_block() {
   return blockIdx.x == 0 && blockIdx.y == 0 && blockIdx.z == 0;
 }
@@ -125,7 +124,7 @@ __device__ __forceinline__ void scan_segments(const BlockRunner& runner) {
 }  // namespace korvex::kernels
 
 // out_mean[0], out_var[0]: mean and variance of x, divisor n - 1, correctly rounded.
-extern "C" __global__ void __launch_bounds__(1024, 1)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kSingleBlock, 1)
     tqx_var_kernel(const double* x, double* out_mean, double* out_var, long long n) {
   using namespace korvex;
   using arithmetic::Moments;
@@ -143,7 +142,7 @@ extern "C" __global__ void __launch_bounds__(1024, 1)
 }
 
 // out[0]: the Euclidean norm of x, correctly rounded.
-extern "C" __global__ void __launch_bounds__(1024, 1)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kSingleBlock, 1)
     tqx_norm_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
   using arithmetic::ExactProductSum;
@@ -161,7 +160,7 @@ extern "C" __global__ void __launch_bounds__(1024, 1)
 }
 
 // out[0], out_err[0]: the product of x, and what is left of it, each correctly rounded.
-extern "C" __global__ void __launch_bounds__(1024, 1)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kSingleBlock, 1)
     tqx_prod_kernel(const double* x, double* out, double* out_err, long long n) {
   using namespace korvex;
   using arithmetic::FastProduct;
@@ -178,7 +177,7 @@ extern "C" __global__ void __launch_bounds__(1024, 1)
 }
 
 // out[i], out_err[i]: the sum of x[0] to x[i], and what is left of it, each correctly rounded.
-extern "C" __global__ void __launch_bounds__(1024, 1)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kSingleBlock, 1)
     tqx_cumsum_kernel(const double* x, double* out, double* out_err, long long n) {
   using namespace korvex;
   using kernels::SegmentSum;
@@ -199,7 +198,7 @@ extern "C" __global__ void __launch_bounds__(1024, 1)
 }
 
 // out[0]: log(exp(x[0]) + ... + exp(x[n - 1])), correctly rounded save where 1472 bits cannot tell.
-extern "C" __global__ void __launch_bounds__(1024, 1)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kSingleBlock, 1)
     tqx_logsumexp_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
   if (!kernels::is_in_first_block()) {

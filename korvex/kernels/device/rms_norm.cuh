@@ -6,15 +6,14 @@
 #pragma once
 
 #include "korvex/arithmetic/elementary/rms_norm.h"
-#include "korvex/kernels/device/device_thread.cuh"
 #include "korvex/kernels/device/parallel_dot.h"
+#include "korvex/kernels/device/thread.cuh"
+#include "korvex/kernels/table.h"
 
 namespace korvex::kernels {
 
-constexpr int kRmsNormThreads = 1024;
-
 struct RmsNormMemory {
-  std::int64_t digits[kRmsNormThreads / kLanes][arithmetic::ProductAccumulator::kDigits];
+  std::int64_t digits[kSingleBlock / kLanes][arithmetic::ProductAccumulator::kDigits];
   unsigned special;
   arithmetic::ProductAccumulator sum;
   arithmetic::InverseRoot root;
@@ -41,10 +40,16 @@ __device__ __forceinline__ void add_tiles_of_warp(const DeviceThread& thread, co
 // without a whole warp is an error of the launch.
 __device__ __forceinline__ void add_squares(const DeviceThread& thread, const double* x,
                                             std::int64_t n, RmsNormMemory& block) {
-  if (thread.warps() == 0) __trap();
-  if (thread.index() == 0) block.special = 0;
+  if (thread.warps() == 0) {
+    __trap();
+  }
+  if (thread.index() == 0) {
+    block.special = 0;
+  }
   thread.sync_block();
-  if (thread.warp() < thread.warps()) add_tiles_of_warp(thread, x, n, block);
+  if (thread.warp() < thread.warps()) {
+    add_tiles_of_warp(thread, x, n, block);
+  }
   thread.sync_block();
 }
 
@@ -65,7 +70,7 @@ __device__ __noinline__ void find_root(int warps, std::int64_t n, double eps,
 
 // out[i]: x[i] / sqrt(mean of all x[j]^2 + eps), correctly rounded. One block; others leave at
 // once.
-extern "C" __global__ void __launch_bounds__(1024, 1)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kSingleBlock, 1)
     tqx_rms_norm_kernel(const double* x, double* out, long long n, double eps) {
   using namespace korvex;
   __shared__ alignas(arithmetic::InverseRoot) unsigned char memory[sizeof(kernels::RmsNormMemory)];

@@ -10,7 +10,7 @@
 #include "korvex/arithmetic/exact/chunked_sum.h"
 #include "korvex/arithmetic/exact/exact_sum.h"
 #include "korvex/arithmetic/exact/sum.h"
-#include "korvex/kernels/device/device_lanes.cuh"
+#include "korvex/kernels/device/lanes.cuh"
 
 namespace korvex::kernels {
 

@@ -6,7 +6,8 @@
 #include "korvex/arithmetic/elementary/logarithm.h"
 #include "korvex/arithmetic/elementary/logistic.h"
 #include "korvex/arithmetic/elementary/unary.h"
-#include "korvex/kernels/device/device_thread.cuh"
+#include "korvex/kernels/device/thread.cuh"
+#include "korvex/kernels/table.h"
 
 namespace korvex::kernels {
 
@@ -37,56 +38,56 @@ struct LeakyRelu {
 }  // namespace korvex::kernels
 
 // out[i]: max(x[i], 0).
-extern "C" __global__ void __launch_bounds__(256)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
     tqx_relu_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
   kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::relu>());
 }
 
 // out[i]: -x[i].
-extern "C" __global__ void __launch_bounds__(256)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
     tqx_neg_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
   kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::negated>());
 }
 
 // out[i]: exp(x[i]), correctly rounded.
-extern "C" __global__ void __launch_bounds__(256)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
     tqx_exp_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
   kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::exponential>());
 }
 
 // out[i]: log(x[i]), correctly rounded.
-extern "C" __global__ void __launch_bounds__(256)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
     tqx_log_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
   kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::logarithm>());
 }
 
 // out[i]: the square root of x[i].
-extern "C" __global__ void __launch_bounds__(256)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
     tqx_sqrt_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
   kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::square_root>());
 }
 
 // out[i]: 1 / (1 + exp(-x[i])), correctly rounded.
-extern "C" __global__ void __launch_bounds__(256)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
     tqx_sigmoid_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
   kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::sigmoid>());
 }
 
 // out[i]: tanh(x[i]), correctly rounded.
-extern "C" __global__ void __launch_bounds__(256)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
     tqx_tanh_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
   kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::hyperbolic_tangent>());
 }
 
 // out[i]: x[i] where it is positive, else negative_slope * x[i].
-extern "C" __global__ void __launch_bounds__(256)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
     tqx_leaky_relu_kernel(const double* x, double negative_slope, double* out, long long n) {
   using namespace korvex;
   kernels::map_by_grid(x, out, n, kernels::LeakyRelu{negative_slope});

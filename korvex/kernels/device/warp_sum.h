@@ -2,12 +2,8 @@
 // The exact sum of tiles of 512 elements by one warp: 16 elements a lane, three additions an
 // element and slice.
 //
-// A slice starts at bias = 1.5 * 2^k, the same in all lanes. While it stays in [2^k, 2^(k+1)), each
-// addition to it rounds to the grid 2^(k-52), and what the grid does not take is exact and goes on
-// to the next slice, whose k is kSliceBits lower. bits(slice) - bits(bias) is then the sum in grid
-// units, an integer. (The same step as in korvex/arithmetic/exact/biased_cascade.h, where the
-// proofs are named; here the slices start anew with each tile, so a tile that does not fit is known
-// before it counts.)
+// The slices (korvex/arithmetic/exact/slice.h) start at the same biases in all lanes, and anew with
+// each tile, so a tile that does not fit is known before it counts.
 //
 // Phases of a tile: two slices; one vote whether any lane's first slice left its binade or left
 // anything below the second. If so, the tile is taken again: with a bias for its largest element,
@@ -19,6 +15,7 @@
 #include "korvex/arithmetic/base/binary64.h"
 #include "korvex/arithmetic/base/portability.h"
 #include "korvex/arithmetic/exact/exact_sum.h"
+#include "korvex/arithmetic/exact/slice.h"
 
 namespace korvex::kernels {
 
@@ -80,11 +77,8 @@ struct WarpPlan {
     return wanted < kLowestBias ? kLowestBias : wanted;
   }
 
-  // 1.5 * 2^k, k that of the slice.
   KORVEX_INLINE std::uint64_t bias_bits(int slice) const {
-    const int exponent = bias_exponent - slice * kSliceBits + arithmetic::kExponentBias;
-    return (static_cast<std::uint64_t>(exponent) << arithmetic::kFractionBits) |
-           (std::uint64_t{1} << (arithmetic::kFractionBits - 1));
+    return arithmetic::slice_bias_bits(bias_exponent - slice * kSliceBits);
   }
 
   // The exponent of a grid unit, counted from 2^-1074.
@@ -161,7 +155,7 @@ class WarpSum {
     for (int i = 0; i < kPerLane; ++i) {
       lost |= arithmetic::to_bits(rest[i]);
     }
-    if (thread_.any(!stayed || (lost << 1) != 0)) {
+    if (thread_.any(!stayed || arithmetic::has_rest(lost))) {
       return false;
     }
     for (int slice = 0; slice < kSlices; ++slice) {
@@ -210,7 +204,7 @@ class WarpSum {
   }
 
   // Takes each of rest through the slices in turn and leaves there what none took. False where the
-  // first slice left its binade: then nothing of the outcome is meant.
+  // first slice left its binade: rest and units mean nothing then.
   template <int kSlices>
   KORVEX_INLINE bool run(const WarpPlan& plan, double* rest, std::int64_t* units) const {
     std::uint64_t moved = 0;
@@ -218,17 +212,14 @@ class WarpSum {
       const std::uint64_t bias = plan.bias_bits(slice);
       double sum = arithmetic::from_bits(bias);
       for (int i = 0; i < kPerLane; ++i) {
-        const double before = sum;
-        sum = arithmetic::add_rn(before, rest[i]);             // rounded to the grid
-        const double taken = arithmetic::sub_rn(sum, before);  // exact
-        rest[i] = arithmetic::sub_rn(rest[i], taken);          // exact
+        rest[i] = arithmetic::add_to_slice(sum, rest[i]);
         if (slice == 0) {
           moved |= arithmetic::to_bits(sum) ^ bias;
         }
       }
       units[slice] = static_cast<std::int64_t>(arithmetic::to_bits(sum) - bias);
     }
-    return moved >> arithmetic::kFractionBits == 0;
+    return !arithmetic::moved_out(moved);
   }
 
   // Pair i of lane l is pair 32 i + l of the tile. Zeros stand for what lies beyond the count.
@@ -236,7 +227,7 @@ class WarpSum {
     const double* own = x + 2 * thread_.lane();
     if (count == kTile) {
       for (int i = 0; i < kPerLane; i += 2) {
-        thread_.load_pair(own + i * kLanes, into + i);
+        thread_.load_pair(own + std::int64_t{i} * kLanes, into + i);
       }
       return;
     }

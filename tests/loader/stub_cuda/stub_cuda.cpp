@@ -157,7 +157,9 @@ int enter(const char* call, const Words&... words) {
     const bool released = driver.changed.wait_for(lock, std::chrono::seconds(20),
                                                   [&] { return driver.blocked_call.empty(); });
     driver.is_blocking = false;
-    if (!released) return kUnknown;
+    if (!released) {
+      return kUnknown;
+    }
   }
   for (const char* key : {call, "*"}) {
     const auto failure = driver.failures.find(key);
@@ -179,7 +181,9 @@ StubDevice* device_of(int handle) {
 
 int ordinal_of(std::uintptr_t address) {
   for (const Allocation& block : stub().allocations) {
-    if (address >= block.begin && address < block.begin + block.bytes) return block.ordinal;
+    if (address >= block.begin && address < block.begin + block.bytes) {
+      return block.ordinal;
+    }
   }
   return -2;
 }
@@ -187,7 +191,9 @@ int ordinal_of(std::uintptr_t address) {
 std::vector<std::string> parameters_of(int kernel) {
   std::istringstream text(stub().host.parameters(kernel));
   std::vector<std::string> words;
-  for (std::string word; text >> word;) words.push_back(word);
+  for (std::string word; text >> word;) {
+    words.push_back(word);
+  }
   return words;
 }
 
@@ -220,8 +226,12 @@ int run_pending(StubContext& context) {
 // ---- the driver's functions ----
 
 STUB_API int cuInit(unsigned flags) {
-  if (const int failed = enter("cuInit", flags)) return failed;
-  if (stub().initialised_in != -1 && stub().initialised_in != getpid()) return kNotInitialized;
+  if (const int failed = enter("cuInit", flags)) {
+    return failed;
+  }
+  if (stub().initialised_in != -1 && stub().initialised_in != getpid()) {
+    return kNotInitialized;
+  }
   stub().initialised_in = getpid();
   return stub().devices.empty() ? kNoDevice : kSuccess;
 }
@@ -248,28 +258,40 @@ STUB_API int cuGetErrorString(int result, const char** text) {
 }
 
 STUB_API int cuDeviceGetCount(int* count) {
-  if (const int failed = enter("cuDeviceGetCount")) return failed;
+  if (const int failed = enter("cuDeviceGetCount")) {
+    return failed;
+  }
   *count = static_cast<int>(stub().devices.size());
   return kSuccess;
 }
 
 STUB_API int cuDeviceGet(int* handle, int ordinal) {
-  if (const int failed = enter("cuDeviceGet", ordinal)) return failed;
+  if (const int failed = enter("cuDeviceGet", ordinal)) {
+    return failed;
+  }
   *handle = ordinal + kHandleOffset;
   return device_of(*handle) == nullptr ? kInvalidDevice : kSuccess;
 }
 
 STUB_API int cuDeviceGetName(char* text, int bytes, int handle) {
-  if (const int failed = enter("cuDeviceGetName", handle)) return failed;
-  if (device_of(handle) == nullptr) return kInvalidDevice;
+  if (const int failed = enter("cuDeviceGetName", handle)) {
+    return failed;
+  }
+  if (device_of(handle) == nullptr) {
+    return kInvalidDevice;
+  }
   std::snprintf(text, static_cast<std::size_t>(bytes), "Stub device %d", handle - kHandleOffset);
   return kSuccess;
 }
 
 STUB_API int cuDeviceGetAttribute(int* value, int attribute, int handle) {
-  if (const int failed = enter("cuDeviceGetAttribute", attribute, handle)) return failed;
+  if (const int failed = enter("cuDeviceGetAttribute", attribute, handle)) {
+    return failed;
+  }
   const StubDevice* device = device_of(handle);
-  if (device == nullptr) return kInvalidDevice;
+  if (device == nullptr) {
+    return kInvalidDevice;
+  }
   if (attribute == 16) {
     *value = device->multiprocessors;
   } else if (attribute == 75) {
@@ -283,47 +305,67 @@ STUB_API int cuDeviceGetAttribute(int* value, int attribute, int handle) {
 }
 
 STUB_API int cuDevicePrimaryCtxRetain(StubContext** context, int handle) {
-  if (const int failed = enter("cuDevicePrimaryCtxRetain", handle)) return failed;
+  if (const int failed = enter("cuDevicePrimaryCtxRetain", handle)) {
+    return failed;
+  }
   const std::lock_guard guard(stub().state);
   StubDevice* device = device_of(handle);
-  if (device == nullptr) return kInvalidDevice;
+  if (device == nullptr) {
+    return kInvalidDevice;
+  }
   ++device->primary.retained;
   *context = &device->primary;
   return kSuccess;
 }
 
 STUB_API int cuDevicePrimaryCtxRelease_v2(int handle) {
-  if (const int failed = enter("cuDevicePrimaryCtxRelease_v2", handle)) return failed;
+  if (const int failed = enter("cuDevicePrimaryCtxRelease_v2", handle)) {
+    return failed;
+  }
   const std::lock_guard guard(stub().state);
   StubDevice* device = device_of(handle);
-  if (device == nullptr || device->primary.retained == 0) return kInvalidContext;
+  if (device == nullptr || device->primary.retained == 0) {
+    return kInvalidContext;
+  }
   --device->primary.retained;
   return kSuccess;
 }
 
 STUB_API int cuCtxGetCurrent(StubContext** context) {
-  if (const int failed = enter("cuCtxGetCurrent")) return failed;
+  if (const int failed = enter("cuCtxGetCurrent")) {
+    return failed;
+  }
   *context = current();
   return kSuccess;
 }
 
 STUB_API int cuCtxGetDevice(int* handle) {
-  if (const int failed = enter("cuCtxGetDevice")) return failed;
-  if (current() == nullptr) return kInvalidContext;
+  if (const int failed = enter("cuCtxGetDevice")) {
+    return failed;
+  }
+  if (current() == nullptr) {
+    return kInvalidContext;
+  }
   *handle = current()->ordinal + kHandleOffset;
   return kSuccess;
 }
 
 STUB_API int cuCtxPushCurrent_v2(StubContext* context) {
-  if (const int failed = enter("cuCtxPushCurrent_v2", context->ordinal)) return failed;
-  if (context->retained == 0) return kInvalidContext;
+  if (const int failed = enter("cuCtxPushCurrent_v2", context->ordinal)) {
+    return failed;
+  }
+  if (context->retained == 0) {
+    return kInvalidContext;
+  }
   context_stack.push_back(context);
   return kSuccess;
 }
 
 STUB_API int cuCtxPopCurrent_v2(StubContext** context) {
   const int failed = enter("cuCtxPopCurrent_v2", current() == nullptr ? -1 : current()->ordinal);
-  if (context_stack.empty()) return kInvalidContext;
+  if (context_stack.empty()) {
+    return kInvalidContext;
+  }
   *context = current();
   context_stack.pop_back();  // also where it fails: such an error is that of an earlier launch
   return failed;
@@ -334,15 +376,23 @@ STUB_API int cuStreamSynchronize(void* stream) {
   const int failed = enter("cuStreamSynchronize", number);
   const std::lock_guard guard(stub().state);
   // An error here is that of the work, which is then over.
-  if (failed != kSuccess && current() != nullptr) current()->pending.clear();
-  if (failed != kSuccess) return failed;
-  if (current() == nullptr) return kInvalidContext;
+  if (failed != kSuccess && current() != nullptr) {
+    current()->pending.clear();
+  }
+  if (failed != kSuccess) {
+    return failed;
+  }
+  if (current() == nullptr) {
+    return kInvalidContext;
+  }
   return number == kLegacyStream ? run_pending(*current()) : kSuccess;
 }
 
 STUB_API int cuPointerGetAttributes(unsigned count, int* attributes, void** values,
                                     unsigned long long pointer) {
-  if (const int failed = enter("cuPointerGetAttributes")) return failed;
+  if (const int failed = enter("cuPointerGetAttributes")) {
+    return failed;
+  }
   const std::lock_guard guard(stub().state);
   const int ordinal = ordinal_of(static_cast<std::uintptr_t>(pointer));
   for (unsigned i = 0; i < count; ++i) {
@@ -372,7 +422,9 @@ STUB_API int cuModuleLoadDataEx(StubModule** module, const void* image, unsigned
     }
     return failed == kSuccess ? kInvalidImage : failed;
   }
-  if (current() == nullptr) return kInvalidContext;
+  if (current() == nullptr) {
+    return kInvalidContext;
+  }
   const std::lock_guard guard(stub().state);
   stub().modules.push_back(std::make_unique<StubModule>(current()));
   *module = stub().modules.back().get();
@@ -380,21 +432,29 @@ STUB_API int cuModuleLoadDataEx(StubModule** module, const void* image, unsigned
 }
 
 STUB_API int cuModuleUnload(StubModule* module) {
-  if (const int failed = enter("cuModuleUnload")) return failed;
+  if (const int failed = enter("cuModuleUnload")) {
+    return failed;
+  }
   const std::lock_guard guard(stub().state);
-  if (current() != module->context) return kInvalidContext;
+  if (current() != module->context) {
+    return kInvalidContext;
+  }
   const auto erased =
       std::erase_if(stub().modules, [&](const auto& held) { return held.get() == module; });
   return erased == 1 ? kSuccess : kInvalidHandle;
 }
 
 STUB_API int cuModuleGetFunction(StubFunction** function, StubModule* module, const char* name) {
-  if (const int failed = enter("cuModuleGetFunction", name)) return failed;
+  if (const int failed = enter("cuModuleGetFunction", name)) {
+    return failed;
+  }
   const std::lock_guard guard(stub().state);
   const HostKernels& host = stub().host;
   const int count = host.count == nullptr ? 0 : host.count();
   for (int kernel = 0; kernel < count; ++kernel) {
-    if (std::strcmp(host.name(kernel), name) != 0) continue;
+    if (std::strcmp(host.name(kernel), name) != 0) {
+      continue;
+    }
     stub().functions.push_back(std::make_unique<StubFunction>(module, kernel));
     *function = stub().functions.back().get();
     return kSuccess;
@@ -408,7 +468,9 @@ STUB_API int cuLaunchKernel(StubFunction* function, unsigned grid_x, unsigned gr
   const auto number = reinterpret_cast<std::uintptr_t>(stream);
   const int failed = enter("cuLaunchKernel", stub().host.name(function->kernel), "grid", grid_x,
                            grid_y, grid_z, "block", block_x, block_y, block_z, "stream", number);
-  if (failed != kSuccess) return failed;
+  if (failed != kSuccess) {
+    return failed;
+  }
   const std::lock_guard guard(stub().state);
   PendingLaunch launch{function->kernel, {grid_x, grid_y, grid_z}, {block_x, block_y, block_z}, {}};
   const auto is_zero = [](unsigned extent) { return extent == 0; };
@@ -416,7 +478,9 @@ STUB_API int cuLaunchKernel(StubFunction* function, unsigned grid_x, unsigned gr
       shared_bytes != 0 || extra != nullptr || number != kLegacyStream) {
     return kInvalidValue;
   }
-  if (current() == nullptr || current() != function->module->context) return kInvalidContext;
+  if (current() == nullptr || current() != function->module->context) {
+    return kInvalidContext;
+  }
   const std::size_t count = parameters_of(function->kernel).size();
   for (std::size_t i = 0; i < count; ++i) {
     launch.values.push_back(*static_cast<const std::uint64_t*>(arguments[i]));
@@ -429,7 +493,9 @@ STUB_API int cuLaunchKernel(StubFunction* function, unsigned grid_x, unsigned gr
 
 STUB_API int stub_use_host_kernels(const char* path) {
   void* library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
-  if (library == nullptr) return 0;
+  if (library == nullptr) {
+    return 0;
+  }
   HostKernels& host = stub().host;
   const auto find = [&](auto& slot, const char* name) {
     slot = reinterpret_cast<std::remove_reference_t<decltype(slot)>>(dlsym(library, name));

@@ -25,8 +25,12 @@ int result_of(const char* call) { return failing_call == call ? kUnknownError : 
 }  // namespace
 
 STUB_API int nvmlInit_v2() {
-  if (!works) return kUnknownError;
-  if (const int failed = result_of("nvmlInit_v2")) return failed;
+  if (!works) {
+    return kUnknownError;
+  }
+  if (const int failed = result_of("nvmlInit_v2")) {
+    return failed;
+  }
   ++initialised;
   return 0;
 }

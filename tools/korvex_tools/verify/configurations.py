@@ -77,7 +77,7 @@ def all_configurations() -> list[Configuration]:
 
 def why_not_compiled() -> str | None:
     """Why the libraries cannot be compiled here; None where they can."""
-    if not (SOURCE_TREE / "korvex" / "kernels" / "host" / "host_kernels.cpp").exists():
+    if not (SOURCE_TREE / "korvex" / "kernels" / "host" / "launch.cpp").exists():
         return "no sources"
     if cmake() is None:
         return "no CMake"

@@ -6,8 +6,8 @@
 // a panel of columns, 128 products deep at a time, the panel is copied side by side and each row of
 // the tile passes over it (ElementSlices); rows with an element that three slices did not hold pass
 // once more with six; then each element is rounded, or summed product by product where even those
-// did not hold it. Which thread takes which tile never shows in a result.
-#pragma once
+// did not hold it. No result depends on which thread takes which tile.
+#include "korvex/kernels/host/matrix_product.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -16,18 +16,14 @@
 
 #include "korvex/arithmetic/exact/dot.h"
 #include "korvex/arithmetic/exact/matrix_product.h"
-#include "korvex/kernels/host/host_lanes.h"
-#include "korvex/kernels/host/slices.h"
+#include "korvex/kernels/host/lanes.h"
+#include "korvex/kernels/host/shells.h"
+#include "korvex/kernels/host/threads.h"
 
 namespace korvex::host {
+namespace {
 
-// Matrices lie row by row: a is M x K, b is K x N, the three limbs of the product are M x N.
-struct MatrixProduct {
-  const double* a;
-  const double* b;
-  double* limbs[arithmetic::kElementLimbs];
-  std::int64_t m, n, k;
-};
+static_assert(arithmetic::kElementLimbs == sizeof MatrixProduct::limbs / sizeof(double*));
 
 class MatrixOnHost {
  public:
@@ -126,7 +122,7 @@ struct MatrixOnHost::Workspace::Memory {
   double gathered[kGathered];
 };
 
-inline void MatrixOnHost::run_tile(std::int64_t tile, Workspace& workspace) const {
+void MatrixOnHost::run_tile(std::int64_t tile, Workspace& workspace) const {
   const std::int64_t row_blocks = tiles() / panels();
   const std::int64_t first_row = tile % row_blocks * kTileRows;
   const std::int64_t first_column = tile / row_blocks * kPanel;
@@ -145,8 +141,8 @@ inline void MatrixOnHost::run_tile(std::int64_t tile, Workspace& workspace) cons
   }
 }
 
-inline void MatrixOnHost::copy_panel(const Tile& tile, std::int64_t first_k, std::int64_t depth,
-                                     Workspace::Memory& memory) const {
+void MatrixOnHost::copy_panel(const Tile& tile, std::int64_t first_k, std::int64_t depth,
+                              Workspace::Memory& memory) const {
   const double* from = product_.b + first_k * product_.n + tile.first_column;
   for (std::int64_t k = 0; k < depth; ++k, from += product_.n) {
     double* to = memory.panel + k * kPanel;
@@ -183,13 +179,13 @@ void MatrixOnHost::plan_row(const Tile& tile, std::int64_t row, Workspace::Memor
   for (std::int64_t column = 0; column < kPanel; ++column) {
     memory.counts[row][column] = {};
     memory.lost[row][column] = 0;
-    memory.bias[row][column] = 1.5;
+    memory.bias[row][column] = arithmetic::slice_bias(0);
     if (column >= tile.columns) {
       continue;
     }
     const arithmetic::ElementPlan element = plan(tile, row, column);
     if (element.suits(kSlices)) {
-      memory.bias[row][column] = arithmetic::element_bias(element.bias_exponent);
+      memory.bias[row][column] = arithmetic::slice_bias(element.bias_exponent);
     } else {
       memory.lost[row][column] = ~std::uint64_t{0};
     }
@@ -205,15 +201,15 @@ void MatrixOnHost::pass_row(const Tile& tile, std::int64_t row, std::int64_t fir
   Slices first(Lanes::load(memory.bias[row]));
   Slices second(Lanes::load(memory.bias[row] + Lanes::kCount));
   for (std::int64_t k = 0; k < depth; ++k, b += kPanel) {
-    const Lanes::Value factor = Lanes::broadcast(a[k]);
+    const Lanes::Value factor = Lanes::Value(a[k]);
     first.add_product(factor, Lanes::load(b));
     second.add_product(factor, Lanes::load(b + Lanes::kCount));
   }
   for (int lane = 0; lane < Lanes::kCount; ++lane) {
     arithmetic::keep_counts<0>(first, lane, memory.counts[row][lane]);
     arithmetic::keep_counts<0>(second, lane, memory.counts[row][Lanes::kCount + lane]);
-    memory.lost[row][lane] |= first.lost()[lane];
-    memory.lost[row][Lanes::kCount + lane] |= second.lost()[lane];
+    memory.lost[row][lane] |= arithmetic::lane(first.lost(), lane);
+    memory.lost[row][Lanes::kCount + lane] |= arithmetic::lane(second.lost(), lane);
   }
 }
 
@@ -226,7 +222,7 @@ bool MatrixOnHost::finish_row(const Tile& tile, std::int64_t row, Workspace::Mem
     const std::int64_t j = tile.first_column + column;
     const arithmetic::ElementPlan element = plan(tile, row, column);
     double limbs[arithmetic::kElementLimbs];
-    if (memory.lost[row][column] << 1 == 0) {
+    if (!arithmetic::has_rest(memory.lost[row][column])) {
       memory.counts[row][column].round<kSlices>(element.bias_exponent, limbs);
     } else if (kSlices < arithmetic::kManySlices && element.suits(arithmetic::kManySlices)) {
       is_finished = false;
@@ -241,7 +237,7 @@ bool MatrixOnHost::finish_row(const Tile& tile, std::int64_t row, Workspace::Mem
 }
 
 // The lanes go along the columns, which are copied piece by piece.
-inline void MatrixOnHost::sum_along_columns(const Tile& tile, Workspace::Memory& memory) const {
+void MatrixOnHost::sum_along_columns(const Tile& tile, Workspace::Memory& memory) const {
   for (std::int64_t column = 0; column < tile.columns; ++column) {
     for (std::int64_t row = 0; row < tile.rows; ++row) {
       const double* a = product_.a + (tile.first_row + row) * product_.k;
@@ -262,10 +258,12 @@ inline void MatrixOnHost::sum_along_columns(const Tile& tile, Workspace::Memory&
   }
 }
 
-// Below it a thread costs more than it saves.
+// Fewer products are not worth a thread.
 constexpr std::int64_t kLeastProductsOfThread = 1 << 18;
 
-inline void multiply_on_host(const MatrixProduct& product, int threads) {
+}  // namespace
+
+void multiply_on_host(const MatrixProduct& product, int threads) {
   if (product.m <= 0 || product.n <= 0) {
     return;
   }
@@ -273,15 +271,28 @@ inline void multiply_on_host(const MatrixProduct& product, int threads) {
   const std::int64_t tiles = matrix.tiles();
   const std::int64_t products = product.m * product.n * std::max<std::int64_t>(product.k, 1);
   const std::int64_t useful = std::min(tiles, products / kLeastProductsOfThread);
-  const std::int64_t slices = std::max<std::int64_t>(1, std::min<std::int64_t>(useful, threads));
-  for_each_of_slices<MatrixOnHost::Workspace>(
-      tiles, static_cast<int>(slices),
+  const std::int64_t ranges = std::max<std::int64_t>(1, std::min<std::int64_t>(useful, threads));
+  for_each_of_ranges<MatrixOnHost::Workspace>(
+      tiles, static_cast<int>(ranges),
       [&matrix](std::int64_t begin, std::int64_t end, MatrixOnHost::Workspace& workspace) {
         for (std::int64_t tile = begin; tile < end; ++tile) {
           matrix.run_tile(tile, workspace);
         }
       },
       [](const MatrixOnHost::Workspace&) {});
+}
+
+// Arguments: a, b, c0, c1, c2, M, N, K.
+void run_matmul(const Arguments& arguments) {
+  const MatrixProduct product = {
+      arguments.array(0),
+      arguments.array(1),
+      {arguments.array(2), arguments.array(3), arguments.array(4)},
+      arguments.integer(5),
+      arguments.integer(6),
+      arguments.integer(7),
+  };
+  multiply_on_host(product, arguments.threads());
 }
 
 }  // namespace korvex::host

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// C interface of the kernels compiled for the host; the libraries for all
-// instruction sets have it.
+// C interface of the kernels compiled for the host: every library has it, whatever its instruction
+// set.
 //
 // It follows the shape of the driver's launch: a kernel, a grid, a block and pointers to arguments.
 // Nothing is checked here: the caller holds the table of parameters and has checked by it. Each

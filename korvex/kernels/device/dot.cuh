@@ -1,16 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// Kernels of the dot products and of the matrix product.
+// Kernels of the two dot products: by one thread in index order, and by all threads of a grid.
 #pragma once
 
+#include <new>
+
 #include "korvex/arithmetic/exact/chunked_sum.h"
-#include "korvex/arithmetic/exact/dot.h"
 #include "korvex/arithmetic/exact/exact_product_sum.h"
-#include "korvex/arithmetic/exact/matrix_product.h"
 #include "korvex/arithmetic/exact/products.h"
-#include "korvex/kernels/device/device_lanes.cuh"
-#include "korvex/kernels/device/device_thread.cuh"
+#include "korvex/kernels/device/lanes.cuh"
 #include "korvex/kernels/device/parallel_dot.h"
 #include "korvex/kernels/device/staged_sum.cuh"
+#include "korvex/kernels/device/thread.cuh"
+#include "korvex/kernels/table.h"
 
 namespace korvex::kernels {
 
@@ -66,16 +67,11 @@ __device__ __forceinline__ void add_staged_products(const double* x, const doubl
 // Launches of tqx_dot_kernel never overlap: all are made on the null stream of the device.
 __device__ DotGridMemory dot_grid_memory;
 
-__device__ __forceinline__ std::int64_t thread_along(unsigned block, unsigned threads,
-                                                     unsigned thread) {
-  return std::int64_t{block} * threads + thread;
-}
-
 }  // namespace korvex::kernels
 
 // out[0] to out[3]: the sum of the products of x and y. One thread does it all; others leave at
 // once.
-extern "C" __global__ void __launch_bounds__(256)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kMostThreadsOfFunction)
     tqx_dot_seq_kernel(const double* x, const double* y, double* out, long long n) {
   using namespace korvex;
   using arithmetic::ExactProductSum;
@@ -90,34 +86,11 @@ extern "C" __global__ void __launch_bounds__(256)
 }
 
 // out[0], out_err[0] and out_err2[0]: the first three limbs of the sum of the products of x and y.
-extern "C" __global__ void __launch_bounds__(256)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock)
     tqx_dot_kernel(const double* x, const double* y, double* out, double* out_err, double* out_err2,
                    long long n) {
   using namespace korvex;
   __shared__ kernels::DotBlockMemory block;
   kernels::dot_by_grid(kernels::DeviceThread(), x, y, out, out_err, out_err2, n, block,
                        kernels::dot_grid_memory);
-}
-
-// c0, c1, c2: the limbs of a times b. A thread takes the element of its place, x along the columns,
-// and further ones where the grid is smaller than the product.
-extern "C" __global__ void __launch_bounds__(256)
-    tqx_matmul_kernel(const double* a, const double* b, double* c0, double* c1, double* c2,
-                      long long M, long long N, long long K) {
-  using namespace korvex;
-  const std::int64_t row_stride = std::int64_t{gridDim.y} * blockDim.y;
-  const std::int64_t column_stride = std::int64_t{gridDim.x} * blockDim.x;
-#pragma unroll 1
-  for (std::int64_t i = kernels::thread_along(blockIdx.y, blockDim.y, threadIdx.y); i < M;
-       i += row_stride) {
-#pragma unroll 1
-    for (std::int64_t j = kernels::thread_along(blockIdx.x, blockDim.x, threadIdx.x); j < N;
-         j += column_stride) {
-      double limbs[arithmetic::kElementLimbs];
-      arithmetic::matrix_element(a + i * K, b + j, N, K, limbs);
-      c0[i * N + j] = limbs[0];
-      c1[i * N + j] = limbs[1];
-      c2[i * N + j] = limbs[2];
-    }
-  }
 }

@@ -97,7 +97,7 @@ class DeviceThread {
   int threads_;
 };
 
-// Which one thread works in a kernel of one thread.
+// True in the one thread that works in a kernel of one thread.
 __device__ __forceinline__ bool is_first_thread_of_grid() {
   return blockIdx.x == 0 && blockIdx.y == 0 && blockIdx.z == 0 && threadIdx.x == 0 &&
          threadIdx.y == 0 && threadIdx.z == 0;

@@ -1,0 +1,33 @@
+# SPDX-License-Identifier: Apache-2.0
+# The host kernels as a library, and the instruction sets for which it is compiled, from the oldest
+# processors on, with the options that allow them to the compiler.
+
+set(korvex_instruction_sets base fma avx512)
+set(korvex_options_of_base)
+set(korvex_options_of_fma -mfma -mavx2)
+# Compilers prefer shorter registers, as early processors with AVX-512 slowed down for it. g++ 12 with
+# AVX-512 stores {a, a, a, a} for the constant {a, a, a, 0} where it has put straight-line code into a
+# vector (tests/cpp/test_sum.cpp fails then); the vectors that count are written as such, or in loops.
+set(korvex_options_of_avx512
+  -mfma -mavx2 -mavx512f -mavx512dq -mavx512vl -mprefer-vector-width=512
+  -fno-tree-slp-vectorize)
+
+get_filename_component(korvex_tree "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
+
+# korvex_add_host_kernels(TARGET OPTION...): needs KorvexFlags and Threads.
+function(korvex_add_host_kernels target)
+  set(folder "${korvex_tree}/korvex/kernels/host")
+  add_library(${target} SHARED
+    "${folder}/dot.cpp"
+    "${folder}/launch.cpp"
+    "${folder}/matrix_product.cpp"
+    "${folder}/pairs.cpp"
+    "${folder}/reductions.cpp"
+    "${folder}/rms_norm.cpp"
+    "${folder}/sum.cpp"
+    "${folder}/unary.cpp")
+  target_include_directories(${target} PRIVATE "${korvex_tree}")
+  target_link_libraries(${target} PRIVATE korvex_flags Threads::Threads)
+  target_compile_options(${target} PRIVATE ${ARGN})
+  korvex_export_only(${target} "korvex_host_*")
+endfunction()

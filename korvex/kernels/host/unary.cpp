@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: Apache-2.0
+// Shells of the kernels of one operand for the host: one result for each element.
+#include "korvex/arithmetic/elementary/unary.h"
+
+#include <cstdint>
+
+#include "korvex/arithmetic/elementary/logarithm.h"
+#include "korvex/arithmetic/elementary/logistic.h"
+#include "korvex/kernels/host/elements.h"
+#include "korvex/kernels/host/lanes.h"
+#include "korvex/kernels/host/shells.h"
+#include "korvex/kernels/host/threads.h"
+
+namespace korvex::host {
+namespace {
+
+using arithmetic::ElementLanes;
+using arithmetic::RoundedOf;
+using Real = ElementLanes::Value;
+
+// Arguments: x, out, n.
+template <double (*Function)(double)>
+void run_unary(const Arguments& arguments) {
+  for_each_element(arguments.array(0), arguments.array(1), arguments.integer(2),
+                   arguments.threads(), [](double x) { return Function(x); });
+}
+
+template <double (*Function)(double)>
+__attribute__((noinline)) double out_of_line(double x) {
+  return Function(x);
+}
+
+// Writes the lanes that the first try has not decided.
+template <double (*Function)(double)>
+__attribute__((noinline)) void finish_undecided(Real x, const RoundedOf<Real>& tried, double* out) {
+  for (int lane = 0; lane < ElementLanes::kCount; ++lane) {
+    if (!arithmetic::lane(tried.decided, lane)) {
+      out[lane] = Function(arithmetic::lane(x, lane));
+    }
+  }
+}
+
+// The same for a function whose first try decides nearly every element, several at a time. All
+// other steps are calls, so that the loop holds the first try alone.
+template <RoundedOf<Real> (*Try)(Real), double (*Function)(double)>
+void run_tried_unary(const Arguments& arguments) {
+  const double* x = arguments.array(0);
+  double* out = arguments.array(1);
+  for_each_range(arguments.integer(2), arguments.threads(),
+                 [=](std::int64_t begin, std::int64_t end) {
+                   std::int64_t i = begin;
+                   for (; i + ElementLanes::kCount <= end; i += ElementLanes::kCount) {
+                     const Real argument = ElementLanes::load(x + i);
+                     const auto tried = Try(argument);
+                     ElementLanes::store(out + i, tried.value);
+                     if (!arithmetic::all(tried.decided)) {
+                       finish_undecided<Function>(argument, tried, out + i);
+                     }
+                   }
+                   for (; i < end; ++i) {
+                     out[i] = out_of_line<Function>(x[i]);
+                   }
+                 });
+}
+
+}  // namespace
+
+void run_relu(const Arguments& arguments) { run_unary<arithmetic::relu>(arguments); }
+void run_neg(const Arguments& arguments) { run_unary<arithmetic::negated>(arguments); }
+void run_sqrt(const Arguments& arguments) { run_unary<arithmetic::square_root>(arguments); }
+
+void run_exp(const Arguments& arguments) {
+  run_tried_unary<arithmetic::try_exponential, arithmetic::exponential>(arguments);
+}
+
+void run_log(const Arguments& arguments) {
+  run_tried_unary<arithmetic::try_logarithm, arithmetic::logarithm>(arguments);
+}
+
+void run_sigmoid(const Arguments& arguments) {
+  run_tried_unary<arithmetic::try_sigmoid, arithmetic::sigmoid>(arguments);
+}
+
+void run_tanh(const Arguments& arguments) {
+  run_tried_unary<arithmetic::try_tanh, arithmetic::hyperbolic_tangent>(arguments);
+}
+
+// Arguments: x, negative_slope, out, n.
+void run_leaky_relu(const Arguments& arguments) {
+  const double slope = arguments.number(1);
+  for_each_element(arguments.array(0), arguments.array(2), arguments.integer(3),
+                   arguments.threads(),
+                   [slope](double x) { return arithmetic::leaky_relu(x, slope); });
+}
+
+}  // namespace korvex::host
