@@ -13,51 +13,16 @@ import sys
 import types
 from collections.abc import Iterator
 from pathlib import Path
-from typing import Any
 
 import torch
 
+import korvex.emulation._operations  # noqa: F401  (registers the rules of all operations)
 from korvex.emulation import _cuda, _factories, _library, _stand_ins
+from korvex.emulation._device import EmulatedDevice
 from korvex.emulation._patches import Patches
 
 _RUNTIME = "korvex.tqx_runtime"
 _LOADER = "korvex.cubin_loader_native"
-_ABSENT = object()
-
-
-class EmulatedDevice:
-    """The emulated device of this process.
-
-    Parameters
-    ----------
-    library : HostLibrary
-    """
-
-    def __init__(self, library: _library.HostLibrary) -> None:
-        self._library = library
-
-    @property
-    def threads(self) -> int:
-        """Host threads that one kernel may use."""
-        return self._library.threads
-
-    @property
-    def instruction_set(self) -> str:
-        """Which build of the kernels runs: "base", "fma" or "avx512"."""
-        return self._library.instruction_set
-
-    @property
-    def library(self) -> Path:
-        """The file of the kernels."""
-        return self._library.path
-
-    @property
-    def name(self) -> str:
-        """What `torch.cuda.get_device_name` tells."""
-        return f"korvex emulated CUDA device ({self.instruction_set})"
-
-    def __str__(self) -> str:
-        return f"{self.name}, {self.threads} threads, {self.library}"
 
 
 def activate(
@@ -66,7 +31,7 @@ def activate(
     instruction_set: str | None,
     library: Path | None,
 ) -> EmulatedDevice:
-    """Do what `korvex.emulation.activate` tells; `active` is what an earlier call left."""
+    """Do what `korvex.emulation.activate` documents; `active` is what an earlier call left."""
     if threads is not None and threads < 1:
         raise ValueError(f"threads must be at least 1, not {threads}")
     if instruction_set not in (None, *_library.INSTRUCTION_SETS):
@@ -115,7 +80,7 @@ def _activate_first(
         _factories.install(patches)
         _cuda.install(patches, device.name)
         cupy, loader = _stand_ins.make_cupy(), _stand_ins.make_loader_module(_LOADER, library)
-        with _in_sys_modules({"cupy": cupy, _LOADER: loader}):
+        with _found_by_imports({"cupy": cupy, _LOADER: loader}):
             importlib.import_module(_RUNTIME)
     except BaseException:
         patches.undo()
@@ -124,23 +89,14 @@ def _activate_first(
 
 
 @contextlib.contextmanager
-def _in_sys_modules(modules: dict[str, types.ModuleType]) -> Iterator[None]:
+def _found_by_imports(modules: dict[str, types.ModuleType]) -> Iterator[None]:
     """Let imports find these modules, and afterwards what they found before."""
     package, _, attribute = _LOADER.rpartition(".")
-    owner = vars(importlib.import_module(package))
-    before = {name: sys.modules.get(name, _ABSENT) for name in modules}
-    attribute_before = owner.get(attribute, _ABSENT)
-    sys.modules.update(modules)
+    patches = Patches()
+    for name, module in modules.items():
+        patches.set_item(sys.modules, name, module)
+    patches.set(importlib.import_module(package), attribute, modules[_LOADER])
     try:
         yield
     finally:
-        _restore(sys.modules, before)
-        _restore(owner, {attribute: attribute_before})
-
-
-def _restore(names: dict[str, Any], before: dict[str, object]) -> None:
-    for name, value in before.items():
-        if value is _ABSENT:
-            names.pop(name, None)
-        else:
-            names[name] = value
+        patches.undo()

@@ -4,7 +4,7 @@
 An operation stands here by its own name: `add` is `torch.add`, `torch.Tensor.add` and `a + b`, and
 also the in-place and operator forms `add_`, `__add__`, `__radd__`, `__iadd__`. The functions of
 `torch.linalg` and `torch.fft` are named as in `linalg_solve`. Attributes are not listed: all can be
-read. A key of the table is a rule of `_operations.py`, told there and in a line above the key.
+read. A key of the table is a rule, explained in the line above it; `_operations.py` holds it.
 Whatever is not here is refused on the emulated device with `NotImplementedError`.
 """
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What `torch.cuda` tells and does while the emulated device stands in for a GPU.
+"""What `torch.cuda` answers and does while the emulated device stands in for a GPU.
 
 Only what programs ask in passing: is there a device, what is its name, wait for it, seed it. The
 emulated device draws its random numbers from the CPU's generator, so seeding either seeds both.

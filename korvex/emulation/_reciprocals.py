@@ -15,7 +15,8 @@ from typing import Any
 import numpy
 import torch
 
-from korvex.emulation._tensor import Tensor, as_host
+from korvex.emulation._dispatch import as_host
+from korvex.emulation._tensor import Tensor
 
 _COMPUTED_IN = {torch.float16: torch.float32, torch.bfloat16: torch.float32}
 _TYPE_OF_NUMBER = {
