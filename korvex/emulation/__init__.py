@@ -11,7 +11,6 @@ from __future__ import annotations
 import os
 import threading
 from collections.abc import Callable
-from pathlib import Path
 from typing import TYPE_CHECKING, Any
 
 from korvex.emulation import _device
@@ -59,16 +58,18 @@ def activate(
         If `korvex.tqx_runtime` was already imported with another loader, if this process already
         uses a real CUDA device, if the processor lacks the instructions asked for, or if an earlier
         call chose another `instruction_set` or `library`.
+    TypeError
+        If an argument is not of its type; `threads` is an `int` itself, not of a class below it.
     ValueError
-        If `threads` is below 1 or `instruction_set` is unknown.
+        If `threads` is below 1 or above 2^31 - 1, `instruction_set` is unknown, or `library` is no
+        path.
     ImportError
         If a kernel library or `korvex.tqx_runtime` cannot be loaded.
     """
     from korvex.emulation import _activation
 
     with _activating:
-        path = None if library is None else Path(library)
-        _device.active = _activation.activate(_device.active, threads, instruction_set, path)
+        _device.active = _activation.activate(_device.active, threads, instruction_set, library)
         return _device.active
 
 

@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import contextlib
 import importlib
+import os
 import sys
 import types
 from collections.abc import Iterator
@@ -29,25 +30,20 @@ def activate(
     active: EmulatedDevice | None,
     threads: int | None,
     instruction_set: str | None,
-    library: Path | None,
+    library: str | os.PathLike[str] | None,
 ) -> EmulatedDevice:
     """Do what `korvex.emulation.activate` documents; `active` is what an earlier call left."""
-    if threads is not None and threads < 1:
-        raise ValueError(f"threads must be at least 1, not {threads}")
-    if instruction_set not in (None, *_library.INSTRUCTION_SETS):
-        *others, last = map(repr, _library.INSTRUCTION_SETS)
-        known = f"{', '.join(others)} or {last}"
-        raise ValueError(f"instruction_set must be {known}, not {instruction_set!r}")
-    if library is not None:
-        library = library.resolve()
+    _check_threads(threads)
+    _check_instruction_set(instruction_set)
+    path = _checked_path(library)
     if active is None:
-        return _activate_first(threads, instruction_set, library)
+        return _activate_first(threads, instruction_set, path)
     if instruction_set not in (None, active.instruction_set):
         raise RuntimeError(
             f"the emulated device is active with {active.instruction_set!r} instructions, "
             "and stays so for the life of the process"
         )
-    if library not in (None, active.library.resolve()):
+    if path not in (None, active.library.resolve()):
         raise RuntimeError(
             f"the emulated device is active with the kernels in {active.library}, "
             "and stays so for the life of the process"
@@ -55,6 +51,39 @@ def activate(
     if threads is not None:
         active._library.threads = threads
     return active
+
+
+def _check_threads(threads: object) -> None:
+    if threads is None:
+        return
+    if type(threads) is not int:
+        raise TypeError(f"threads must be an int, not {type(threads).__name__}")
+    if threads < 1:
+        raise ValueError(f"threads must be at least 1, not {threads}")
+    if threads > _library.MOST_THREADS:
+        raise ValueError(f"threads must be at most {_library.MOST_THREADS}, not {threads}")
+
+
+def _check_instruction_set(instruction_set: object) -> None:
+    if instruction_set is None:
+        return
+    if not isinstance(instruction_set, str):
+        raise TypeError(f"instruction_set must be a str, not {type(instruction_set).__name__}")
+    if instruction_set not in _library.INSTRUCTION_SETS:
+        *others, last = map(repr, _library.INSTRUCTION_SETS)
+        known = f"{', '.join(others)} or {last}"
+        raise ValueError(f"instruction_set must be {known}, not {instruction_set!r}")
+
+
+def _checked_path(library: object) -> Path | None:
+    if library is None:
+        return None
+    text = os.fspath(library) if isinstance(library, os.PathLike) else library
+    if not isinstance(text, str):
+        raise TypeError(f"library must be a str or a path of str, not {type(library).__name__}")
+    if "\0" in text:
+        raise ValueError(f"library must be a path, not {text!r}")
+    return Path(text).resolve()
 
 
 def _activate_first(

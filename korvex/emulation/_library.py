@@ -15,6 +15,8 @@ from korvex.emulation._signature import Parameter, parse
 INSTRUCTION_SETS = ("base", "fma", "avx512")
 _NEEDED = {"fma": "FMA and AVX2", "avx512": "AVX-512 (F, DQ and VL)"}
 
+MOST_THREADS = 2**31 - 1  # a C int
+
 _Extent = ctypes.c_uint * 3
 
 
