@@ -55,9 +55,10 @@ def activate(
     Raises
     ------
     RuntimeError
-        If `korvex.tqx_runtime` was already imported with another loader, if this process already
-        uses a real CUDA device, if the processor lacks the instructions asked for, or if an earlier
-        call chose another `instruction_set` or `library`.
+        If `korvex.tqx_runtime` was already imported with another loader, if torch already has the
+        emulated device of a `korvex` that was since taken out of `sys.modules`, if this process
+        already uses a real CUDA device, if the processor lacks the instructions asked for, or if an
+        earlier call chose another `instruction_set` or `library`.
     TypeError
         If an argument is not of its type; `threads` is an `int` itself, not of a class below it.
     ValueError

@@ -24,6 +24,8 @@ from korvex.emulation._patches import Patches
 
 _RUNTIME = "korvex.tqx_runtime"
 _LOADER = "korvex.cubin_loader_native"
+# An attribute of `torch.cuda` while it is changed: torch outlives what is deleted of sys.modules.
+_MARK = "_korvex_emulated_device"
 
 
 def activate(
@@ -89,6 +91,11 @@ def _checked_path(library: object) -> Path | None:
 def _activate_first(
     threads: int | None, instruction_set: str | None, path: Path | None
 ) -> EmulatedDevice:
+    if hasattr(torch.cuda, _MARK):
+        raise RuntimeError(
+            "torch already has the emulated device of a korvex that was imported before and is no "
+            "longer in sys.modules; it stays so for the life of the process"
+        )
     if _RUNTIME in sys.modules:
         raise RuntimeError(
             f"{_RUNTIME} was imported before korvex.emulation.activate() was called, "
@@ -108,6 +115,7 @@ def _activate_first(
     try:
         _factories.install(patches)
         _cuda.install(patches, device.name)
+        patches.set(torch.cuda, _MARK, device)
         cupy, loader = _stand_ins.make_cupy(), _stand_ins.make_loader_module(_LOADER, library)
         with _found_by_imports({"cupy": cupy, _LOADER: loader}):
             importlib.import_module(_RUNTIME)
