@@ -11,7 +11,7 @@ from typing import Any, NoReturn
 
 import torch
 
-from korvex.emulation import _factories, _reciprocals
+from korvex.emulation import _factories, _reciprocals, _rounding
 from korvex.emulation._dispatch import SAME_DEVICE, Call, accessor, as_host, refuse, rule
 from korvex.emulation._tensor import DEVICE, Tensor, adopt, type_as
 
@@ -43,6 +43,12 @@ def _refuse_mixed_devices() -> NoReturn:
         "Expected all tensors to be on the same device, "
         f"but found at least two devices, {DEVICE} and cpu!"
     )
+
+
+@rule("rounded as on CUDA")
+def _rounded(call: Call) -> Any:
+    check_devices(call, numbers_pass=True)
+    return adopt(_rounding.run(call))
 
 
 @rule("division")
