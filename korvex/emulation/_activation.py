@@ -18,7 +18,7 @@ from pathlib import Path
 import torch
 
 import korvex.emulation._operations  # noqa: F401  (registers the rules of all operations)
-from korvex.emulation import _cuda, _factories, _library, _stand_ins
+from korvex.emulation import _autograd, _cuda, _factories, _library, _stand_ins
 from korvex.emulation._device import EmulatedDevice
 from korvex.emulation._patches import Patches
 
@@ -114,6 +114,7 @@ def _activate_first(
     patches = Patches()
     try:
         _factories.install(patches)
+        _autograd.install(patches)
         _cuda.install(patches, device.name)
         patches.set(torch.cuda, _MARK, device)
         cupy, loader = _stand_ins.make_cupy(), _stand_ins.make_loader_module(_LOADER, library)

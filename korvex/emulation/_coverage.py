@@ -68,7 +68,8 @@ TABLE: dict[str, set[str]] = {
         scatter_add take
         bfloat16 bool byte char clone double float half int long short cdouble cfloat
         bernoulli_ exponential_ fill fill_ normal_ random_ uniform_ zero_
-        fold pad
+        fold pad linear softmax log_softmax
+        cross_entropy huber_loss l1_loss mse_loss nll_loss smooth_l1_loss
         backward grad requires_grad_ retain_grad
         __contains__ __reversed__
     """),
