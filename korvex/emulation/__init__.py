@@ -11,15 +11,15 @@ from __future__ import annotations
 import os
 import threading
 from collections.abc import Callable
-from pathlib import Path
 from typing import TYPE_CHECKING, Any
 
+from korvex.emulation import _device
+
 if TYPE_CHECKING:
-    from korvex.emulation._activation import EmulatedDevice
+    from korvex.emulation._device import EmulatedDevice
 
 __all__ = ["activate", "active_device", "cover", "covered"]
 
-_active: EmulatedDevice | None = None
 _activating = threading.Lock()
 
 
@@ -55,26 +55,28 @@ def activate(
     Raises
     ------
     RuntimeError
-        If `korvex.tqx_runtime` was already imported with another loader, if this process already
-        uses a real CUDA device, if the processor lacks the instructions asked for, or if an earlier
-        call chose another `instruction_set` or `library`.
+        If `korvex.tqx_runtime` was already imported with another loader, if torch already has the
+        emulated device of a `korvex` that was since taken out of `sys.modules`, if this process
+        already uses a real CUDA device, if the processor lacks the instructions asked for, or if an
+        earlier call chose another `instruction_set` or `library`.
+    TypeError
+        If an argument is not of its type; `threads` is an `int` itself, not of a class below it.
     ValueError
-        If `threads` is below 1 or `instruction_set` is unknown.
+        If `threads` is below 1 or above 2^31 - 1, `instruction_set` is unknown, or `library` is no
+        path.
     ImportError
         If a kernel library or `korvex.tqx_runtime` cannot be loaded.
     """
-    global _active
     from korvex.emulation import _activation
 
     with _activating:
-        path = None if library is None else Path(library)
-        _active = _activation.activate(_active, threads, instruction_set, path)
-        return _active
+        _device.active = _activation.activate(_device.active, threads, instruction_set, library)
+        return _device.active
 
 
 def active_device() -> EmulatedDevice | None:
     """Return what `activate` returned, or None as long as it was not called."""
-    return _active
+    return _device.active
 
 
 def cover(*operations: str | Callable[..., Any]) -> None:
@@ -95,10 +97,10 @@ def cover(*operations: str | Callable[..., Any]) -> None:
     ValueError
         For a name that the table already holds with rules of its own.
     """
-    from korvex.emulation import _operations
+    from korvex.emulation import _dispatch
 
     for operation in operations:
-        _operations.cover(operation if isinstance(operation, str) else operation.__name__)
+        _dispatch.cover(operation if isinstance(operation, str) else operation.__name__)
 
 
 def covered() -> dict[str, frozenset[str]]:

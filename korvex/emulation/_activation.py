@@ -9,80 +9,43 @@ from __future__ import annotations
 
 import contextlib
 import importlib
+import os
 import sys
 import types
 from collections.abc import Iterator
 from pathlib import Path
-from typing import Any
 
 import torch
 
-from korvex.emulation import _cuda, _factories, _library, _stand_ins
+import korvex.emulation._operations  # noqa: F401  (registers the rules of all operations)
+from korvex.emulation import _autograd, _cuda, _factories, _library, _stand_ins
+from korvex.emulation._device import EmulatedDevice
 from korvex.emulation._patches import Patches
 
 _RUNTIME = "korvex.tqx_runtime"
 _LOADER = "korvex.cubin_loader_native"
-_ABSENT = object()
-
-
-class EmulatedDevice:
-    """The emulated device of this process.
-
-    Parameters
-    ----------
-    library : HostLibrary
-    """
-
-    def __init__(self, library: _library.HostLibrary) -> None:
-        self._library = library
-
-    @property
-    def threads(self) -> int:
-        """Host threads that one kernel may use."""
-        return self._library.threads
-
-    @property
-    def instruction_set(self) -> str:
-        """Which build of the kernels runs: "base", "fma" or "avx512"."""
-        return self._library.instruction_set
-
-    @property
-    def library(self) -> Path:
-        """The file of the kernels."""
-        return self._library.path
-
-    @property
-    def name(self) -> str:
-        """What `torch.cuda.get_device_name` tells."""
-        return f"korvex emulated CUDA device ({self.instruction_set})"
-
-    def __str__(self) -> str:
-        return f"{self.name}, {self.threads} threads, {self.library}"
+# An attribute of `torch.cuda` while it is changed: torch outlives what is deleted of sys.modules.
+_MARK = "_korvex_emulated_device"
 
 
 def activate(
     active: EmulatedDevice | None,
     threads: int | None,
     instruction_set: str | None,
-    library: Path | None,
+    library: str | os.PathLike[str] | None,
 ) -> EmulatedDevice:
-    """Do what `korvex.emulation.activate` tells; `active` is what an earlier call left."""
-    if threads is not None and threads < 1:
-        raise ValueError(f"threads must be at least 1, not {threads}")
-    if instruction_set not in (None, *_library.INSTRUCTION_SETS):
-        *others, last = map(repr, _library.INSTRUCTION_SETS)
-        known = f"{', '.join(others)} or {last}"
-        raise ValueError(f"instruction_set must be {known}, not {instruction_set!r}")
-    if library is not None:
-        library = library.resolve()
+    """Do what `korvex.emulation.activate` documents; `active` is what an earlier call left."""
+    _check_threads(threads)
+    _check_instruction_set(instruction_set)
+    path = _checked_path(library)
     if active is None:
-        return _activate_first(threads, instruction_set, library)
+        return _activate_first(threads, instruction_set, path)
     if instruction_set not in (None, active.instruction_set):
         raise RuntimeError(
             f"the emulated device is active with {active.instruction_set!r} instructions, "
             "and stays so for the life of the process"
         )
-    if library not in (None, active.library.resolve()):
+    if path not in (None, active.library.resolve()):
         raise RuntimeError(
             f"the emulated device is active with the kernels in {active.library}, "
             "and stays so for the life of the process"
@@ -92,9 +55,47 @@ def activate(
     return active
 
 
+def _check_threads(threads: object) -> None:
+    if threads is None:
+        return
+    if type(threads) is not int:
+        raise TypeError(f"threads must be an int, not {type(threads).__name__}")
+    if threads < 1:
+        raise ValueError(f"threads must be at least 1, not {threads}")
+    if threads > _library.MOST_THREADS:
+        raise ValueError(f"threads must be at most {_library.MOST_THREADS}, not {threads}")
+
+
+def _check_instruction_set(instruction_set: object) -> None:
+    if instruction_set is None:
+        return
+    if not isinstance(instruction_set, str):
+        raise TypeError(f"instruction_set must be a str, not {type(instruction_set).__name__}")
+    if instruction_set not in _library.INSTRUCTION_SETS:
+        *others, last = map(repr, _library.INSTRUCTION_SETS)
+        known = f"{', '.join(others)} or {last}"
+        raise ValueError(f"instruction_set must be {known}, not {instruction_set!r}")
+
+
+def _checked_path(library: object) -> Path | None:
+    if library is None:
+        return None
+    text = os.fspath(library) if isinstance(library, os.PathLike) else library
+    if not isinstance(text, str):
+        raise TypeError(f"library must be a str or a path of str, not {type(library).__name__}")
+    if "\0" in text:
+        raise ValueError(f"library must be a path, not {text!r}")
+    return Path(text).resolve()
+
+
 def _activate_first(
     threads: int | None, instruction_set: str | None, path: Path | None
 ) -> EmulatedDevice:
+    if hasattr(torch.cuda, _MARK):
+        raise RuntimeError(
+            "torch already has the emulated device of a korvex that was imported before and is no "
+            "longer in sys.modules; it stays so for the life of the process"
+        )
     if _RUNTIME in sys.modules:
         raise RuntimeError(
             f"{_RUNTIME} was imported before korvex.emulation.activate() was called, "
@@ -113,9 +114,11 @@ def _activate_first(
     patches = Patches()
     try:
         _factories.install(patches)
+        _autograd.install(patches)
         _cuda.install(patches, device.name)
+        patches.set(torch.cuda, _MARK, device)
         cupy, loader = _stand_ins.make_cupy(), _stand_ins.make_loader_module(_LOADER, library)
-        with _in_sys_modules({"cupy": cupy, _LOADER: loader}):
+        with _found_by_imports({"cupy": cupy, _LOADER: loader}):
             importlib.import_module(_RUNTIME)
     except BaseException:
         patches.undo()
@@ -124,23 +127,14 @@ def _activate_first(
 
 
 @contextlib.contextmanager
-def _in_sys_modules(modules: dict[str, types.ModuleType]) -> Iterator[None]:
+def _found_by_imports(modules: dict[str, types.ModuleType]) -> Iterator[None]:
     """Let imports find these modules, and afterwards what they found before."""
     package, _, attribute = _LOADER.rpartition(".")
-    owner = vars(importlib.import_module(package))
-    before = {name: sys.modules.get(name, _ABSENT) for name in modules}
-    attribute_before = owner.get(attribute, _ABSENT)
-    sys.modules.update(modules)
+    patches = Patches()
+    for name, module in modules.items():
+        patches.set_item(sys.modules, name, module)
+    patches.set(importlib.import_module(package), attribute, modules[_LOADER])
     try:
         yield
     finally:
-        _restore(sys.modules, before)
-        _restore(owner, {attribute: attribute_before})
-
-
-def _restore(names: dict[str, Any], before: dict[str, object]) -> None:
-    for name, value in before.items():
-        if value is _ABSENT:
-            names.pop(name, None)
-        else:
-            names[name] = value
+        patches.undo()

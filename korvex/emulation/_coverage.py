@@ -4,7 +4,7 @@
 An operation stands here by its own name: `add` is `torch.add`, `torch.Tensor.add` and `a + b`, and
 also the in-place and operator forms `add_`, `__add__`, `__radd__`, `__iadd__`. The functions of
 `torch.linalg` and `torch.fft` are named as in `linalg_solve`. Attributes are not listed: all can be
-read. A key of the table is a rule of `_operations.py`, told there and in a line above the key.
+read. A key of the table is a rule, explained in the line above it; `_operations.py` holds it.
 Whatever is not here is refused on the emulated device with `NotImplementedError`.
 """
 
@@ -34,17 +34,19 @@ TABLE: dict[str, set[str]] = {
         add mul multiply neg negative pos positive rsub sub subtract
         abs absolute conj conj_physical resolve_conj resolve_neg sgn sign signbit square
         angle complex imag polar real view_as_complex view_as_real
-        exp exp2 expm1 log log10 log1p log2 pow rpow reciprocal rsqrt sigmoid sqrt
+        exp exp2 expm1 log log10 log1p log2 rpow reciprocal rsqrt sigmoid
         acos acosh asin asinh atan atan2 atanh arctan2 cos cosh hypot sin sinh tan tanh
-        ceil fix floor frac round trunc fmod remainder mod
+        ceil fix floor frac round trunc
         clamp clamp_max clamp_min clip copysign fmax fmin max maximum min minimum nextafter relu
         eq ge greater greater_equal gt le less less_equal lt ne not_equal
         isclose isfinite isinf isnan isneginf isposinf nan_to_num
         bitwise_and bitwise_not bitwise_or bitwise_xor and invert lshift or rshift xor
         logical_and logical_not logical_or logical_xor
         addcdiv addcmul fma lerp masked_fill where
-        __rand__ __rdiv__ __rmod__ __rpow__ __rtruediv__
+        __rand__ __rdiv__ __rpow__ __rtruediv__
     """),
+    # The same, with an exact root or remainder in place of what torch computes on the CPU.
+    "rounded as on CUDA": _names("fmod mod pow remainder sqrt __rmod__"),
     # True division: by a number it multiplies with the reciprocal, as CUDA does.
     "division": _names("div divide true_divide truediv"),
     # Everything else that computes or views: all tensors must be on the emulated device.
@@ -66,7 +68,8 @@ TABLE: dict[str, set[str]] = {
         scatter_add take
         bfloat16 bool byte char clone double float half int long short cdouble cfloat
         bernoulli_ exponential_ fill fill_ normal_ random_ uniform_ zero_
-        fold pad
+        fold pad linear softmax log_softmax
+        cross_entropy huber_loss l1_loss mse_loss nll_loss smooth_l1_loss
         backward grad requires_grad_ retain_grad
         __contains__ __reversed__
     """),

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What `torch.cuda` tells and does while the emulated device stands in for a GPU.
+"""What `torch.cuda` answers and does while the emulated device stands in for a GPU.
 
 Only what programs ask in passing: is there a device, what is its name, wait for it, seed it. The
 emulated device draws its random numbers from the CPU's generator, so seeding either seeds both.
@@ -9,6 +9,7 @@ What is not here asks for a driver, as before.
 from __future__ import annotations
 
 import contextlib
+import types
 from typing import Any
 
 import torch
@@ -28,6 +29,7 @@ def install(patches: Patches, device_name: str) -> None:
         "device": _Device,
         "synchronize": lambda device=None: _checked(device, None),
         "init": lambda: None,
+        "is_current_stream_capturing": lambda: False,
         "empty_cache": lambda: None,
         "ipc_collect": lambda: None,
         "reset_peak_memory_stats": lambda device=None: _checked(device, None),
@@ -41,6 +43,9 @@ def install(patches: Patches, device_name: str) -> None:
     }
     for name, answer in answers.items():
         patches.set(torch.cuda, name, answer)
+    # Adam asks whether a graph is being captured, for CPU tensors too as soon as there is a device.
+    stream = types.SimpleNamespace(is_capturing=lambda: False, synchronize=lambda: None)
+    patches.set(torch.accelerator, "current_stream", lambda device=None: _checked(device, stream))
 
 
 class _Device(contextlib.AbstractContextManager[None]):

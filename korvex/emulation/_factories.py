@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """The functions and methods of torch that are replaced because they make or move tensors.
 
-torch asks nobody before it makes a tensor on a device, so these stand in its place: those that are
-told, or by the default device mean, the emulated device do their work in host memory; all other
-calls go to torch unchanged.
+torch offers no way to be asked before it makes a tensor on a device, so these functions stand in
+place of its own. A call whose `device` argument or default device is the emulated one does its work
+in host memory; every other call goes to torch unchanged.
 """
 
 from __future__ import annotations
@@ -18,15 +18,9 @@ from torch.utils._device import DeviceContext, _device_constructors
 
 from korvex.emulation import _tensor
 from korvex.emulation._coverage import TABLE
+from korvex.emulation._dispatch import as_host, not_covered
 from korvex.emulation._patches import Patches
-from korvex.emulation._tensor import (
-    DEVICE,
-    Tensor,
-    adopt,
-    as_host,
-    is_emulated_device,
-    not_covered,
-)
+from korvex.emulation._tensor import DEVICE, Tensor, adopt, is_emulated_device
 
 
 def install(patches: Patches) -> None:
@@ -37,13 +31,10 @@ def install(patches: Patches) -> None:
         "as_tensor": _as_tensor,
         "asarray": _asarray,
     }
-    for name in TABLE["factory"]:
+    makers = {name: special.get(name, _make) for name in TABLE["factory"]}
+    for name, make in (makers | dict.fromkeys(TABLE["refused"], _refuse)).items():
         original = getattr(torch, name)
-        make = special.get(name, _make)
         patches.set(torch, name, functools.wraps(original)(functools.partial(make, original)))
-    for name in TABLE["refused"]:
-        original = getattr(torch, name)
-        patches.set(torch, name, functools.wraps(original)(functools.partial(_refuse, original)))
     for name in TABLE["factory of an operand"]:
         owner = torch.Tensor if name.startswith("new_") else torch
         patches.set(owner, name, _like(getattr(owner, name)))

@@ -9,11 +9,14 @@ from collections.abc import Sequence
 from pathlib import Path
 from typing import Any, NamedTuple
 
+from korvex.emulation._daemons import call_and_survive_exit
 from korvex.emulation._signature import Parameter, parse
 
 # A processor that can run one can run those before it.
 INSTRUCTION_SETS = ("base", "fma", "avx512")
 _NEEDED = {"fma": "FMA and AVX2", "avx512": "AVX-512 (F, DQ and VL)"}
+
+MOST_THREADS = 2**31 - 1  # a C int
 
 _Extent = ctypes.c_uint * 3
 
@@ -74,8 +77,9 @@ class HostLibrary:
     ) -> None:
         """Run a kernel to its end on checked arguments; the interpreter lock is released."""
         pointers = (ctypes.c_void_p * len(values))(*map(ctypes.addressof, values))
-        failed = self._functions.korvex_host_launch(
-            kernel.number, _Extent(*grid), _Extent(*block), pointers, self.threads
+        failed = call_and_survive_exit(
+            self._functions.korvex_host_launch,
+            (kernel.number, _Extent(*grid), _Extent(*block), pointers, self.threads),
         )
         if failed:
             raise RuntimeError(f"{self.path} does not run {kernel.name}")

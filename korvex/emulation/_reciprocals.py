@@ -15,9 +15,11 @@ from typing import Any
 import numpy
 import torch
 
-from korvex.emulation._tensor import Tensor, as_host
+from korvex.emulation._dispatch import as_host
+from korvex.emulation._tensor import Tensor
 
-_COMPUTED_IN = {torch.float16: torch.float32, torch.bfloat16: torch.float32}
+# What torch computes in for the types that it only stores.
+COMPUTED_IN = {torch.float16: torch.float32, torch.bfloat16: torch.float32}
 _TYPE_OF_NUMBER = {
     bool: torch.bool,
     int: torch.int64,
@@ -39,9 +41,9 @@ def multiplies(dividend: Any, divisor: Any) -> bool:
         return common_dtype(dividend, divisor) != torch.complex32
 
 
-def common_dtype(dividend: torch.Tensor, divisor: Any) -> torch.dtype:
-    """Return the type of the quotient."""
-    dtype = torch.result_type(dividend, divisor)
+def common_dtype(*operands: Any) -> torch.dtype:
+    """Return the type of a quotient or a root: integers become floating-point numbers."""
+    dtype = torch.result_type(operands[0], operands[-1])
     return dtype if dtype.is_floating_point or dtype.is_complex else torch.get_default_dtype()
 
 
@@ -58,7 +60,7 @@ def quotient(dividend: torch.Tensor, divisor: Any, **kwargs: Any) -> torch.Tenso
         `out`, if anything.
     """
     dtype = common_dtype(dividend, divisor)
-    computed_in = _COMPUTED_IN.get(dtype, dtype)
+    computed_in = COMPUTED_IN.get(dtype, dtype)
     product = torch.mul(dividend.to(computed_in), _reciprocal(divisor, computed_in), **kwargs)
     return product if kwargs else product.to(dtype)
 

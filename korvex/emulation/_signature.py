@@ -4,6 +4,10 @@
 The text is that of the kernel table: ``x:f64[n] out:f64[4] n:i64``, where an array's brackets hold
 the least number of elements as a number, the name of an integer parameter or a product ``M*K``. All
 integers are sizes. A launch that passes the check reads and writes inside its arrays.
+
+The checks read numbers and tuples as the loader of a real device does in C: objects of subclasses
+of `int`, `float` and `tuple` are taken, and what counts is the number or the items that they hold,
+not what their methods answer. The messages are the loader's.
 """
 
 from __future__ import annotations
@@ -62,8 +66,8 @@ def _parse_one(word: str) -> Parameter:
 
 def check_arguments(
     kernel: str, parameters: tuple[Parameter, ...], arguments: tuple[Any, ...], array_type: type
-) -> None:
-    """Check the arguments of one launch.
+) -> list[Any]:
+    """Check the arguments of one launch, and return what the kernel gets.
 
     Parameters
     ----------
@@ -73,6 +77,11 @@ def check_arguments(
     arguments : tuple
         As the caller gave them; arrays are of `array_type` and have the members of `Array`.
     array_type : type
+
+    Returns
+    -------
+    list
+        An `int` or a `float` itself for each number; the arrays as they were given.
 
     Raises
     ------
@@ -86,23 +95,43 @@ def check_arguments(
         raise TypeError(
             f"{kernel} takes {len(parameters)} arguments ({names}), but got {len(arguments)}"
         )
-    given = dict(zip((p.name for p in parameters), arguments, strict=True))
-    for parameter in parameters:
-        _check_kind(kernel, parameter, given[parameter.name], array_type)
+    given = {
+        parameter.name: _value_of(kernel, parameter, argument, array_type)
+        for parameter, argument in zip(parameters, arguments, strict=True)
+    }
     for parameter in parameters:
         if parameter.kind == "array":
             _check_array(kernel, parameter, given)
+    return list(given.values())
 
 
-def _check_kind(kernel: str, parameter: Parameter, value: Any, array_type: type) -> None:
+def _value_of(kernel: str, parameter: Parameter, argument: Any, array_type: type) -> Any:
     expected: type = {"i64": int, "f64": float, "array": array_type}[parameter.kind]
-    if not isinstance(value, expected) or isinstance(value, bool):
+    if not _holds(argument, expected):
         raise TypeError(
             f"{kernel}: {parameter.name!r} must be of type {expected.__name__}, "
-            f"not {type(value).__name__}"
+            f"not {type(argument).__name__}"
         )
-    if isinstance(value, int) and not 0 <= value <= _MOST_I64:
-        raise ValueError(f"{kernel}: {parameter.name!r} must be a size in 64 bits, not {value}")
+    if parameter.kind == "array":
+        return argument
+    if parameter.kind == "f64":
+        return float.__float__(argument)
+    size = int.__int__(argument)
+    if not 0 <= size <= _MOST_I64:
+        raise ValueError(
+            f"{kernel}: {parameter.name!r} must be a size in 64 bits, not {argument!r}"
+        )
+    return size
+
+
+def _holds(value: Any, expected: type) -> bool:
+    """By the type itself: `isinstance` would ask the object, which may claim another class."""
+    return issubclass(type(value), expected) and type(value) is not bool
+
+
+def items_of(value: Any) -> tuple[Any, ...] | None:
+    """Return the items that a tuple holds, whatever its class answers; None for other objects."""
+    return tuple.__getitem__(value, slice(None)) if _holds(value, tuple) else None
 
 
 def _check_array(kernel: str, parameter: Parameter, given: dict[str, Any]) -> None:
@@ -123,8 +152,8 @@ def _check_array(kernel: str, parameter: Parameter, given: dict[str, Any]) -> No
         )
 
 
-def check_extent(kernel: str, what: str, extent: Any) -> None:
-    """Check a grid or a block by the limits that every CUDA device has.
+def check_extent(kernel: str, what: str, extent: Any) -> tuple[int, int, int]:
+    """Check a grid or a block by the limits that every CUDA device has, and return its numbers.
 
     Parameters
     ----------
@@ -140,12 +169,12 @@ def check_extent(kernel: str, what: str, extent: Any) -> None:
     ValueError
         If an extent is out of range. A grid may have an extent of 0; a block may not.
     """
-    if not isinstance(extent, tuple) or len(extent) != 3:
+    items = items_of(extent)
+    if items is None or len(items) != 3 or not all(_holds(item, int) for item in items):
         raise TypeError(f"{kernel}: {what} must be a tuple of three int, not {extent!r}")
-    for size, most in zip(extent, _MOST_EXTENT[what], strict=True):
-        if not isinstance(size, int) or isinstance(size, bool):
-            raise TypeError(f"{kernel}: {what} must be a tuple of three int, not {extent!r}")
-        if not (what == "block") <= size <= most:
-            raise ValueError(f"{kernel}: {what} {extent} is out of range")
-    if what == "block" and extent[0] * extent[1] * extent[2] > _MOST_THREADS:
-        raise ValueError(f"{kernel}: {what} {extent} is out of range")
+    x, y, z = map(int.__int__, items)
+    least = 1 if what == "block" else 0
+    fits = all(least <= n <= most for n, most in zip((x, y, z), _MOST_EXTENT[what], strict=True))
+    if not fits or (what == "block" and x * y * z > _MOST_THREADS):
+        raise ValueError(f"{kernel}: {what} {extent!r} is out of range")
+    return x, y, z

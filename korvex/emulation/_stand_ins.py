@@ -10,7 +10,7 @@ from typing import Any
 import torch
 
 from korvex.emulation._library import HostLibrary, KernelRow
-from korvex.emulation._signature import check_arguments, check_extent
+from korvex.emulation._signature import check_arguments, check_extent, items_of
 from korvex.emulation._tensor import Tensor, host_alias
 
 _C_TYPES: dict[str, Any] = {
@@ -91,17 +91,18 @@ class Kernel:
 
     def _run(self, grid: Any, block: Any, arguments: Any) -> None:
         row = self._row
-        check_extent(row.name, "grid", grid)
-        check_extent(row.name, "block", block)
-        if row.form == "launch" and block != (row.block, 1, 1):
+        grid_extent = check_extent(row.name, "grid", grid)
+        block_extent = check_extent(row.name, "block", block)
+        if row.form == "launch" and block_extent != (row.block, 1, 1):
             raise ValueError(f"{row.name}: block must be ({row.block}, 1, 1), not {block!r}")
-        if not isinstance(arguments, tuple):
+        items = items_of(arguments)
+        if items is None:
             raise TypeError(f"{row.name}: args must be a tuple, not {type(arguments).__name__}")
-        check_arguments(row.name, row.parameters, arguments, DeviceArray)
-        if 0 not in grid:
+        checked = check_arguments(row.name, row.parameters, items, DeviceArray)
+        if 0 not in grid_extent:
             kinds = (parameter.kind for parameter in row.parameters)
-            values = [_C_TYPES[kind](value) for kind, value in zip(kinds, arguments, strict=True)]
-            self._library.launch(row, grid, block, values)
+            values = [_C_TYPES[kind](value) for kind, value in zip(kinds, checked, strict=True)]
+            self._library.launch(row, grid_extent, block_extent, values)
 
 
 def make_cupy() -> types.ModuleType:

@@ -15,10 +15,10 @@ from typing import Any, NoReturn
 
 import torch
 
-DEVICE = torch.device("cuda", 0)
+from korvex.emulation import _device
+from korvex.emulation._dispatch import as_host, dispatch
 
-# Inside it torch treats emulated tensors as the host tensors that they are.
-as_host = torch._C.DisableTorchFunctionSubclass
+DEVICE = torch.device("cuda", 0)
 
 # The methods as torch made them; those of `torch.Tensor` are replaced while the device is active.
 _HOST = torch._C.TensorBase
@@ -39,8 +39,6 @@ class Tensor(torch.Tensor):
         args: tuple[Any, ...] = (),
         kwargs: dict[str, Any] | None = None,
     ) -> Any:
-        from korvex.emulation._operations import dispatch
-
         return dispatch(func, args, kwargs or {})
 
     @property
@@ -143,7 +141,7 @@ def host_alias(tensor: torch.Tensor) -> torch.Tensor:
 
 
 def is_emulated_device(device: Any) -> bool:
-    """Tell whether a device argument of torch means the emulated device.
+    """Return whether a device argument of torch means the emulated device.
 
     Raises
     ------
@@ -159,14 +157,6 @@ def is_emulated_device(device: Any) -> bool:
     if device.index not in (None, 0):
         raise RuntimeError(f"there is one emulated device, cuda:0, and no {device}")
     return True
-
-
-def not_covered(operation: str) -> NotImplementedError:
-    """Return the exception for an operation that is not in the table."""
-    return NotImplementedError(
-        f"the emulated device does not cover the torch operation {operation!r}; what it covers is "
-        "told by korvex.emulation.covered(), and korvex.emulation.cover() adds to it"
-    )
 
 
 def move(
@@ -250,9 +240,7 @@ def rebuild_tensor(host: torch.Tensor, requires_grad: bool) -> Any:
     RuntimeError
         If this process has no emulated device.
     """
-    from korvex.emulation import active_device
-
-    if active_device() is None:
+    if _device.active is None:
         raise RuntimeError(
             "this tensor belongs to the emulated device: call korvex.emulation.activate() first"
         )

@@ -16,7 +16,7 @@ import pytest
 import korvex.emulation
 
 if TYPE_CHECKING:
-    from korvex.emulation._activation import EmulatedDevice
+    from korvex.emulation._device import EmulatedDevice
 
 
 def pytest_addoption(parser: pytest.Parser) -> None:

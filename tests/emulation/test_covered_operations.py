@@ -12,7 +12,7 @@ import pytest
 import torch
 
 from korvex import emulation
-from korvex.emulation import _coverage, _operations
+from korvex.emulation import _coverage, _dispatch
 
 pytestmark = pytest.mark.skipif(
     not device.choose().emulated, reason="compares the bits of torch on the CPU and on a GPU"
@@ -241,7 +241,7 @@ def test_user_can_cover_more(monkeypatch):
     with pytest.raises(ValueError, match="'to' under the rule 'device'"):
         emulation.cover("to")
     monkeypatch.undo()
-    _operations._rule_of.cache_clear()
+    _dispatch._rule_of.cache_clear()
 
 
 def test_fused_product_and_sum_is_covered_where_torch_has_it(monkeypatch):
@@ -284,4 +284,4 @@ def test_no_name_stands_in_the_table_twice():
 
 
 def test_every_rule_of_the_table_exists():
-    assert set(emulation.covered()) == set(_operations._RULES)
+    assert set(emulation.covered()) == set(_dispatch.RULES)

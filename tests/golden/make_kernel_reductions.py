@@ -2,6 +2,7 @@
 """Golden digests of the single-block reductions. Run it to write kernel_reductions.json."""
 
 import math
+from fractions import Fraction
 
 from korvex_tools.references import exact_arithmetic
 from korvex_tools.references import exact_reductions as exact
@@ -58,7 +59,39 @@ def _cases():
             yield Case(f"{name}, {kind}", lambda inputs=inputs: (inputs(),), expected, run)
 
 
-CASES = [*_cases()]
+# Many short rows, one deviation each: a root that is not rounded correctly is wrong for a few in a
+# thousand of them.
+ROWS = {
+    "rows of 0, 0, n": lambda: [[0.0, 0.0, float(n)] for n in range(1, 1001)],
+    "uniform rows": lambda: golden.rows(golden.uniform("deviation", 4500), 3),
+    "wide rows": lambda: golden.rows(golden.wide("deviation", 4000, -300, 300), 4),
+}
+
+
+def exact_root(value):
+    """The square root of a double, rounded once, by whole numbers."""
+    square = Fraction(value) * Fraction(4) ** 700  # a multiple of 2**-1074 has an even power left
+    root = math.isqrt(square.numerator << 200)
+    assert square.denominator == 1
+    more = Fraction(int(root * root != square.numerator << 200), 4)
+    return exact_arithmetic.round_to_double((root + more) / (Fraction(2) ** 800))
+
+
+def deviations(rows):
+    return [exact_root(exact.variance(row)) for row in rows]
+
+
+def _deviations():
+    for kind, rows in ROWS.items():
+        yield Case(
+            f"tqx_std, {kind}",
+            lambda rows=rows: (rows(),),
+            deviations,
+            lambda m, x: [m.tqx_std(row) for row in x],
+        )
+
+
+CASES = [*_cases(), *_deviations()]
 
 if __name__ == "__main__":
     golden.write(__file__, CASES, REFERENCE)

@@ -1,0 +1,131 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Finds the rule for an operation of torch that has an operand on the emulated device.
+
+torch calls `dispatch` through the tensor class. The table in `_coverage.py` names the rule of each
+operation; the functions that carry the rules out register themselves here with `rule` and
+`accessor`. This module knows none of them, so that tensors and rules need not import each other.
+"""
+
+from __future__ import annotations
+
+import functools
+from collections.abc import Callable, Iterator
+from typing import Any, NamedTuple, NoReturn
+
+import torch
+
+from korvex.emulation._coverage import TABLE
+
+# Inside it torch treats emulated tensors as the host tensors that they are.
+as_host = torch._C.DisableTorchFunctionSubclass
+
+SAME_DEVICE = "same device"
+
+
+class Call(NamedTuple):
+    """One use of an operation of torch."""
+
+    name: str
+    function: Callable[..., Any]
+    args: tuple[Any, ...]
+    kwargs: dict[str, Any]
+    in_place: bool
+
+    def run(self) -> Any:
+        """Let torch do it on the host memory."""
+        with as_host():
+            return self.function(*self.args, **self.kwargs)
+
+    def operands(self) -> Iterator[torch.Tensor]:
+        """All tensors among the arguments, in their order, those in lists included."""
+        for value in (*self.args, *self.kwargs.values()):
+            if isinstance(value, torch.Tensor):
+                yield value
+            elif type(value) in (list, tuple):
+                yield from (item for item in value if isinstance(item, torch.Tensor))
+
+    def outputs(self) -> Iterator[torch.Tensor]:
+        """The tensors that the operation writes to."""
+        written = [self.kwargs.get("out")] + [self.args[0] if self.in_place else None]
+        for value in written:
+            if isinstance(value, torch.Tensor):
+                yield value
+
+
+Rule = Callable[[Call], Any]
+
+RULES: dict[str, Rule] = {}  # by the key of the table
+_ACCESSORS: dict[str, Rule] = {}  # by what Python calls on a property
+
+
+def rule(*keys: str) -> Callable[[Rule], Rule]:
+    """Register a function as the rule for these keys of the table."""
+    return functools.partial(_register, RULES, keys)
+
+
+def accessor(*names: str) -> Callable[[Rule], Rule]:
+    """Register a function for ``__get__``, ``__set__`` or ``__delete__`` of tensor attributes."""
+    return functools.partial(_register, _ACCESSORS, names)
+
+
+def _register(registry: dict[str, Rule], keys: tuple[str, ...], function: Rule) -> Rule:
+    registry.update(dict.fromkeys(keys, function))
+    return function
+
+
+def dispatch(function: Callable[..., Any], args: tuple[Any, ...], kwargs: dict[str, Any]) -> Any:
+    """Do one operation that has an operand on the emulated device, by its rule."""
+    rule, name, in_place = _rule_of(function)
+    return rule(Call(name, function, args, kwargs, in_place))
+
+
+def cover(name: str) -> None:
+    """Add an operation to the table, under the rule for the same device."""
+    for key, names in TABLE.items():
+        if name in names and key != SAME_DEVICE:
+            raise ValueError(f"the emulated device already has {name!r} under the rule {key!r}")
+    TABLE[SAME_DEVICE].add(name)
+    _rule_of.cache_clear()
+
+
+def not_covered(operation: str) -> NotImplementedError:
+    """Return the exception for an operation that is not in the table."""
+    return NotImplementedError(
+        f"the emulated device does not cover the torch operation {operation!r}; what it covers is "
+        "told by korvex.emulation.covered(), and korvex.emulation.cover() adds to it"
+    )
+
+
+@rule("refused")
+def refuse(call: Call) -> NoReturn:
+    raise not_covered(call.name)
+
+
+@functools.cache
+def _rule_of(function: Callable[..., Any]) -> tuple[Rule, str, bool]:
+    name = function.__name__
+    if name in _ACCESSORS:
+        return _ACCESSORS[name], _name_of_property(function), False
+    for form, in_place in _forms(name):
+        for key, names in TABLE.items():
+            if form in names:
+                return RULES[key], form, in_place
+    return refuse, name, False
+
+
+def _name_of_property(accessor: Callable[..., Any]) -> str:
+    owner = accessor.__self__  # type: ignore[attr-defined]
+    name: str = getattr(owner, "fget", owner).__name__
+    return name
+
+
+def _forms(name: str) -> Iterator[tuple[str, bool]]:
+    """The names under which the table may hold an operation, and whether this is done in place."""
+    is_operator = name.startswith("__") and name.endswith("__")
+    yield name, name.endswith("_") and not is_operator
+    if is_operator:
+        yield name[2:-2], False
+        if name[2] in "ir":
+            yield name[3:-2], name[2] == "i"
+    elif name.endswith("_"):
+        yield name[:-1], True
