@@ -60,7 +60,7 @@ struct HostDoubles {
   using Vector __attribute__((vector_size(8 * kHostLanes))) = double;
   Vector value;
   KORVEX_INLINE HostDoubles() : value{} {}
-  KORVEX_INLINE HostDoubles(double x) : value(Vector{} + x) {}
+  KORVEX_INLINE HostDoubles(double x) : value(x - Vector{}) {}  // exact, -0 too
   KORVEX_INLINE HostDoubles(Vector x) : value(x) {}
 };
 
@@ -104,6 +104,70 @@ KORVEX_INLINE HostBits operator&(HostBits a, std::uint64_t b) { return a.value &
 KORVEX_INLINE HostBits operator>>(HostBits a, int count) { return a.value >> count; }
 KORVEX_INLINE HostBits& operator|=(HostBits& a, HostBits b) { return a = a | b; }
 
+// ---- What a compiler does well for some numbers of lanes only
+//
+// g++ takes most of these by halves, or as two instructions, where it finds them written for
+// vectors of four lanes in general. all: is the flag set in all lanes. to_integer: of a double,
+// cut; of bits, the lower halves. sign_extended: to 64 bits. lesser: b where either is NaN, as on
+// one double.
+
+#if defined(__AVX2__) && !defined(__AVX512F__)
+
+KORVEX_INLINE bool all(HostFlags flags) {
+  return _mm256_movemask_epi8(reinterpret_cast<__m256i>(flags.mask)) == -1;
+}
+KORVEX_INLINE HostDoubles selected(HostFlags flags, HostDoubles where, HostDoubles elsewhere) {
+  return _mm256_blendv_pd(elsewhere.value, where.value, reinterpret_cast<__m256d>(flags.mask));
+}
+KORVEX_INLINE HostDoubles lesser(HostDoubles a, HostDoubles b) {
+  return _mm256_min_pd(a.value, b.value);
+}
+KORVEX_INLINE HostIntegers to_integer(HostDoubles x) {
+  return reinterpret_cast<HostIntegers::Vector>(_mm256_cvttpd_epi32(x.value));
+}
+KORVEX_INLINE HostIntegers to_integer(HostBits x) {
+  const __m256i halves = _mm256_permutevar8x32_epi32(reinterpret_cast<__m256i>(x.value),
+                                                     _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6));
+  return reinterpret_cast<HostIntegers::Vector>(_mm256_castsi256_si128(halves));
+}
+KORVEX_INLINE HostDoubles to_real(HostIntegers x) {
+  return _mm256_cvtepi32_pd(reinterpret_cast<__m128i>(x.value));
+}
+KORVEX_INLINE HostBits sign_extended(HostIntegers x) {
+  return reinterpret_cast<HostBits::Vector>(
+      _mm256_cvtepi32_epi64(reinterpret_cast<__m128i>(x.value)));
+}
+
+#else
+
+KORVEX_INLINE bool all(HostFlags flags) {
+#if defined(__AVX512F__)
+  return _mm512_movepi64_mask(reinterpret_cast<__m512i>(flags.mask)) == 0xff;
+#else
+  return (flags.mask[0] & flags.mask[1]) != 0;
+#endif
+}
+KORVEX_INLINE HostDoubles selected(HostFlags flags, HostDoubles where, HostDoubles elsewhere) {
+  return flags.mask ? where.value : elsewhere.value;
+}
+KORVEX_INLINE HostDoubles lesser(HostDoubles a, HostDoubles b) {
+  return a.value < b.value ? a.value : b.value;
+}
+KORVEX_INLINE HostIntegers to_integer(HostDoubles x) {
+  return __builtin_convertvector(x.value, HostIntegers::Vector);
+}
+KORVEX_INLINE HostIntegers to_integer(HostBits x) {
+  return __builtin_convertvector(x.value, HostIntegers::Vector);
+}
+KORVEX_INLINE HostDoubles to_real(HostIntegers x) {
+  return __builtin_convertvector(x.value, HostDoubles::Vector);
+}
+KORVEX_INLINE HostBits sign_extended(HostIntegers x) {
+  return __builtin_convertvector(x.value, HostBits::Vector);
+}
+
+#endif
+
 // ---- Conversions
 
 KORVEX_INLINE HostBits to_bits(HostDoubles x) {
@@ -112,18 +176,8 @@ KORVEX_INLINE HostBits to_bits(HostDoubles x) {
 KORVEX_INLINE HostDoubles from_bits(HostBits x) {
   return reinterpret_cast<HostDoubles::Vector>(x.value);
 }
-KORVEX_INLINE HostIntegers to_integer(HostDoubles x) {
-  return __builtin_convertvector(x.value, HostIntegers::Vector);
-}
-// The lower halves.
-KORVEX_INLINE HostIntegers to_integer(HostBits x) {
-  return __builtin_convertvector(x.value, HostIntegers::Vector);
-}
-KORVEX_INLINE HostDoubles to_real(HostIntegers x) {
-  return __builtin_convertvector(x.value, HostDoubles::Vector);
-}
 KORVEX_INLINE HostBits exponent_bits(HostIntegers field) {
-  return __builtin_convertvector(field.value, HostBits::Vector) << kFractionBits;
+  return sign_extended(field).value << kFractionBits;
 }
 // Precondition: the powers are normal.
 KORVEX_INLINE HostDoubles power_of_two(HostIntegers exponent) {
@@ -146,51 +200,47 @@ KORVEX_INLINE HostIntegers one_where(HostIntegerFlags flags) { return -flags.mas
 
 KORVEX_INLINE HostFlags both(HostFlags a, HostFlags b) { return {a.mask & b.mask}; }
 
-KORVEX_INLINE HostDoubles selected(HostFlags flags, HostDoubles where, HostDoubles elsewhere) {
-  return flags.mask ? where.value : elsewhere.value;
-}
 KORVEX_INLINE HostIntegers selected(HostFlags flags, HostIntegers where, HostIntegers elsewhere) {
-  const auto narrow = __builtin_convertvector(flags.mask, HostIntegers::Vector);
-  return (where.value & narrow) | (elsewhere.value & ~narrow);
-}
-// b where either is NaN, as the comparison on one double does.
-KORVEX_INLINE HostDoubles lesser(HostDoubles a, HostDoubles b) {
-  return a.value < b.value ? a.value : b.value;
+  const HostIntegers narrow = to_integer(HostBits(reinterpret_cast<HostBits::Vector>(flags.mask)));
+  return (where.value & narrow.value) | (elsewhere.value & ~narrow.value);
 }
 KORVEX_INLINE HostDoubles absolute(HostDoubles x) { return from_bits(to_bits(x) & ~kSignBit); }
 KORVEX_INLINE HostDoubles with_sign_of(HostDoubles x, HostDoubles magnitude) {
   return from_bits(to_bits(magnitude) | (to_bits(x) & kSignBit));
 }
 
-// ---- Single lanes, and all of them
+// ---- Single lanes
 
 KORVEX_INLINE double lane(HostDoubles x, int index) { return x.value[index]; }
 KORVEX_INLINE std::uint64_t lane(HostBits x, int index) { return x.value[index]; }
 KORVEX_INLINE bool lane(HostFlags flags, int index) { return flags.mask[index] != 0; }
-KORVEX_INLINE bool all(HostFlags flags) {
-#if defined(__AVX512F__)
-  return _mm512_movepi64_mask(reinterpret_cast<__m512i>(flags.mask)) == 0xff;
-#elif defined(__AVX2__)
-  return _mm256_movemask_epi8(reinterpret_cast<__m256i>(flags.mask)) == -1;
+// ---- Tables
+
+// The doubles at address(i) and after it, for each lane i. They are read entry by entry: gathering
+// instructions are slow on many processors.
+template <class Address>
+KORVEX_INLINE void load_pairs(const Address& address, HostDoubles& first, HostDoubles& second) {
+#if defined(__AVX2__) && !defined(__AVX512F__)
+  const auto pair = [&](int i) { return _mm_loadu_pd(address(i)); };
+  const __m256d even = _mm256_set_m128d(pair(2), pair(0));
+  const __m256d odd = _mm256_set_m128d(pair(3), pair(1));
+  first = _mm256_unpacklo_pd(even, odd);
+  second = _mm256_unpackhi_pd(even, odd);
 #else
-  return lane(flags, 0) && lane(flags, 1);
+  for (int i = 0; i < kHostLanes; ++i) {
+    first.value[i] = address(i)[0];
+    second.value[i] = address(i)[1];
+  }
 #endif
 }
 
-// ---- Tables
-
-// They are read entry by entry: gathering instructions are slow on many processors.
 struct PowerEntries {
   HostDoubles high;
   HostDoubles low;
 };
 KORVEX_INLINE PowerEntries power_entry(HostIntegers index) {
   PowerEntries entries;
-  for (int i = 0; i < kHostLanes; ++i) {
-    const PowerEntry& entry = kPowerTable[index.value[i]];
-    entries.high.value[i] = entry.high;
-    entries.low.value[i] = entry.low;
-  }
+  load_pairs([&](int i) { return &kPowerTable[index.value[i]].high; }, entries.high, entries.low);
   return entries;
 }
 
@@ -200,13 +250,16 @@ struct LogEntries {
   HostDoubles low;
 };
 KORVEX_INLINE LogEntries log_entry(HostIntegers index) {
+  const auto entry = [&](int i) -> const LogEntry& { return kLogTable[index.value[i]]; };
   LogEntries entries;
+  load_pairs([&](int i) { return &entry(i).reciprocal; }, entries.reciprocal, entries.high);
+#if defined(__AVX2__) && !defined(__AVX512F__)
+  entries.low = _mm256_setr_pd(entry(0).low, entry(1).low, entry(2).low, entry(3).low);
+#else
   for (int i = 0; i < kHostLanes; ++i) {
-    const LogEntry& entry = kLogTable[index.value[i]];
-    entries.reciprocal.value[i] = entry.reciprocal;
-    entries.high.value[i] = entry.high;
-    entries.low.value[i] = entry.low;
+    entries.low.value[i] = entry(i).low;
   }
+#endif
   return entries;
 }
 
