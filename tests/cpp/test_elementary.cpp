@@ -29,10 +29,7 @@ std::uint64_t random_bits(Random& random) {
 
 // Two words: an integer of 128 bits in units of 2^-64.
 Fixed<2> fixed_of(Wide value) {
-  Fixed<2> result;
-  result.word[0] = static_cast<std::uint64_t>(value);
-  result.word[1] = static_cast<std::uint64_t>(value >> 64);
-  return result;
+  return {{static_cast<std::uint64_t>(value), static_cast<std::uint64_t>(value >> 64)}};
 }
 
 Wide wide_of(const Fixed<2>& a) { return static_cast<Wide>(a.word[1]) << 64 | a.word[0]; }
@@ -48,11 +45,14 @@ void fixed_point_agrees_with_integers() {
     CHECK(wide_of(fixed_of(greater) - fixed_of(less)) == greater - less);
     CHECK((fixed_of(a) < fixed_of(b)) == (a < b));
     const int shift = random.below(140);
-    CHECK(wide_of(shifted_down(fixed_of(a), shift)) == (shift < 128 ? a >> shift : 0));
-    CHECK(wide_of(shifted_up(fixed_of(a), shift % 8)) == a << (shift % 8));
-    const auto divisor = static_cast<std::uint64_t>(random.below(1 << 30)) + 1;
-    CHECK(wide_of(divided(fixed_of(a), divisor)) == a / divisor);
-    CHECK(wide_of(times(fixed_of(a >> 32), divisor)) == (a >> 32) * divisor);
+    CHECK(wide_of(shifted_down<2>(fixed_of(a), shift)) == (shift < 128 ? a >> shift : 0));
+    CHECK(wide_of(shifted_down<2>(fixed_of(a), -(shift % 8))) == a << (shift % 8));
+    Fixed<2> shifted = fixed_of(a);
+    shift_up(shifted, shift % 7 + 1);
+    CHECK(wide_of(shifted) == a << (shift % 7 + 1));
+    const auto divisor = static_cast<std::uint32_t>(random.below(1 << 30)) + 1;
+    CHECK(wide_of(fixed_of(a) / divisor) == a / divisor);
+    CHECK(wide_of(fixed_of(a >> 32) * divisor) == (a >> 32) * divisor);
     CHECK(a == 0 || (a >> highest_bit(fixed_of(a))) == 1);
   }
 }
@@ -63,15 +63,12 @@ void products_lose_less_than_their_words() {
   for (int i = 0; i < 3000; ++i) {
     const std::uint64_t a = random_bits(random);
     const std::uint64_t b = random_bits(random);
-    Fixed<3> x, y;
-    x.word[1] = a;
-    y.word[1] = b;
-    const Fixed<3> product = x * y;
+    const Fixed<3> product = fixed_product(Fixed<3>{{0, a}}, Fixed<3>{{0, b}});
     const Wide exact = static_cast<Wide>(a) * b;
     CHECK((static_cast<Wide>(product.word[1]) << 64 | product.word[0]) == exact);
     CHECK(product.word[2] == 0);
     // In two words the lower half is cut off.
-    const Fixed<2> cut = fixed_of(a) * fixed_of(b);
+    const Fixed<2> cut = fixed_product(fixed_of(a), fixed_of(b));
     CHECK(static_cast<std::uint64_t>(exact >> 64) - cut.word[0] <= 2 && cut.word[1] == 0);
   }
 }
@@ -81,7 +78,8 @@ void quotients_are_cut_to_units() {
   for (int i = 0; i < 2000; ++i) {
     const std::uint64_t a = random_bits(random) >> 2 | std::uint64_t{1} << 61;
     const std::uint64_t b = random_bits(random) >> 2 | std::uint64_t{1} << 61;
-    const Fixed<2> unit = quotient(shifted_up(fixed_of(a), 2), shifted_up(fixed_of(b), 2));
+    const Fixed<2> unit =
+        fixed_quotient(shifted_down<2>(fixed_of(a), -2), shifted_down<2>(fixed_of(b), -2));
     CHECK(wide_of(unit) == (static_cast<Wide>(a) << 64) / b);
   }
 }
@@ -89,11 +87,11 @@ void quotients_are_cut_to_units() {
 void square_roots_are_cut_to_units() {
   Random random(74);
   for (int i = 0; i < 40; ++i) {
-    WideRoot a;
+    RootFixed a;
     for (auto& word : a.word) word = random_bits(random);
     a.word[kRootWords - 1] = static_cast<std::uint64_t>(random.below(3)) + 1;
-    const WideRoot root = fixed_square_root(a);
-    const WideRoot square = root * root;  // too small by fewer than 9 units
+    const RootFixed root = fixed_square_root(a);
+    const RootFixed square = fixed_product(root, root);  // too small by fewer than 9 units
     CHECK(!(a < square));
     CHECK(highest_bit(a - square) < 6);
   }
@@ -111,19 +109,19 @@ void rounding_gives_back_doubles_and_finds_midpoints() {
                                 -random.below(60));
     const Fixed<5> fixed = fixed_magnitude<5>(x);
     const Rounded same = rounded(fixed, 0, 24);
-    CHECK(same.decided);
+    CHECK(same.is_decided);
     CHECK_SAME_BITS(same.value, x);
     const int gap = std::ilogb(x) - 53;  // half a gap
     const Fixed<5> half = fixed_from<5>(1, gap);
-    CHECK(!rounded(fixed + half, 0, 24).decided);
+    CHECK(!rounded(fixed + half, 0, 24).is_decided);
     const Fixed<5> little = fixed_from<5>(1, -200);
     CHECK_SAME_BITS(rounded(fixed + half + little, 0, 24).value, std::nextafter(x, kInf));
     CHECK_SAME_BITS(rounded(fixed + half - little, 0, 24).value, x);
-    CHECK(rounded(fixed + half - little, 0, 24).decided);
+    CHECK(rounded(fixed + half - little, 0, 24).is_decided);
     // Subnormal results, down to half of the least.
     const int down = -1040 - random.below(60);
     const Rounded small = rounded(fixed, down, 24);
-    if (small.decided) CHECK_SAME_BITS(small.value, std::ldexp(x, down));
+    if (small.is_decided) CHECK_SAME_BITS(small.value, std::ldexp(x, down));
   }
 }
 
@@ -161,11 +159,11 @@ void check_first_try(const double* ordinary, int count, const Usual& is_usual) {
     const double usual[] = {ordinary[i], 1400 * (unit - 0.5), 1e300 * unit,
                             1.0 + ordinary[i] * 0x1p-20};
     for (const double x : usual) {
-      if (is_usual(x) && !Try(x).decided) ++open;
+      if (is_usual(x) && !Try(x).is_decided) ++open;
     }
     for (const double x : {usual[0], usual[1], usual[2], usual[3], any, std::ldexp(unit, -1060)}) {
       const Rounded tried = Try(x);
-      if (tried.decided) CHECK_SAME_BITS(tried.value, Function(x));
+      if (tried.is_decided) CHECK_SAME_BITS(tried.value, Function(x));
     }
   }
   CHECK(open <= count / 100);
@@ -174,8 +172,8 @@ void check_first_try(const double* ordinary, int count, const Usual& is_usual) {
   for (const double border : borders) {
     for (const double x : {border, -border, std::nextafter(border, 0.0)}) {
       const Rounded tried = Try(x);
-      if (tried.decided) CHECK_SAME_BITS(tried.value, Function(x));
-      CHECK(tried.decided == is_usual(x));
+      if (tried.is_decided) CHECK_SAME_BITS(tried.value, Function(x));
+      CHECK(tried.is_decided == is_usual(x));
     }
   }
 }

@@ -6,9 +6,9 @@
 #include <limits>
 
 #include "check.h"
-#include "korvex/kernels/host/host_doubles.h"
 #include "korvex/arithmetic/elementary/logarithm.h"
 #include "korvex/arithmetic/elementary/logistic.h"
+#include "korvex/kernels/host/host_doubles.h"
 #include "random_data.h"
 #include "suites.h"
 
@@ -60,12 +60,12 @@ int decided_lanes(const Group& group, const LanesTry& lanes_try, const Try& try_
     bool all_decided = true;
     for (int j = 0; j < kHostReals; ++j) {
       const Rounded one = try_one(group.x[i + j]);
-      CHECK(lane(lanes.decided, j) == one.decided);
-      if (one.decided) CHECK_SAME_BITS(stored[j], one.value);
-      all_decided = all_decided && one.decided;
-      decided += one.decided ? 1 : 0;
+      CHECK(lane(lanes.is_decided, j) == one.is_decided);
+      if (one.is_decided) CHECK_SAME_BITS(stored[j], one.value);
+      all_decided = all_decided && one.is_decided;
+      decided += one.is_decided ? 1 : 0;
     }
-    CHECK(all(lanes.decided) == all_decided);
+    CHECK(all(lanes.is_decided) == all_decided);
   }
   return decided;
 }

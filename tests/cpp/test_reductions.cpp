@@ -268,22 +268,19 @@ void blocks_of_any_size_agree() {
 }
 
 void big_numbers_divide_and_round() {
-  Natural<6> number;
-  number.clear();
-  number.add_word(2, 7);  // 7 * 2^64
-  CHECK(number.divide(3));
-  CHECK(number.bits_from(0) == 0x5555555555555555 && number.bits_from(64) == 2);
-  CHECK(number.divide((std::uint64_t{1} << 63) - 1));
-  CHECK(number.bits_from(0) == 4 && number.top_bit() == 2);
-  CHECK_SAME_BITS(number.nearest(-1074, false), 4 * kTiny);
-  CHECK_SAME_BITS(number.nearest(-1077, false), 0.0);   // a tie
-  CHECK_SAME_BITS(number.nearest(-1077, true), kTiny);  // beyond it
-  CHECK_SAME_BITS(number.nearest(1021, true), 0x1p+1023);
-  CHECK_SAME_BITS(number.nearest(1022, false), kInf);
-  number.clear();
-  number.add_word(0, (std::uint64_t{1} << 54) - 1);
-  CHECK_SAME_BITS(number.nearest(1024 - 54, false), kInf);
-  CHECK_SAME_BITS(number.nearest(0, false), 0x1p+54);
+  Natural<3> number{{0, 7}};  // 7 * 2^64
+  CHECK(divide(number, 3));
+  CHECK(bits_from(number, 0) == 0x5555555555555555 && bits_from(number, 64) == 2);
+  CHECK(divide(number, (std::uint64_t{1} << 63) - 1));
+  CHECK(bits_from(number, 0) == 4 && highest_bit(number) == 2);
+  CHECK_SAME_BITS(nearest(number, -1074, false), 4 * kTiny);
+  CHECK_SAME_BITS(nearest(number, -1077, false), 0.0);   // a tie
+  CHECK_SAME_BITS(nearest(number, -1077, true), kTiny);  // beyond it
+  CHECK_SAME_BITS(nearest(number, 1021, true), 0x1p+1023);
+  CHECK_SAME_BITS(nearest(number, 1022, false), kInf);
+  number = {{(std::uint64_t{1} << 54) - 1}};
+  CHECK_SAME_BITS(nearest(number, 1024 - 54, false), kInf);
+  CHECK_SAME_BITS(nearest(number, 0, false), 0x1p+54);
 }
 
 }  // namespace

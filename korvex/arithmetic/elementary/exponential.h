@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // exp, correctly rounded: a double-double phase with a table, a rounding test, and for the few
-// inputs that fail it a Taylor series in wide fixed point (Ziv 1991).
+// inputs that fail it a Taylor series in fixed point of 256 bits (Ziv 1991).
 //
 // exp(x) = 2^k * 2^(j/64) * exp(r), r = x - (64 k + j) log(2)/64, |r| <= 0.00542.
 #pragma once
 
 #include "korvex/arithmetic/base/binary64.h"
 #include "korvex/arithmetic/base/eft.h"
-#include "korvex/arithmetic/bignum/wide_fixed.h"
+#include "korvex/arithmetic/bignum/fixed.h"
 #include "korvex/arithmetic/elementary/elementary_tables.h"
 
 namespace korvex::arithmetic {
@@ -140,6 +140,7 @@ struct FixedExp {
 // starts below 2^10 units (40 truncations of fewer than W units, and the cut of log 2).
 constexpr int kFixedExpUncertainBits = 24;
 
+// log 2, rounded down.
 template <int W>
 KORVEX_HD Fixed<W> fixed_ln2() {
   Fixed<W> result;
@@ -152,8 +153,8 @@ template <int W>
 KORVEX_COLD Fixed<W> fixed_taylor(const Fixed<W>& t) {
   Fixed<W> sum = fixed_from<W>(1, 0);
   Fixed<W> term = sum;
-  for (std::uint64_t n = 1; !is_zero(term); ++n) {
-    term = divided(term * t, n);
+  for (std::uint32_t n = 1; !is_zero(term); ++n) {
+    term = fixed_product(term, t) / n;
     sum = sum + term;
   }
   return sum;
@@ -161,25 +162,26 @@ KORVEX_COLD Fixed<W> fixed_taylor(const Fixed<W>& t) {
 
 // Precondition: 0 <= magnitude < 746.
 template <int W>
-KORVEX_COLD FixedExp<W> fixed_exp(const Fixed<W>& magnitude, bool negative) {
+KORVEX_COLD FixedExp<W> fixed_exp(const Fixed<W>& magnitude, bool is_negative) {
   const Fixed<W> ln2 = fixed_ln2<W>();
   // The integer and first fraction word give k or one too few.
-  const double head = add_rn(static_cast<double>(magnitude.word[W - 1]),
-                             mul_rn(static_cast<double>(magnitude.word[W - 2] >> 11), 0x1p-53));
-  auto k = static_cast<std::uint64_t>(mul_rn(head, 0x1.71547652b82fep+0));
-  if (magnitude < times(ln2, k)) --k;
-  Fixed<W> r = magnitude - times(ln2, k);
+  const double head =
+      add_rn(static_cast<double>(magnitude.word[W - 1]),                          // off by 2^-44
+             mul_rn(static_cast<double>(magnitude.word[W - 2] >> 11), 0x1p-53));  // exact
+  auto k = static_cast<std::uint64_t>(mul_rn(head, 0x1.71547652b82fep+0));        // RN(1 / log 2)
+  if (magnitude < ln2 * k) --k;
+  Fixed<W> r = magnitude - ln2 * k;
   if (!(r < ln2)) {
     r = r - ln2;
     ++k;
   }
   int exponent = static_cast<int>(k);
-  if (negative) {  // -magnitude = -(k + 1) log 2 + (log 2 - r)
+  if (is_negative) {  // -magnitude = -(k + 1) log 2 + (log 2 - r)
     r = ln2 - r;
     exponent = -exponent - 1;
   }
-  Fixed<W> power = fixed_taylor(shifted_down(r, 8));
-  for (int i = 0; i < 8; ++i) power = power * power;
+  Fixed<W> power = fixed_taylor(shifted_down<W>(r, 8));
+  for (int i = 0; i < 8; ++i) power = fixed_product(power, power);
   return {power, exponent};
 }
 
@@ -207,7 +209,7 @@ KORVEX_INLINE double exponential(double x) {
   const double magnitude = x < 0 ? -x : x;
   if (magnitude < 0x1p-54) return 1.0;
   const Rounded fast = round_pair(exp_pair(x), kExpError);
-  return fast.decided ? fast.value : accurate_exp(x);
+  return fast.is_decided ? fast.value : accurate_exp(x);
 }
 
 // The fast phase alone, for those who try it first: undecided where the result may not be normal,
@@ -219,7 +221,7 @@ KORVEX_INLINE RoundedOf<Real> try_exponential(Real x) {
   const auto pair = exp_pair(selected(is_usual, x, 0.0));
   const auto sum = rounding_test(pair.high, pair.low, mul_rn(pair.high, kExpError));
   const Real value = mul_rn(sum.value, power_of_two(pair.exponent));  // exact
-  return {value, both(is_usual, sum.decided)};
+  return {value, both(is_usual, sum.is_decided)};
 }
 
 }  // namespace korvex::arithmetic

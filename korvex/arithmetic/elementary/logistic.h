@@ -33,16 +33,16 @@ template <int W>
 KORVEX_COLD Rounded accurate_sigmoid(double x) {
   const FixedExp<W> e = fixed_exp(fixed_magnitude<W>(x), true);
   const Fixed<W> one = fixed_from<W>(1, 0);
-  const Fixed<W> denominator = one + shifted_down(e.fixed, -e.exponent);
+  const Fixed<W> denominator = one + shifted_down<W>(e.fixed, -e.exponent);
   const bool positive = !is_negative(x);
-  const Fixed<W> value = quotient(positive ? one : e.fixed, denominator);
+  const Fixed<W> value = fixed_quotient(positive ? one : e.fixed, denominator);
   return rounded(value, positive ? 0 : e.exponent, kQuotientUncertainBits);
 }
 
 KORVEX_COLD inline double widened_sigmoid(double x) {
   Rounded result = accurate_sigmoid<5>(x);
-  if (!result.decided) result = accurate_sigmoid<9>(x);
-  if (!result.decided) result = accurate_sigmoid<17>(x);
+  if (!result.is_decided) result = accurate_sigmoid<9>(x);
+  if (!result.is_decided) result = accurate_sigmoid<17>(x);
   return result.value;
 }
 
@@ -68,7 +68,7 @@ KORVEX_INLINE double sigmoid(double x) {
   if (x < kSigmoidUnderflow) return 0.0;
   if (absolute(x) < 0x1p-53) return 0.5;
   const Rounded fast = round_pair(sigmoid_pair(x), kSigmoidError);
-  return fast.decided ? fast.value : widened_sigmoid(x);
+  return fast.is_decided ? fast.value : widened_sigmoid(x);
 }
 
 // The fast phase alone, for those who try it first: undecided where the result may not be normal,
@@ -80,7 +80,7 @@ KORVEX_INLINE RoundedOf<Real> try_sigmoid(Real x) {
   const auto pair = sigmoid_pair(selected(is_usual, lesser(x, kSigmoidOne), 0.0));
   const auto sum = rounding_test(pair.high, pair.low, mul_rn(pair.high, kSigmoidError));
   const Real value = mul_rn(sum.value, power_of_two(pair.exponent));  // exact
-  return {value, both(is_usual, sum.decided)};
+  return {value, both(is_usual, sum.is_decided)};
 }
 
 // ---- tanh ----
@@ -90,14 +90,14 @@ template <int W>
 KORVEX_COLD Rounded accurate_tanh(double x) {
   const FixedExp<W> e = fixed_exp(fixed_magnitude<W>(mul_rn(2.0, x)), true);
   const Fixed<W> one = fixed_from<W>(1, 0);
-  const Fixed<W> power = shifted_down(e.fixed, -e.exponent);
-  return rounded(quotient(one - power, one + power), 0, kQuotientUncertainBits);
+  const Fixed<W> power = shifted_down<W>(e.fixed, -e.exponent);
+  return rounded(fixed_quotient(one - power, one + power), 0, kQuotientUncertainBits);
 }
 
 KORVEX_COLD inline double widened_tanh(double x) {
   Rounded result = accurate_tanh<5>(x);
-  if (!result.decided) result = accurate_tanh<9>(x);
-  if (!result.decided) result = accurate_tanh<17>(x);
+  if (!result.is_decided) result = accurate_tanh<9>(x);
+  if (!result.is_decided) result = accurate_tanh<17>(x);
   return result.value;
 }
 
@@ -135,7 +135,7 @@ KORVEX_INLINE double tanh_of_magnitude(double x) {
   if (x > kTanhOne) return 1.0;
   if (x < kTanhLeast) return x;
   const Rounded fast = fast_tanh(x);
-  return fast.decided ? fast.value : widened_tanh(x);
+  return fast.is_decided ? fast.value : widened_tanh(x);
 }
 
 // RN(tanh(x)) for every x.
@@ -151,7 +151,7 @@ KORVEX_INLINE RoundedOf<Real> try_tanh(Real x) {
   const Real magnitude = absolute(x);
   const auto is_usual = magnitude >= kTanhLeast;
   const auto fast = fast_tanh(selected(is_usual, lesser(magnitude, kTanhOne), 1.0));
-  return {with_sign_of(x, fast.value), both(is_usual, fast.decided)};
+  return {with_sign_of(x, fast.value), both(is_usual, fast.is_decided)};
 }
 
 }  // namespace korvex::arithmetic

@@ -54,7 +54,7 @@ void run_norm(const Arguments& arguments) {
         arithmetic::add_products<arithmetic::HostLanes>(x, x, count, part);
       },
       squares);
-  arithmetic::SquareSum work;
+  arithmetic::NormWorkspace work;
   arithmetic::write_norm(squares, work, arguments.array(1));
 }
 
@@ -71,8 +71,8 @@ void run_prod(const Arguments& arguments) {
         part.add_range(from, count);
       },
       product);
-  arithmetic::WideProductWorkspace wide;
-  arithmetic::write_product(product, x, n, wide, arguments.array(1), arguments.array(2));
+  arithmetic::AccurateProductWorkspace accurate;
+  arithmetic::write_product(product, x, n, accurate, arguments.array(1), arguments.array(2));
 }
 
 // Arguments: x, out, out_err, n. Exact sums of the slices first, where there are several; then each

@@ -44,7 +44,7 @@ __attribute__((noinline)) void finish_undecided(HostReal x,
                                                 const arithmetic::RoundedOf<HostReal>& tried,
                                                 double* out) {
   for (int i = 0; i < arithmetic::kHostReals; ++i) {
-    if (!arithmetic::lane(tried.decided, i)) out[i] = Function(arithmetic::lane(x, i));
+    if (!arithmetic::lane(tried.is_decided, i)) out[i] = Function(arithmetic::lane(x, i));
   }
 }
 
@@ -64,7 +64,7 @@ void run_tried_unary(const Arguments& arguments) {
           const HostReal argument = arithmetic::load_real(x + i);
           const auto tried = Try(argument);
           arithmetic::store_real(out + i, tried.value);
-          if (!arithmetic::all(tried.decided)) {
+          if (!arithmetic::all(tried.is_decided)) {
             finish_undecided<Function>(argument, tried, out + i);
           }
         }
