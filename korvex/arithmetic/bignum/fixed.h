@@ -45,12 +45,10 @@ KORVEX_COLD Fixed<W> fixed_quotient(Fixed<W> a, const Fixed<W>& b) {
   return quotient;
 }
 
-// sqrt(a). Precondition: a < 4.
+// sqrt(a). Precondition: a < 4, and the root is not a.
 template <int W>
-KORVEX_HD Fixed<W> fixed_square_root(const Fixed<W>& a) {
-  Fixed<W> root;
+KORVEX_HD void fixed_square_root(const Fixed<W>& a, Fixed<W>& root) {
   square_root(a, -64 * (W - 1), root);
-  return root;
 }
 
 template <int W>

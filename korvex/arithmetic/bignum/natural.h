@@ -91,7 +91,7 @@ KORVEX_HD Natural<W> operator-(const Natural<W>& a, const Natural<W>& b) {
 // ---- shifts ----
 
 // floor(x / 2^position) for any number with bits to read; a negative position multiplies. Bits
-// beyond the result are lost. The result is not x.
+// beyond the result are lost. The result may be x where position >= 0.
 template <class Number, int W>
 KORVEX_HD void shift_down(const Number& x, int position, Natural<W>& result) {
   for (int i = 0; i < W; ++i) result.word[i] = bits_from(x, position + 64 * i);
@@ -234,12 +234,13 @@ KORVEX_COLD bool divide(Natural<W>& a, std::uint64_t divisor) {
 // ---- square root ----
 
 // floor(sqrt(x / 2^lowest)), digit by digit in base 2; true where that is exact for the bits of x
-// from `lowest` on, which may be negative. Preconditions: lowest is even, and the root is below
-// 2^(64 W - 3).
+// from `lowest` on, which may be negative. Preconditions: lowest is even, the root is below
+// 2^(64 W - 3) and is not x.
 template <class Number, int W>
 KORVEX_COLD bool square_root(const Number& x, int lowest, Natural<W>& root) {
-  Natural<W> rest{};   // the bits of x that were read minus root^2; at most 2 * root
-  Natural<W> twice{};  // 2 * root
+  Natural<W> rest{};         // the bits of x that were read minus root^2; at most 2 * root
+  Natural<W>& twice = root;  // 2 * root, to the end
+  twice = {};
   for (int position = highest_bit(x) & ~1; position >= lowest; position -= 2) {
     shift_up(rest, 2);
     rest.word[0] |= position < 0 ? 0 : (x.at(position >> 6) >> (position & 63)) & 3;

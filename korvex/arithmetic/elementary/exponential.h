@@ -37,26 +37,26 @@ KORVEX_INLINE const PowerEntry& power_entry(int j) { return kPowerTable[j]; }
 template <class Real>
 KORVEX_INLINE ReducedExp<Real> reduced_exp(Real x) {
   constexpr double kRoundToInt = 0x1.8p+52;
-  const Real shifted = add_rn(mul_rn(x, kExpEntriesPerLn2), kRoundToInt);
-  const Real count = sub_rn(shifted, kRoundToInt);  // an integer below 2^17
+  const Real shifted = add_rn(mul_rn(x, kExpEntriesPerLn2), kRoundToInt);  // rounded to an integer
+  const Real count = sub_rn(shifted, kRoundToInt);  // exact: that integer, below 2^17
   const auto n = to_integer(count);
   const Real first = sub_rn(x, mul_rn(count, kExpStepHigh));  // exact, twice
-  const auto second = two_product(count, Real(kExpStepLow));
-  const auto r = two_sum(first, -second.value);
-  const Real r_low = sub_rn(r.error, second.error);
+  const auto second = two_product(count, Real(kExpStepLow));  // exact
+  const auto r = two_sum(first, -second.value);               // exact
+  const Real r_low = sub_rn(r.error, second.error);           // off by 2^-113
   const Real rh = r.value;
-  // r^3 (1/6 + r/24 + r^2/120 + r^3/720 + r^4/5040 + r^5/40320); the first term left out is
-  // below 2^-86.
+  // r^3 (1/6 + r/24 + r^2/120 + r^3/720 + r^4/5040 + r^5/40320), each step rounded; the first term
+  // left out is below 2^-86.
   Real tail = fma_rn(rh, 0x1.a01a01a01a01ap-16, 0x1.a01a01a01a01ap-13);
   tail = fma_rn(rh, tail, 0x1.6c16c16c16c17p-10);
   tail = fma_rn(rh, tail, 0x1.1111111111111p-7);
   tail = fma_rn(rh, tail, 0x1.5555555555555p-5);
   tail = fma_rn(rh, tail, 0x1.5555555555555p-3);
-  const auto square = two_product(rh, rh);
-  const Real cube = mul_rn(square.value, rh);
-  const Real low_part = fma_rn(r_low, rh, r_low);  // r_low (1 + r)
-  const Real rest = add_rn(mul_rn(0.5, square.error), fma_rn(cube, tail, low_part));
-  const auto sum = fast_two_sum(rh, mul_rn(0.5, square.value));  // exact
+  const auto square = two_product(rh, rh);         // exact
+  const Real cube = mul_rn(square.value, rh);      // off by 2^-52 of itself
+  const Real low_part = fma_rn(r_low, rh, r_low);  // r_low (1 + r), rounded once
+  const Real rest = add_rn(mul_rn(0.5, square.error), fma_rn(cube, tail, low_part));  // rounded
+  const auto sum = fast_two_sum(rh, mul_rn(0.5, square.value));                       // exact
   return {sum.value, add_rn(sum.error, rest), n & (kExpEntries - 1), n >> 6};
 }
 
@@ -72,8 +72,8 @@ template <class Real>
 KORVEX_INLINE TablePower<Real> table_power(const ReducedExp<Real>& e) {
   const auto& t = power_entry(e.table_index);
   const Real head = t.high;
-  const auto product = two_product(head, e.high);
-  const Real cross = fma_rn(head, e.low, fma_rn(t.low, e.high, product.error));
+  const auto product = two_product(head, e.high);                                // exact
+  const Real cross = fma_rn(head, e.low, fma_rn(t.low, e.high, product.error));  // rounded twice
   return {head, product.value, add_rn(t.low, cross)};
 }
 
@@ -82,9 +82,9 @@ template <class Real>
 KORVEX_INLINE ScaledPairOf<Real> exp_pair(Real x) {
   const ReducedExp<Real> e = reduced_exp(x);
   const TablePower<Real> power = table_power(e);
-  const auto sum = fast_two_sum(power.head, power.growth);
-  const Real low = add_rn(sum.error, power.low);
-  const auto result = fast_two_sum(sum.value, low);
+  const auto sum = fast_two_sum(power.head, power.growth);  // exact
+  const Real low = add_rn(sum.error, power.low);            // rounded
+  const auto result = fast_two_sum(sum.value, low);         // exact
   return {result.value, result.error, e.exponent};
 }
 
@@ -99,18 +99,19 @@ KORVEX_INLINE Real scaled(Real value, typename Companions<Real>::Integer exponen
 KORVEX_COLD inline Rounded round_to_subnormal(const ScaledPair& pair, double error,
                                               int grid_exponent) {
   if (grid_exponent < -48) return {0.0, false};  // at the border to the normal numbers
-  const double bias = mul_rn(0x1.8p+52, power_of_two(grid_exponent));
-  const ValueAndError on_grid = fast_two_sum(bias, pair.high);
-  const double kept = sub_rn(on_grid.value, bias);  // exact: a multiple of the grid
-  const double rest = add_rn(on_grid.error, pair.low);
-  const double half_gap = power_of_two(grid_exponent - 1);
-  // 2^-40 of a gap covers the rounding of `rest`.
+  const double bias = mul_rn(0x1.8p+52, power_of_two(grid_exponent));  // exact
+  const ValueAndError on_grid = fast_two_sum(bias, pair.high);         // exact
+  const double kept = sub_rn(on_grid.value, bias);          // exact: a multiple of the grid
+  const double rest = add_rn(on_grid.error, pair.low);      // rounded
+  const double half_gap = power_of_two(grid_exponent - 1);  // exact
+  // 2^-40 of half a gap covers the rounding of `rest`, and those here.
   const double slack = add_rn(error, mul_rn(half_gap, 0x1p-40));
   const double distance = rest < 0 ? -rest : rest;
   return {scaled(kept, pair.exponent), distance < sub_rn(half_gap, slack)};
 }
 
-// RN(high + low) for a sum that is known but for `error`, unless a boundary lies within it.
+// RN(high + low) for a sum that is known but for `error`, unless a boundary lies within it. The
+// claimed errors leave room for the roundings of low - error and low + error.
 template <class Real>
 KORVEX_INLINE RoundedOf<Real> rounding_test(Real high, Real low, Real error) {
   const Real lower = add_rn(high, sub_rn(low, error));

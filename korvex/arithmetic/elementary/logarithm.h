@@ -54,21 +54,21 @@ KORVEX_INLINE Real log_tail(Real r, Real r_squared) {
 template <class Real>
 KORVEX_INLINE ValueAndErrorOf<Real> log_pair(const LogArgument<Real>& a) {
   const auto& t = log_entry(a.entry);
-  const auto product = two_product(a.m, Real(t.reciprocal));
-  const Real rh = sub_rn(product.value, 1.0);  // exact (Sterbenz)
+  const auto product = two_product(a.m, Real(t.reciprocal));  // exact
+  const Real rh = sub_rn(product.value, 1.0);                 // exact (Sterbenz)
   const Real rl = product.error;
-  const auto square = two_product(rh, rh);
-  const Real tail = log_tail(rh, square.value);
+  const auto square = two_product(rh, rh);       // exact
+  const Real tail = log_tail(rh, square.value);  // each step rounded
   // rl (1 - r + r^2); r^3 rl, left out, is below 2^-77
   const Real cross = fma_rn(fma_rn(rh, rh, -rh), rl, rl);
-  const Real rest = add_rn(fma_rn(-0.5, square.error, cross), tail);
-  const auto series = fast_two_sum(rh, mul_rn(-0.5, square.value));
-  const Real k = to_real(a.exponent);
-  const auto table = two_sum(mul_rn(k, kLn2High), Real(t.high));
-  const Real table_low = add_rn(table.error, fma_rn(k, kLn2Low, t.low));
-  const auto sum = two_sum(table.value, series.value);
-  const Real low = add_rn(add_rn(sum.error, table_low), add_rn(series.error, rest));
-  return fast_two_sum(sum.value, low);
+  const Real rest = add_rn(fma_rn(-0.5, square.error, cross), tail);      // rounded twice
+  const auto series = fast_two_sum(rh, mul_rn(-0.5, square.value));       // exact
+  const Real k = to_real(a.exponent);                                     // exact
+  const auto table = two_sum(mul_rn(k, kLn2High), Real(t.high));          // exact
+  const Real table_low = add_rn(table.error, fma_rn(k, kLn2Low, t.low));  // rounded twice
+  const auto sum = two_sum(table.value, series.value);                    // exact
+  const Real low = add_rn(add_rn(sum.error, table_low), add_rn(series.error, rest));  // rounded
+  return fast_two_sum(sum.value, low);                                                // exact
 }
 
 // Precondition: x is positive and finite.

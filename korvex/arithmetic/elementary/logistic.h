@@ -13,13 +13,13 @@ constexpr int kQuotientUncertainBits = kFixedExpUncertainBits + 4;
 template <class Real>
 KORVEX_INLINE ValueAndErrorOf<Real> pair_quotient(const ValueAndErrorOf<Real>& a,
                                                   const ValueAndErrorOf<Real>& b) {
-  const Real q = div_rn(a.value, b.value);
-  const Real rest = fma_rn(-q, b.value, a.value);  // exact
-  const Real corrected = add_rn(rest, fma_rn(-q, b.error, a.error));
-  return fast_two_sum(q, div_rn(corrected, b.value));
+  const Real q = div_rn(a.value, b.value);                            // rounded
+  const Real rest = fma_rn(-q, b.value, a.value);                     // exact
+  const Real corrected = add_rn(rest, fma_rn(-q, b.error, a.error));  // rounded twice
+  return fast_two_sum(q, div_rn(corrected, b.value));                 // rounded once
 }
 
-// 1 + e, for a scaled pair at most 2.
+// 1 + e, for a scaled pair at most 2; off by the rounding of its low part, 2^-105 of the sum.
 template <class Real>
 KORVEX_INLINE ValueAndErrorOf<Real> one_plus(const ScaledPairOf<Real>& e) {
   const auto sum = fast_two_sum(Real(1.0), scaled(e.high, e.exponent));
@@ -107,11 +107,11 @@ template <class Real>
 KORVEX_INLINE ValueAndErrorOf<Real> expm1_pair(Real y) {
   const ReducedExp<Real> e = reduced_exp(y);
   const TablePower<Real> power = table_power(e);
-  const Real minus_one = -power_of_two(-e.exponent);  // in the scale of the table
-  const auto head = two_sum(power.head, minus_one);
-  const auto sum = two_sum(head.value, power.growth);
-  const Real low = add_rn(add_rn(head.error, sum.error), power.low);
-  const auto pair = fast_two_sum(sum.value, low);
+  const Real minus_one = -power_of_two(-e.exponent);                  // in the scale of the table
+  const auto head = two_sum(power.head, minus_one);                   // exact
+  const auto sum = two_sum(head.value, power.growth);                 // exact
+  const Real low = add_rn(add_rn(head.error, sum.error), power.low);  // rounded twice
+  const auto pair = fast_two_sum(sum.value, low);                     // exact
   return {scaled(pair.value, e.exponent), scaled(pair.error, e.exponent)};
 }
 
@@ -124,8 +124,8 @@ constexpr double kTanhAbsoluteError = 0x1p-71;  // proved: 2^-72.5
 template <class Real>
 KORVEX_INLINE RoundedOf<Real> fast_tanh(Real x) {
   const auto e = expm1_pair(mul_rn(2.0, x));
-  const auto sum = two_sum(e.value, Real(2.0));
-  const auto denominator = fast_two_sum(sum.value, add_rn(sum.error, e.error));
+  const auto sum = two_sum(e.value, Real(2.0));                                  // exact
+  const auto denominator = fast_two_sum(sum.value, add_rn(sum.error, e.error));  // rounded once
   const auto ratio = pair_quotient(e, denominator);
   const Real error = lesser(mul_rn(ratio.value, kTanhError), kTanhAbsoluteError);
   return rounding_test(ratio.value, ratio.error, error);

@@ -19,6 +19,7 @@
 namespace korvex::arithmetic {
 
 constexpr int kRootWords = 9;
+constexpr int kRootFraction = 64 * (kRootWords - 1);  // bits after the point
 using RootFixed = Fixed<kRootWords>;
 
 // R = root * 2^exponent. Where T is 0 or not finite, or below 0, `special` is what elements are
@@ -37,6 +38,35 @@ KORVEX_HD inline InverseRoot special_root(double special) {
   return result;
 }
 
+// sqrt(n / T) for the positive T that a settled accumulator holds, its highest bit at `top`.
+KORVEX_HD inline InverseRoot root_of_quotient(std::int64_t n, const ProductAccumulator& t,
+                                              int top) {
+  const auto count = static_cast<std::uint64_t>(n);
+  const int count_exponent = 63 - leading_zeros(count);
+  // n and T by their highest bits on, both in [1, 2); the quotient, in (1/2, 2), is less than 4
+  // units off.
+  const auto numerator = fixed_from<kRootWords>(count, -count_exponent);
+  const auto denominator = shifted_down<kRootWords>(t, top - kRootFraction);
+  RootFixed ratio = fixed_quotient(numerator, denominator);
+  int exponent = count_exponent - (top + ProductAccumulator::kLowestExponent);
+  if ((exponent & 1) != 0) {
+    shift_up(ratio, 1);
+    --exponent;
+  }
+  InverseRoot result;
+  fixed_square_root(ratio, result.root);
+  result.exponent = exponent / 2;
+  result.special = 1;
+  const int high = highest_bit(result.root) - kFractionBits;
+  const int low = high - 53;
+  constexpr std::uint64_t kBits53 = 0x1fffffffffffff;
+  result.high = mul_rn(static_cast<double>(bits_from(result.root, high) & kBits53),
+                       power_of_two(high - kRootFraction));  // exact
+  result.low = mul_rn(static_cast<double>(bits_from(result.root, low) & kBits53),
+                      power_of_two(low - kRootFraction));  // exact
+  return result;
+}
+
 // squares: the sum of the finite squares, destroyed. Precondition: n > 0.
 KORVEX_COLD inline InverseRoot inverse_root(ProductAccumulator& squares, bool any_nan,
                                             bool any_infinite, std::int64_t n, double eps) {
@@ -46,43 +76,21 @@ KORVEX_COLD inline InverseRoot inverse_root(ProductAccumulator& squares, bool an
   squares.add_product(eps, static_cast<double>(n & std::int64_t{0xffffffff}));  // exact
   if (!squares.settle_to_read()) return special_root(canonical_nan());
   const int top = highest_bit(squares);
-  if (top < 0) return special_root(infinity());
-  const auto count = static_cast<std::uint64_t>(n);
-  const int count_exponent = 63 - leading_zeros(count);
-  // n and T by their highest bits on, both in [1, 2); the quotient, in (1/2, 2), is less than 4
-  // units off.
-  constexpr int kFraction = 64 * (kRootWords - 1);
-  RootFixed ratio = fixed_quotient(fixed_from<kRootWords>(count, -count_exponent),
-                                   shifted_down<kRootWords>(squares, top - kFraction));
-  int exponent = count_exponent - (top + ProductAccumulator::kLowestExponent);
-  if ((exponent & 1) != 0) {
-    shift_up(ratio, 1);
-    --exponent;
-  }
-  InverseRoot result;
-  result.root = fixed_square_root(ratio);
-  result.exponent = exponent / 2;
-  result.special = 1;
-  const int high = highest_bit(result.root) - kFractionBits;
-  const int low = high - 53;
-  constexpr std::uint64_t kBits53 = 0x1fffffffffffff;
-  result.high = mul_rn(static_cast<double>(bits_from(result.root, high) & kBits53),
-                       power_of_two(high - kFraction));
-  result.low = mul_rn(static_cast<double>(bits_from(result.root, low) & kBits53),
-                      power_of_two(low - kFraction));
-  return result;
+  return top < 0 ? special_root(infinity()) : root_of_quotient(n, squares, top);
 }
 
 // |x| R with all bits of R; ties to even.
 KORVEX_COLD inline double accurate_normalised(double x, const InverseRoot& r) {
   constexpr int kUncertainBits = 57;  // 8 units times a significand, and one bit
-  const RootFixed product = r.root * significand(x);
+  RootFixed product = r.root * significand(x);
   const int exponent = r.exponent + shift(x) + kUnitExponent;
   const Rounded result = rounded(product, exponent, kUncertainBits);
   if (result.is_decided) return result.value;
   const RootFixed margin{{std::uint64_t{1} << (kUncertainBits + 3)}};
-  const double below = rounded(product - margin, exponent, kUncertainBits).value;
-  const double above = rounded(product + margin, exponent, kUncertainBits).value;
+  subtract(product, margin, product);
+  const double below = nearest(product, exponent - kRootFraction, false);
+  add(product, margin + margin, product);
+  const double above = nearest(product, exponent - kRootFraction, false);
   return (to_bits(below) & 1) == 0 ? below : above;
 }
 
@@ -104,8 +112,8 @@ KORVEX_INLINE double normalised(double x, const InverseRoot& r) {
   if (exponent < -1080) {
     magnitude = 0.0;
   } else if (exponent <= 1024) {
-    const ValueAndError product = two_product(m, r.high);  // exact
-    const ScaledPair pair{product.value, fma_rn(m, r.low, product.error), exponent};
+    const ValueAndError product = two_product(m, r.high);                             // exact
+    const ScaledPair pair{product.value, fma_rn(m, r.low, product.error), exponent};  // rounded
     const Rounded fast = round_pair(pair, kNormalisedError);
     magnitude = fast.is_decided ? fast.value : accurate_normalised(x, r);
     if (!is_finite(magnitude)) magnitude = infinity();  // the encoding ran over
