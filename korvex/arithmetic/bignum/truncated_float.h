@@ -23,7 +23,9 @@ struct TruncatedFloat {
 
   KORVEX_INLINE TruncatedFloat() { word[0] = 1; }
 
-  KORVEX_HD std::uint64_t at(int index) const { return index < size ? word[index] : 0; }
+  KORVEX_HD std::uint64_t at(int index) const {
+    return index < kWords && index < size ? word[index] : 0;
+  }
 
   // Precondition: x is finite and not 0.
   KORVEX_INLINE void multiply(double x) {
