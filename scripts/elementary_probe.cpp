@@ -53,9 +53,15 @@ constexpr Phase kPhases[] = {exp_phase,   reduced_exp_phase, log_phase,
                              expm1_phase, sigmoid_phase,     tanh_phase};
 
 bool is_decided(int function, double x) {
-  if (function == 0) return round_pair(exp_pair(x), kExpError).is_decided;
-  if (function == 2) return round_log(log_pair(x)).is_decided;
-  if (function == 4) return round_pair(sigmoid_pair(x), kSigmoidError).is_decided;
+  if (function == 0) {
+    return round_pair(exp_pair(x), kExpError).is_decided;
+  }
+  if (function == 2) {
+    return round_log(log_pair(x)).is_decided;
+  }
+  if (function == 4) {
+    return round_pair(sigmoid_pair(x), kSigmoidError).is_decided;
+  }
   return function == 5 && fast_tanh(x).is_decided;
 }
 
@@ -66,23 +72,35 @@ extern "C" {
 // out: three numbers for each argument. function: 0 exp, 1 the reduced exp, 2 log, 3 expm1,
 // 4 sigmoid, 5 tanh; arguments in the range of the phase.
 void probe_pairs(int function, const double* x, double* out, std::size_t n) {
-  for (std::size_t i = 0; i < n; ++i) kPhases[function](x[i], out + 3 * i);
+  for (std::size_t i = 0; i < n; ++i) {
+    kPhases[function](x[i], out + 3 * i);
+  }
 }
 
 // How many of the arguments need the accurate phase.
 std::size_t probe_undecided(int function, const double* x, std::size_t n) {
   std::size_t count = 0;
-  for (std::size_t i = 0; i < n; ++i) count += is_decided(function, x[i]) ? 0 : 1;
+  for (std::size_t i = 0; i < n; ++i) {
+    count += is_decided(function, x[i]) ? 0 : 1;
+  }
   return count;
 }
 
 // The accurate phase alone: 0 exp, 2 log, 4 sigmoid, 5 tanh of positive arguments.
 void probe_accurate(int function, const double* x, double* out, std::size_t n) {
   for (std::size_t i = 0; i < n; ++i) {
-    if (function == 0) out[i] = accurate_exp(x[i]);
-    if (function == 2) out[i] = accurate_log(x[i], log_pair(x[i]).value);
-    if (function == 4) out[i] = widened_sigmoid(x[i]);
-    if (function == 5) out[i] = widened_tanh(x[i]);
+    if (function == 0) {
+      out[i] = accurate_exp(x[i]);
+    }
+    if (function == 2) {
+      out[i] = accurate_log(x[i], log_pair(x[i]).value);
+    }
+    if (function == 4) {
+      out[i] = widened_sigmoid(x[i]);
+    }
+    if (function == 5) {
+      out[i] = widened_tanh(x[i]);
+    }
   }
 }
 

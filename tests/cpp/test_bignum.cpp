@@ -38,8 +38,12 @@ Integer integer_of(const Natural<2>& a) {
 // Of any length up to 128 bits, words of zeros and of ones among them.
 Integer random_integer(Random& random) {
   Integer value = static_cast<Integer>(random_bits(random)) << 64 | random_bits(random);
-  if (random.below(8) == 0) value |= ~std::uint64_t{0};
-  if (random.below(8) == 0) value &= ~Integer{0} << 64;
+  if (random.below(8) == 0) {
+    value |= ~std::uint64_t{0};
+  }
+  if (random.below(8) == 0) {
+    value &= ~Integer{0} << 64;
+  }
   return value >> random.below(128);
 }
 
@@ -118,7 +122,9 @@ void squares_of_many_words_add_up() {
   Random random(83);
   for (int i = 0; i < 200; ++i) {
     Natural<8> a{};
-    for (int k = 0; k < random.below(8); ++k) a.word[k] = random_bits(random);
+    for (int k = 0; k < random.below(8); ++k) {
+      a.word[k] = random_bits(random);
+    }
     const std::uint64_t b = random_bits(random);
     Natural<17> whole{}, of_a{}, cross{}, of_b{};
     square(a + Natural<8>{{b}}, whole);
@@ -253,7 +259,9 @@ void square_roots_are_cut_to_units() {
   Random random(74);
   for (int i = 0; i < 40; ++i) {
     RootFixed a;
-    for (auto& word : a.word) word = random_bits(random);
+    for (auto& word : a.word) {
+      word = random_bits(random);
+    }
     a.word[kRootWords - 1] = static_cast<std::uint64_t>(random.below(3)) + 1;
     RootFixed root;
     fixed_square_root(a, root);
@@ -288,7 +296,9 @@ void rounding_gives_back_doubles_and_finds_midpoints() {
     // Subnormal results, down to half of the least.
     const int down = -1040 - random.below(60);
     const Rounded small = rounded(fixed, down, 24);
-    if (small.is_decided) CHECK_SAME_BITS(small.value, std::ldexp(x, down));
+    if (small.is_decided) {
+      CHECK_SAME_BITS(small.value, std::ldexp(x, down));
+    }
   }
 }
 

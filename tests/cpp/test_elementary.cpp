@@ -20,7 +20,9 @@ constexpr double kInf = std::numeric_limits<double>::infinity();
 
 std::uint64_t random_bits(Random& random) {
   std::uint64_t bits = 0;
-  for (int i = 0; i < 8; ++i) bits = bits << 8 | static_cast<std::uint64_t>(random.below(256));
+  for (int i = 0; i < 8; ++i) {
+    bits = bits << 8 | static_cast<std::uint64_t>(random.below(256));
+  }
   return bits;
 }
 
@@ -37,12 +39,16 @@ void phases_agree() {
     CHECK_SAME_BITS(exponential(-700 - 46 * unit * 0.98), accurate_exp(-700 - 46 * unit * 0.98));
     CHECK_SAME_BITS(logarithm(x), accurate_log(x, log_pair(x).value));
     const double tiny = std::ldexp(unit + 0.5, -1030 - random.below(40));
-    if (tiny != 0) CHECK_SAME_BITS(logarithm(tiny), accurate_log(tiny, log_pair(tiny).value));
+    if (tiny != 0) {
+      CHECK_SAME_BITS(logarithm(tiny), accurate_log(tiny, log_pair(tiny).value));
+    }
     if (x < 19) {
       CHECK_SAME_BITS(hyperbolic_tangent(x), widened_tanh(x));
       CHECK_SAME_BITS(hyperbolic_tangent(-x), -widened_tanh(x));
     }
-    if (x < 38) CHECK_SAME_BITS(sigmoid(x), widened_sigmoid(x));
+    if (x < 38) {
+      CHECK_SAME_BITS(sigmoid(x), widened_sigmoid(x));
+    }
   }
 }
 
@@ -58,11 +64,15 @@ void check_first_try(const double* ordinary, int count, const Usual& is_usual) {
     const double usual[] = {ordinary[i], 1400 * (unit - 0.5), 1e300 * unit,
                             1.0 + ordinary[i] * 0x1p-20};
     for (const double x : usual) {
-      if (is_usual(x) && !Try(x).is_decided) ++open;
+      if (is_usual(x) && !Try(x).is_decided) {
+        ++open;
+      }
     }
     for (const double x : {usual[0], usual[1], usual[2], usual[3], any, std::ldexp(unit, -1060)}) {
       const Rounded tried = Try(x);
-      if (tried.is_decided) CHECK_SAME_BITS(tried.value, Function(x));
+      if (tried.is_decided) {
+        CHECK_SAME_BITS(tried.value, Function(x));
+      }
     }
   }
   CHECK(open <= count / 100);
@@ -71,7 +81,9 @@ void check_first_try(const double* ordinary, int count, const Usual& is_usual) {
   for (const double border : borders) {
     for (const double x : {border, -border, std::nextafter(border, 0.0)}) {
       const Rounded tried = Try(x);
-      if (tried.is_decided) CHECK_SAME_BITS(tried.value, Function(x));
+      if (tried.is_decided) {
+        CHECK_SAME_BITS(tried.value, Function(x));
+      }
       CHECK(tried.is_decided == is_usual(x));
     }
   }
@@ -90,7 +102,9 @@ void first_tries_agree() {
   check_first_try<try_sigmoid, sigmoid>(x, kCount, [](double v) { return v > -708; });
   check_first_try<try_tanh, hyperbolic_tangent>(x, kCount,
                                                 [](double v) { return absolute(v) >= 0x1p-27; });
-  for (double& value : x) value = absolute(value);
+  for (double& value : x) {
+    value = absolute(value);
+  }
   check_first_try<try_logarithm, logarithm>(
       x, kCount, [](double v) { return v >= 0x1p-1022 && v <= kLargest; });
 }

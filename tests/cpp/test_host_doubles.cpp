@@ -26,7 +26,9 @@ constexpr double kUnusual[] = {
 
 double random_argument(Random& random) {
   std::uint64_t bits = 0;
-  for (int i = 0; i < 8; ++i) bits = bits << 8 | static_cast<std::uint64_t>(random.below(256));
+  for (int i = 0; i < 8; ++i) {
+    bits = bits << 8 | static_cast<std::uint64_t>(random.below(256));
+  }
   switch (random.below(5)) {
     case 0:
       return from_bits(bits);
@@ -46,7 +48,9 @@ static_assert(kGroup % kHostReals == 0);
 struct Group {
   double x[kGroup];
   explicit Group(Random& random) {
-    for (double& value : x) value = random_argument(random);
+    for (double& value : x) {
+      value = random_argument(random);
+    }
   }
 };
 
@@ -61,7 +65,9 @@ int decided_lanes(const Group& group, const LanesTry& lanes_try, const Try& try_
     for (int j = 0; j < kHostReals; ++j) {
       const Rounded one = try_one(group.x[i + j]);
       CHECK(lane(lanes.is_decided, j) == one.is_decided);
-      if (one.is_decided) CHECK_SAME_BITS(stored[j], one.value);
+      if (one.is_decided) {
+        CHECK_SAME_BITS(stored[j], one.value);
+      }
       all_decided = all_decided && one.is_decided;
       decided += one.is_decided ? 1 : 0;
     }

@@ -59,8 +59,12 @@ struct SignedFixed {
 
 template <int W>
 KORVEX_HD SignedFixed<W> operator+(const SignedFixed<W>& a, const SignedFixed<W>& b) {
-  if (a.is_negative == b.is_negative) return {a.magnitude + b.magnitude, a.is_negative};
-  if (a.magnitude < b.magnitude) return {b.magnitude - a.magnitude, b.is_negative};
+  if (a.is_negative == b.is_negative) {
+    return {a.magnitude + b.magnitude, a.is_negative};
+  }
+  if (a.magnitude < b.magnitude) {
+    return {b.magnitude - a.magnitude, b.is_negative};
+  }
   return {a.magnitude - b.magnitude, a.is_negative};
 }
 

@@ -119,7 +119,9 @@ class FixedPoint {
 
   // The value in units is the sum of at(i) * 2^(64 i). Precondition: settled, not negative.
   KORVEX_HD std::uint64_t at(int index) const {
-    if (index >= kWords) return 0;
+    if (index >= kWords) {
+      return 0;
+    }
     return static_cast<std::uint64_t>(digit_[2 * index]) |
            static_cast<std::uint64_t>(digit_[2 * index + 1]) << 32;
   }
@@ -127,9 +129,15 @@ class FixedPoint {
   // Writes the magnitude of the value in units; true where the value is negative. The value stays.
   KORVEX_COLD bool magnitude(Magnitude& to) {
     const bool is_negative = !settle_to_read();
-    if (is_negative) negate();
-    for (int i = 0; i < kWords; ++i) to.word[i] = at(i);
-    if (is_negative) negate();
+    if (is_negative) {
+      negate();
+    }
+    for (int i = 0; i < kWords; ++i) {
+      to.word[i] = at(i);
+    }
+    if (is_negative) {
+      negate();
+    }
     return is_negative;
   }
 
@@ -184,7 +192,9 @@ class FixedPoint {
   // RN(value), an infinity from 2^1024 - 2^970 on; +0 for zero. Leaves the carries settled.
   KORVEX_COLD double nearest() {
     settle();
-    if (digit_[kDigits - 1] >= 0) return arithmetic::nearest(*this, kUnit, false);
+    if (digit_[kDigits - 1] >= 0) {
+      return arithmetic::nearest(*this, kUnit, false);
+    }
     negate();
     const double magnitude = arithmetic::nearest(*this, kUnit, false);
     negate();

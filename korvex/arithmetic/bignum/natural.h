@@ -26,7 +26,9 @@ struct Natural {
   // Words in use: all from there on are 0.
   KORVEX_HD int size() const {
     int count = kWords;
-    while (count > 0 && word[count - 1] == 0) --count;
+    while (count > 0 && word[count - 1] == 0) {
+      --count;
+    }
     return count;
   }
 };
@@ -34,14 +36,18 @@ struct Natural {
 template <int W>
 KORVEX_HD bool is_zero(const Natural<W>& a) {
   std::uint64_t any = 0;
-  for (int i = 0; i < W; ++i) any |= a.word[i];
+  for (int i = 0; i < W; ++i) {
+    any |= a.word[i];
+  }
   return any == 0;
 }
 
 template <int W>
 KORVEX_HD bool operator<(const Natural<W>& a, const Natural<W>& b) {
   for (int i = W - 1; i > 0; --i) {
-    if (a.word[i] != b.word[i]) return a.word[i] < b.word[i];
+    if (a.word[i] != b.word[i]) {
+      return a.word[i] < b.word[i];
+    }
   }
   return a.word[0] < b.word[0];
 }
@@ -94,7 +100,9 @@ KORVEX_HD Natural<W> operator-(const Natural<W>& a, const Natural<W>& b) {
 // beyond the result are lost. The result may be x where position >= 0.
 template <class Number, int W>
 KORVEX_HD void shift_down(const Number& x, int position, Natural<W>& result) {
-  for (int i = 0; i < W; ++i) result.word[i] = bits_from(x, position + 64 * i);
+  for (int i = 0; i < W; ++i) {
+    result.word[i] = bits_from(x, position + 64 * i);
+  }
 }
 
 template <int W, class Number>
@@ -148,7 +156,9 @@ KORVEX_INLINE void multiply_columns(const std::uint64_t* a, int a_count, const s
     for (int i = column < b_count ? 0 : column - b_count + 1; i < a_count && i <= column; ++i) {
       add_product(a[i], b[column - i], low, middle, high);
     }
-    if (column >= columns.from) product[column - columns.from] = low;
+    if (column >= columns.from) {
+      product[column - columns.from] = low;
+    }
     low = middle;
     middle = high;
     high = 0;
@@ -160,7 +170,9 @@ template <int W, int R>
 KORVEX_COLD void square(const Natural<W>& a, Natural<R>& result) {
   const int count = a.size();
   multiply_columns(a.word, count, a.word, count, {0, 0, 2 * count}, result.word);
-  for (int i = 2 * count; i < R; ++i) result.word[i] = 0;
+  for (int i = 2 * count; i < R; ++i) {
+    result.word[i] = 0;
+  }
 }
 
 // a * factor modulo 2^(64 R).
@@ -168,7 +180,9 @@ template <int W, int R>
 KORVEX_HD void multiply(const Natural<W>& a, std::uint64_t factor, Natural<R>& product) {
   static_assert(R >= W);
   std::uint64_t carry = 0;
-  for (int i = 0; i < W; ++i) product.word[i] = multiply_word(a.word[i], factor, carry);
+  for (int i = 0; i < W; ++i) {
+    product.word[i] = multiply_word(a.word[i], factor, carry);
+  }
   for (int i = W; i < R; ++i) {
     product.word[i] = carry;
     carry = 0;
@@ -214,7 +228,9 @@ template <int W>
 KORVEX_HD Natural<W> operator/(const Natural<W>& a, std::uint32_t divisor) {
   Natural<W> quotient;
   std::uint64_t rest = 0;
-  for (int i = W - 1; i >= 0; --i) quotient.word[i] = divide_word(a.word[i], divisor, rest);
+  for (int i = W - 1; i >= 0; --i) {
+    quotient.word[i] = divide_word(a.word[i], divisor, rest);
+  }
   return quotient;
 }
 

@@ -15,7 +15,9 @@ template <class Number>
 KORVEX_HD int highest_bit(const Number& x) {
   for (int i = Number::kWords - 1; i >= 0; --i) {
     const std::uint64_t word = x.at(i);
-    if (word != 0) return 64 * i + 63 - leading_zeros(word);
+    if (word != 0) {
+      return 64 * i + 63 - leading_zeros(word);
+    }
   }
   return -1;
 }
@@ -23,7 +25,9 @@ KORVEX_HD int highest_bit(const Number& x) {
 // The low 64 bits of floor(x / 2^position); a negative position multiplies.
 template <class Number>
 KORVEX_HD std::uint64_t bits_from(const Number& x, int position) {
-  if (position < 0) return position <= -64 ? 0 : x.at(0) << -position;
+  if (position < 0) {
+    return position <= -64 ? 0 : x.at(0) << -position;
+  }
   const int index = position >> 6;
   const int offset = position & 63;
   // A shift by 64 is not defined, so the upper part goes in two steps.
@@ -38,10 +42,14 @@ KORVEX_HD bool bit_at(const Number& x, int position) {
 // Whether x is no multiple of 2^position.
 template <class Number>
 KORVEX_HD bool any_below(const Number& x, int position) {
-  if (position <= 0) return false;
+  if (position <= 0) {
+    return false;
+  }
   const int index = position >> 6;
   std::uint64_t bits = x.at(index) & ((std::uint64_t{1} << (position & 63)) - 1);
-  for (int i = index - 1; bits == 0 && i >= 0; --i) bits = x.at(i);
+  for (int i = index - 1; bits == 0 && i >= 0; --i) {
+    bits = x.at(i);
+  }
   return bits != 0;
 }
 
@@ -60,10 +68,14 @@ KORVEX_HD inline int last_kept_bit(int highest, int exponent) {
 template <class Number>
 KORVEX_COLD double nearest(const Number& x, int exponent, bool has_more) {
   const int highest = highest_bit(x);
-  if (highest < 0) return 0.0;
+  if (highest < 0) {
+    return 0.0;
+  }
   const int last = last_kept_bit(highest, exponent);
   const int field = last + exponent - kUnitExponent;
-  if (field >= 2046) return infinity();
+  if (field >= 2046) {
+    return infinity();
+  }
   const std::uint64_t kept_and_half = bits_from(x, last - 1);
   const std::uint64_t kept = kept_and_half >> 1;
   const bool is_half_set = (kept_and_half & 1) != 0;

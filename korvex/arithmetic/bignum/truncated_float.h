@@ -42,8 +42,12 @@ struct TruncatedFloat {
     count -= product[count - 1] == 0 ? 1 : 0;
     const int excess = count > kWords ? count - kWords : 0;
     bool has_loss = false;
-    for (int i = 0; i < excess; ++i) has_loss = has_loss || product[i] != 0;
-    for (int i = excess; i < count; ++i) word[i - excess] = product[i];
+    for (int i = 0; i < excess; ++i) {
+      has_loss = has_loss || product[i] != 0;
+    }
+    for (int i = excess; i < count; ++i) {
+      word[i - excess] = product[i];
+    }
     size = count - excess;
     exponent += other.exponent + std::int64_t{64} * excess;
     dropped += other.dropped + (has_loss ? 1 : 0);
@@ -51,18 +55,28 @@ struct TruncatedFloat {
 
  private:
   KORVEX_INLINE void multiply_by_word(std::uint64_t factor) {
-    if (factor == 1) return;
+    if (factor == 1) {
+      return;
+    }
     std::uint64_t carry = 0;
-    for (int i = 0; i < size; ++i) word[i] = multiply_word(word[i], factor, carry);
-    if (carry == 0) return;
-    if (size == kWords) drop_lowest_word();
+    for (int i = 0; i < size; ++i) {
+      word[i] = multiply_word(word[i], factor, carry);
+    }
+    if (carry == 0) {
+      return;
+    }
+    if (size == kWords) {
+      drop_lowest_word();
+    }
     word[size] = carry;
     ++size;
   }
 
   KORVEX_INLINE void drop_lowest_word() {
     dropped += word[0] != 0 ? 1 : 0;
-    for (int i = 1; i < kWords; ++i) word[i - 1] = word[i];
+    for (int i = 1; i < kWords; ++i) {
+      word[i - 1] = word[i];
+    }
     --size;
     exponent += 64;
   }

@@ -98,7 +98,9 @@ KORVEX_INLINE Real scaled(Real value, typename Companions<Real>::Integer exponen
 // Rounds to the grid of the subnormal numbers, 2^grid_exponent in the scale of the pair.
 KORVEX_COLD inline Rounded round_to_subnormal(const ScaledPair& pair, double error,
                                               int grid_exponent) {
-  if (grid_exponent < -48) return {0.0, false};  // at the border to the normal numbers
+  if (grid_exponent < -48) {
+    return {0.0, false};  // at the border to the normal numbers
+  }
   const double bias = mul_rn(0x1.8p+52, power_of_two(grid_exponent));  // exact
   const ValueAndError on_grid = fast_two_sum(bias, pair.high);         // exact
   const double kept = sub_rn(on_grid.value, bias);          // exact: a multiple of the grid
@@ -145,7 +147,9 @@ constexpr int kFixedExpUncertainBits = 24;
 template <int W>
 KORVEX_HD Fixed<W> fixed_ln2() {
   Fixed<W> result;
-  for (int i = 0; i < W; ++i) result.word[i] = kLn2Digits[kLn2Words - W + i];
+  for (int i = 0; i < W; ++i) {
+    result.word[i] = kLn2Digits[kLn2Words - W + i];
+  }
   return result;
 }
 
@@ -170,7 +174,9 @@ KORVEX_COLD FixedExp<W> fixed_exp(const Fixed<W>& magnitude, bool is_negative) {
       add_rn(static_cast<double>(magnitude.word[W - 1]),                          // off by 2^-44
              mul_rn(static_cast<double>(magnitude.word[W - 2] >> 11), 0x1p-53));  // exact
   auto k = static_cast<std::uint64_t>(mul_rn(head, 0x1.71547652b82fep+0));        // RN(1 / log 2)
-  if (magnitude < ln2 * k) --k;
+  if (magnitude < ln2 * k) {
+    --k;
+  }
   Fixed<W> r = magnitude - ln2 * k;
   if (!(r < ln2)) {
     r = r - ln2;
@@ -182,7 +188,9 @@ KORVEX_COLD FixedExp<W> fixed_exp(const Fixed<W>& magnitude, bool is_negative) {
     exponent = -exponent - 1;
   }
   Fixed<W> power = fixed_taylor(shifted_down<W>(r, 8));
-  for (int i = 0; i < 8; ++i) power = fixed_product(power, power);
+  for (int i = 0; i < 8; ++i) {
+    power = fixed_product(power, power);
+  }
   return {power, exponent};
 }
 
@@ -204,11 +212,19 @@ constexpr double kExpError = 0x1p-71;                    // proved: 2^-73
 
 // RN(exp(x)) for every x.
 KORVEX_INLINE double exponential(double x) {
-  if (is_nan(x)) return canonical_nan();
-  if (x > kExpOverflow) return infinity();
-  if (x < kExpUnderflow) return 0.0;
+  if (is_nan(x)) {
+    return canonical_nan();
+  }
+  if (x > kExpOverflow) {
+    return infinity();
+  }
+  if (x < kExpUnderflow) {
+    return 0.0;
+  }
   const double magnitude = x < 0 ? -x : x;
-  if (magnitude < 0x1p-54) return 1.0;
+  if (magnitude < 0x1p-54) {
+    return 1.0;
+  }
   const Rounded fast = round_pair(exp_pair(x), kExpError);
   return fast.is_decided ? fast.value : accurate_exp(x);
 }

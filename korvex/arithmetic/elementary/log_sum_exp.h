@@ -51,7 +51,9 @@ struct ExpSum {
   // Adds exp(x - largest), off by less than 2^-72.9 of itself and 3 units.
   KORVEX_INLINE void add_term(double x, double largest) {
     const ValueAndError d = two_sum(x, -largest);  // exact, unless it overflows to -infinity
-    if (!(d.value >= kLeastFastDifference)) return;
+    if (!(d.value >= kLeastFastDifference)) {
+      return;
+    }
     const ScaledPair p = exp_pair(d.value);             // off by 2^-73 of itself
     const double low = fma_rn(p.high, d.error, p.low);  // exp(error) = 1 + error to 2^-95
     add_scaled(p.high, p.exponent);
@@ -79,7 +81,9 @@ struct ExpSum {
     const int position = 128 + exponent + kUnitExponent + shift(value);
     const std::uint64_t bits = significand(value);
     Natural<3> term{};
-    if (position <= -64) return;
+    if (position <= -64) {
+      return;
+    }
     if (position < 0) {
       term.word[0] = bits >> -position;
     } else if (position < 64) {
@@ -147,7 +151,9 @@ KORVEX_COLD SignedFixed<W> fixed_log(const Fixed<W>& a) {
   const Fixed<W> one = fixed_from<W>(1, 0);
   const Fixed<W> excess = a - one;
   constexpr int kPoint = 64 * (W - 1);
-  if (highest_bit(excess) < kPoint - 41) return fixed_log1p(SignedFixed<W>{excess, false});
+  if (highest_bit(excess) < kPoint - 41) {
+    return fixed_log1p(SignedFixed<W>{excess, false});
+  }
   const int last = highest_bit(a) - kFractionBits;
   const double head = mul_rn(static_cast<double>(bits_from(a, last)), power_of_two(last - kPoint));
   const double y = log_pair(head).value;
@@ -162,10 +168,14 @@ template <int W>
 KORVEX_COLD Rounded accurate_log_sum(double largest, const Fixed<W>& sum, std::int64_t n) {
   const SignedFixed<W> start{fixed_magnitude<W>(largest), is_negative(largest)};
   const SignedFixed<W> y = start + fixed_log(sum);
-  if (is_zero(y.magnitude)) return {0.0, false};
+  if (is_zero(y.magnitude)) {
+    return {0.0, false};
+  }
   // Units: 2^24 of the sum, 2^25 of its logarithm, 2 for each term, 1 for the largest element.
   int uncertain_bits = kFixedExpUncertainBits + 2;
-  while (std::int64_t{1} << (uncertain_bits - 3) < n) ++uncertain_bits;
+  while (std::int64_t{1} << (uncertain_bits - 3) < n) {
+    ++uncertain_bits;
+  }
   const Rounded result = rounded(y.magnitude, 0, uncertain_bits);
   return {with_sign(result.value, y.is_negative), result.is_decided};
 }
@@ -174,7 +184,9 @@ template <int W, class Runner>
 KORVEX_HD Rounded accurate_try(const Runner& runner, double largest, std::int64_t n) {
   const FixedExpSum<W>& sum = runner.template over<FixedExpSum<W>>(
       [=](const double* x, std::int64_t count, FixedExpSum<W>& part) {
-        for (std::int64_t i = 0; i < count; ++i) part.add_term(x[i], largest);
+        for (std::int64_t i = 0; i < count; ++i) {
+          part.add_term(x[i], largest);
+        }
       });
   return accurate_log_sum(largest, sum.sum, n);
 }

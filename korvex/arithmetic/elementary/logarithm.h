@@ -82,7 +82,9 @@ KORVEX_COLD SignedFixed<W> fixed_log1p(const SignedFixed<W>& z) {
   for (std::uint32_t n = 2;; ++n) {
     power = fixed_product(power, z.magnitude);
     const Fixed<W> term = power / n;
-    if (is_zero(term)) return sum;
+    if (is_zero(term)) {
+      return sum;
+    }
     const bool is_negative = n % 2 == 0 || z.is_negative;  // -z^2/2, +z^3/3 with the sign of z
     sum = sum + SignedFixed<W>{term, is_negative};
   }
@@ -115,11 +117,21 @@ KORVEX_INLINE RoundedOf<Real> round_log(const ValueAndErrorOf<Real>& y) {
 
 // RN(log(x)) for every x.
 KORVEX_INLINE double logarithm(double x) {
-  if (is_nan(x)) return canonical_nan();
-  if (x == 0.0) return -infinity();
-  if (is_negative(x)) return canonical_nan();
-  if (!is_finite(x)) return x;
-  if (x == 1.0) return 0.0;
+  if (is_nan(x)) {
+    return canonical_nan();
+  }
+  if (x == 0.0) {
+    return -infinity();
+  }
+  if (is_negative(x)) {
+    return canonical_nan();
+  }
+  if (!is_finite(x)) {
+    return x;
+  }
+  if (x == 1.0) {
+    return 0.0;
+  }
   const Rounded fast = round_log(log_pair(x));
   return fast.is_decided ? fast.value : accurate_log(x, fast.value);
 }

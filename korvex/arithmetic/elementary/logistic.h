@@ -41,8 +41,12 @@ KORVEX_COLD Rounded accurate_sigmoid(double x) {
 
 KORVEX_COLD inline double widened_sigmoid(double x) {
   Rounded result = accurate_sigmoid<5>(x);
-  if (!result.is_decided) result = accurate_sigmoid<9>(x);
-  if (!result.is_decided) result = accurate_sigmoid<17>(x);
+  if (!result.is_decided) {
+    result = accurate_sigmoid<9>(x);
+  }
+  if (!result.is_decided) {
+    result = accurate_sigmoid<17>(x);
+  }
   return result.value;
 }
 
@@ -63,10 +67,18 @@ KORVEX_INLINE ScaledPairOf<Real> sigmoid_pair(Real x) {
 
 // RN(1 / (1 + exp(-x))) for every x.
 KORVEX_INLINE double sigmoid(double x) {
-  if (is_nan(x)) return canonical_nan();
-  if (x > kSigmoidOne) return 1.0;
-  if (x < kSigmoidUnderflow) return 0.0;
-  if (absolute(x) < 0x1p-53) return 0.5;
+  if (is_nan(x)) {
+    return canonical_nan();
+  }
+  if (x > kSigmoidOne) {
+    return 1.0;
+  }
+  if (x < kSigmoidUnderflow) {
+    return 0.0;
+  }
+  if (absolute(x) < 0x1p-53) {
+    return 0.5;
+  }
   const Rounded fast = round_pair(sigmoid_pair(x), kSigmoidError);
   return fast.is_decided ? fast.value : widened_sigmoid(x);
 }
@@ -96,8 +108,12 @@ KORVEX_COLD Rounded accurate_tanh(double x) {
 
 KORVEX_COLD inline double widened_tanh(double x) {
   Rounded result = accurate_tanh<5>(x);
-  if (!result.is_decided) result = accurate_tanh<9>(x);
-  if (!result.is_decided) result = accurate_tanh<17>(x);
+  if (!result.is_decided) {
+    result = accurate_tanh<9>(x);
+  }
+  if (!result.is_decided) {
+    result = accurate_tanh<17>(x);
+  }
   return result.value;
 }
 
@@ -132,15 +148,21 @@ KORVEX_INLINE RoundedOf<Real> fast_tanh(Real x) {
 }
 
 KORVEX_INLINE double tanh_of_magnitude(double x) {
-  if (x > kTanhOne) return 1.0;
-  if (x < kTanhLeast) return x;
+  if (x > kTanhOne) {
+    return 1.0;
+  }
+  if (x < kTanhLeast) {
+    return x;
+  }
   const Rounded fast = fast_tanh(x);
   return fast.is_decided ? fast.value : widened_tanh(x);
 }
 
 // RN(tanh(x)) for every x.
 KORVEX_INLINE double hyperbolic_tangent(double x) {
-  if (is_nan(x)) return canonical_nan();
+  if (is_nan(x)) {
+    return canonical_nan();
+  }
   return is_negative(x) ? -tanh_of_magnitude(-x) : tanh_of_magnitude(x);
 }
 

@@ -70,11 +70,17 @@ KORVEX_HD inline InverseRoot root_of_quotient(std::int64_t n, const ProductAccum
 // squares: the sum of the finite squares, destroyed. Precondition: n > 0.
 KORVEX_COLD inline InverseRoot inverse_root(ProductAccumulator& squares, bool any_nan,
                                             bool any_infinite, std::int64_t n, double eps) {
-  if (any_nan || is_nan(eps) || eps == -infinity()) return special_root(canonical_nan());
-  if (any_infinite || eps == infinity()) return special_root(0.0);
+  if (any_nan || is_nan(eps) || eps == -infinity()) {
+    return special_root(canonical_nan());
+  }
+  if (any_infinite || eps == infinity()) {
+    return special_root(0.0);
+  }
   squares.add_product(eps, mul_rn(static_cast<double>(n >> 32), 0x1p+32));      // exact
   squares.add_product(eps, static_cast<double>(n & std::int64_t{0xffffffff}));  // exact
-  if (!squares.settle_to_read()) return special_root(canonical_nan());
+  if (!squares.settle_to_read()) {
+    return special_root(canonical_nan());
+  }
   const int top = highest_bit(squares);
   return top < 0 ? special_root(infinity()) : root_of_quotient(n, squares, top);
 }
@@ -85,7 +91,9 @@ KORVEX_COLD inline double accurate_normalised(double x, const InverseRoot& r) {
   RootFixed product = r.root * significand(x);
   const int exponent = r.exponent + shift(x) + kUnitExponent;
   const Rounded result = rounded(product, exponent, kUncertainBits);
-  if (result.is_decided) return result.value;
+  if (result.is_decided) {
+    return result.value;
+  }
   const RootFixed margin{{std::uint64_t{1} << (kUncertainBits + 3)}};
   subtract(product, margin, product);
   const double below = nearest(product, exponent - kRootFraction, false);
@@ -102,7 +110,9 @@ KORVEX_INLINE double normalised(double x, const InverseRoot& r) {
     const double result = mul_rn(x, r.special);
     return is_nan(result) ? canonical_nan() : result;
   }
-  if (x == 0) return x;
+  if (x == 0) {
+    return x;
+  }
   const bool subnormal = exponent_field(x) == 0;
   const double normal = subnormal ? mul_rn(x, 0x1p+54) : x;  // exact
   const int exponent = exponent_field(normal) - kExponentBias - (subnormal ? 54 : 0) + r.exponent;
@@ -116,7 +126,9 @@ KORVEX_INLINE double normalised(double x, const InverseRoot& r) {
     const ScaledPair pair{product.value, fma_rn(m, r.low, product.error), exponent};  // rounded
     const Rounded fast = round_pair(pair, kNormalisedError);
     magnitude = fast.is_decided ? fast.value : accurate_normalised(x, r);
-    if (!is_finite(magnitude)) magnitude = infinity();  // the encoding ran over
+    if (!is_finite(magnitude)) {
+      magnitude = infinity();  // the encoding ran over
+    }
   }
   return is_negative(x) ? -magnitude : magnitude;
 }

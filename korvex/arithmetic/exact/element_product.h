@@ -45,7 +45,9 @@ struct ElementProduct {
   }
 
   KORVEX_HD void add_range(const double* x, std::int64_t n) {
-    for (std::int64_t i = 0; i < n; ++i) multiply(x[i]);
+    for (std::int64_t i = 0; i < n; ++i) {
+      multiply(x[i]);
+    }
   }
 
   KORVEX_COLD void add(const ElementProduct& other) {
@@ -58,7 +60,9 @@ struct ElementProduct {
 
   // True, with both outputs written, where the product is not that of finite non-zero elements.
   KORVEX_COLD bool write_special(double* out, double* out_err) const {
-    if (!has_nan && !has_infinity && !has_zero) return false;
+    if (!has_nan && !has_infinity && !has_zero) {
+      return false;
+    }
     out_err[0] = 0.0;
     if (has_nan || (has_infinity && has_zero)) {
       out[0] = canonical_nan();
@@ -120,7 +124,9 @@ KORVEX_COLD bool write_product_limbs(const ElementProduct<kWords>& product,
   round_to_two_limbs(work, exponent, lower);
   out[0] = with_sign(lower[0], product.is_negative);
   out_err[0] = with_sign(lower[1], product.is_negative);
-  if (magnitude.dropped == 0) return true;
+  if (magnitude.dropped == 0) {
+    return true;
+  }
   // Each loss was below one part in 2^(64 (kWords - 1)), and the number is below 2^(64 kWords)
   // units: fewer than dropped * 2^64 units were lost, times 1 + 2^-100 for losses of losses.
   double upper[2];
@@ -142,9 +148,13 @@ struct AccurateProductWorkspace {
 KORVEX_COLD inline void write_product(const FastProduct& product, const double* x, std::int64_t n,
                                       AccurateProductWorkspace& accurate, double* out,
                                       double* out_err) {
-  if (product.write_special(out, out_err)) return;
+  if (product.write_special(out, out_err)) {
+    return;
+  }
   ProductWorkspace<kFastProductWords> work;
-  if (write_product_limbs(product, work, out, out_err)) return;
+  if (write_product_limbs(product, work, out, out_err)) {
+    return;
+  }
   accurate.product = AccurateProduct();
   accurate.product.add_range(x, n);
   write_product_limbs(accurate.product, accurate.integers, out, out_err);

@@ -18,7 +18,9 @@ struct NormWorkspace {
 // RN(sqrt(sum of squares)).
 KORVEX_COLD inline double root_of_squares(const NormWorkspace& work) {
   const int highest = highest_bit(work.squares);
-  if (highest < 0) return 0.0;
+  if (highest < 0) {
+    return 0.0;
+  }
   // The leading 127 or 128 bits give 64 of the root; from an even bit on, so that the root has a
   // whole exponent.
   const int lowest = highest - 126 - (highest & 1);

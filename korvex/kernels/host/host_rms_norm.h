@@ -39,12 +39,16 @@ template <class Arguments>
 void run_rms_norm(const Arguments& arguments) {
   const double* x = arguments.array(0);
   const std::int64_t n = arguments.integer(2);
-  if (n <= 0) return;
+  if (n <= 0) {
+    return;
+  }
   FiniteSquares squares;
   for_each_slice<FiniteSquares>(
       n, arguments.threads(),
       [x](std::int64_t begin, std::int64_t end, FiniteSquares& part) {
-        for (std::int64_t i = begin; i < end; ++i) part.add(x[i]);
+        for (std::int64_t i = begin; i < end; ++i) {
+          part.add(x[i]);
+        }
       },
       [&squares](const FiniteSquares& part) { squares.add(part); });
   const arithmetic::InverseRoot root = arithmetic::inverse_root(

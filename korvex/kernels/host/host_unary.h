@@ -20,7 +20,9 @@ void for_each_element(const double* x, double* out, std::int64_t n, int threads,
   for_each_slice<Nothing>(
       n, threads,
       [=](std::int64_t begin, std::int64_t end, Nothing&) {
-        for (std::int64_t i = begin; i < end; ++i) out[i] = operation(x[i]);
+        for (std::int64_t i = begin; i < end; ++i) {
+          out[i] = operation(x[i]);
+        }
       },
       [](const Nothing&) {});
 }
@@ -44,7 +46,9 @@ __attribute__((noinline)) void finish_undecided(HostReal x,
                                                 const arithmetic::RoundedOf<HostReal>& tried,
                                                 double* out) {
   for (int i = 0; i < arithmetic::kHostReals; ++i) {
-    if (!arithmetic::lane(tried.is_decided, i)) out[i] = Function(arithmetic::lane(x, i));
+    if (!arithmetic::lane(tried.is_decided, i)) {
+      out[i] = Function(arithmetic::lane(x, i));
+    }
   }
 }
 
@@ -68,7 +72,9 @@ void run_tried_unary(const Arguments& arguments) {
             finish_undecided<Function>(argument, tried, out + i);
           }
         }
-        for (; i < end; ++i) out[i] = out_of_line<Function>(x[i]);
+        for (; i < end; ++i) {
+          out[i] = out_of_line<Function>(x[i]);
+        }
       },
       [](const Nothing&) {});
 }
