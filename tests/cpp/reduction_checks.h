@@ -81,7 +81,7 @@ double norm(const std::vector<double>& x, int threads) {
           .over<ExactProductSum>([](const double* run, std::int64_t count, ExactProductSum& part) {
             arithmetic::add_products<Lanes>(run, run, count, part);
           });
-  arithmetic::SquareSum work;
+  arithmetic::NormWorkspace work;
   double out = 7.0;
   arithmetic::write_norm(squares, work, &out);
   return out;
@@ -93,9 +93,9 @@ inline std::array<double, 2> product(const std::vector<double>& x, int threads) 
       [](const double* run, std::int64_t count, arithmetic::FastProduct& each) {
         each.add_range(run, count);
       });
-  const auto wide = std::make_unique<arithmetic::WideProductWorkspace>();
+  const auto accurate = std::make_unique<arithmetic::AccurateProductWorkspace>();
   std::array<double, 2> out = {7.0, 7.0};
-  arithmetic::write_product(part, block.x(), block.n(), *wide, &out[0], &out[1]);
+  arithmetic::write_product(part, block.x(), block.n(), *accurate, &out[0], &out[1]);
   return out;
 }
 

@@ -6,6 +6,7 @@ namespace korvex::test {
 
 void test_flags();
 void test_eft();
+void test_bignum();
 void test_long_accumulator();
 void test_canonical();
 void test_exact_sum();

@@ -6,6 +6,7 @@
 int main() {
   korvex::test::test_flags();
   korvex::test::test_eft();
+  korvex::test::test_bignum();
   korvex::test::test_long_accumulator();
   korvex::test::test_canonical();
   korvex::test::test_exact_sum();

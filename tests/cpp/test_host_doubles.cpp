@@ -64,14 +64,14 @@ int decided_lanes(const Group& group, const LanesTry& lanes_try, const Try& try_
     bool all_decided = true;
     for (int j = 0; j < kHostLanes; ++j) {
       const Rounded one = try_one(group.x[i + j]);
-      CHECK(lane(lanes.decided, j) == one.decided);
-      if (one.decided) {
+      CHECK(lane(lanes.is_decided, j) == one.is_decided);
+      if (one.is_decided) {
         CHECK_SAME_BITS(stored[j], one.value);
       }
-      all_decided = all_decided && one.decided;
-      decided += one.decided ? 1 : 0;
+      all_decided = all_decided && one.is_decided;
+      decided += one.is_decided ? 1 : 0;
     }
-    CHECK(all(lanes.decided) == all_decided);
+    CHECK(all(lanes.is_decided) == all_decided);
   }
   return decided;
 }

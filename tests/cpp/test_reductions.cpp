@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The bodies of the single-block reductions: chosen cases with their results written out; every
 // shape of data by one thread and by blocks of many, which must agree on each bit; running sums
-// against exact bits; the big numbers below them on their own.
+// against exact bits.
 #include <cmath>
 #include <limits>
 #include <string>
@@ -17,7 +17,6 @@ namespace korvex::test {
 namespace {
 
 using arithmetic::HostLanes;
-using arithmetic::Natural;
 using arithmetic::ScalarLanes;
 
 constexpr double kMax = std::numeric_limits<double>::max();
@@ -267,25 +266,6 @@ void blocks_of_any_size_agree() {
   }
 }
 
-void big_numbers_divide_and_round() {
-  Natural<6> number;
-  number.clear();
-  number.add_word(2, 7);  // 7 * 2^64
-  CHECK(number.divide(3));
-  CHECK(number.bits_from(0) == 0x5555555555555555 && number.bits_from(64) == 2);
-  CHECK(number.divide((std::uint64_t{1} << 63) - 1));
-  CHECK(number.bits_from(0) == 4 && number.top_bit() == 2);
-  CHECK_SAME_BITS(number.nearest(-1074, false), 4 * kTiny);
-  CHECK_SAME_BITS(number.nearest(-1077, false), 0.0);   // a tie
-  CHECK_SAME_BITS(number.nearest(-1077, true), kTiny);  // beyond it
-  CHECK_SAME_BITS(number.nearest(1021, true), 0x1p+1023);
-  CHECK_SAME_BITS(number.nearest(1022, false), kInf);
-  number.clear();
-  number.add_word(0, (std::uint64_t{1} << 54) - 1);
-  CHECK_SAME_BITS(number.nearest(1024 - 54, false), kInf);
-  CHECK_SAME_BITS(number.nearest(0, false), 0x1p+54);
-}
-
 }  // namespace
 
 void test_reductions() {
@@ -301,7 +281,6 @@ void test_reductions() {
   running_sums_of_special_values();
   log_of_sums_of_exponentials();
   blocks_of_any_size_agree();
-  big_numbers_divide_and_round();
 }
 
 }  // namespace korvex::test

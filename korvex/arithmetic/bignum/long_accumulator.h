@@ -7,11 +7,14 @@
 // magnitude with their sign. For products the unit is 2^-2148, the product of the two smallest
 // doubles, and 134 digits reach 2^2140, room for 2^63 products again. A digit is held in 64 bits,
 // so an addition touches a few digits and carries nothing; carries are settled once in 2^29
-// additions and before a rounding.
+// additions and before a rounding. A settled number that is not negative can be read like any other
+// big number: see rounding.h.
 #pragma once
 
 #include "korvex/arithmetic/base/binary64.h"
 #include "korvex/arithmetic/base/portability.h"
+#include "korvex/arithmetic/bignum/natural.h"
+#include "korvex/arithmetic/bignum/rounding.h"
 
 namespace korvex::arithmetic {
 
@@ -20,6 +23,9 @@ class FixedPoint {
  public:
   static constexpr int kDigits = kDigitCount;
   static constexpr int kLowestExponent = kUnit;  // the unit is 2 to this power
+  static_assert(kDigits % 2 == 0);
+  static constexpr int kWords = kDigits / 2;
+  using Magnitude = Natural<kWords>;
 
   // There is no constructor on purpose: on a device the digits lie in slow memory, and most sums
   // never need them. clear() comes before any other call.
@@ -104,40 +110,30 @@ class FixedPoint {
     }
   }
 
-  // Settles the carries, after which top_bit() and bits_from() read the value. False where it is
-  // negative: then they do not.
+  // Settles the carries, after which at() reads the value. False where it is negative: then at()
+  // does not.
   KORVEX_COLD bool settle_to_read() {
     settle();
     return digit_[kDigits - 1] >= 0;
   }
 
-  // The position of the highest bit in units; -1 for zero. Precondition: settled, not negative.
-  KORVEX_COLD int top_bit() const {
-    int top = kDigits - 1;
-    while (top >= 0 && digit_[top] == 0) {
-      --top;
+  // The value in units is the sum of at(i) * 2^(64 i). Precondition: settled, not negative.
+  KORVEX_HD std::uint64_t at(int index) const {
+    if (index >= kWords) {
+      return 0;
     }
-    return top < 0 ? -1 : 32 * top + 63 - leading_zeros(static_cast<std::uint64_t>(digit_[top]));
+    return static_cast<std::uint64_t>(digit_[2 * index]) |
+           static_cast<std::uint64_t>(digit_[2 * index + 1]) << 32;
   }
 
-  // The low 64 bits of floor(value / 2^position). Precondition: the same, and position >= 0.
-  KORVEX_HD std::uint64_t bits_from(int position) const {
-    const int index = position >> 5;
-    const int offset = position & 31;
-    const std::uint64_t low = digit(index) | digit(index + 1) << 32;
-    return (low >> offset) | (digit(index + 2) << 1) << (63 - offset);
-  }
-
-  // Writes the magnitude of the value in units, 32 bits a word, kDigits words; true where the value
-  // is negative. The value stays.
-  KORVEX_COLD bool magnitude(std::uint32_t* words) {
-    settle();
-    const bool is_negative = digit_[kDigits - 1] < 0;
+  // Writes the magnitude of the value in units; true where the value is negative. The value stays.
+  KORVEX_COLD bool magnitude(Magnitude& to) {
+    const bool is_negative = !settle_to_read();
     if (is_negative) {
       negate();
     }
-    for (int i = 0; i < kDigits; ++i) {
-      words[i] = static_cast<std::uint32_t>(digit_[i]);
+    for (int i = 0; i < kWords; ++i) {
+      to.word[i] = at(i);
     }
     if (is_negative) {
       negate();
@@ -193,55 +189,16 @@ class FixedPoint {
     settle();
   }
 
-  // RN(value), an infinity from 2^1024 - 2^970 on; +0 for zero.
+  // RN(value), an infinity from 2^1024 - 2^970 on; +0 for zero. Leaves the carries settled.
   KORVEX_COLD double nearest() {
     settle();
     if (digit_[kDigits - 1] >= 0) {
-      return nearest_of_settled();
+      return arithmetic::nearest(*this, kUnit, false);
     }
     negate();
-    const double magnitude = nearest_of_settled();
+    const double magnitude = arithmetic::nearest(*this, kUnit, false);
     negate();
     return -magnitude;
-  }
-
-  // Precondition: settled and not negative. The encoding of m * 2^(-1074 + s), m with exactly 53
-  // bits, or s = 0 and m with fewer, is m + s * 2^52; so a carry out of m needs no special care.
-  KORVEX_COLD double nearest_of_settled() const {
-    const int top = top_bit();
-    if (top < 0) {
-      return 0.0;
-    }
-    const int wanted = top - kFractionBits;
-    // Of the lowest bit that is kept.
-    const int position = wanted < kBitsBelowDoubles ? kBitsBelowDoubles : wanted;
-    const int field = position - kBitsBelowDoubles;
-    if (field >= 2046) {
-      return infinity();
-    }
-    const std::uint64_t kept = bits_from(position) + (is_rounded_up(position) ? 1 : 0);
-    return from_bits((static_cast<std::uint64_t>(field) << kFractionBits) + kept);
-  }
-
-  // Whether the nearest multiple of 2^position, the even one of two, is above the value.
-  KORVEX_HD bool is_rounded_up(int position) const {
-    if (position == 0 || (bits_from(position - 1) & 1) == 0) {
-      return false;
-    }
-    return any_below(position - 1) || (bits_from(position) & 1) != 0;
-  }
-
-  KORVEX_HD bool any_below(int position) const {
-    const int index = position >> 5;
-    std::uint64_t bits = digit(index) & ((std::uint64_t{1} << (position & 31)) - 1);
-    for (int i = 0; i < index; ++i) {
-      bits |= digit(i);
-    }
-    return bits != 0;
-  }
-
-  KORVEX_HD std::uint64_t digit(int index) const {
-    return index < kDigits ? static_cast<std::uint64_t>(digit_[index]) : 0;
   }
 
   // The value is the sum of digit_[i] * 2^(32 i) units; |digit_[i]| <= (pending_ + 1) * 2^32, but

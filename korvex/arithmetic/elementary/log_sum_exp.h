@@ -9,14 +9,13 @@
 //
 // The phases over the elements are given to a runner, which has
 //   Part& over<Part>(work)   Part(), with work(x, count, part) called on pieces of the elements,
-//   and
-//                            part.add(other) to join them.
+//                            and part.add(other) to join them.
 #pragma once
 
 #include "korvex/arithmetic/base/binary64.h"
 #include "korvex/arithmetic/base/eft.h"
 #include "korvex/arithmetic/base/portability.h"
-#include "korvex/arithmetic/bignum/wide_fixed.h"
+#include "korvex/arithmetic/bignum/fixed.h"
 #include "korvex/arithmetic/elementary/exponential.h"
 #include "korvex/arithmetic/elementary/logarithm.h"
 
@@ -45,9 +44,9 @@ struct LargestElement {
 // Below it a term counts for nothing in the first try: it is less than one unit.
 constexpr double kLeastFastDifference = -90.0;  // exp(-90) < 2^-129
 
-// A sum of terms in (0, 1], in units of 2^-128, and up to 2^63 of them.
+// A sum of terms in (0, 1], and up to 2^63 of them.
 struct ExpSum {
-  std::uint64_t word[3] = {0, 0, 0};
+  Natural<3> sum{};  // in units of 2^-128
 
   // Adds exp(x - largest), off by less than 2^-72.9 of itself and 3 units.
   KORVEX_INLINE void add_term(double x, double largest) {
@@ -61,24 +60,15 @@ struct ExpSum {
     add_scaled(low, p.exponent);
   }
 
-  KORVEX_COLD void add(const ExpSum& other) {
-    add_words(other.word[0], other.word[1], other.word[2]);
-  }
+  KORVEX_COLD void add(const ExpSum& other) { arithmetic::add(sum, other.sum, sum); }
 
   // The sum as high + low with high its leading 53 bits; low is off by 2^-105 of the sum.
   // Precondition: it is at least 1.
   KORVEX_COLD ValueAndError leading() const {
-    int top = 2;
-    while (word[top] == 0) {
-      --top;
-    }
-    const int zeros = leading_zeros(word[top]);
-    const std::uint64_t next = top >= 1 ? word[top - 1] : 0;
-    const std::uint64_t after = top >= 2 ? word[top - 2] : 0;
-    const std::uint64_t first = word[top] << zeros | (next >> 1) >> (63 - zeros);
-    const std::uint64_t second = next << zeros | (after >> 1) >> (63 - zeros);
-    const int exponent = 64 * top - zeros - 128;  // of the lowest bit of `first`
-    const double unit = power_of_two(exponent);
+    const int position = highest_bit(sum) - 63;
+    const std::uint64_t first = bits_from(sum, position);
+    const std::uint64_t second = bits_from(sum, position - 64);
+    const double unit = power_of_two(position - 128);
     const double high = mul_rn(static_cast<double>(first >> 11 << 11), unit);  // exact
     const double middle = static_cast<double>(first & 0x7ff);                  // exact
     const double last = mul_rn(static_cast<double>(second >> 11), 0x1p-53);    // cut to 53 bits
@@ -86,38 +76,28 @@ struct ExpSum {
   }
 
  private:
-  KORVEX_INLINE void add_words(std::uint64_t low, std::uint64_t middle, std::uint64_t high) {
-    word[0] += low;
-    const std::uint64_t carry = word[0] < low ? 1 : 0;
-    const std::uint64_t with_carry = middle + carry;
-    const std::uint64_t lost = with_carry < carry ? 1 : 0;
-    word[1] += with_carry;
-    word[2] += high + lost + (word[1] < with_carry ? 1 : 0);
-  }
-
   // Adds value * 2^exponent, cut towards 0 to whole units.
   KORVEX_INLINE void add_scaled(double value, int exponent) {
-    const int position = 128 + exponent + kUnitExponent + arithmetic::shift(value);
+    const int position = 128 + exponent + kUnitExponent + shift(value);
     const std::uint64_t bits = significand(value);
-    std::uint64_t low = 0, middle = 0, high = 0;
+    Natural<3> term{};
     if (position <= -64) {
       return;
     }
     if (position < 0) {
-      low = bits >> -position;
+      term.word[0] = bits >> -position;
     } else if (position < 64) {
-      low = bits << position;
-      middle = (bits >> 1) >> (63 - position);
+      term.word[0] = bits << position;
+      term.word[1] = (bits >> 1) >> (63 - position);
     } else {  // below 128: the value is below 4
-      middle = bits << (position - 64);
-      high = (bits >> 1) >> (127 - position);
+      term.word[1] = bits << (position - 64);
+      term.word[2] = (bits >> 1) >> (127 - position);
     }
-    if (is_negative(value)) {  // the two's complement of 192 bits
-      low = ~low + 1;
-      middle = ~middle + (low == 0 ? 1 : 0);
-      high = ~high + (low == 0 && middle == 0 ? 1 : 0);
+    if (is_negative(value)) {
+      subtract(sum, term, sum);
+    } else {
+      arithmetic::add(sum, term, sum);
     }
-    add_words(low, middle, high);
   }
 };
 
@@ -140,10 +120,10 @@ KORVEX_COLD inline Rounded fast_log_sum(double largest, const ExpSum& sum, std::
   return {to, from == to};
 }
 
-// The same sum in wide fixed point.
+// The same sum in fixed point of W words.
 template <int W>
 struct FixedExpSum {
-  Fixed<W> sum;
+  Fixed<W> sum{};
 
   // exp of it is less than one unit.
   static constexpr double kLeastDifference = -44.4 * (W - 1);  // 64 log 2 < 44.4
@@ -157,7 +137,7 @@ struct FixedExpSum {
       const Fixed<W> head = fixed_magnitude<W>(d.value);
       const Fixed<W> tail = fixed_magnitude<W>(d.error);
       const FixedExp<W> e = fixed_exp(d.error > 0 ? head - tail : head + tail, true);
-      sum = sum + shifted_down(e.fixed, -e.exponent);
+      sum = sum + shifted_down<W>(e.fixed, -e.exponent);
     }
   }
 
@@ -172,26 +152,22 @@ KORVEX_COLD SignedFixed<W> fixed_log(const Fixed<W>& a) {
   const Fixed<W> excess = a - one;
   constexpr int kPoint = 64 * (W - 1);
   if (highest_bit(excess) < kPoint - 41) {
-    return is_zero(excess) ? SignedFixed<W>{excess, false}
-                           : fixed_log1p(SignedFixed<W>{excess, false});
+    return fixed_log1p(SignedFixed<W>{excess, false});
   }
   const int last = highest_bit(a) - kFractionBits;
-  const double head = mul_rn(static_cast<double>(bits_from(a, last) & ((kFractionMask << 1) + 1)),
-                             power_of_two(last - kPoint));
+  const double head = mul_rn(static_cast<double>(bits_from(a, last)), power_of_two(last - kPoint));
   const double y = log_pair(head).value;
   const FixedExp<W> e = fixed_exp(fixed_magnitude<W>(y), true);
-  const Fixed<W> product = shifted_down(a * e.fixed, -e.exponent);
-  const bool is_below = product < one;
-  const SignedFixed<W> z{is_below ? one - product : product - one, is_below};
-  return sum_of(SignedFixed<W>{fixed_magnitude<W>(y), false},
-                is_zero(z.magnitude) ? z : fixed_log1p(z));
+  const Fixed<W> product = shifted_down<W>(fixed_product(a, e.fixed), -e.exponent);
+  return SignedFixed<W>{fixed_magnitude<W>(y), false} +
+         fixed_log1p(signed_difference(product, one));
 }
 
-// largest + log(sum), wide. Precondition: |largest| < 2^62; a larger one is decided before.
+// largest + log(sum) with W words. Precondition: |largest| < 2^62; a larger one is decided before.
 template <int W>
-KORVEX_COLD Rounded wide_log_sum(double largest, const Fixed<W>& sum, std::int64_t n) {
+KORVEX_COLD Rounded accurate_log_sum(double largest, const Fixed<W>& sum, std::int64_t n) {
   const SignedFixed<W> start{fixed_magnitude<W>(largest), is_negative(largest)};
-  const SignedFixed<W> y = sum_of(start, fixed_log(sum));
+  const SignedFixed<W> y = start + fixed_log(sum);
   if (is_zero(y.magnitude)) {
     return {0.0, false};
   }
@@ -201,18 +177,18 @@ KORVEX_COLD Rounded wide_log_sum(double largest, const Fixed<W>& sum, std::int64
     ++uncertain_bits;
   }
   const Rounded result = rounded(y.magnitude, 0, uncertain_bits);
-  return {y.negative && result.value != 0 ? -result.value : result.value, result.decided};
+  return {with_sign(result.value, y.is_negative), result.is_decided};
 }
 
 template <int W, class Runner>
-KORVEX_HD Rounded wide_try(const Runner& runner, double largest, std::int64_t n) {
+KORVEX_HD Rounded accurate_try(const Runner& runner, double largest, std::int64_t n) {
   const FixedExpSum<W>& sum = runner.template over<FixedExpSum<W>>(
       [=](const double* x, std::int64_t count, FixedExpSum<W>& part) {
         for (std::int64_t i = 0; i < count; ++i) {
           part.add_term(x[i], largest);
         }
       });
-  return wide_log_sum(largest, sum.sum, n);
+  return accurate_log_sum(largest, sum.sum, n);
 }
 
 constexpr int kSecondTryWords = 5;         // 256 bits after the point
@@ -238,14 +214,14 @@ KORVEX_HD double log_sum_exp(const Runner& runner, std::int64_t n) {
         }
       });
   const Rounded first = fast_log_sum(largest, sum, n);
-  if (first.decided) {
+  if (first.is_decided) {
     return first.value;
   }
-  const Rounded second = wide_try<kSecondTryWords>(runner, largest, n);
-  if (second.decided) {
+  const Rounded second = accurate_try<kSecondTryWords>(runner, largest, n);
+  if (second.is_decided) {
     return second.value;
   }
-  return wide_try<kThirdTryWords>(runner, largest, n).value;
+  return accurate_try<kThirdTryWords>(runner, largest, n).value;
 }
 
 }  // namespace korvex::arithmetic

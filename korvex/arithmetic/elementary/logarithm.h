@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The natural logarithm, correctly rounded: a double-double phase with a table of reciprocals, a
-// rounding test, and one exact correction of the result in wide fixed point for what fails it.
+// rounding test, and for what fails it one correction of the result in fixed point of 256 bits.
 //
 // log(x) = k log 2 - log(c) + log1p(m c - 1), x = 2^k m, m in [0.70, 1.42], c near 1/m with 10
 // bits.
@@ -54,57 +54,39 @@ KORVEX_INLINE Real log_tail(Real r, Real r_squared) {
 template <class Real>
 KORVEX_INLINE ValueAndErrorOf<Real> log_pair(const LogArgument<Real>& a) {
   const auto& t = log_entry(a.entry);
-  const auto product = two_product(a.m, Real(t.reciprocal));
-  const Real rh = sub_rn(product.value, 1.0);  // exact (Sterbenz)
+  const auto product = two_product(a.m, Real(t.reciprocal));  // exact
+  const Real rh = sub_rn(product.value, 1.0);                 // exact (Sterbenz)
   const Real rl = product.error;
-  const auto square = two_product(rh, rh);
-  const Real tail = log_tail(rh, square.value);
+  const auto square = two_product(rh, rh);       // exact
+  const Real tail = log_tail(rh, square.value);  // each step rounded
   // rl (1 - r + r^2); r^3 rl, left out, is below 2^-77
   const Real cross = fma_rn(fma_rn(rh, rh, -rh), rl, rl);
-  const Real rest = add_rn(fma_rn(-0.5, square.error, cross), tail);
-  const auto series = fast_two_sum(rh, mul_rn(-0.5, square.value));
-  const Real k = to_real(a.exponent);
-  const auto table = two_sum(mul_rn(k, kLn2High), Real(t.high));
-  const Real table_low = add_rn(table.error, fma_rn(k, kLn2Low, t.low));
-  const auto sum = two_sum(table.value, series.value);
-  const Real low = add_rn(add_rn(sum.error, table_low), add_rn(series.error, rest));
-  return fast_two_sum(sum.value, low);
+  const Real rest = add_rn(fma_rn(-0.5, square.error, cross), tail);      // rounded twice
+  const auto series = fast_two_sum(rh, mul_rn(-0.5, square.value));       // exact
+  const Real k = to_real(a.exponent);                                     // exact
+  const auto table = two_sum(mul_rn(k, kLn2High), Real(t.high));          // exact
+  const Real table_low = add_rn(table.error, fma_rn(k, kLn2Low, t.low));  // rounded twice
+  const auto sum = two_sum(table.value, series.value);                    // exact
+  const Real low = add_rn(add_rn(sum.error, table_low), add_rn(series.error, rest));  // rounded
+  return fast_two_sum(sum.value, low);                                                // exact
 }
 
 // Precondition: x is positive and finite.
 KORVEX_INLINE ValueAndError log_pair(double x) { return log_pair(log_argument(x)); }
-
-// A signed fixed-point number.
-template <int W>
-struct SignedFixed {
-  Fixed<W> magnitude;
-  bool negative;
-};
-
-template <int W>
-KORVEX_HD SignedFixed<W> sum_of(const SignedFixed<W>& a, const SignedFixed<W>& b) {
-  if (a.negative == b.negative) {
-    return {a.magnitude + b.magnitude, a.negative};
-  }
-  if (a.magnitude < b.magnitude) {
-    return {b.magnitude - a.magnitude, b.negative};
-  }
-  return {a.magnitude - b.magnitude, a.negative};
-}
 
 // log(1 + z) for |z| < 2^-40, until the terms vanish.
 template <int W>
 KORVEX_COLD SignedFixed<W> fixed_log1p(const SignedFixed<W>& z) {
   SignedFixed<W> sum = z;
   Fixed<W> power = z.magnitude;
-  for (std::uint64_t n = 2;; ++n) {
-    power = power * z.magnitude;
-    const Fixed<W> term = divided(power, n);
+  for (std::uint32_t n = 2;; ++n) {
+    power = fixed_product(power, z.magnitude);
+    const Fixed<W> term = power / n;
     if (is_zero(term)) {
       return sum;
     }
-    const bool negative = n % 2 == 0 || z.negative;  // -z^2/2, +z^3/3 with the sign of z
-    sum = sum_of(sum, SignedFixed<W>{term, negative});
+    const bool is_negative = n % 2 == 0 || z.is_negative;  // -z^2/2, +z^3/3 with the sign of z
+    sum = sum + SignedFixed<W>{term, is_negative};
   }
 }
 
@@ -114,16 +96,13 @@ KORVEX_COLD inline double accurate_log(double x, double y) {
   const FixedExp<kWords> e = fixed_exp(fixed_magnitude<kWords>(y), !is_negative(y));
   // significand(x) exp(-y) 2^..., which is 1 but for z
   const int exponent = e.exponent + shift(x) + kUnitExponent;
-  const std::uint64_t bits = significand(x);
-  // bits < 2^53, so the product fits its integer word; exponent is about -log2(bits).
-  const Fixed<kWords> product = shifted_down(times(e.fixed, bits), -exponent);
-  const Fixed<kWords> one = fixed_from<kWords>(1, 0);
-  const bool below = product < one;
-  const SignedFixed<kWords> z{below ? one - product : product - one, below};
+  // significand(x) < 2^53, so the product fits its integer word; exponent is about minus its length
+  const Fixed<kWords> product = shifted_down<kWords>(e.fixed * significand(x), -exponent);
+  const SignedFixed<kWords> z = signed_difference(product, fixed_from<kWords>(1, 0));
   const SignedFixed<kWords> start{fixed_magnitude<kWords>(y), is_negative(y)};
-  const SignedFixed<kWords> sum = sum_of(start, fixed_log1p(z));
+  const SignedFixed<kWords> sum = start + fixed_log1p(z);
   const double value = rounded(sum.magnitude, 0, kFixedExpUncertainBits + 2).value;
-  return sum.negative ? -value : value;
+  return sum.is_negative ? -value : value;
 }
 
 // Beside 1 the error is small relative to the logarithm, elsewhere it is smaller absolutely.
@@ -154,7 +133,7 @@ KORVEX_INLINE double logarithm(double x) {
     return 0.0;
   }
   const Rounded fast = round_log(log_pair(x));
-  return fast.decided ? fast.value : accurate_log(x, fast.value);
+  return fast.is_decided ? fast.value : accurate_log(x, fast.value);
 }
 
 // The fast phase alone, for those who try it first: undecided for what is not a positive normal
@@ -163,7 +142,7 @@ template <class Real>
 KORVEX_INLINE RoundedOf<Real> try_logarithm(Real x) {
   const auto is_usual = both(x >= 0x1p-1022, x <= kLargest);
   const auto sum = round_log(log_pair(normal_log_argument(selected(is_usual, x, 1.0))));
-  return {sum.value, both(is_usual, sum.decided)};
+  return {sum.value, both(is_usual, sum.is_decided)};
 }
 
 }  // namespace korvex::arithmetic

@@ -13,13 +13,13 @@ constexpr int kQuotientUncertainBits = kFixedExpUncertainBits + 4;
 template <class Real>
 KORVEX_INLINE ValueAndErrorOf<Real> pair_quotient(const ValueAndErrorOf<Real>& a,
                                                   const ValueAndErrorOf<Real>& b) {
-  const Real q = div_rn(a.value, b.value);
-  const Real rest = fma_rn(-q, b.value, a.value);  // exact
-  const Real corrected = add_rn(rest, fma_rn(-q, b.error, a.error));
-  return fast_two_sum(q, div_rn(corrected, b.value));
+  const Real q = div_rn(a.value, b.value);                            // rounded
+  const Real rest = fma_rn(-q, b.value, a.value);                     // exact
+  const Real corrected = add_rn(rest, fma_rn(-q, b.error, a.error));  // rounded twice
+  return fast_two_sum(q, div_rn(corrected, b.value));                 // rounded once
 }
 
-// 1 + e, for a scaled pair at most 2.
+// 1 + e, for a scaled pair at most 2; off by the rounding of its low part, 2^-105 of the sum.
 template <class Real>
 KORVEX_INLINE ValueAndErrorOf<Real> one_plus(const ScaledPairOf<Real>& e) {
   const auto sum = fast_two_sum(Real(1.0), scaled(e.high, e.exponent));
@@ -33,18 +33,18 @@ template <int W>
 KORVEX_COLD Rounded accurate_sigmoid(double x) {
   const FixedExp<W> e = fixed_exp(fixed_magnitude<W>(x), true);
   const Fixed<W> one = fixed_from<W>(1, 0);
-  const Fixed<W> denominator = one + shifted_down(e.fixed, -e.exponent);
+  const Fixed<W> denominator = one + shifted_down<W>(e.fixed, -e.exponent);
   const bool positive = !is_negative(x);
-  const Fixed<W> value = quotient(positive ? one : e.fixed, denominator);
+  const Fixed<W> value = fixed_quotient(positive ? one : e.fixed, denominator);
   return rounded(value, positive ? 0 : e.exponent, kQuotientUncertainBits);
 }
 
 KORVEX_COLD inline double widened_sigmoid(double x) {
   Rounded result = accurate_sigmoid<5>(x);
-  if (!result.decided) {
+  if (!result.is_decided) {
     result = accurate_sigmoid<9>(x);
   }
-  if (!result.decided) {
+  if (!result.is_decided) {
     result = accurate_sigmoid<17>(x);
   }
   return result.value;
@@ -80,7 +80,7 @@ KORVEX_INLINE double sigmoid(double x) {
     return 0.5;
   }
   const Rounded fast = round_pair(sigmoid_pair(x), kSigmoidError);
-  return fast.decided ? fast.value : widened_sigmoid(x);
+  return fast.is_decided ? fast.value : widened_sigmoid(x);
 }
 
 // The fast phase alone, for those who try it first: undecided where the result may not be normal,
@@ -92,7 +92,7 @@ KORVEX_INLINE RoundedOf<Real> try_sigmoid(Real x) {
   const auto pair = sigmoid_pair(selected(is_usual, lesser(x, kSigmoidOne), 0.0));
   const auto sum = rounding_test(pair.high, pair.low, mul_rn(pair.high, kSigmoidError));
   const Real value = mul_rn(sum.value, power_of_two(pair.exponent));  // exact
-  return {value, both(is_usual, sum.decided)};
+  return {value, both(is_usual, sum.is_decided)};
 }
 
 // ---- tanh ----
@@ -102,16 +102,16 @@ template <int W>
 KORVEX_COLD Rounded accurate_tanh(double x) {
   const FixedExp<W> e = fixed_exp(fixed_magnitude<W>(mul_rn(2.0, x)), true);
   const Fixed<W> one = fixed_from<W>(1, 0);
-  const Fixed<W> power = shifted_down(e.fixed, -e.exponent);
-  return rounded(quotient(one - power, one + power), 0, kQuotientUncertainBits);
+  const Fixed<W> power = shifted_down<W>(e.fixed, -e.exponent);
+  return rounded(fixed_quotient(one - power, one + power), 0, kQuotientUncertainBits);
 }
 
 KORVEX_COLD inline double widened_tanh(double x) {
   Rounded result = accurate_tanh<5>(x);
-  if (!result.decided) {
+  if (!result.is_decided) {
     result = accurate_tanh<9>(x);
   }
-  if (!result.decided) {
+  if (!result.is_decided) {
     result = accurate_tanh<17>(x);
   }
   return result.value;
@@ -123,11 +123,11 @@ template <class Real>
 KORVEX_INLINE ValueAndErrorOf<Real> expm1_pair(Real y) {
   const ReducedExp<Real> e = reduced_exp(y);
   const TablePower<Real> power = table_power(e);
-  const Real minus_one = -power_of_two(-e.exponent);  // in the scale of the table
-  const auto head = two_sum(power.head, minus_one);
-  const auto sum = two_sum(head.value, power.growth);
-  const Real low = add_rn(add_rn(head.error, sum.error), power.low);
-  const auto pair = fast_two_sum(sum.value, low);
+  const Real minus_one = -power_of_two(-e.exponent);                  // in the scale of the table
+  const auto head = two_sum(power.head, minus_one);                   // exact
+  const auto sum = two_sum(head.value, power.growth);                 // exact
+  const Real low = add_rn(add_rn(head.error, sum.error), power.low);  // rounded twice
+  const auto pair = fast_two_sum(sum.value, low);                     // exact
   return {scaled(pair.value, e.exponent), scaled(pair.error, e.exponent)};
 }
 
@@ -140,8 +140,8 @@ constexpr double kTanhAbsoluteError = 0x1p-71;  // proved: 2^-72.5
 template <class Real>
 KORVEX_INLINE RoundedOf<Real> fast_tanh(Real x) {
   const auto e = expm1_pair(mul_rn(2.0, x));
-  const auto sum = two_sum(e.value, Real(2.0));
-  const auto denominator = fast_two_sum(sum.value, add_rn(sum.error, e.error));
+  const auto sum = two_sum(e.value, Real(2.0));                                  // exact
+  const auto denominator = fast_two_sum(sum.value, add_rn(sum.error, e.error));  // rounded once
   const auto ratio = pair_quotient(e, denominator);
   const Real error = lesser(mul_rn(ratio.value, kTanhError), kTanhAbsoluteError);
   return rounding_test(ratio.value, ratio.error, error);
@@ -155,7 +155,7 @@ KORVEX_INLINE double tanh_of_magnitude(double x) {
     return x;
   }
   const Rounded fast = fast_tanh(x);
-  return fast.decided ? fast.value : widened_tanh(x);
+  return fast.is_decided ? fast.value : widened_tanh(x);
 }
 
 // RN(tanh(x)) for every x.
@@ -173,7 +173,7 @@ KORVEX_INLINE RoundedOf<Real> try_tanh(Real x) {
   const Real magnitude = absolute(x);
   const auto is_usual = magnitude >= kTanhLeast;
   const auto fast = fast_tanh(selected(is_usual, lesser(magnitude, kTanhOne), 1.0));
-  return {with_sign_of(x, fast.value), both(is_usual, fast.decided)};
+  return {with_sign_of(x, fast.value), both(is_usual, fast.is_decided)};
 }
 
 }  // namespace korvex::arithmetic

@@ -102,11 +102,11 @@ class BasicExactSum {
   // True where no infinity and no NaN was added.
   KORVEX_INLINE bool is_sum_of_finite() const { return special_ == 0; }
 
-  // Writes the magnitude of the sum of the finite addends in units of Wide, Wide::kDigits words;
-  // true where it is negative.
-  KORVEX_COLD bool magnitude(std::uint32_t* words) {
+  // Writes the magnitude of the sum of the finite addends in units of Wide; true where it is
+  // negative.
+  KORVEX_COLD bool magnitude(typename Wide::Magnitude& to) {
     spill();
-    return wide_.magnitude(words);
+    return wide_.magnitude(to);
   }
 
  protected:

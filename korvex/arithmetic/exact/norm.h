@@ -5,51 +5,38 @@
 
 #include "korvex/arithmetic/base/portability.h"
 #include "korvex/arithmetic/bignum/natural.h"
+#include "korvex/arithmetic/bignum/rounding.h"
 #include "korvex/arithmetic/exact/exact_product_sum.h"
 
 namespace korvex::arithmetic {
 
-using SquareSum = Natural<ProductAccumulator::kDigits>;
+// The big number of a norm; on a device it lies in static memory.
+struct NormWorkspace {
+  ProductAccumulator::Magnitude squares;  // their sum, in units of 2^-2148
+};
 
-// floor(sqrt(high * 2^64 + low)), one bit at a time; `rest` becomes 0 where it is exact.
-// Precondition: high >= 2^62, so the root has 64 bits.
-KORVEX_COLD inline std::uint64_t square_root_of_128_bits(std::uint64_t high, std::uint64_t low,
-                                                         bool& is_exact) {
-  std::uint64_t root = 0;
-  for (int bit = 63; bit >= 0; --bit) {
-    const std::uint64_t trial = root | std::uint64_t{1} << bit;
-    const std::uint64_t square_high = multiply_high(trial, trial);
-    const std::uint64_t square_low = trial * trial;
-    if (square_high < high || (square_high == high && square_low <= low)) {
-      root = trial;
-    }
-  }
-  is_exact = multiply_high(root, root) == high && root * root == low;
-  return root;
-}
-
-// RN(sqrt(sum of squares)) for a sum in units of 2^-2148.
-KORVEX_COLD inline double root_of_squares(const SquareSum& squares) {
-  const int top = squares.top_bit();
-  if (top < 0) {
+// RN(sqrt(sum of squares)).
+KORVEX_COLD inline double root_of_squares(const NormWorkspace& work) {
+  const int highest = highest_bit(work.squares);
+  if (highest < 0) {
     return 0.0;
   }
-  // The leading 127 or 128 bits, from an even position on, so that the root has a whole exponent.
-  const int position = top - 126 - (top & 1);
-  bool is_exact = false;
-  const std::uint64_t root = square_root_of_128_bits(squares.bits_from(position + 64),
-                                                     squares.bits_from(position), is_exact);
-  const bool has_more = !is_exact || squares.any_below(position);
-  return nearest_double({root, position / 2 + kUnitExponent, has_more});
+  // The leading 127 or 128 bits give 64 of the root; from an even bit on, so that the root has a
+  // whole exponent.
+  const int lowest = highest - 126 - (highest & 1);
+  Natural<2> root;
+  const bool is_exact = square_root(shifted_down<2>(work.squares, lowest), 0, root);
+  const bool has_more = !is_exact || any_below(work.squares, lowest);
+  return nearest(root, lowest / 2 + kUnitExponent, has_more);
 }
 
 // out[0]: any NaN gives NaN, else any infinity +infinity; 0 for no elements.
-KORVEX_COLD inline void write_norm(ExactProductSum& squares, SquareSum& work, double* out) {
+KORVEX_COLD inline void write_norm(ExactProductSum& squares, NormWorkspace& work, double* out) {
   if (!squares.is_sum_of_finite()) {
     out[0] = squares.is_decided() ? canonical_nan() : infinity();
     return;
   }
-  squares.magnitude(work.word);
+  squares.magnitude(work.squares);
   out[0] = root_of_squares(work);
 }
 

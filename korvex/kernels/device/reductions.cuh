@@ -42,15 +42,16 @@ struct alignas(16) PartMemory {
 
 union ReductionWorkspace {
   arithmetic::VarianceWorkspace variance;
-  arithmetic::SquareSum norm;
+  arithmetic::NormWorkspace norm;
   alignas(16) unsigned char total[sizeof(arithmetic::ExactSum)];
 };
 
 // Launches of these kernels never overlap: all are made on the null stream of the device.
 __device__ PartMemory part_memory[kSingleBlock];
 __device__ ReductionWorkspace reduction_workspace;
-// A WideProductWorkspace: static memory is not constructed.
-alignas(16) __device__ unsigned char wide_product_memory[sizeof(arithmetic::WideProductWorkspace)];
+// A AccurateProductWorkspace: static memory is not constructed.
+alignas(16) __device__
+    unsigned char accurate_product_memory[sizeof(arithmetic::AccurateProductWorkspace)];
 
 class BlockRunner {
  public:
@@ -171,8 +172,8 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kSingleBlock, 1)
   const FastProduct& product = runner.over<FastProduct>(
       [](const double* run, std::int64_t count, FastProduct& part) { part.add_range(run, count); });
   if (runner.is_first()) {
-    auto& wide = *new (kernels::wide_product_memory) arithmetic::WideProductWorkspace;
-    arithmetic::write_product(product, x, n, wide, out, out_err);
+    auto& accurate = *new (kernels::accurate_product_memory) arithmetic::AccurateProductWorkspace;
+    arithmetic::write_product(product, x, n, accurate, out, out_err);
   }
 }
 

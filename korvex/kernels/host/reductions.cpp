@@ -108,7 +108,7 @@ void run_norm(const Arguments& arguments) {
         arithmetic::add_products<HostLanes>(x, x, count, part);
       },
       squares);
-  arithmetic::SquareSum work;
+  arithmetic::NormWorkspace work;
   arithmetic::write_norm(squares, work, arguments.array(1));
 }
 
@@ -123,8 +123,8 @@ void run_prod(const Arguments& arguments) {
         part.add_range(from, count);
       },
       product);
-  arithmetic::WideProductWorkspace wide;
-  arithmetic::write_product(product, x, n, wide, arguments.array(1), arguments.array(2));
+  arithmetic::AccurateProductWorkspace accurate;
+  arithmetic::write_product(product, x, n, accurate, arguments.array(1), arguments.array(2));
 }
 
 // Arguments: x, out, out_err, n. Where there are several ranges, their exact sums come first; then

@@ -34,7 +34,7 @@ __attribute__((noinline)) double out_of_line(double x) {
 template <double (*Function)(double)>
 __attribute__((noinline)) void finish_undecided(Real x, const RoundedOf<Real>& tried, double* out) {
   for (int lane = 0; lane < ElementLanes::kCount; ++lane) {
-    if (!arithmetic::lane(tried.decided, lane)) {
+    if (!arithmetic::lane(tried.is_decided, lane)) {
       out[lane] = Function(arithmetic::lane(x, lane));
     }
   }
@@ -53,7 +53,7 @@ void run_tried_unary(const Arguments& arguments) {
                      const Real argument = ElementLanes::load(x + i);
                      const auto tried = Try(argument);
                      ElementLanes::store(out + i, tried.value);
-                     if (!arithmetic::all(tried.decided)) {
+                     if (!arithmetic::all(tried.is_decided)) {
                        finish_undecided<Function>(argument, tried, out + i);
                      }
                    }

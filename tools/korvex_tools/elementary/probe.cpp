@@ -54,15 +54,15 @@ constexpr Phase kPhases[] = {exp_phase,   reduced_exp_phase, log_phase,
 
 bool is_decided(int function, double x) {
   if (function == 0) {
-    return round_pair(exp_pair(x), kExpError).decided;
+    return round_pair(exp_pair(x), kExpError).is_decided;
   }
   if (function == 2) {
-    return round_log(log_pair(x)).decided;
+    return round_log(log_pair(x)).is_decided;
   }
   if (function == 4) {
-    return round_pair(sigmoid_pair(x), kSigmoidError).decided;
+    return round_pair(sigmoid_pair(x), kSigmoidError).is_decided;
   }
-  return function == 5 && fast_tanh(x).decided;
+  return function == 5 && fast_tanh(x).is_decided;
 }
 
 }  // namespace
