@@ -187,14 +187,18 @@ unsigned blocks_for(std::int64_t n, unsigned block) {
   return static_cast<unsigned>(std::max<std::int64_t>(1, (n + block - 1) / block));
 }
 
-// A grid of one block, the smallest that has a thread for each element, and one beyond that.
+// A grid of one block, the smallest that has a thread for each element, and one beyond that; for
+// kernels of one block, blocks of other sizes, also of part of a warp.
 std::vector<Shape> shapes_for(const kernels::KernelRow& row, std::int64_t n) {
   const unsigned block = row.block == 0 ? 1 : row.block;
   if (is_of_one_thread(row)) {
     return {{{1, 1, 1}, {1, 1, 1}}, {{2, 1, 1}, {64, 1, 1}}};
   }
   if (is_single_block(row)) {
-    return {{{1, 1, 1}, {block, 1, 1}}, {{2, 1, 1}, {256, 1, 1}}, {{1, 1, 1}, {96, 1, 1}}};
+    return {{{1, 1, 1}, {block, 1, 1}},
+            {{2, 1, 1}, {256, 1, 1}},
+            {{1, 1, 1}, {96, 1, 1}},
+            {{1, 1, 1}, {50, 1, 1}}};
   }
   return {{{1, 1, 1}, {block, 1, 1}},
           {{blocks_for(n, block), 1, 1}, {block, 1, 1}},
@@ -202,13 +206,18 @@ std::vector<Shape> shapes_for(const kernels::KernelRow& row, std::int64_t n) {
           {{blocks_for(n, block) + 1, 1, 1}, {block, 1, 1}}};
 }
 
+// The ends of tiles (256 and 512 elements a warp), of pieces (1024 and 2048) and of blocks.
 std::vector<std::int64_t> sizes_for(const kernels::KernelRow& row, bool is_long) {
-  std::vector<std::int64_t> sizes = {0, 1, 31, 33, 257, 513, 2049};
+  constexpr std::int64_t kOrdinary[] = {0, 1, 31, 33, 257, 513, 2049};
+  constexpr std::int64_t kLong[] = {2, 32, 255, 256, 511, 512, 1023, 1025, 4095, 16385, 65537};
+  std::vector<std::int64_t> sizes;
+  sizes.reserve(std::size(kOrdinary) + std::size(kLong) + 1);
+  sizes.assign(std::begin(kOrdinary), std::end(kOrdinary));
   if (row.blocks_per_multiprocessor != 0 || is_of_one_thread(row)) {
     sizes.push_back(4609);  // a whole tile for each warp of a block and one more, three pieces
   }
   if (is_long) {
-    sizes.insert(sizes.end(), {2, 32, 255, 256, 511, 512, 1023, 1025, 4095, 16385, 65537});
+    sizes.insert(sizes.end(), std::begin(kLong), std::end(kLong));
   }
   return sizes;
 }
@@ -223,6 +232,7 @@ std::vector<Case> matrix_cases(const kernels::KernelRow& row, bool is_long, std:
       one.row = &row;
       one.sizes = {{"M", m}, {"N", n}, {"K", k}};
       one.data = static_cast<Data>(data % static_cast<int>(Data::kCount));
+      one.notable = static_cast<std::size_t>(data) % notable_count();
       one.seed = seed++;
       one.odd = static_cast<unsigned>(one.seed % 32);
       const bool is_strided = data % 2 == 1;
@@ -241,18 +251,25 @@ std::vector<Case> cases_of(const kernels::KernelRow& row, bool is_long, std::uin
     return matrix_cases(row, is_long, seed);
   }
   std::vector<Case> cases;
-  for (const std::int64_t n : sizes_for(row, is_long)) {
+  const auto add = [&](std::int64_t n, Data data, std::size_t notable) {
     const std::vector<Shape> shapes = shapes_for(row, n);
-    for (int data = 0; data < static_cast<int>(Data::kCount); ++data) {
-      Case one;
-      one.row = &row;
-      one.sizes = {{"n", n}};
-      one.data = static_cast<Data>(data);
-      one.seed = seed++;
-      one.odd = static_cast<unsigned>(one.seed % 8);
-      one.shape = shapes[static_cast<std::size_t>(data) % shapes.size()];
-      cases.push_back(one);
+    Case one;
+    one.row = &row;
+    one.sizes = {{"n", n}};
+    one.data = data;
+    one.notable = notable;
+    one.seed = seed++;
+    one.odd = static_cast<unsigned>(one.seed % 8);
+    one.shape = shapes[(cases.size() + cases.size() / 4) % shapes.size()];
+    cases.push_back(one);
+  };
+  for (const std::int64_t n : sizes_for(row, is_long)) {
+    for (const Data data : {Data::kShape, Data::kSpecial, Data::kModerate, Data::kHard}) {
+      add(n, data, 0);
     }
+  }
+  for (std::size_t notable = 0; notable < notable_count(); ++notable) {
+    add(static_cast<std::int64_t>(notable_size(notable)), Data::kNotable, notable);
   }
   return cases;
 }

@@ -21,7 +21,7 @@ enum class Data {
   kSpecial,   // the same, with zeros, infinities, NaNs and subnormals among them
   kModerate,  // magnitudes near 1, where the elementary functions are neither 0 nor infinite
   kHard,      // arguments that need an elementary function's second try
-  kNotable,   // short arrays, each with a reason (data.cpp)
+  kNotable,   // a short array, of as many elements as it has
   kCount
 };
 
@@ -30,7 +30,8 @@ struct Case {
   std::map<std::string, std::int64_t, std::less<>> sizes;  // n, or M, N and K
   Shape shape;
   Data data = Data::kShape;
-  unsigned odd = 0;  // one bit for each array: it starts 8 bytes after a multiple of 16
+  std::size_t notable = 0;  // which of them, where the data is that
+  unsigned odd = 0;         // one bit for each array: it starts 8 bytes after a multiple of 16
   std::uint64_t seed = 0;
   std::uint64_t most_steps = 400'000'000;
 };
@@ -39,6 +40,10 @@ std::string name_of(const Case& one);
 
 // Inputs for the elementary functions that need their second try; from a JSON file of cases.
 void read_hard_cases(const char* path);
+
+// Short arrays that a kernel needs care to be right for.
+std::size_t notable_count();
+std::size_t notable_size(std::size_t which);
 
 // The elements of one array of a case.
 std::vector<double> draw_elements(test::Random& random, const Case& one, std::size_t count);

@@ -94,7 +94,7 @@ const Fault kFaults[] = {
      "", "tqx_sum_seq_kernel", 2049, 1, Data::kModerate, "in flight"},
     // --- Values
     {"a register that nothing writes", "tqx_add_kernel", R"(mov\.u32\s+%r\d+, %nctaid\.z;)", 0,
-     "", "tqx_add_kernel", 257, 2, Data::kModerate, "was never written"},
+     "", "tqx_add_kernel", 257, 2, Data::kModerate, "was never written|nobody wrote"},
     {"memory that nothing writes", kCollectSum, R"(st\.shared\.u64\s+\[_ZZ14tqx_sum_kernelE5block\+4312\], %rd\d+;)", 0,
      "", "tqx_sum_kernel", 4609, 2, Data::kModerate, "nobody wrote"},
     {"two registers change places", "tqx_sub_kernel", R"(sub\.rn\.f64(\s+%\w+, )(%\w+), (%\w+);)", 0,

@@ -190,12 +190,10 @@ void add_logic_operations(Table& table) {
   add_operation<FunnelShift<false, false>, std::uint32_t, std::uint32_t, std::uint32_t,
                 std::uint32_t>(table, "shf.r.clamp.b32");
   for (const char* width : {"32", "64"}) {
-    for (const auto& [name, handler] :
-         {std::pair{"pack.b", &pack}, std::pair{"unpack.b", &unpack}}) {
-      Operation& row = table[std::string(name) + width];
-      row.name = std::string(name) + width;
-      row.run = handler;
-    }
+    Operation& packing = table[std::string("pack.b") + width];
+    packing = {std::string("pack.b") + width, Kind::kCompute, &pack, Spread::kPack, 64};
+    Operation& unpacking = table[std::string("unpack.b") + width];
+    unpacking = {std::string("unpack.b") + width, Kind::kCompute, &unpack, Spread::kUnpack, 64};
   }
 }
 

@@ -122,6 +122,8 @@ struct Function {
   std::int64_t depot_bytes = 0;
   std::vector<Parameter> parameters;
   std::vector<Parameter> results;
+  // Parameters whose address is taken lie in local memory too: offset there, offset, bytes.
+  std::vector<ParameterMove> addressed;
   std::array<int, 3> most_threads{0, 0, 0};
   std::vector<std::string> register_names;
   std::vector<Function*> callees;

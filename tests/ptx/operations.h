@@ -63,6 +63,8 @@ enum class Spread : std::uint8_t {
   kShiftRight,
   kInsert,
   kPermute,
+  kPack,
+  kUnpack,
 };
 
 struct Operation {

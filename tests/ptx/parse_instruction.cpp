@@ -212,6 +212,23 @@ void Parser::assign(Instruction& instruction, const std::vector<Written>& operan
   }
 }
 
+// mov.b64 %rd1, parameter: the address of a copy in local memory, behind what the function keeps
+// there.
+bool Parser::parse_address_of_parameter(Instruction& instruction, std::string_view name) {
+  const Parameter* parameter =
+      peek(1) == "," && peek(3) == ";" ? parameter_named(peek(2)) : nullptr;
+  if (!name.starts_with("mov.") || parameter == nullptr || function_->is_entry) return false;
+  const std::int64_t place = (function_->depot_bytes + 15) / 16 * 16;
+  function_->depot_bytes = place + parameter->bytes;
+  function_->addressed.push_back({place, parameter->offset, parameter->bytes});
+  instruction.operation = find_operation("add.u64");
+  put_to(instruction, parse_operand());
+  at_ += 3;
+  instruction.from = {kDepot, constant(static_cast<std::uint64_t>(place))};
+  instruction.from_count = 2;
+  return true;
+}
+
 void Parser::parse_instruction() {
   Instruction instruction;
   instruction.line = tokens_[at_].line;
@@ -230,7 +247,7 @@ void Parser::parse_instruction() {
     instruction.operation = find_operation("bra");
     branches_.emplace_back(pc, std::string(next()));
     expect(";");
-  } else {
+  } else if (!parse_address_of_parameter(instruction, name)) {
     std::vector<Written> operands;
     while (!take(";")) {
       operands.push_back(parse_operand());

@@ -93,10 +93,12 @@ void Parser::parse_variable(Space space) {
   }
   symbol.bytes = static_cast<std::uint64_t>(element * count);
   if (take("=")) {
-    if (element != 1) fail("an initial value of wide elements");
     const bool is_list = take("{");
     do {
-      symbol.initial.push_back(static_cast<std::uint8_t>(number()));
+      const auto value = static_cast<std::uint64_t>(number());
+      for (std::int64_t i = 0; i < element; ++i) {
+        symbol.initial.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+      }
     } while (is_list && take(","));
     if (is_list) expect("}");
     symbol.initial.resize(symbol.bytes);

@@ -79,6 +79,7 @@ class Parser {
                            const std::vector<Written>& operands);
   const Operation* resolve_memory(std::string_view name, Instruction& instruction);
   void assign(Instruction& instruction, const std::vector<Written>& operands);
+  bool parse_address_of_parameter(Instruction& instruction, std::string_view name);
   void put_to(Instruction& instruction, const Written& written);
   void put_from(Instruction& instruction, const Written& written);
   std::vector<ParameterMove> moves(const std::vector<std::string_view>& names,

@@ -86,7 +86,47 @@ std::uint64_t undefined_result(const Operation& operation, const std::array<Bits
 
 }  // namespace
 
+namespace {
+
+// Writes down which bits of a register are undefined in one lane.
+void set_undefined(const Group& group, std::int32_t number, int lane, std::uint64_t bits) {
+  const auto at = static_cast<std::size_t>(number);
+  const std::uint32_t own = 1U << lane;
+  group.frame.undefined[at * kLanes + static_cast<std::size_t>(lane)] = bits;
+  group.frame.written[at] |= own;
+  group.frame.partial[at] =
+      bits != 0 ? group.frame.partial[at] | own : group.frame.partial[at] & ~own;
+}
+
+// A vector of parts and one register: the parts' bits in turn.
+void spread_parts(const Group& group, const Instruction& instruction) {
+  const bool packs = instruction.operation->spread == Spread::kPack;
+  const std::size_t count = packs ? instruction.from_count : instruction.to_count;
+  const std::size_t bits = 8 * std::size_t{instruction.width} / count;
+  const std::uint64_t mask = (std::uint64_t{1} << bits) - 1;
+  for_each_lane(group.mask, [&](int lane) {
+    std::uint64_t whole = packs ? 0 : bits_in(group, instruction.from[0], lane).undefined;
+    for (std::size_t i = 0; i < count; ++i) {
+      if (packs) {
+        whole |= (bits_in(group, instruction.from[i], lane).undefined & mask) << (bits * i);
+      } else {
+        set_undefined(group, instruction.to[i], lane, whole >> (bits * i) & mask);
+      }
+    }
+    if (packs) {
+      set_undefined(group, instruction.to[0], lane, whole);
+    }
+  });
+}
+
+}  // namespace
+
 void spread_undefined(const Group& group, const Instruction& instruction) {
+  if (instruction.operation->spread == Spread::kPack ||
+      instruction.operation->spread == Spread::kUnpack) {
+    spread_parts(group, instruction);
+    return;
+  }
   if (instruction.operation->spread == Spread::kOwn) {
     require_defined(is_register(instruction.from[0]) &&
                             (group.frame.partial[static_cast<std::size_t>(instruction.from[0])] &
@@ -97,25 +137,15 @@ void spread_undefined(const Group& group, const Instruction& instruction) {
   }
   const std::uint8_t width = instruction.operation->bits;
   const std::uint64_t kept = width >= 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << width) - 1;
-  const auto to = static_cast<std::size_t>(instruction.to[0]);
-  std::array<std::uint64_t, kLanes> undefined{};
-  std::uint32_t partial = 0;
   for_each_lane(group.mask, [&](int lane) {
     group.machine.note_lane(lane);
     std::array<Bits, 4> in{};
     for (std::size_t i = 0; i < instruction.from_count && i < in.size(); ++i) {
       in[i] = bits_in(group, instruction.from[i], lane);
     }
-    const std::uint64_t bits = undefined_result(*instruction.operation, in) & kept;
-    undefined[static_cast<std::size_t>(lane)] = bits;
-    partial |= static_cast<std::uint32_t>(bits != 0) << lane;
+    set_undefined(group, instruction.to[0], lane,
+                  undefined_result(*instruction.operation, in) & kept);
   });
-  for_each_lane(group.mask, [&](int lane) {
-    group.frame.undefined[to * kLanes + static_cast<std::size_t>(lane)] =
-        undefined[static_cast<std::size_t>(lane)];
-  });
-  group.frame.written[to] |= group.mask;
-  group.frame.partial[to] = (group.frame.partial[to] & ~group.mask) | partial;
 }
 
 }  // namespace korvex::ptx

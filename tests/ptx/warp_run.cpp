@@ -281,6 +281,18 @@ void Machine::open_depot(Warp& warp, Frame& frame, std::uint32_t mask) {
   frame.depot.fill(frame.local_top);
   set_local(warp, mask, frame.local_top, bytes, kUnwritten);
   frame.local_top = (frame.local_top + bytes + kRedZone + 15) / 16 * 16;
+  for (const ParameterMove& move : frame.function->addressed) {
+    for_each_lane(mask, [&](int lane) {
+      Region& local = warp.local[static_cast<std::size_t>(lane)];
+      const auto read =
+          static_cast<std::size_t>(lane * frame.function->parameter_bytes + move.callee_offset);
+      const auto write =
+          static_cast<std::size_t>(frame.depot[0]) + static_cast<std::size_t>(move.caller_offset);
+      const auto count = static_cast<std::size_t>(move.bytes);
+      std::memcpy(local.bytes.data() + write, frame.parameters.data() + read, count);
+      std::memcpy(local.states.data() + write, frame.parameter_states.data() + read, count);
+    });
+  }
 }
 
 void Machine::call(const Group& group, const Instruction& instruction) {
