@@ -95,7 +95,9 @@ void Parser::parse_variable(Space space) {
   if (take("=")) {
     const bool is_list = take("{");
     do {
-      const auto value = static_cast<std::uint64_t>(number());
+      const std::optional<std::uint64_t> given = constant_of(next());
+      if (!given) fail("an initial value that is no number");
+      const std::uint64_t value = *given;
       for (std::int64_t i = 0; i < element; ++i) {
         symbol.initial.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
       }
