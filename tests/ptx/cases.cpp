@@ -48,7 +48,7 @@ std::vector<Argument> arguments_of(const Case& one) {
       const std::size_t open = argument.kind.find('[');
       argument.count = evaluate(
           one, std::string_view(argument.kind).substr(open + 1, argument.kind.size() - open - 2));
-      argument.is_output = argument.name.starts_with("out") || argument.name.starts_with("c");
+      argument.is_output = argument.name.starts_with("out") || argument.name.starts_with('c');
     }
     arguments.push_back(argument);
   }

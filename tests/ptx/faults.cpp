@@ -176,21 +176,27 @@ Case case_of(const Fault& fault, std::uint64_t seed) {
 }
 
 // What the machine says of a text.
-std::string outcome(const HostLibrary& host, const std::string& text, const Case& one) {
+std::string outcome(const HostLibrary& host, const std::string& text, const Case& one,
+                    Figures& figures) {
+  std::unique_ptr<Machine> machine;
+  std::string message = "nothing";
   try {
-    Machine machine(parse(text));
-    run_case(machine, host, one);
-    return "nothing";
+    machine = std::make_unique<Machine>(parse(text));
+    run_case(*machine, host, one);
   } catch (const Failure& failure) {
-    return failure.what();
+    message = failure.what();
   }
+  if (machine != nullptr) {
+    figures += machine->figures();
+  }
+  return message;
 }
 
 bool is_noticed(const Fault& fault, const HostLibrary& host, const Module& module,
-                const std::string& text, std::uint64_t seed) {
+                const std::string& text, std::uint64_t seed, Figures& figures) {
   std::string message;
   try {
-    message = outcome(host, planted(fault, module, text), case_of(fault, seed));
+    message = outcome(host, planted(fault, module, text), case_of(fault, seed), figures);
   } catch (const Failure& failure) {
     message = failure.what();
   }
@@ -207,12 +213,14 @@ FaultCount plant_faults(const HostLibrary& host, const std::string& text, std::u
   FaultCount count;
   const std::unique_ptr<Module> module = parse(text);
   for (const Fault& fault : kFaults) {
-    const std::string untouched = outcome(host, text, case_of(fault, seed));
+    const std::string untouched = outcome(host, text, case_of(fault, seed), count.figures);
     if (untouched != "nothing") {
       std::printf("the launch fails without the fault: %s\n", untouched.c_str());
     }
     ++count.planted;
-    count.noticed += untouched == "nothing" && is_noticed(fault, host, *module, text, seed) ? 1 : 0;
+    count.noticed +=
+        untouched == "nothing" && is_noticed(fault, host, *module, text, seed, count.figures) ? 1
+                                                                                              : 0;
   }
   return count;
 }

@@ -6,12 +6,14 @@
 #include <string>
 
 #include "tests/ptx/host_library.h"
+#include "tests/ptx/machine.h"
 
 namespace korvex::ptx {
 
 struct FaultCount {
   int planted = 0;
   int noticed = 0;
+  Figures figures;  // of all launches
 };
 
 // Prints what each fault was noticed by. A fault that is not planted in exactly one place, or is

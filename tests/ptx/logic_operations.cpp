@@ -141,7 +141,8 @@ void add_width(Table& table, const std::string& bits) {
     add_operation<OnesCount<U>, std::uint32_t, U>(table, "popc.b" + bits);
     add_operation<InsertField<U>, U, U, U, std::uint32_t, std::uint32_t>(table, "bfi.b" + bits,
                                                                          Spread::kInsert);
-    add_operation<ExtractField<U>, U, U, std::uint32_t, std::uint32_t>(table, "bfe.u" + bits);
+    add_operation<ExtractField<U>, U, U, std::uint32_t, std::uint32_t>(table, "bfe.u" + bits,
+                                                                       Spread::kExtract);
   }
 }
 

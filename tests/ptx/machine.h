@@ -93,6 +93,13 @@ struct Figures {
   std::uint64_t launches = 0;
   std::uint64_t instructions = 0;  // counted once for each lane
   std::uint64_t accesses = 0;
+
+  Figures& operator+=(const Figures& more) {
+    launches += more.launches;
+    instructions += more.instructions;
+    accesses += more.accesses;
+    return *this;
+  }
 };
 
 class Machine {

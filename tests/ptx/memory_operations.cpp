@@ -75,7 +75,8 @@ void give_elements(const Group& group, const Instruction& instruction, int lane,
     if (is_register(operand) &&
         (group.frame.partial[static_cast<std::size_t>(operand)] >> lane & 1) != 0) {
       const std::uint64_t undefined =
-          group.frame.undefined[static_cast<std::size_t>(operand * kLanes + lane)];
+          group.frame.undefined[static_cast<std::size_t>(operand) * kLanes +
+                                static_cast<std::size_t>(lane)];
       for (unsigned byte = 0; byte < instruction.width; ++byte) {
         if ((undefined >> (8 * byte) & 0xff) != 0) own[byte] = kUnwritten;
       }

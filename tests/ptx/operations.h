@@ -62,6 +62,7 @@ enum class Spread : std::uint8_t {
   kShiftLeft,
   kShiftRight,
   kInsert,
+  kExtract,
   kPermute,
   kPack,
   kUnpack,

@@ -61,7 +61,7 @@ std::optional<std::uint64_t> Parser::constant_of(std::string_view text) const {
   const bool is_hexadecimal = is_double || text.starts_with("0x") || text.starts_with("0X");
   const std::string_view digits = is_hexadecimal ? text.substr(2) : text;
   std::uint64_t value = 0;
-  if (text.starts_with("-")) {
+  if (text.starts_with('-')) {
     std::int64_t negative = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), negative);
     if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
@@ -171,7 +171,7 @@ const Operation* Parser::resolve_memory(std::string_view name, Instruction& inst
     }
   }
   instruction.width = width_of(words.back());
-  instruction.is_signed = words.back().starts_with("s");
+  instruction.is_signed = words.back().starts_with('s');
   return instruction.width == 0 ? nullptr : find_operation(chosen);
 }
 

@@ -125,9 +125,7 @@ void run_kernels(const Options& options, const HostLibrary& host, const std::str
                 taken.count());
     std::fflush(stdout);
   }
-  totals.figures.launches += machine.figures().launches;
-  totals.figures.instructions += machine.figures().instructions;
-  totals.figures.accesses += machine.figures().accesses;
+  totals.figures += machine.figures();
   count_reached(machine.module(), options.shows_unreached, totals);
 }
 
@@ -144,6 +142,7 @@ int run(const Options& options) {
       const FaultCount count = plant_faults(host, text, options.seed);
       totals.faults.planted += count.planted;
       totals.faults.noticed += count.noticed;
+      totals.figures += count.figures;
     }
   }
   const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;

@@ -22,7 +22,9 @@ Bits bits_in(const Group& group, Operand operand, int lane) {
   bits.value = group.in(operand)[lane];
   if (is_register(operand) &&
       (group.frame.partial[static_cast<std::size_t>(operand)] >> lane & 1) != 0) {
-    bits.undefined = group.frame.undefined[static_cast<std::size_t>(operand * kLanes + lane)];
+    bits.undefined =
+        group.frame
+            .undefined[static_cast<std::size_t>(operand) * kLanes + static_cast<std::size_t>(lane)];
   }
   return bits;
 }
@@ -68,6 +70,13 @@ std::uint64_t undefined_result(const Operation& operation, const std::array<Bits
       const std::uint64_t field = shifted(
           length >= 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << length) - 1, position, true);
       return (b.undefined & ~field) | (shifted(a.undefined, position, true) & field);
+    }
+    case Spread::kExtract: {
+      require_defined(b);
+      require_defined(in[2]);
+      const std::uint64_t length = in[2].value & 255;
+      return shifted(a.undefined, b.value & 255, false) &
+             (length >= 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << length) - 1);
     }
     case Spread::kPermute: {
       require_defined(in[2]);

@@ -401,8 +401,8 @@ std::uint32_t Machine::mask_of_meeting(const Warp& warp, int lane,
     if ((frame.written[static_cast<std::size_t>(operand)] >> lane & 1) == 0) {
       throw Failure("the mask was never written");
     }
-    return static_cast<std::uint32_t>(
-        frame.registers[static_cast<std::size_t>(operand * kLanes + lane)]);
+    return static_cast<std::uint32_t>(frame.registers[static_cast<std::size_t>(operand) * kLanes +
+                                                      static_cast<std::size_t>(lane)]);
   }
   return static_cast<std::uint32_t>(module_->constants[static_cast<std::size_t>(-1 - operand)][0]);
 }
