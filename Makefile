@@ -44,7 +44,8 @@ HEADERS := $(filter %.h %.cuh,$(CXX_FILES))
 TIDY_STAMPS := $(patsubst %,build/tidy/%.ok,$(filter %.cpp,$(CXX_FILES)))
 
 .PHONY: help demo interface test check environment install cpp-tests python-tests test-long leaks fuzz \
-  sanitize verify verify-long verify-elementary figures gpu site lint format-check tidy configure \
+  sanitize device-code device-code-long device-code-tools verify verify-long verify-elementary \
+  figures gpu site lint format-check tidy configure \
   format wheel wheels clean distclean
 
 help: ## this list
@@ -123,6 +124,20 @@ fuzz: install ## random calls on module and reference; FUZZ_SECONDS=500, FUZZ_SE
 
 sanitize: environment ## all tests on a build under AddressSanitizer and UndefinedBehaviorSanitizer
 	@scripts/run_sanitized.sh $(PY) $(PYTEST_ARGS)
+
+# Without nvcc on PATH both say that they are skipped.
+device-code: device-code-tools ## run the kernels' PTX on the host, checked at every access (minutes)
+	@$(RUN_DEVICE_CODE) || [ $$? -eq 77 ]
+
+device-code-long: device-code-tools ## the same with larger arrays, more seeds and architectures
+	@$(RUN_DEVICE_CODE) --long --nvrtc "$(wildcard build/cuda-compilers/nvidia/cuda_nvrtc/lib/libnvrtc.so.12)" || [ $$? -eq 77 ]
+
+RUN_DEVICE_CODE = $(PY) tests/ptx/run_device_code.py $(BUILD)/tests/ptx/run_ptx \
+  $(BUILD)/korvex/kernels/host/libkorvex_host_kernels_base.so $(BUILD)/tests/ptx/ptx
+
+device-code-tools: configure
+	@cmake --build $(BUILD) --parallel $(JOBS) --target run_ptx korvex_host_kernels_base >build/device-code.log || \
+	  { cat build/device-code.log; exit 1; }
 
 VERIFY_ARGS ?=
 

@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: Apache-2.0
+// The data of the cases: seeded, of many magnitudes, with special values, hard arguments and short
+// arrays that a kernel once needed to be right for.
+#include <cstdlib>
+#include <fstream>
+#include <limits>
+#include <sstream>
+
+#include "tests/ptx/cases.h"
+
+namespace korvex::ptx {
+namespace {
+
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+
+const double kSpecials[] = {0.0,
+                            -0.0,
+                            kInfinity,
+                            -kInfinity,
+                            kNan,
+                            0x1p-1074,
+                            -0x1p-1074,
+                            0x1p-1022,
+                            -0x1p-1022,
+                            0x1.fffffffffffffp+1023,
+                            -0x1.fffffffffffffp+1023,
+                            1.0,
+                            -1.0};
+
+// Overflow midway, total cancellation, products below the smallest subnormal, ties, limbs far
+// apart, logarithms of sums that need a wider try, products that are exact only in many bits.
+const std::vector<std::vector<double>>& notable_arrays() {
+  static const std::vector<std::vector<double>> arrays = {
+      {0x1p1023, 0x1p1023, -0x1p1023, -0x1p1023, 0x1p-1074},
+      {0x1p-600, 1.0, 0x1p-600, -1.0},
+      {1.0, 0x1p-53, 0x1p-1074},
+      {1.0, 0x1p-53, 0x1p-120, -1.0},
+      {0x1p900, 0x1p600, 0x1p300, 1.0, 0x1p-300},
+      {1e9, 1e9 + 0x1p-20, 1e9 + 0x1p-19},
+      {3e200, 4e200},
+      {0x1p600, 0x1p600, 0x1p-600, 0x1p-600},
+      {0.0, -600.0},
+      {-1e-20, -46.0},
+      {0.0, 0x1p-1074},
+      {-745.2, -745.1, 0.0, 709.0},
+      {1.7e308, 1.7e308},
+      {-0x1p-40, -0x1.b39a8f0000000p+4},
+      {-0x1p-500, -0x1.5a92d6d005c93p+8},
+      {-0x1.62e42fefa39efp-1, -0x1.62e42fefa39efp-1},
+      {0.0, -90.5, -300.25, -744.0},
+      // The prime factors of 2^420 - 1: no 384 bits hold what is left of their product.
+      {3,
+       7,
+       5,
+       31,
+       3,
+       127,
+       11,
+       13,
+       43,
+       151,
+       5,
+       41,
+       7,
+       337,
+       29,
+       113,
+       331,
+       71,
+       122921,
+       5419,
+       61,
+       1321,
+       281,
+       86171,
+       1429,
+       14449,
+       106681,
+       29191,
+       152041,
+       7416361,
+       47392381,
+       211,
+       1564921,
+       664441,
+       421,
+       146919792181,
+       1041815865690181},
+      {0x1.fffffffffffffp-1, 0x1.0000000000001p+0, 3.0, 0x1.5555555555555p-2},
+  };
+  return arrays;
+}
+
+std::vector<double>& hard_cases() {
+  static std::vector<double> cases;
+  return cases;
+}
+
+}  // namespace
+
+void read_hard_cases(const char* path) {
+  std::ifstream file(path);
+  std::stringstream text;
+  text << file.rdbuf();
+  const std::string all = text.str();
+  constexpr std::string_view kKey = "\"x\": \"";
+  for (std::size_t at = all.find(kKey); at != std::string::npos; at = all.find(kKey, at + 1)) {
+    hard_cases().push_back(std::strtod(all.c_str() + at + kKey.size(), nullptr));
+  }
+  if (hard_cases().empty()) {
+    throw Failure(std::string("no hard cases in ") + path);
+  }
+}
+
+std::size_t notable_count() { return notable_arrays().size(); }
+std::size_t notable_size(std::size_t which) { return notable_arrays()[which].size(); }
+
+std::vector<double> draw_elements(test::Random& random, const Case& one, std::size_t count) {
+  std::vector<double> x(count);
+  const auto shape =
+      static_cast<test::Shape>(one.seed % static_cast<std::uint64_t>(test::Shape::kCount));
+  const auto& notable = notable_arrays()[one.notable];
+  const std::size_t first_hard = random.bits() % std::max<std::size_t>(1, hard_cases().size());
+  if (one.data == Data::kShape || one.data == Data::kSpecial) {
+    x = test::draw_many(random, shape, count, one.seed % 3 == 0);
+  }
+  for (std::size_t i = 0; i < count; ++i) {
+    if (one.data == Data::kSpecial && random.below(4) == 0) {
+      x[i] =
+          kSpecials[static_cast<std::size_t>(random.below(static_cast<int>(std::size(kSpecials))))];
+    } else if (one.data == Data::kModerate) {
+      x[i] = random.with_exponent(random.between(-12, 9));
+    } else if (one.data == Data::kHard && !hard_cases().empty()) {
+      x[i] = hard_cases()[(first_hard + i) % hard_cases().size()];
+    } else if (one.data == Data::kNotable) {
+      x[i] = notable[i % notable.size()];
+    }
+  }
+  return x;
+}
+
+}  // namespace korvex::ptx

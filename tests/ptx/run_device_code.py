@@ -1,0 +1,130 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Compile the kernels to PTX and run that on the host, as `make device-code` does.
+
+usage: run_device_code.py TOOL HOST_LIBRARY FOLDER [--long] [--part PART] [--nvrtc LIBRARY]
+
+The ordinary run takes the PTX of one architecture, small arrays and all planted faults. The long
+one takes larger arrays and more seeds, and the PTX of further architectures, by NVRTC too where its
+library is given. PART is compile, kernels or faults; without it all are done. PTX is kept in FOLDER
+and made anew when a source, a flag or the compiler has changed. Exit status 77: no nvcc on PATH.
+"""
+
+import argparse
+import hashlib
+import os
+import re
+import shutil
+import subprocess
+import sys
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+
+SOURCE_TREE = Path(__file__).resolve().parents[2]
+SOURCE = SOURCE_TREE / "korvex" / "kernels" / "device" / "kernels.cu"
+HARD_CASES = SOURCE_TREE / "tests" / "elementwise" / "hard_cases.json"
+SKIPPED = 77
+ORDINARY = (("nvcc", 90),)
+LONG = (
+    ("nvcc", 90),
+    ("nvcc", 75),
+    ("nvcc", 80),
+    ("nvcc", 120),
+    ("nvrtc", 50),
+    ("nvrtc", 75),
+    ("nvrtc", 90),
+)
+LONG_SEEDS = (1, 1001, 2001)
+
+
+def flags_of(compiler: str) -> list[str]:
+    """The flags with which the build compiles what ships."""
+    text = (SOURCE_TREE / "cmake" / "KorvexCuda.cmake").read_text()
+    [flags] = re.findall(rf"set\(korvex_{compiler}_flags([^)]*)\)", text)
+    return flags.split()
+
+
+def compile_command(compiler: str, architecture: int, target: Path, nvrtc: str) -> list[str]:
+    includes = [f"-I{SOURCE_TREE}", f"-I{SOURCE.parent}"]
+    if compiler == "nvcc":
+        command = ["nvcc", "-ptx", str(SOURCE), "-o", str(target), f"-arch=compute_{architecture}"]
+    else:
+        script = SOURCE_TREE / "cmake" / "compile_with_nvrtc.py"
+        command = [sys.executable, str(script), nvrtc, str(SOURCE), str(target)]
+        command += [f"--gpu-architecture=compute_{architecture}"]
+    return command + flags_of(compiler) + includes
+
+
+def fingerprint(command: list[str]) -> str:
+    """Of everything that the PTX is made from."""
+    folders = (SOURCE_TREE / "korvex" / "arithmetic", SOURCE_TREE / "korvex" / "kernels")
+    digest = hashlib.sha256("\0".join(command).encode())
+    version = subprocess.run(["nvcc", "--version"], capture_output=True, check=True)
+    digest.update(version.stdout)
+    for path in sorted(path for folder in folders for path in folder.rglob("*")):
+        if path.suffix in (".h", ".cu", ".cuh"):
+            digest.update(path.read_bytes())
+    return digest.hexdigest()
+
+
+def make_ptx(compiler: str, architecture: int, folder: Path, nvrtc: str) -> Path:
+    folder.mkdir(parents=True, exist_ok=True)
+    target = folder / f"{compiler}_compute_{architecture}.ptx"
+    stamp = target.with_suffix(".made-from")
+    command = compile_command(compiler, architecture, target, nvrtc)
+    made_from = fingerprint(command)
+    if not (target.exists() and stamp.exists() and stamp.read_text() == made_from):
+        stamp.unlink(missing_ok=True)
+        subprocess.run(command, check=True)
+        stamp.write_text(made_from)
+    return target
+
+
+def runs_of(arguments: argparse.Namespace, files: list[Path]) -> list[list[str]]:
+    """The command lines of the tool."""
+    tool = [arguments.tool, arguments.library]
+    hard = ["--hard-cases", str(HARD_CASES)]
+    ordinary = [str(path) for path in files[:1]]
+    kernels = [[*tool, *ordinary, *hard, "--kernels-only"]]
+    faults = [[*tool, *ordinary, *hard, "--faults-only"]]
+    if arguments.long:
+        kernels = [
+            [*tool, *ordinary, *hard, "--kernels-only", "--long", "--seed", str(seed)]
+            for seed in LONG_SEEDS
+        ]
+        kernels += [[*tool, str(path), *hard, "--kernels-only"] for path in files[1:]]
+    return {"kernels": kernels, "faults": faults, None: faults + kernels}[arguments.part]
+
+
+def run(command: list[str]) -> int:
+    done = subprocess.run(command, capture_output=True, text=True)
+    sys.stdout.write(done.stdout + done.stderr)
+    sys.stdout.flush()
+    return done.returncode
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("tool")
+    parser.add_argument("library")
+    parser.add_argument("folder", type=Path)
+    parser.add_argument("--long", action="store_true")
+    parser.add_argument("--part", choices=("compile", "kernels", "faults"))
+    parser.add_argument("--nvrtc", default="")
+    arguments = parser.parse_args()
+    if shutil.which("nvcc") is None:
+        print("PTX machine: skipped, as there is no nvcc on PATH")
+        return SKIPPED
+    wanted = LONG if arguments.long else ORDINARY
+    if not Path(arguments.nvrtc).is_file():
+        wanted = tuple(each for each in wanted if each[0] != "nvrtc")
+    with ThreadPoolExecutor(os.cpu_count()) as pool:
+        files = list(
+            pool.map(lambda each: make_ptx(*each, arguments.folder, arguments.nvrtc), wanted)
+        )
+        if arguments.part == "compile":
+            return 0
+        return max(pool.map(run, runs_of(arguments, files)))
+
+
+if __name__ == "__main__":
+    sys.exit(main())
