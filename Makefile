@@ -107,7 +107,7 @@ cpp-tests: configure
 
 # -P: the tree must not shadow the installed package. No test collected is a failure.
 python-tests: install
-	@$(TIMED) python-tests $(PY) -P -m pytest $(PYTEST_ARGS) --junitxml=build/pytest.xml
+	@$(TIMED) python-tests $(PY) -P -m pytest -n $(JOBS) $(PYTEST_ARGS) --junitxml=build/pytest.xml
 
 test-long: install ## the Python tests that take minutes and do not run otherwise
 	@$(PY) -P -m pytest -m long $(PYTEST_ARGS)

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "korvex/kernels/host/host_kernels.h"
+#include "korvex/kernels/host/launch.h"
 #include "tests/ptx/module.h"
 
 namespace korvex::ptx {
