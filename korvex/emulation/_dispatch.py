@@ -91,8 +91,8 @@ def cover(name: str) -> None:
 def not_covered(operation: str) -> NotImplementedError:
     """Return the exception for an operation that is not in the table."""
     return NotImplementedError(
-        f"the emulated device does not cover the torch operation {operation!r}; what it covers is "
-        "told by korvex.emulation.covered(), and korvex.emulation.cover() adds to it"
+        f"the emulated device does not cover the torch operation {operation!r}; what it covers "
+        "stands in korvex.emulation.covered(), and korvex.emulation.cover() adds to it"
     )
 
 
