@@ -60,7 +60,7 @@ def test_kernels_made_before_are_installed_and_none_compiled(configure, tmp_path
     for name in ("korvex_sm_90.cubin", "korvex_compute_90.ptx", "compilers.json"):
         (folder / name).write_text(name)
     assert configure("all", kernels=folder).returncode == 0
-    script = next(tmp_path.rglob("kernels/cmake_install.cmake")).read_text()
+    script = next(tmp_path.rglob("kernels/device/cmake_install.cmake")).read_text()
     assert all(str(folder / name) in script for name in ("korvex_sm_90.cubin", "compilers.json"))
     assert list(tmp_path.rglob("korvex_cubins.dir")) == []
 
