@@ -56,8 +56,7 @@ PyObject* kernel_launch(PyObject* self, Handle const* arguments, Py_ssize_t coun
     }
     Launch launch;
     launch.kernel = as_kernel(self)->row;
-    launch.grid =
-        read_grid(row.name, read_grid_keyword(row.name, arguments + count, keyword_names));
+    launch.grid = read_grid(row, read_grid_keyword(row.name, arguments + count, keyword_names));
     launch.block = {row.block, 1, 1};
     launch.limits_grid = true;
     take_arguments(launch, arguments, count);
@@ -74,7 +73,7 @@ PyObject* kernel_function(PyObject* self, Handle const* arguments, Py_ssize_t co
     }
     Launch launch;
     launch.kernel = as_kernel(self)->row;
-    launch.grid = read_grid(row.name, arguments[0]);
+    launch.grid = read_grid(row, arguments[0]);
     launch.block = read_block(row.name, arguments[1]);
     if (has_own_block(row) && launch.block != Extent{row.block, 1, 1}) {
       raise_formatted(PyExc_ValueError, messages::kOwnBlock, row.name, row.block, arguments[1]);
@@ -151,7 +150,9 @@ PyMethodDef methods[] = {
     {"function", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(kernel_function)),
      METH_FASTCALL,
      "function($self, grid, block, args, /)\n--\n\n"
-     "Launch with exactly this grid and block; args is the tuple of the kernel's arguments."},
+     "Launch with exactly this grid and block; args is the tuple of the kernel's arguments.\n\n"
+     "Of a kernel that strides over the rows of its output, the second extent of the grid may be\n"
+     "more than the 65535 that a device takes; it is launched with so many."},
     {nullptr, nullptr, 0, nullptr},
 };
 

@@ -2,6 +2,7 @@
 // Python objects against a row of the kernel table.
 #include "korvex/cubin_loader_native/launch_checks.h"
 
+#include <algorithm>
 #include <bit>
 #include <optional>
 #include <string>
@@ -79,7 +80,12 @@ struct ExtentLimits {
   unsigned least;
   Extent most;
 };
-constexpr ExtentLimits kGridLimits{"grid", 0, {0x7fffffff, 65535, 65535}};
+constexpr unsigned kMostBlocks = 0x7fffffff;      // along x
+constexpr unsigned kMostBlocksAlongYOrZ = 65535;  // along each
+constexpr ExtentLimits kGridLimits{
+    "grid", 0, {kMostBlocks, kMostBlocksAlongYOrZ, kMostBlocksAlongYOrZ}};
+constexpr ExtentLimits kStridingGridLimits{
+    "grid", 0, {kMostBlocks, kMostBlocks, kMostBlocksAlongYOrZ}};
 constexpr ExtentLimits kBlockLimits{"block", 1, {1024, 1024, 64}};
 constexpr unsigned kMostThreads = 1024;
 
@@ -136,8 +142,13 @@ void take_arguments(Launch& launch, Handle const* arguments, Py_ssize_t count) {
   }
 }
 
-Extent read_grid(const char* kernel, Handle value) {
-  return read_extent(kernel, value, kGridLimits);
+Extent read_grid(const KernelRow& row, Handle value) {
+  if (!row.strides_along_y) {
+    return read_extent(row.name, value, kGridLimits);
+  }
+  Extent grid = read_extent(row.name, value, kStridingGridLimits);
+  grid[1] = std::min(grid[1], kMostBlocksAlongYOrZ);
+  return grid;
 }
 
 Extent read_block(const char* kernel, Handle value) {

@@ -13,7 +13,8 @@ namespace korvex::cubin_loader {
 void take_arguments(Launch& launch, Handle const* arguments, Py_ssize_t count);
 
 // A grid or a block within the limits that every CUDA device has. A grid may have an extent of 0.
-Extent read_grid(const char* kernel, Handle value);
+// A kernel that strides along y takes any number of blocks there, and gets the most that it can.
+Extent read_grid(const KernelRow& row, Handle value);
 Extent read_block(const char* kernel, Handle value);
 
 }  // namespace korvex::cubin_loader

@@ -29,6 +29,7 @@ class KernelRow(NamedTuple):
     form: str  # "function": the caller gives the block; "launch": the kernel knows it
     block: int  # threads in a block of form "launch", else 0
     parameters: tuple[Parameter, ...]
+    strides_along_y: bool  # its blocks go over the rows of the output in strides of the grid
 
 
 class HostLibrary:
@@ -64,6 +65,7 @@ class HostLibrary:
                 functions.korvex_host_kernel_form(number).decode(),
                 functions.korvex_host_kernel_block(number),
                 parse(functions.korvex_host_kernel_parameters(number).decode()),
+                bool(functions.korvex_host_kernel_strides_along_y(number)),
             )
             for number in range(functions.korvex_host_kernel_count())
         ]

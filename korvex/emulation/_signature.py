@@ -16,7 +16,13 @@ import re
 from typing import Any, NamedTuple, Protocol
 
 _MOST_I64 = 2**63 - 1
-_MOST_EXTENT = {"grid": (2**31 - 1, 65535, 65535), "block": (1024, 1024, 64)}
+_MOST_BLOCKS = 2**31 - 1  # along x
+_MOST_BLOCKS_ALONG_Y = 65535
+_MOST_EXTENT = {
+    "grid": (_MOST_BLOCKS, _MOST_BLOCKS_ALONG_Y, 65535),
+    "block": (1024, 1024, 64),
+}
+_MOST_STRIDING_GRID = (_MOST_BLOCKS, _MOST_BLOCKS, 65535)
 _MOST_THREADS = 1024
 _PARAMETER = re.compile(r"(\w+):(?:(i64)|(f64)(?:\[([\w*]+)\])?)")
 
@@ -152,7 +158,25 @@ def _check_array(kernel: str, parameter: Parameter, given: dict[str, Any]) -> No
         )
 
 
-def check_extent(kernel: str, what: str, extent: Any) -> tuple[int, int, int]:
+def check_grid(kernel: str, grid: Any, strides_along_y: bool) -> tuple[int, int, int]:
+    """Check a grid, and return the numbers with which a device is to launch it.
+
+    A kernel that strides along y takes any number of blocks there, and gets the most that it can.
+
+    Raises
+    ------
+    TypeError, ValueError
+        As `check_extent`.
+    """
+    if not strides_along_y:
+        return check_extent(kernel, "grid", grid)
+    x, y, z = check_extent(kernel, "grid", grid, _MOST_STRIDING_GRID)
+    return x, min(y, _MOST_BLOCKS_ALONG_Y), z
+
+
+def check_extent(
+    kernel: str, what: str, extent: Any, most: tuple[int, int, int] | None = None
+) -> tuple[int, int, int]:
     """Check a grid or a block by the limits that every CUDA device has, and return its numbers.
 
     Parameters
@@ -161,6 +185,8 @@ def check_extent(kernel: str, what: str, extent: Any) -> tuple[int, int, int]:
         Its name, for messages.
     what : {"grid", "block"}
     extent : tuple of three int
+    most : tuple of three int, optional
+        The limits, if not those of `what`.
 
     Raises
     ------
@@ -174,7 +200,8 @@ def check_extent(kernel: str, what: str, extent: Any) -> tuple[int, int, int]:
         raise TypeError(f"{kernel}: {what} must be a tuple of three int, not {extent!r}")
     x, y, z = map(int.__int__, items)
     least = 1 if what == "block" else 0
-    fits = all(least <= n <= most for n, most in zip((x, y, z), _MOST_EXTENT[what], strict=True))
+    limits = most or _MOST_EXTENT[what]
+    fits = all(least <= n <= most for n, most in zip((x, y, z), limits, strict=True))
     if not fits or (what == "block" and x * y * z > _MOST_THREADS):
         raise ValueError(f"{kernel}: {what} {extent!r} is out of range")
     return x, y, z

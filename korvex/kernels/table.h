@@ -30,6 +30,9 @@ struct KernelRow {
   // Blocks that fill a multiprocessor, for kernels that stride over their grid: more of them than
   // that do no work and may be left out of a launch. 0: every block of the grid is needed.
   unsigned blocks_per_multiprocessor = 0;
+  // Its blocks go over the rows of the output in strides of the grid's second extent. That extent
+  // may be more than a device takes, and blocks beyond that number are left out of the launch.
+  bool strides_along_y = false;
 };
 
 inline constexpr KernelRow kKernelTable[] = {
@@ -41,7 +44,7 @@ inline constexpr KernelRow kKernelTable[] = {
      "x:f64[n] y:f64[n] out:f64[1] out_err:f64[1] out_err2:f64[1] n:i64",
      kGridBlocksPerMultiprocessor},
     {"tqx_matmul_kernel", "function", 0,
-     "a:f64[M*K] b:f64[K*N] c0:f64[M*N] c1:f64[M*N] c2:f64[M*N] M:i64 N:i64 K:i64"},
+     "a:f64[M*K] b:f64[K*N] c0:f64[M*N] c1:f64[M*N] c2:f64[M*N] M:i64 N:i64 K:i64", 0, true},
     {"tqx_var_kernel", "launch", kSingleBlock, "x:f64[n] out_mean:f64[1] out_var:f64[1] n:i64"},
     {"tqx_norm_kernel", "launch", kSingleBlock, "x:f64[n] out:f64[1] n:i64"},
     {"tqx_prod_kernel", "launch", kSingleBlock, "x:f64[n] out:f64[1] out_err:f64[1] n:i64"},

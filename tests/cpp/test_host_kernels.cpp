@@ -94,6 +94,8 @@ void rows_are_those_of_the_table(const Library& library) {
   const auto block = library.find<decltype(korvex_host_kernel_block)>("korvex_host_kernel_block");
   const auto parameters =
       library.find<decltype(korvex_host_kernel_parameters)>("korvex_host_kernel_parameters");
+  const auto strides = library.find<decltype(korvex_host_kernel_strides_along_y)>(
+      "korvex_host_kernel_strides_along_y");
   CHECK(library.find<decltype(korvex_host_kernel_count)>("korvex_host_kernel_count")() ==
         kernels::kKernelCount);
   for (int i = 0; i < kernels::kKernelCount; ++i) {
@@ -102,10 +104,11 @@ void rows_are_those_of_the_table(const Library& library) {
     CHECK(std::string(form(i)) == row.form);
     CHECK(std::string(parameters(i)) == row.parameters);
     CHECK(block(i) == row.block);
+    CHECK((strides(i) != 0) == row.strides_along_y);
   }
   for (const int outside : {-1, kernels::kKernelCount}) {
     CHECK(name(outside) == nullptr && form(outside) == nullptr);
-    CHECK(parameters(outside) == nullptr && block(outside) == 0);
+    CHECK(parameters(outside) == nullptr && block(outside) == 0 && strides(outside) == 0);
     CHECK(library.launch(outside, kOne, {}, 1) == 1);
   }
 }

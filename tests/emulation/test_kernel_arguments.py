@@ -9,7 +9,7 @@ import pytest
 import torch
 
 from korvex.emulation._library import HostLibrary
-from korvex.emulation._signature import Parameter, check_arguments, check_extent, parse
+from korvex.emulation._signature import Parameter, check_arguments, check_extent, check_grid, parse
 
 pytestmark = pytest.mark.skipif(
     not device.choose().emulated, reason="kernel objects of the emulated device"
@@ -129,6 +129,17 @@ def test_grid_that_every_device_takes_passes(extent):
 def test_grid_out_of_range_is_refused(extent):
     with pytest.raises(ValueError, match="out of range"):
         check_extent("kernel", "grid", extent)
+
+
+def test_grid_of_a_kernel_that_strides_along_y_is_cut_to_what_a_device_takes():
+    for y, launched in ((0, 0), (65535, 65535), (65536, 65535), (2**31 - 1, 65535)):
+        assert check_grid("kernel", (3, y, 2), strides_along_y=True) == (3, launched, 2)
+    assert check_grid("kernel", (3, 65535, 2), strides_along_y=False) == (3, 65535, 2)
+    with pytest.raises(ValueError, match=r"^kernel: grid \(1, 65536, 1\) is out of range$"):
+        check_grid("kernel", (1, 65536, 1), strides_along_y=False)
+    for grid in ((2**31, 1, 1), (1, 2**31, 1), (1, -1, 1), (1, 1, 65536)):
+        with pytest.raises(ValueError, match="out of range"):
+            check_grid("kernel", grid, strides_along_y=True)
 
 
 @pytest.mark.parametrize("extent", [(0, 1, 1), (1025, 1, 1), (1, 1, 65), (32, 33, 1)])

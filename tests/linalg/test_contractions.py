@@ -99,6 +99,14 @@ def test_linear_refuses_inner_dimensions_that_differ(module):
     assert str(caught.value) == "Inner dimensions must match: 2 vs 3"
 
 
+def test_linear_of_more_samples_than_a_grid_has_blocks_for(module, launches):
+    samples = 16 * 65535 + 17
+    x = torch.arange(1.0, samples + 1.0, dtype=torch.float64)
+    result = module.tqx_linear(x.view(samples, 1).to("cuda"), tensor([[0.1]]), tensor([0.25]))
+    assert launches == [MATMUL, "tqx_add_kernel"] and result.shape == (samples, 1)
+    assert torch.equal(result.view(samples).cpu(), x * 0.1 + 0.25)
+
+
 # ---- tqx_einsum ----
 
 

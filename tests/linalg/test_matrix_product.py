@@ -170,6 +170,20 @@ def test_no_rows_or_columns_launch_and_give_nothing(module, launches):
     assert launches == [KERNEL] * 3
 
 
+def test_more_rows_than_a_grid_has_blocks_for(module, launches):
+    """A device takes 65535 blocks of 16 rows; the kernel goes on to the rows beyond."""
+    rows, factor = 16 * 65535 + 17, 0.1
+    a = torch.arange(1.0, rows + 1.0, dtype=torch.float64)
+    result = module.tqx_matmul(a.view(rows, 1).to("cuda"), tensor([[factor]]), return_tqx=True)
+    assert launches == [KERNEL]
+    assert [tuple(limb.shape) for limb in result.limbs] == [(rows, 1)] * 3
+    limbs = [limb.view(rows).cpu() for limb in result.limbs]
+    assert torch.equal(limbs[0], a * factor)
+    for i in (0, 16 * 65535 - 1, 16 * 65535, rows - 2, rows - 1):
+        expected = dot_limbs([float(i + 1)], [factor], 3)
+        assert [bits(limb[i].item()) for limb in limbs] == [bits(v) for v in expected]
+
+
 def test_bmm_is_always_a_plain_tensor(module, launches):
     a, b = drawn(2, 3, 5), drawn(2, 5, 4)
     value = module.tqx_bmm(a, b, return_tqx=True)

@@ -5,7 +5,9 @@ Bounds are those of docs/solvers.md. They hold for any backward stable factorisa
 on the host as for that of a GPU.
 """
 
+import itertools
 import math
+import random
 from fractions import Fraction
 
 import device
@@ -120,6 +122,67 @@ def test_closed_forms_of_hilbert_matrices_agree_with_elimination():
             assert exact_linear.solve(matrix, unit) == [row[j] for row in inverse]
     assert exact_linear.scaled_hilbert_determinant(2) == Fraction(6 * 2 - 3 * 3)
     assert exact_linear.scaled_hilbert_determinant(3) == Fraction(60**3, 2160)
+
+
+# ---- accuracy on systems of whole numbers, with several right-hand sides ----
+
+
+def random_integers(source, rows, columns, most):
+    return [[source.randint(-most, most) for _ in range(columns)] for _ in range(rows)]
+
+
+def ill_conditioned(source, n, exponent):
+    """A dense matrix of whole numbers, all of them doubles, of about the condition 10**exponent.
+
+    Random factors of small condition around a diagonal from 1 to 10**exponent: no scaling of rows
+    or columns takes the condition away.
+    """
+    factors = (random_integers(source, n, n, 9) for _ in itertools.count())
+    left, right = itertools.islice((f for f in factors if condition(f) < 30), 2)
+    middle = [10 ** (exponent * k // (n - 1)) for k in range(n)]
+    columns = list(zip(*right, strict=True))
+    matrix = [
+        [sum(map(math.prod, zip(row, middle, column, strict=True))) for column in columns]
+        for row in left
+    ]
+    assert max(abs(v) for row in matrix for v in row) < 2**53
+    return [[float(v) for v in row] for row in matrix]
+
+
+def check_that_passes_reach_the_bound(module, launches, matrix, right):
+    """Every pass gains what is documented, the third is within the bound, and torch is far off."""
+    solutions = [exact_linear.solve(matrix, column) for column in zip(*right, strict=True)]
+    exact = [list(row) for row in zip(*solutions, strict=True)]
+    a, b, gain = tensor(matrix), tensor(right), rate(matrix)
+    plain = errors(torch.linalg.solve(a, b).tolist(), exact)
+    assert max(plain) > 100
+    previous = max(plain)
+    for passes in (1, 2, 3):
+        error = max(errors(module.tqx_solve(a, b, passes).tolist(), exact))
+        assert error <= gain * previous + 1 + gain
+        previous = error
+    del launches[:]
+    refined = errors(module.tqx_solve(a, b).tolist(), exact)
+    assert launches == ["tqx_matmul_kernel"] * 3
+    assert all(error <= 1 + 2 * gain for error in refined)
+
+
+@pytest.mark.parametrize("n", [4, 8, 12])
+@pytest.mark.parametrize("exponent", range(6, 12))
+def test_ill_conditioned_integers_are_solved_to_an_ulp(module, launches, n, exponent):
+    source = random.Random(f"{n} {exponent}")
+    matrix = ill_conditioned(source, n, exponent)
+    assert 1e6 <= condition(matrix) <= 1e13
+    right = [[float(v) for v in row] for row in random_integers(source, n, 3, 99)]
+    check_that_passes_reach_the_bound(module, launches, matrix, right)
+
+
+@pytest.mark.parametrize("n", range(5, 11))
+def test_hilbert_systems_that_torch_solves_badly_are_solved_to_an_ulp(module, launches, n):
+    source = random.Random(n)
+    matrix = exact_linear.scaled_hilbert(n)
+    right = [[float(v) for v in row] for row in random_integers(source, n, 3, 99)]
+    check_that_passes_reach_the_bound(module, launches, matrix, right)
 
 
 # ---- tqx_solve ----

@@ -52,6 +52,34 @@ def test_grid_of_a_striding_kernel_is_limited_by_launch_alone(run):
     )
 
 
+def test_second_extent_of_a_kernel_that_strides_along_it_is_what_a_device_takes(run):
+    run(
+        """
+        loader = import_loader().NativeCubinLoader()
+        kernel = loader.get_kernel("tqx_matmul_kernel")
+        rows = 16 * 65535 + 17
+        a = DeviceArray(driver, [float(i) for i in range(rows)])
+        b, outs = DeviceArray(driver, [3.0]), [DeviceArray(driver, [9.0] * rows) for _ in range(3)]
+        for y, launched in ((65535, 65535), (65536, 65535), (65537, 65535), (2**31 - 1, 65535)):
+            driver.take_log()
+            kernel.function((1, y, 1), (16, 16, 1), (a, b, *outs, rows, 1, 1))
+            assert launches(driver.take_log()) == [
+                ("tqx_matmul_kernel", (1, launched, 1), (16, 16, 1), stub_driver.LEGACY_STREAM)]
+        driver.synchronize()
+        assert outs[0].tolist() == [3.0 * i for i in range(rows)]
+        assert outs[2].tolist() == [0.0] * rows
+        for grid in ((1, 2**31, 1), (1, 1, 65536), (2**31, 1, 1)):
+            with pytest.raises(ValueError) as caught:
+                kernel.function(grid, (16, 16, 1), (a, b, *outs, rows, 1, 1))
+            assert str(caught.value) == f"tqx_matmul_kernel: grid {grid} is out of range"
+        other, out = loader.get_kernel("tqx_sum_seq_kernel"), DeviceArray(driver, [0.0] * 4)
+        with pytest.raises(ValueError) as caught:
+            other.function((1, 65536, 1), (1, 1, 1), (b, out, 1))
+        assert str(caught.value) == "tqx_sum_seq_kernel: grid (1, 65536, 1) is out of range"
+        """
+    )
+
+
 def test_launch_on_the_current_device_is_left_to_the_caller_to_wait_for(run):
     run(
         """

@@ -95,6 +95,140 @@ def test_stub_is_installed():
     assert {"korvex/tqx_runtime.pyi", "korvex/py.typed"} <= files
 
 
+# ---- types of calls ----
+
+OPERANDS = """\
+import torch
+import korvex.tqx_runtime as tqx
+x = torch.tensor([[1.5, 2.0], [3.0, 4.0]], dtype=torch.float64, device="cuda")
+v = torch.tensor([1.5, 2.0], dtype=torch.float64, device="cuda")
+limbs = tqx.TQXResult([x, x], "cuda")
+"""
+# What the stub asks of torch, whose own types a type checker reads for a minute.
+TYPES_OF_TORCH = """\
+from typing import Any
+class dtype: ...
+class Tensor: ...
+float64: dtype
+def tensor(values: Any, *, dtype: dtype, device: str) -> Tensor: ...
+"""
+TENSOR, LIMBS, EITHER = {"Tensor"}, {"TQXResult"}, {"Tensor", "TQXResult"}
+# A call, and the types of its result in the stub; none where the type checker refuses it. `flag` is
+# a variable.
+CALLS = {
+    "tqx.tqx_sum(x, dim=0, return_tqx=True)": TENSOR,
+    "tqx.tqx_sum(x, 0, True, True)": TENSOR,
+    "tqx.tqx_sum(x, dim=0, return_tqx=flag)": TENSOR,
+    "tqx.tqx_sum(x, dim=None, return_tqx=True)": LIMBS,
+    "tqx.tqx_sum(x, None, False, True)": EITHER,
+    "tqx.tqx_sum(x, return_tqx=True, exact=False)": LIMBS,
+    "tqx.tqx_mean(x, 1, return_tqx=True)": TENSOR,
+    "tqx.tqx_mean(x, dim=0, keepdim=True, return_tqx=flag)": TENSOR,
+    "tqx.tqx_mean(x, dim=None, return_tqx=True)": LIMBS,
+    "tqx.tqx_matmul(x, x, return_tqx=True)": EITHER,
+    "tqx.tqx_matmul(v, v, return_tqx=True)": EITHER,
+    "tqx.tqx_einsum('ij,jk->ik', x, x)": TENSOR,
+    "tqx.tqx_einsum('ij,jk->ik', x, x, return_tqx=True)": EITHER,
+    "tqx.tqx_einsum('ij->ji', x, return_tqx=True)": EITHER,
+    "tqx.tqx_einsum('ij,jk->ik', x, x, return_tqx=flag)": EITHER,
+    "tqx.tqx_exp(x, 30, True)": EITHER,
+    "tqx.tqx_neg(x, True)": LIMBS,
+    "tqx.tqx_pow(limbs, 2.0, flag)": EITHER,
+    "tqx.tqx_fmod(x, 2.0)": set(),
+    "tqx.tqx_fmod(x, 2.0, flag)": set(),
+}
+for name in ("tqx.tqx_add", "tqx.tqx_sub"):
+    for numbers in ("x, 2.0", "2.0, x", "2.0, 3", "x, 2"):
+        CALLS[f"{name}({numbers})"] = CALLS[f"{name}({numbers}, return_tqx=flag)"] = set()
+        CALLS[f"{name}({numbers}, return_tqx=True)"] = CALLS[f"{name}({numbers}, True)"] = LIMBS
+    for operands in ("x, x", "x, limbs", "limbs, x", "limbs, limbs"):
+        CALLS[f"{name}({operands})"] = CALLS[f"{name}({operands}, False)"] = TENSOR
+        CALLS[f"{name}({operands}, return_tqx=True)"] = LIMBS
+        CALLS[f"{name}({operands}, return_tqx=flag)"] = EITHER
+    for operands in ("limbs, 2.0", "2.0, limbs"):
+        CALLS[f"{name}({operands})"] = CALLS[f"{name}({operands}, return_tqx=True)"] = set()
+for name in ("tqx.tqx_mul", "tqx.tqx_div"):
+    for operands in ("x, 2.0", "2.0, x", "2.0, 3.0", "limbs, 2.0", "2.0, limbs"):
+        CALLS[f"{name}({operands})"] = CALLS[f"{name}({operands}, return_tqx=flag)"] = set()
+        CALLS[f"{name}({operands}, return_tqx=True)"] = set()
+    CALLS[f"{name}(x, x)"], CALLS[f"{name}(x, x, True)"] = TENSOR, LIMBS
+    CALLS[f"{name}(x, x, return_tqx=flag)"] = EITHER
+    for operands in ("x, limbs", "limbs, x", "limbs, limbs"):
+        CALLS[f"{name}({operands})"] = CALLS[f"{name}({operands}, return_tqx=True)"] = LIMBS
+        CALLS[f"{name}({operands}, return_tqx=flag)"] = LIMBS
+OTHER_ARGUMENTS = {"exponent": "2.0", "min_val": "0.0", "max_val": "1.0"}
+WITH_FORMS_OF_THEIR_OWN = set(write_interface.FORMS) | {"tqx_matmul", "tqx_bmm"}
+CONVOLUTIONS = {"tqx_conv2d", "tqx_conv_transpose2d"}
+
+
+def calls_with_a_flag(module):
+    """Every other function of two dimensions that has the flag: without, with and with either."""
+    calls = {}
+    for name in set(module.__all__) - WITH_FORMS_OF_THEIR_OWN - CONVOLUTIONS:
+        function = getattr(module, name)
+        signature = None if isinstance(function, str | type) else inspect.signature(function)
+        if signature is None or "return_tqx" not in signature.parameters:
+            continue
+        honoured = signature.return_annotation is signature.empty
+        honoured = honoured or name in write_interface.LIMBS_ON_REQUEST
+        needed = [p for p in signature.parameters.values() if p.default is p.empty]
+        given = ", ".join(OTHER_ARGUMENTS.get(p.name, "x") for p in needed)
+        calls[f"tqx.{name}({given})"] = TENSOR
+        calls[f"tqx.{name}({given}, return_tqx=True)"] = LIMBS if honoured else TENSOR
+        calls[f"tqx.{name}({given}, return_tqx=flag)"] = EITHER if honoured else TENSOR
+    assert len(calls) > 90
+    return calls
+
+
+def types_at_run_time(call, names):
+    """The types of the result, for both values of a variable flag; none if one of them fails."""
+    found = set()
+    for flag in (False, True) if "flag" in call else (None,):
+        try:
+            found.add(type(eval(call, names | {"flag": flag})).__name__)
+        except AttributeError:
+            return set()
+    return found
+
+
+def types_in_the_stub(calls, folder):
+    """What a strict type checker reveals of each call; none where it refuses."""
+    lines = [*OPERANDS.splitlines(), "def calls(flag: bool) -> None:"]
+    first = len(lines) + 1
+    program = folder / "calls.py"
+    program.write_text("\n".join([*lines, *(f"    reveal_type({call})" for call in calls)]) + "\n")
+    (folder / "torch").mkdir()
+    (folder / "torch" / "__init__.pyi").write_text(TYPES_OF_TORCH)
+    stubs = f"{folder}{os.pathsep}{TREE}"
+    arguments = ["-m", "mypy", "--strict", "--config-file", os.devnull, str(program)]
+    _, output = run_tool(folder, *arguments, stubs=stubs)
+    found = {}
+    for line, kind, text in re.findall(r"^\S*calls\.py:(\d+): (error|note): (.*)$", output, re.M):
+        call = calls[int(line) - first]
+        if kind == "error":
+            assert "[call-overload]" in text or "[arg-type]" in text, (call, text)
+            found[call] = set()
+        elif text.startswith("Revealed type is"):
+            found.setdefault(call, set(re.findall(r"\.(Tensor|TQXResult)\b", text)))
+    assert len(found) == len(calls), output
+    return found
+
+
+def test_types_in_the_stub_are_those_at_run_time(module, tmp_path):
+    """What the type checker accepts works and has that type; what it refuses fails."""
+    expected = CALLS | calls_with_a_flag(module)
+    names = {}
+    exec(OPERANDS, names)
+    revealed = types_in_the_stub(list(expected), tmp_path)
+    assert revealed == expected
+    for call, types_of_call in expected.items():
+        seen = types_at_run_time(call, names)
+        if types_of_call == EITHER and "flag" not in call:
+            assert len(seen) == 1 and seen < EITHER, call
+        else:
+            assert seen == types_of_call, call
+
+
 # ---- names ----
 
 

@@ -64,23 +64,33 @@ ATTRIBUTES = {
 # A row with return_tqx and no return annotation folds limb operands and returns limbs on request.
 # So do these, which take tensors only; every other function with an annotation ignores the flag.
 LIMBS_ON_REQUEST = {"tqx_sum", "tqx_mean", "tqx_prod", "tqx_cumsum", "tqx_dot", "tqx_matmul"}
+# Of those, the one that returns a tensor all the same for some shapes: two vectors.
+TENSOR_FOR_SOME_SHAPES = {"tqx_matmul"}
 
-# Functions whose forms depend on their operands: parameters and result of each form.
+# The three forms of a flag: without limbs, with them, and a variable, which may be either.
 NO_LIMBS = "return_tqx: Literal[False] = False"
 LIMBS = "return_tqx: Literal[True]"
+EITHER = "return_tqx: bool = False"
+RESULT_OF_EITHER = "Tensor | TQXResult"
+
+# Functions whose forms depend on their operands: parameters and result of each form. Numbers are
+# for the error-free sum of whole tensors, which has no limb operand; no other route takes them.
 SUM_FORMS = (
-    (("x: _Operand | float", "y: _Operand | float", NO_LIMBS), "Tensor"),
-    (("x: _Operand | float", "y: _Operand | float", LIMBS), "TQXResult"),
+    (("x: _Operand", "y: _Operand", NO_LIMBS), "Tensor"),
+    (("x: _Operand", "y: _Operand", LIMBS), "TQXResult"),
+    (("x: Tensor | float", "y: Tensor | float", LIMBS), "TQXResult"),
+    (("x: _Operand", "y: _Operand", EITHER), RESULT_OF_EITHER),
 )
 PRODUCT_FORMS = (
-    (("x: Tensor | float", "y: Tensor | float", NO_LIMBS), "Tensor"),
-    (("x: _Operand | float", "y: _Operand | float", LIMBS), "TQXResult"),
-    (("x: TQXResult", "y: _Operand | float", "return_tqx: bool = False"), "TQXResult"),
-    (("x: Tensor | float", "y: TQXResult", "return_tqx: bool = False"), "TQXResult"),
+    (("x: Tensor", "y: Tensor", NO_LIMBS), "Tensor"),
+    (("x: _Operand", "y: _Operand", LIMBS), "TQXResult"),
+    (("x: TQXResult", "y: _Operand", EITHER), "TQXResult"),
+    (("x: Tensor", "y: TQXResult", EITHER), "TQXResult"),
+    (("x: _Operand", "y: _Operand", EITHER), RESULT_OF_EITHER),
 )
 EINSUM_FORMS = (
     (("equation: str", "*operands: Tensor", NO_LIMBS), "Tensor"),
-    (("equation: str", "*operands: Tensor", LIMBS), "Tensor | TQXResult"),
+    (("equation: str", "*operands: Tensor", EITHER), RESULT_OF_EITHER),
 )
 FORMS = {
     "tqx_add": SUM_FORMS,
@@ -95,8 +105,9 @@ STUB_HEAD = """\
 # Types of the runtime module, an extension module: its public names and nothing else. Written by
 # korvex_tools.write_interface.
 #
-# A function whose flag `return_tqx` is honoured has two forms. `int` parameters take any number and
-# flags any object; the types here ask for what a program should pass.
+# A function whose flag `return_tqx` is honoured has a form for each value of it and one for a
+# variable. `int` parameters take any number and flags any object; the types here ask for what a
+# program should pass.
 from decimal import Decimal
 from typing import Any, Literal, overload
 
@@ -165,7 +176,7 @@ def _function_lines(name: str, function: Any) -> Iterator[str]:
 
 
 def _forms(name: str, signature: inspect.Signature) -> list[tuple[list[str], str]]:
-    """The one form of a row, or the two of a function that returns limbs on request."""
+    """The one form of a row, or those of a function that returns limbs on request."""
     parameters = list(signature.parameters.values())
     has_flag = "return_tqx" in signature.parameters
     folds = has_flag and signature.return_annotation is signature.empty
@@ -174,10 +185,20 @@ def _forms(name: str, signature: inspect.Signature) -> list[tuple[list[str], str
     place = list(signature.parameters).index("return_tqx")
     spelled = [_parameter(each, folds) for each in parameters]
     before, after = spelled[:place], spelled[place + 1 :]
-    return [
-        ([*before, NO_LIMBS, *after], "Tensor"),
-        ([*before, "*", LIMBS, *after], "TQXResult"),
-    ]
+    forms = [([*before, NO_LIMBS, *after], "Tensor")]
+    if "dim" in signature.parameters:  # along a dimension the flag has no effect
+        forms.append((_with_dim([*before, EITHER, *after], "dim: int"), "Tensor"))
+        before = _with_dim(before, "dim: None = None")
+    # No parameter without a default value can follow one with it, save by keyword.
+    by_keyword = ["*"] if "=" in before[-1] else []
+    limbs = RESULT_OF_EITHER if name in TENSOR_FOR_SOME_SHAPES else "TQXResult"
+    forms.append(([*before, *by_keyword, LIMBS, *after], limbs))
+    forms.append(([*spelled[:place], EITHER, *after], RESULT_OF_EITHER))
+    return forms
+
+
+def _with_dim(parameters: list[str], dim: str) -> list[str]:
+    return [dim if each.startswith("dim: ") else each for each in parameters]
 
 
 def _parameter(parameter: inspect.Parameter, folds: bool = False) -> str:

@@ -95,6 +95,11 @@ const char* korvex_host_kernel_parameters(int index) {
   return row == nullptr ? nullptr : row->parameters;
 }
 
+int korvex_host_kernel_strides_along_y(int index) {
+  const auto* row = korvex::host::row(index);
+  return row != nullptr && row->strides_along_y ? 1 : 0;
+}
+
 int korvex_host_launch(int index, const unsigned grid[3], const unsigned block[3],
                        void* const* args, int threads) {
   namespace host = korvex::host;

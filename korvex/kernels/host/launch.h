@@ -20,6 +20,7 @@ KORVEX_HOST_API const char* korvex_host_kernel_name(int index);
 KORVEX_HOST_API const char* korvex_host_kernel_form(int index);  // "function" or "launch"
 KORVEX_HOST_API unsigned korvex_host_kernel_block(int index);    // 0 for form "function"
 KORVEX_HOST_API const char* korvex_host_kernel_parameters(int index);
+KORVEX_HOST_API int korvex_host_kernel_strides_along_y(int index);  // 1 or 0
 
 // Runs one kernel to its end. args[i] points to the value of the i-th argument: a double*, an
 // int64_t or a double. At most `threads` host threads work; the result does not depend on how many.
