@@ -18,6 +18,8 @@ _NEEDED = {"fma": "FMA and AVX2", "avx512": "AVX-512 (F, DQ and VL)"}
 
 MOST_THREADS = 2**31 - 1  # a C int
 
+_OUT_OF_MEMORY = 2  # what a launch returns then: korvex/kernels/host/launch.h
+
 _Extent = ctypes.c_uint * 3
 
 
@@ -77,12 +79,20 @@ class HostLibrary:
         block: Sequence[int],
         values: Sequence[Any],
     ) -> None:
-        """Run a kernel to its end on checked arguments; the interpreter lock is released."""
+        """Run a kernel to its end on checked arguments; the interpreter lock is released.
+
+        Raises
+        ------
+        MemoryError
+            If the host has no memory for the kernel's workspace; its operands are as they were.
+        """
         pointers = (ctypes.c_void_p * len(values))(*map(ctypes.addressof, values))
         failed = call_and_survive_exit(
             self._functions.korvex_host_launch,
             (kernel.number, _Extent(*grid), _Extent(*block), pointers, self.threads),
         )
+        if failed == _OUT_OF_MEMORY:
+            raise MemoryError(f"out of memory on the emulated device: {kernel.name}")
         if failed:
             raise RuntimeError(f"{self.path} does not run {kernel.name}")
 

@@ -7,6 +7,9 @@
 // to the long accumulator, and do not try the cascade for a few chunks. So nothing is ever lost,
 // and the result does not depend on the plan. Counts of grid units are kept as integers over
 // many chunks and go into the ExactSum when the plan changes.
+//
+// Once a NaN or an infinity was among the terms, finite ones cannot change what comes out: the rest
+// is only searched for what can, a NaN or an infinity of the other sign, and not added.
 #pragma once
 
 #include "korvex/arithmetic/base/binary64.h"
@@ -43,8 +46,8 @@ struct ExponentRange {
 // Terms that are the elements of an array.
 //
 // A type of terms says what they are summed in (Sum), how a chunk of them runs through slices
-// (Cascade, run), how they are added one by one (add, add_wide) and which exponents they have
-// (range).
+// (Cascade, run), how they are added one by one (add, add_wide), which exponents they have (range)
+// and what tells finite ones from others (load, add_specials).
 struct Addends {
   using Sum = ExactSum;
   static constexpr int kBits = kSliceBits;  // from slice to slice
@@ -78,6 +81,20 @@ struct Addends {
   }
   KORVEX_INLINE ExponentRange range(std::int64_t count) const {
     return ExponentRange::of(x, count);
+  }
+  // Lanes of terms, each rounded: a finite product may become an infinity.
+  template <class Lanes>
+  KORVEX_INLINE typename Lanes::Value load() const {
+    return Lanes::load(x);
+  }
+  // Adds the infinities and NaN among `count` terms; true where there are any.
+  KORVEX_COLD bool add_specials(std::int64_t count, Sum& sum) const {
+    for (std::int64_t i = 0; i < count; ++i) {
+      if (!is_finite(x[i])) {
+        sum.add(x[i]);
+      }
+    }
+    return !sum.is_sum_of_finite();
   }
   // The least exponent that a plan for terms up to this exponent is to cover.
   KORVEX_INLINE static int usual_bottom(int top) { return top; }
@@ -122,14 +139,18 @@ class ChunkedSum {
     }
   }
 
-  // Adds n terms; returns early where the sum is NaN already.
+  // Adds n terms; once one of them, or of those before, is not finite, only what still matters.
   KORVEX_COLD void add(const Terms& terms, std::int64_t n) {
     std::int64_t begin = 0;
-    for (; n - begin >= kStep && !sum_.is_decided(); begin += chunk_size(n - begin)) {
+    for (; n - begin >= kStep && sum_.is_sum_of_finite(); begin += chunk_size(n - begin)) {
       add_chunk(terms.from(begin), chunk_size(n - begin));
     }
     flush();
-    terms.from(begin).add(n - begin, sum_);
+    if (sum_.is_sum_of_finite()) {
+      terms.from(begin).add(n - begin, sum_);
+    } else {
+      add_what_matters(terms.from(begin), n - begin);
+    }
   }
 
  private:
@@ -164,7 +185,37 @@ class ChunkedSum {
     }
   }
 
+  // After an infinity or a NaN: looks for one that makes the sum NaN. Infinity plus a finite term
+  // or plus itself is itself in all bits.
+  KORVEX_COLD void add_what_matters(const Terms& terms, std::int64_t n) {
+    const double so_far = sum_.infinity_so_far();
+    std::int64_t begin = 0;
+    while (n - begin >= kStep && !sum_.is_decided()) {
+      const std::int64_t count = chunk_size(n - begin);
+      if (!leaves(so_far, terms.from(begin), count)) {
+        terms.from(begin).add_specials(count, sum_);
+      }
+      begin += count;
+    }
+    if (!sum_.is_decided()) {
+      terms.from(begin).add_specials(n - begin, sum_);
+    }
+  }
+
+  KORVEX_COLD static bool leaves(double so_far, const Terms& terms, std::int64_t count) {
+    const typename Lanes::Value expected(so_far);
+    typename Lanes::Bits changed{};
+    for (std::int64_t i = 0; i < count; i += Lanes::kCount) {
+      const typename Lanes::Value sum = add_rn(expected, terms.from(i).template load<Lanes>());
+      changed |= to_bits(sum) ^ to_bits(expected);
+    }
+    return Lanes::any(changed) == 0;
+  }
+
   KORVEX_COLD void rest_after(const Terms& terms, std::int64_t count) {
+    if (terms.add_specials(count, sum_)) {
+      return;
+    }
     chunks_of_rest_ = kChunksOfRest;
     chunks_of_plan_ = 0;
     terms.add_wide(count, sum_);

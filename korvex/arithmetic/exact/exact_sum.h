@@ -79,6 +79,11 @@ class BasicExactSum {
     return (special_ & kNan) != 0 || special_ == (kPlusInfinity | kMinusInfinity);
   }
 
+  // The infinity that the sum is for now, where no NaN was added and but one sign of infinity.
+  KORVEX_INLINE double infinity_so_far() const {
+    return from_bits(kInfinityBits | (special_ == kMinusInfinity ? kSignBit : 0));
+  }
+
   // Writes the first kLimbs canonical limbs, 1 to 4 of them; ends the use of this object. Of fewer
   // than four, the last is where the overflow rule of FixedPoint::round takes effect.
   template <int kLimbs>
@@ -139,8 +144,7 @@ class BasicExactSum {
   }
 
   KORVEX_COLD void round_special(double* out, int limb_count) const {
-    out[0] = is_decided() ? canonical_nan()
-                          : from_bits(kInfinityBits | (special_ == kMinusInfinity ? kSignBit : 0));
+    out[0] = is_decided() ? canonical_nan() : infinity_so_far();
     for (int i = 1; i < limb_count; ++i) {
       out[i] = 0.0;
     }

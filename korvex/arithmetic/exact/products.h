@@ -86,6 +86,19 @@ struct Products {
     }
   }
 
+  template <class Lanes>
+  KORVEX_INLINE typename Lanes::Value load() const {
+    return mul_rn(Lanes::load(x), Lanes::load(y));
+  }
+  KORVEX_COLD bool add_specials(std::int64_t count, Sum& sum) const {
+    for (std::int64_t i = 0; i < count; ++i) {
+      if (!is_finite(x[i]) || !is_finite(y[i])) {
+        sum.add_wide_product(x[i], y[i]);
+      }
+    }
+    return !sum.is_sum_of_finite();
+  }
+
   // A product of factors with exponents e and f lies below 2^(e + f + 2), and its last bit at or
   // above 2^(e + f - 104), which is the grid of a slice of bias exponent e + f - 52.
   KORVEX_COLD ExponentRange range(std::int64_t count) const {

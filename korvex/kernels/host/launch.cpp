@@ -2,6 +2,8 @@
 // The kernels of the host in the order of the kernel table, and the C interface that launches them.
 #include "korvex/kernels/host/launch.h"
 
+#include <new>
+#include <stdexcept>
 #include <string_view>
 
 #include "korvex/kernels/host/float_environment.h"
@@ -104,14 +106,20 @@ int korvex_host_launch(int index, const unsigned grid[3], const unsigned block[3
                        void* const* args, int threads) {
   namespace host = korvex::host;
   if (host::row(index) == nullptr) {
-    return 1;
+    return KORVEX_HOST_NO_SUCH_KERNEL;
   }
   if (host::has_no_extent(grid) || host::has_no_extent(block)) {
-    return 0;
+    return KORVEX_HOST_DONE;
   }
   const host::DefaultFloatEnvironment environment;
-  host::kShells[index].run(host::Arguments(args, threads));
-  return 0;
+  try {
+    host::kShells[index].run(host::Arguments(args, threads));
+  } catch (const std::bad_alloc&) {
+    return KORVEX_HOST_OUT_OF_MEMORY;
+  } catch (const std::length_error&) {  // of a vector: more than any memory holds
+    return KORVEX_HOST_OUT_OF_MEMORY;
+  }
+  return KORVEX_HOST_DONE;
 }
 
 const char* korvex_host_instruction_set(void) {

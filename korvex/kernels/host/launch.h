@@ -22,9 +22,18 @@ KORVEX_HOST_API unsigned korvex_host_kernel_block(int index);    // 0 for form "
 KORVEX_HOST_API const char* korvex_host_kernel_parameters(int index);
 KORVEX_HOST_API int korvex_host_kernel_strides_along_y(int index);  // 1 or 0
 
+// What a launch returns.
+enum {
+  KORVEX_HOST_DONE = 0,
+  KORVEX_HOST_NO_SUCH_KERNEL = 1,  // the index is out of range
+  KORVEX_HOST_OUT_OF_MEMORY = 2,
+};
+
 // Runs one kernel to its end. args[i] points to the value of the i-th argument: a double*, an
 // int64_t or a double. At most `threads` host threads work; the result does not depend on how many.
-// A grid or a block without extent does nothing. Returns 0, or 1 for an index out of range.
+// A grid or a block without extent does nothing. Returns one of the statuses above; no exception
+// leaves the library. Where memory runs out, the outputs may be written in part, and no thread of
+// the launch is left. A thread that cannot start leaves its share of the work to the caller's.
 KORVEX_HOST_API int korvex_host_launch(int index, const unsigned grid[3], const unsigned block[3],
                                        void* const* args, int threads);
 

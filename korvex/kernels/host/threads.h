@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <exception>
 #include <memory>
-#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -26,33 +26,44 @@ constexpr int range_count(std::int64_t n, int threads) {
 template <class Part>
 struct alignas(128) Slot {
   Part part;
+  std::exception_ptr failure;  // what ended the work on it early
 };
 
 // Cuts [0, n) into so many ranges, calls work(begin, end, part) for each on a thread and with a
-// part of its own, then join(part) for all of them on the calling thread, in order. Where the
-// system refuses a thread, its range runs on the calling thread.
+// part of its own, then join(part) for all of them on the calling thread, in order. A range whose
+// thread cannot start, for want of threads or of memory, runs on the calling thread. What a range
+// throws is thrown here once all threads have ended: an exception that left a thread would end the
+// process.
 template <class Part, class Work, class Join>
 void for_each_of_ranges(std::int64_t n, int ranges, const Work& work, const Join& join) {
   const auto slots = std::make_unique<Slot<Part>[]>(static_cast<std::size_t>(ranges));
-  const auto run_range = [&](int range) {
+  const auto run_range = [&](int range) noexcept {
+    Slot<Part>& slot = slots[static_cast<std::size_t>(range)];
     const DefaultFloatEnvironment environment;
-    work(n / ranges * range + std::min<std::int64_t>(range, n % ranges),
-         n / ranges * (range + 1) + std::min<std::int64_t>(range + 1, n % ranges),
-         slots[static_cast<std::size_t>(range)].part);
+    try {
+      work(n / ranges * range + std::min<std::int64_t>(range, n % ranges),
+           n / ranges * (range + 1) + std::min<std::int64_t>(range + 1, n % ranges), slot.part);
+    } catch (...) {
+      slot.failure = std::current_exception();
+    }
   };
   std::vector<std::jthread> workers;
   workers.reserve(static_cast<std::size_t>(ranges));
   for (int range = 1; range < ranges; ++range) {
     try {
       workers.emplace_back(run_range, range);
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
       run_range(range);
     }
   }
   run_range(0);
   workers.clear();  // joins them
   for (int range = 0; range < ranges; ++range) {
-    join(slots[static_cast<std::size_t>(range)].part);
+    const Slot<Part>& slot = slots[static_cast<std::size_t>(range)];
+    if (slot.failure != nullptr) {
+      std::rethrow_exception(slot.failure);
+    }
+    join(slot.part);
   }
 }
 

@@ -97,6 +97,7 @@ def print_targets(targets: list[dict[str, Any]]) -> None:
     words = {
         "times_faster_at_least": "at least {:g} times faster than math.fsum",
         "ns_at_most": "at most {:g} ns",
+        "times_without_at_most": "at most {:g} times the time with a finite one",
         "times_on_two_threads_at_least": "two threads: at least {:g} times",
     }
     for target in targets:
