@@ -142,6 +142,10 @@ _PAIR_LOAD = re.compile(r"\bLD[GS]?\.(?:\w+\.)*128\b")
 _DOUBLE_OPERATION = re.compile(r"\bD(ADD|MUL|FMA|SETP)\b")
 
 
+# Of a slice, for an element. A loop with fewer only looks at elements, for a NaN or an infinity.
+_LEAST_ADDITIONS = 3
+
+
 def element_loops(cubin: Path) -> dict[str, list[dict[str, float]]]:
     """Of each kernel, the innermost loops that read elements in pairs and add them up.
 
@@ -154,7 +158,7 @@ def element_loops(cubin: Path) -> dict[str, list[dict[str, float]]]:
         for loop in listing.loops():
             elements = 2 * sum(bool(_PAIR_LOAD.search(text)) for text, _ in loop)
             doubles = sum(bool(_DOUBLE_OPERATION.search(text)) for text, _ in loop)
-            if elements and doubles >= elements:
+            if elements and doubles >= _LEAST_ADDITIONS * elements:
                 cycles = sum(stall for _, stall in loop)
                 loops.append(
                     {
