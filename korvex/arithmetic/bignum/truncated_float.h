@@ -15,7 +15,7 @@ struct TruncatedFloat {
   static constexpr int kWords = kWordCount;
 
   std::uint64_t word[kWords];  // beyond size, anything
-  int size = 1;                // words in use; the last of them is not 0
+  int size = 1;                // words in use, 1 to kWords; the last of them is not 0
   std::int64_t exponent = 0;   // of the lowest bit of word[0]
   // How often a word that was not 0 was dropped. Each time the number lost less than one part in
   // 2^(64 (kWords - 1)).
@@ -39,6 +39,7 @@ struct TruncatedFloat {
     std::uint64_t product[2 * kWords] = {};
     int count = size + other.size;
     multiply_columns(word, size, other.word, other.size, {0, 0, count}, product);
+    // NOLINTNEXTLINE(clang-analyzer-security.ArrayBound): 2 <= count <= 2 * kWords
     count -= product[count - 1] == 0 ? 1 : 0;
     const int excess = count > kWords ? count - kWords : 0;
     bool has_loss = false;
