@@ -84,8 +84,11 @@ constexpr unsigned kOne[3] = {1, 1, 1};
 constexpr double kNothing = 7.0;
 
 // Several ranges for each kernel, and several tiles for the matrix product.
-const std::map<std::string, std::int64_t> kIntegers = {
-    {"n", 300000}, {"M", 70}, {"N", 70}, {"K", 300}};
+const std::map<std::string, std::int64_t>& integers() {
+  static const std::map<std::string, std::int64_t> values = {
+      {"n", 300000}, {"M", 70}, {"N", 70}, {"K", 300}};
+  return values;
+}
 
 struct Parameter {
   std::string name;
@@ -109,8 +112,8 @@ std::size_t elements(const Parameter& parameter) {
   std::istringstream factors(parameter.kind.substr(4, parameter.kind.size() - 5));
   std::int64_t product = 1;
   for (std::string factor; std::getline(factors, factor, '*');) {
-    const auto found = kIntegers.find(factor);
-    product *= found != kIntegers.end() ? found->second : std::stol(factor);
+    const auto found = integers().find(factor);
+    product *= found != integers().end() ? found->second : std::stol(factor);
   }
   return static_cast<std::size_t>(product);
 }
@@ -129,8 +132,8 @@ class Launch {
       }
       arrays_.push_back(array);
       pointers_.push_back(arrays_.back().data());
-      const auto found = kIntegers.find(parameter.name);
-      integers_.push_back(found != kIntegers.end() ? found->second : 0);
+      const auto found = integers().find(parameter.name);
+      integers_.push_back(found != integers().end() ? found->second : 0);
     }
     for (std::size_t i = 0; i < parameters_.size(); ++i) {
       const Parameter& parameter = parameters_[i];

@@ -227,8 +227,9 @@ class SimulatedGrid {
 
   Fiber& fiber(int number) { return fibers_[static_cast<std::size_t>(number)]; }
   Meeting& warp_meeting(int block_slot, int warp) {
-    const int warps = shape_.threads / kLanesOfWarp;
-    return warp_meetings_[static_cast<std::size_t>(block_slot * warps + warp)];
+    const auto warps = static_cast<std::size_t>(shape_.threads / kLanesOfWarp);
+    return warp_meetings_[static_cast<std::size_t>(block_slot) * warps +
+                          static_cast<std::size_t>(warp)];
   }
 
   Shape shape_;
