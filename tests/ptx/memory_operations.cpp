@@ -50,11 +50,12 @@ std::uint64_t extended(const Instruction& instruction, std::uint64_t value) {
 void take_elements(const Group& group, const Instruction& instruction, int lane,
                    const std::uint8_t* bytes, const std::uint8_t* states, bool is_defined) {
   for (unsigned i = 0; i < instruction.elements; ++i) {
+    const std::size_t place = std::size_t{i} * instruction.width;
     std::uint64_t value = 0;
-    std::memcpy(&value, bytes + i * instruction.width, instruction.width);
+    std::memcpy(&value, bytes + place, instruction.width);
     group.out(instruction.to[i])[lane] = extended(instruction, value);
     const std::uint64_t undefined =
-        is_defined ? 0 : undefined_bits(states + i * instruction.width, instruction.width);
+        is_defined ? 0 : undefined_bits(states + place, instruction.width);
     if (undefined != 0) {
       const auto number = static_cast<std::size_t>(instruction.to[i]);
       group.frame.partial[number] |= 1U << lane;
@@ -69,8 +70,9 @@ void give_elements(const Group& group, const Instruction& instruction, int lane,
   for (unsigned i = 0; i < instruction.elements; ++i) {
     const Operand operand = instruction.from[i + 1];
     const std::uint64_t value = group.in(operand)[lane];
-    std::memcpy(bytes + i * instruction.width, &value, instruction.width);
-    std::uint8_t* own = states + i * instruction.width;
+    const std::size_t place = std::size_t{i} * instruction.width;
+    std::memcpy(bytes + place, &value, instruction.width);
+    std::uint8_t* own = states + place;
     std::fill_n(own, instruction.width, std::uint8_t{kWritten});
     if (is_register(operand) &&
         (group.frame.partial[static_cast<std::size_t>(operand)] >> lane & 1) != 0) {
@@ -92,7 +94,7 @@ std::size_t parameter_place(const Group& group, const Instruction& instruction, 
 }
 
 void check_parameter(const Group& group, const Instruction& instruction) {
-  const std::int64_t bytes = instruction.width * instruction.elements;
+  const std::int64_t bytes = std::int64_t{instruction.width} * instruction.elements;
   if (instruction.offset < 0 ||
       instruction.offset + bytes > group.frame.function->parameter_bytes) {
     throw Failure("out of bounds: parameter memory");
