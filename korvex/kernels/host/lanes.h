@@ -31,7 +31,8 @@ constexpr int kHostLanes = 2;
 #endif
 
 // The members are GCC's vectors, which have operators; the structs are there for overloading, and
-// for constants, which go to all lanes.
+// for constants, which go to all lanes. Made without a value they hold none: g++ would fill arrays
+// of them in a loop, and then keep the slices of a long cascade in memory.
 struct HostFlags {
   using Vector __attribute__((vector_size(8 * kHostLanes))) = std::int64_t;
   Vector mask;  // a lane is -1 or 0
@@ -52,14 +53,14 @@ struct HostIntegers {
 struct HostBits {
   using Vector __attribute__((vector_size(8 * kHostLanes))) = std::uint64_t;
   Vector value;
-  KORVEX_INLINE HostBits() : value{} {}
+  HostBits() = default;
   KORVEX_INLINE HostBits(Vector x) : value(x) {}
 };
 
 struct HostDoubles {
   using Vector __attribute__((vector_size(8 * kHostLanes))) = double;
   Vector value;
-  KORVEX_INLINE HostDoubles() : value{} {}
+  HostDoubles() = default;
   KORVEX_INLINE HostDoubles(double x) : value(x - Vector{}) {}  // exact, -0 too
   KORVEX_INLINE HostDoubles(Vector x) : value(x) {}
 };
