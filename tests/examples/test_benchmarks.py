@@ -8,6 +8,8 @@ from pathlib import Path
 
 import pytest
 
+import korvex.emulation
+
 BENCHMARKS = Path(__file__).resolve().parent.parent.parent / "benchmarks"
 SCRIPTS = sorted(path.stem for path in BENCHMARKS.glob("bench_*.py"))
 # The others time a GPU, and have no quick run.
@@ -70,6 +72,14 @@ def test_quick_run_records_nothing_by_itself():
     before = {path: path.stat().st_mtime_ns for path in RECORDS}
     assert "written:" not in run("bench_overhead", "--quick")
     assert {path: path.stat().st_mtime_ns for path in RECORDS} == before
+
+
+def test_builds_are_compared_with_each_other():
+    folder = Path(korvex.emulation.__file__).parent
+    output = run("compare_builds", folder, folder, "--n", 500, "--repeats", 2, "--kernels", "sum")
+    assert "base, n = 500, 1 thread, after / before" in output
+    rows = [line.split() for line in output.splitlines() if line.startswith("tqx_sum_kernel, wide")]
+    assert rows and all(float(figure) > 0 for row in rows for figure in row[2:])
 
 
 @pytest.mark.parametrize("path", RECORDS, ids=lambda path: path.stem)
