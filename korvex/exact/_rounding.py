@@ -2,7 +2,8 @@
 """Correct rounding of ratios of integers, and of their square roots, to a binary format.
 
 Rounding is to nearest, ties to even, once, from the exact value; what rounds beyond the largest
-finite number is an infinity. Results are Python floats, which hold the numbers of every format.
+finite number is an infinity, and what rounds to zero is +0, as everywhere in this package. Results
+are Python floats, which hold the numbers of every format.
 """
 
 from __future__ import annotations
@@ -37,7 +38,7 @@ def round_ratio(numerator: int, denominator: int, name: str = "float64") -> floa
     dividend, divisor = _shifted(magnitude, denominator, quantum)
     quotient, rest = divmod(dividend, divisor)
     result = _rounded(quotient, 2 * rest - divisor, quantum, form)
-    return -result if numerator < 0 else result
+    return -result if numerator < 0 and result else result
 
 
 def round_root(numerator: int, denominator: int, name: str = "float64") -> float:

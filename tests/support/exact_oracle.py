@@ -65,7 +65,7 @@ def rounded(value, form="float64"):
     place = Fraction(2) ** max(floor_log2(abs(value)) - precision + 1, least)
     result = round(value / place) * place
     magnitude = math.inf if abs(result) >= Fraction(2) ** end else abs(float(result))
-    return magnitude if value > 0 else -magnitude
+    return -magnitude if value < 0 and magnitude else magnitude  # a zero result is +0
 
 
 def rounded_root(value, form="float64"):
