@@ -118,8 +118,9 @@ def _signature(function: Any, skip_self: bool = False) -> str:
 
 
 def _members(cls: type) -> Iterator[tuple[str, Any]]:
-    """Methods and properties that the class itself defines, save private ones."""
-    for name, member in vars(cls).items():
+    """Methods and properties of the class and of private ones below it, save private ones."""
+    own = [vars(each) for each in reversed(cls.__mro__) if each is cls or each.__name__[0] == "_"]
+    for name, member in {k: v for members in own for k, v in members.items()}.items():
         private = name.startswith("_") and not name.endswith("__")
         attribute = isinstance(member, (types.GetSetDescriptorType, property))
         if private or name in _NO_DOC or name in ("__dict__", "__weakref__", "__new__"):
