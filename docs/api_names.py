@@ -125,6 +125,8 @@ def _members(cls: type) -> Iterator[tuple[str, Any]]:
         attribute = isinstance(member, (types.GetSetDescriptorType, property))
         if private or name in _NO_DOC or name in ("__dict__", "__weakref__", "__new__"):
             continue
+        if isinstance(member, classmethod):
+            member = getattr(cls, name)
         if attribute or callable(member):
             yield name, member
 
