@@ -162,6 +162,21 @@ bool is_aligned(const Py_buffer& view) {
 
 }  // namespace
 
+// An exporter's own BufferError names no argument; those of an array that cannot be read say why,
+// and pass.
+void BufferView::open(const char* name, Handle object, int flags) {
+  const bool is_written = (flags & PyBUF_WRITABLE) != 0;
+  if (is_written && PyObject_CheckBuffer(object) == 0) {
+    raise_formatted(PyExc_TypeError, messages::kNotWritable, name, Py_TYPE(object)->tp_name);
+  }
+  if (PyObject_GetBuffer(object, &view_, flags) < 0) {
+    if (is_written && PyErr_ExceptionMatches(PyExc_BufferError) != 0) {
+      raise_formatted(PyExc_TypeError, messages::kNotWritable, name, Py_TYPE(object)->tp_name);
+    }
+    throw PythonError{};
+  }
+}
+
 ArrayArgument::ArrayArgument(const char* name, Handle object, Handle as_format) : name_(name) {
   if (PyObject_CheckBuffer(object) != 0) {
     read_buffer(object);
@@ -176,7 +191,7 @@ ArrayArgument::ArrayArgument(const char* name, Handle object, Handle as_format) 
 }
 
 void ArrayArgument::read_buffer(Handle object) {
-  buffer_.open(object, PyBUF_RECORDS_RO);
+  buffer_.open(name_, object, PyBUF_RECORDS_RO);
   const BufferFormat format(*buffer_);
   array_.format = number_format(format, buffer_->itemsize);
   if (array_.format < 0) {
@@ -261,7 +276,7 @@ void ArrayArgument::require_rank(int rank) const {
 }
 
 OutArgument::OutArgument(Handle object, int format) {
-  buffer_.open(object, PyBUF_RECORDS);
+  buffer_.open("out", object, PyBUF_RECORDS);
   const char* expected = buffer_letter(format);
   const BufferFormat actual(*buffer_);
   if (!actual.is_one_of(expected) || !actual.is_native_order) {
@@ -280,7 +295,7 @@ void OutArgument::require_shape(const Object& shape) const {
 }
 
 StateArgument::StateArgument(const char* name, Handle object, int kind, bool is_written) {
-  buffer_.open(object, is_written ? PyBUF_RECORDS : PyBUF_RECORDS_RO);
+  buffer_.open(name, object, is_written ? PyBUF_RECORDS : PyBUF_RECORDS_RO);
   const BufferFormat format(*buffer_);
   if (!format.is_one_of("qln") || !format.is_native_order ||
       buffer_->itemsize != sizeof(std::int64_t)) {

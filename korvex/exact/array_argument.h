@@ -18,7 +18,8 @@ class BufferView {
   BufferView& operator=(const BufferView&) = delete;
   ~BufferView() { PyBuffer_Release(&view_); }
 
-  void open(Handle object, int flags) { checked(PyObject_GetBuffer(object, &view_, flags)); }
+  // `name` is that of the argument, for the message where it has no buffer that can be written.
+  void open(const char* name, Handle object, int flags);
   const Py_buffer& operator*() const { return view_; }
   const Py_buffer* operator->() const { return &view_; }
 

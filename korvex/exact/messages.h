@@ -21,6 +21,7 @@ inline constexpr char kResultFormat[] =
 // ---- an array ----
 inline constexpr char kNoArray[] =
     "%s must be an array, with the buffer protocol or __dlpack__, not %.200s";
+inline constexpr char kNotWritable[] = "%s must be a buffer that can be written, not %.200s";
 inline constexpr char kFormat[] = "%s has elements of format '%s', which is not supported";
 inline constexpr char kDlpackFormat[] =
     "%s has elements of a type that is not supported: %s of %d bits in %d lanes";

@@ -19,6 +19,32 @@ namespace korvex::host {
 constexpr std::int64_t kBlock = 2048;    // elements that are copied at a time
 constexpr std::int64_t kLongRun = 1024;  // elements side by side that are worth no copy
 
+template <std::int64_t kBytes>
+void copy_elements_of(char* to, const char* from, std::int64_t stride, std::int64_t count) {
+  if (stride == kBytes) {
+    std::memcpy(to, from, static_cast<std::size_t>(count * kBytes));
+    return;
+  }
+  for (std::int64_t i = 0; i < count; ++i) {
+    std::memcpy(to + i * kBytes, from + i * stride, kBytes);
+  }
+}
+
+// Copies elements of so many bytes that lie `stride` bytes apart, to lie side by side.
+inline void copy_elements(char* to, const char* from, std::int64_t bytes, std::int64_t stride,
+                          std::int64_t count) {
+  switch (bytes) {
+    case 1:
+      return copy_elements_of<1>(to, from, stride, count);
+    case 2:
+      return copy_elements_of<2>(to, from, stride, count);
+    case 4:
+      return copy_elements_of<4>(to, from, stride, count);
+    default:
+      return copy_elements_of<8>(to, from, stride, count);
+  }
+}
+
 template <int kArrays>
 class ArrayWalk {
  public:
@@ -166,7 +192,9 @@ class ArrayWalk {
       for (std::int64_t first = 0; first < count;) {
         const std::int64_t copied = std::min(count - first, kBlock - filled);
         for (int a = 0; a < kArrays; ++a) {
-          copy(block[a] + filled * bytes_[a], at[a] + first * last().stride[a], copied, a);
+          const std::int64_t stride = last().stride[a];
+          copy_elements(block[a] + filled * bytes_[a], at[a] + first * stride, bytes_[a], stride,
+                        copied);
         }
         first += copied;
         filled += copied;
@@ -178,31 +206,6 @@ class ArrayWalk {
     });
     if (filled > 0) {
       visit(pieces, filled);
-    }
-  }
-
-  void copy(char* to, const char* from, std::int64_t count, int a) const {
-    const std::int64_t stride = last().stride[a];
-    switch (bytes_[a]) {
-      case 1:
-        return copy_elements<1>(to, from, stride, count);
-      case 2:
-        return copy_elements<2>(to, from, stride, count);
-      case 4:
-        return copy_elements<4>(to, from, stride, count);
-      default:
-        return copy_elements<8>(to, from, stride, count);
-    }
-  }
-
-  template <std::int64_t kBytes>
-  static void copy_elements(char* to, const char* from, std::int64_t stride, std::int64_t count) {
-    if (stride == kBytes) {
-      std::memcpy(to, from, static_cast<std::size_t>(count * kBytes));
-      return;
-    }
-    for (std::int64_t i = 0; i < count; ++i) {
-      std::memcpy(to + i * kBytes, from + i * stride, kBytes);
     }
   }
 

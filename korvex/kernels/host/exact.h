@@ -4,8 +4,9 @@
 //
 // One symbol gives a table of functions. A state is an array of 64-bit integers, as
 // korvex/arithmetic/exact/exact_state.h describes it; a call that does not return KORVEX_EXACT_DONE
-// has changed no state. Each call runs under the default floating-point environment and leaves the
-// caller's as it was; no result depends on the number of threads.
+// has changed no state; outputs may be written in part then. Each call runs under the default
+// floating-point environment and leaves the caller's as it was; no result depends on the number of
+// threads.
 #pragma once
 
 #include <stdint.h>
@@ -71,6 +72,15 @@ typedef struct {
   // limbs(1) of a state of the kind that holds nothing but these arrays.
   int (*reduce)(int kind, const korvex_exact_array* x, const korvex_exact_array* y, int format,
                 int threads, double* result);
+
+  // Writes RN(x[0] + ... + x[i]) for each i to an array that lies side by side, in a result format:
+  // float64, float32, float16 or bfloat16. Precondition: x has one dimension.
+  int (*cumulative_sum)(const korvex_exact_array* x, int format, int threads, void* out);
+
+  // Writes the product of two matrices, each element rounded once, row by row. Preconditions: both
+  // have two dimensions, and b has as many rows as a has columns.
+  int (*matrix_product)(const korvex_exact_array* a, const korvex_exact_array* b, int format,
+                        int threads, void* out);
 } korvex_exact_functions;
 
 __attribute__((visibility("default"))) const korvex_exact_functions* korvex_host_exact(void);

@@ -5,35 +5,10 @@
 
 #include <cstdint>
 
+#include "korvex/kernels/host/converted_block.h"
 #include "korvex/kernels/host/terms.h"
 
 namespace korvex::host {
-
-// Up to kBlock elements as doubles: each is high + low.
-struct ConvertedBlock {
-  double high[kBlock];
-  double low[kBlock];  // unused unless has_low
-  bool has_low;
-
-  void convert(int format, const void* elements, std::int64_t count) {
-    with_format(format, [&](auto each) {
-      using Format = decltype(each);
-      const auto* x = static_cast<const typename Format::Storage*>(elements);
-      has_low = Format::kIsWide;
-      for (std::int64_t i = 0; i < count; ++i) {
-        high[i] = Format::high(x[i]);
-      }
-      if constexpr (Format::kIsWide) {
-        for (std::int64_t i = 0; i < count; ++i) {
-          low[i] = Format::low(x[i]);
-        }
-      }
-    });
-  }
-
-  // Rounded; it has the sign of the element, and is 0 only where that is.
-  double rounded(std::int64_t i) const { return has_low ? high[i] + low[i] : high[i]; }
-};
 
 // An infinity must meet the whole integer, not its halves, which may be 0 or of the other sign:
 // counts the products with an element of `x` that is not finite, and puts a zero in its place.
@@ -47,25 +22,38 @@ inline void take_specials(ConvertedBlock& x, const ConvertedBlock& integers, std
   }
 }
 
-// Adds the products of elements of two formats. Precondition: count <= kBlock.
-inline void add_mixed_products(ConvertedBlock& x, ConvertedBlock& y, std::int64_t count,
-                               CountedProductSum& sum) {
-  if (x.has_low && !y.has_low) {
-    take_specials(y, x, count, sum);
+// Adds the products of converted blocks. Products with upper halves have an adder of their own, as
+// their exponents are others.
+class MixedProductAdder {
+ public:
+  explicit MixedProductAdder(CountedProductSum& sum)
+      : sum_(sum), high_(sum), middle_(sum), low_(sum) {}
+
+  // Changes the blocks. Precondition: count <= kBlock.
+  void add(ConvertedBlock& x, ConvertedBlock& y, std::int64_t count) {
+    if (x.has_low && !y.has_low) {
+      take_specials(y, x, count, sum_);
+    }
+    if (y.has_low && !x.has_low) {
+      take_specials(x, y, count, sum_);
+    }
+    high_.add(x.high, y.high, count);
+    if (x.has_low) {
+      middle_.add(x.low, y.high, count);
+    }
+    if (y.has_low) {
+      middle_.add(x.high, y.low, count);
+    }
+    if (x.has_low && y.has_low) {
+      low_.add(x.low, y.low, count);
+    }
   }
-  if (y.has_low && !x.has_low) {
-    take_specials(x, y, count, sum);
-  }
-  add_products<Float64Format>(x.high, y.high, count, sum);
-  if (x.has_low) {
-    add_products<Float64Format>(x.low, y.high, count, sum);
-  }
-  if (y.has_low) {
-    add_products<Float64Format>(x.high, y.low, count, sum);
-  }
-  if (x.has_low && y.has_low) {
-    add_products<Float64Format>(x.low, y.low, count, sum);
-  }
-}
+
+ private:
+  CountedProductSum& sum_;
+  ProductAdder<Float64Format> high_;
+  ProductAdder<Float64Format> middle_;
+  ProductAdder<Float64Format> low_;
+};
 
 }  // namespace korvex::host

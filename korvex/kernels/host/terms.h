@@ -89,53 +89,100 @@ void add_wide_integer_products(const Storage* x, const Storage* y, std::int64_t 
   }
 }
 
-// Adds x[0] to x[n - 1].
+// Adds elements of a format to a sum, array by array; what it learns about their exponents it keeps
+// from one array to the next.
 template <class Format>
-void add_elements(const typename Format::Storage* x, std::int64_t n, CountedSum& sum) {
-  if constexpr (!Format::kIsInteger) {
-    using Terms = arithmetic::CountedTerms<HostLanes, ConvertedElements<Format>, CountedSum>;
-    ChunkedSum<HostLanes, kCountedStreams, Terms>(sum).add({{x}}, n);
-  } else if constexpr (Format::kIsWide) {
-    add_integers([x](std::int64_t i) { return x[i]; }, n, sum);
-  } else if constexpr (sizeof(typename Format::Storage) <= 2) {
-    add_short_integers(
-        [x](std::int64_t i) { return static_cast<std::int32_t>(Format::integer(x[i])); }, n, sum);
-  } else {
-    for (std::int64_t begin = 0; begin < n; begin += kHalvesOfPiece) {
-      const std::int64_t end = std::min(n, begin + kHalvesOfPiece);
-      std::int64_t total = 0;
-      for (std::int64_t i = begin; i < end; ++i) {
-        total += x[i];
+class ElementAdder {
+ public:
+  using Storage = typename Format::Storage;
+  explicit ElementAdder(CountedSum& sum) : chunks_(sum) {}
+
+  // x[0] to x[n - 1].
+  void add(const Storage* x, std::int64_t n) { chunks_.add({{x}}, n); }
+
+ private:
+  using Terms = arithmetic::CountedTerms<HostLanes, ConvertedElements<Format>, CountedSum>;
+  ChunkedSum<HostLanes, kCountedStreams, Terms> chunks_;
+};
+
+template <class Format>
+  requires(Format::kIsInteger)
+class ElementAdder<Format> {
+ public:
+  using Storage = typename Format::Storage;
+  explicit ElementAdder(CountedSum& sum) : sum_(sum) {}
+
+  void add(const Storage* x, std::int64_t n) {
+    if constexpr (Format::kIsWide) {
+      add_integers([x](std::int64_t i) { return x[i]; }, n, sum_);
+    } else if constexpr (sizeof(Storage) <= 2) {
+      add_short_integers(
+          [x](std::int64_t i) { return static_cast<std::int32_t>(Format::integer(x[i])); }, n,
+          sum_);
+    } else {
+      for (std::int64_t begin = 0; begin < n; begin += kHalvesOfPiece) {
+        const std::int64_t end = std::min(n, begin + kHalvesOfPiece);
+        std::int64_t total = 0;
+        for (std::int64_t i = begin; i < end; ++i) {
+          total += x[i];
+        }
+        sum_.add_scaled(total, 0);
       }
-      sum.add_scaled(total, 0);
     }
   }
-}
 
-// Adds x[i] * y[i] for i = 0 to n - 1.
+ private:
+  CountedSum& sum_;
+};
+
+// The same for products of two arrays of one format.
 template <class Format>
-void add_products(const typename Format::Storage* x, const typename Format::Storage* y,
-                  std::int64_t n, CountedProductSum& sum) {
-  if constexpr (std::is_same_v<Format, Float64Format>) {
-    using Terms = arithmetic::CountedProducts<HostLanes>;
-    ChunkedSum<HostLanes, kCountedStreams, Terms>(sum).add({x, y}, n);
-  } else if constexpr (!Format::kIsInteger) {
-    using Terms = arithmetic::CountedTerms<HostLanes, ConvertedProducts<Format>, CountedProductSum>;
-    ChunkedSum<HostLanes, kCountedStreams, Terms>(sum).add({{x, y}}, n);
-  } else if constexpr (Format::kIsWide) {
-    add_wide_integer_products(x, y, n, sum);
-  } else {
-    add_integers(
-        [x, y](std::int64_t i) {
-          const std::int64_t factor = Format::integer(y[i]);
-          if constexpr (std::is_same_v<typename Format::Storage, std::uint32_t>) {
-            return static_cast<std::uint64_t>(x[i]) * static_cast<std::uint64_t>(factor);
-          } else {
-            return Format::integer(x[i]) * factor;  // at most 2^62 in magnitude
-          }
-        },
-        n, sum);
+class ProductAdder {
+ public:
+  using Storage = typename Format::Storage;
+  explicit ProductAdder(CountedProductSum& sum) : chunks_(sum) {}
+
+  // x[i] * y[i] for i = 0 to n - 1.
+  void add(const Storage* x, const Storage* y, std::int64_t n) { chunks_.add({{x, y}}, n); }
+
+ private:
+  using Terms = arithmetic::CountedTerms<HostLanes, ConvertedProducts<Format>, CountedProductSum>;
+  ChunkedSum<HostLanes, kCountedStreams, Terms> chunks_;
+};
+
+template <>
+class ProductAdder<Float64Format> {
+ public:
+  using Storage = double;
+  explicit ProductAdder(CountedProductSum& sum) : chunks_(sum) {}
+
+  void add(const double* x, const double* y, std::int64_t n) { chunks_.add({x, y}, n); }
+
+ private:
+  ChunkedSum<HostLanes, kCountedStreams, arithmetic::CountedProducts<HostLanes>> chunks_;
+};
+
+template <class Format>
+  requires(Format::kIsInteger)
+class ProductAdder<Format> {
+ public:
+  using Storage = typename Format::Storage;
+  explicit ProductAdder(CountedProductSum& sum) : sum_(sum) {}
+
+  void add(const Storage* x, const Storage* y, std::int64_t n) {
+    if constexpr (Format::kIsWide) {
+      add_wide_integer_products(x, y, n, sum_);
+    } else if constexpr (std::is_same_v<Storage, std::uint32_t>) {
+      add_integers([x, y](std::int64_t i) { return std::uint64_t{x[i]} * y[i]; }, n, sum_);
+    } else {
+      // At most 2^62 in magnitude.
+      add_integers([x, y](std::int64_t i) { return Format::integer(x[i]) * Format::integer(y[i]); },
+                   n, sum_);
+    }
   }
-}
+
+ private:
+  CountedProductSum& sum_;
+};
 
 }  // namespace korvex::host
