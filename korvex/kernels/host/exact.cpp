@@ -100,47 +100,79 @@ void reduce(std::int64_t n, int threads, StateKind kind, const Work& work, Exact
   state.add(terms);
 }
 
+void add_one(StateKind kind, int format, const ArrayWalk<1>& walk, std::int64_t begin,
+             std::int64_t end, Part& part) {
+  with_format(format, [&](auto each) {
+    if (kind == StateKind::kSum) {
+      add_sum<decltype(each)>(walk, begin, end, part);
+    } else {
+      add_moments<decltype(each)>(walk, begin, end, part);
+    }
+  });
+}
+
+void add_pair(const int (&formats)[2], const ArrayWalk<2>& walk, std::int64_t begin,
+              std::int64_t end, Part& part) {
+  if (formats[0] != formats[1]) {
+    add_mixed_dot(walk, formats, begin, end, part);
+    return;
+  }
+  with_format(formats[0], [&](auto each) { add_dot<decltype(each)>(walk, begin, end, part); });
+}
+
 // Adds what the arrays hold to a state that holds nothing yet.
-void reduce_one(StateKind kind, const korvex_exact_array& x, int threads, ExactState& state) {
-  const ArrayWalk<1> walk({&x});
-  reduce(
-      walk.size(), threads, kind,
-      [&](std::int64_t begin, std::int64_t end, Part& part) {
-        with_format(x.format, [&](auto each) {
-          if (kind == StateKind::kSum) {
-            add_sum<decltype(each)>(walk, begin, end, part);
-          } else {
-            add_moments<decltype(each)>(walk, begin, end, part);
-          }
-        });
-      },
-      state);
-}
-
-void reduce_pair(const korvex_exact_array& x, const korvex_exact_array& y, int threads,
-                 ExactState& state) {
-  const ArrayWalk<2> walk({&x, &y});
-  const int formats[2] = {x.format, y.format};
-  reduce(
-      walk.size(), threads, StateKind::kDot,
-      [&](std::int64_t begin, std::int64_t end, Part& part) {
-        if (formats[0] != formats[1]) {
-          add_mixed_dot(walk, formats, begin, end, part);
-          return;
-        }
-        with_format(formats[0],
-                    [&](auto each) { add_dot<decltype(each)>(walk, begin, end, part); });
-      },
-      state);
-}
-
 void reduce_arrays(StateKind kind, const korvex_exact_array* x, const korvex_exact_array* y,
                    int threads, ExactState& state) {
   if (kind == StateKind::kDot) {
-    reduce_pair(*x, *y, threads, state);
-  } else {
-    reduce_one(kind, *x, threads, state);
+    const ArrayWalk<2> walk({x, y});
+    reduce(
+        walk.size(), threads, kind,
+        [&](std::int64_t begin, std::int64_t end, Part& part) {
+          add_pair({x->format, y->format}, walk, begin, end, part);
+        },
+        state);
+    return;
   }
+  const ArrayWalk<1> walk({x});
+  reduce(
+      walk.size(), threads, kind,
+      [&](std::int64_t begin, std::int64_t end, Part& part) {
+        add_one(kind, x->format, walk, begin, end, part);
+      },
+      state);
+}
+
+template <class Sum>
+double rounded(Sum& sum) {
+  if (!sum.counts.is_finite()) {
+    return sum.counts.special();
+  }
+  double limb;
+  sum.template round<1>(&limb);
+  return limb;
+}
+
+// Few elements, as one thread takes them: the value rounded to float64 without a state between.
+// False, with nothing written, where there are more.
+bool reduce_few(StateKind kind, const korvex_exact_array* x, const korvex_exact_array* y,
+                double* result) {
+  Part part;
+  if (kind == StateKind::kDot) {
+    const ArrayWalk<2> walk({x, y});
+    if (range_count(walk.size(), 2) > 1) {
+      return false;
+    }
+    add_pair({x->format, y->format}, walk, 0, walk.size(), part);
+    *result = rounded(part.products);
+    return true;
+  }
+  const ArrayWalk<1> walk({x});
+  if (range_count(walk.size(), 2) > 1) {
+    return false;
+  }
+  add_one(kind, x->format, walk, 0, walk.size(), part);
+  *result = rounded(part.sum);
+  return true;
 }
 
 StateKind kind_of(int kind) { return static_cast<StateKind>(kind); }
@@ -206,6 +238,9 @@ int limbs(int kind, const std::int64_t* state, int of_products, int count, int f
 int reduce_to_limb(int kind, const korvex_exact_array* x, const korvex_exact_array* y, int format,
                    int threads, double* result) {
   return run_guarded([&]() -> int {
+    if (format == KORVEX_FORMAT_FLOAT64 && reduce_few(kind_of(kind), x, y, result)) {
+      return KORVEX_EXACT_DONE;
+    }
     ExactState state(kind_of(kind));
     reduce_arrays(kind_of(kind), x, y, threads, state);
     write_limbs(state, kind == KORVEX_EXACT_DOT, 1, format, result);
