@@ -9,14 +9,15 @@ import numpy as np
 import pytest
 import torch
 from exact_arrays import (
+    EMULATED,
     LIBRARIES,
     REAL_DTYPES,
+    TORCH,
     DLPackOnly,
     drawn,
     extremes,
     numpy_dtype,
     to_dlpack,
-    to_emulated,
     to_strict,
     to_torch,
 )
@@ -113,7 +114,7 @@ def test_one_element_may_stand_for_many(name):
     assert exact.sum(np.broadcast_to(x[:1], (2000,))) == exact.sum(np.repeat(x[:1], 2000))
 
 
-@pytest.mark.parametrize("make", [to_torch, to_emulated])
+@pytest.mark.parametrize("make", TORCH)
 def test_views_of_tensors(make):
     x = drawn("float32", 48).reshape(6, 8)
     tensor = make(x)
@@ -149,7 +150,7 @@ def test_results_of_numpy(form):
 
 
 @pytest.mark.parametrize("form", FORMATS)
-@pytest.mark.parametrize("make", [to_torch, to_emulated])
+@pytest.mark.parametrize("make", TORCH)
 def test_results_of_torch(make, form):
     x = make(drawn("float32", 6))
     dtype = getattr(torch, form)
@@ -213,7 +214,7 @@ def test_arrow_arrays_have_dlpack():
 
 
 def test_inputs_are_left_alone():
-    for make in (np.array, to_torch, to_emulated):
+    for make in (np.array, *TORCH):
         x = make(drawn("float64", 20))
         before = numbers_of(x)
         for function in (*REDUCTIONS, exact.cumulative_sum):
@@ -304,7 +305,7 @@ REFUSED = {
         lambda: torch.zeros(2, requires_grad=True),
         "x requires grad, and korvex.exact computes no gradients: give x.detach()",
     ),
-    "emulated requires grad": (
+    "requires grad on the device": (
         lambda: torch.zeros(2, device="cuda").requires_grad_(),
         "x requires grad, and korvex.exact computes no gradients: give x.detach()",
     ),
@@ -339,6 +340,10 @@ REFUSED = {
         "x is on a device of DLPack's kind 10: give one on the CPU",
     ),
 }
+
+
+if not EMULATED:
+    REFUSED["GPU"] = (lambda: torch.zeros(2, device="cuda"), GPU)
 
 
 @pytest.mark.parametrize(("make", "text"), REFUSED.values(), ids=REFUSED)

@@ -27,7 +27,7 @@ class Subject:
         self.matrix = np.ones((2, 3), np.float32)
         self.strided = np.ones(12)[::4]
         self.tensor = torch.tensor([1.0, 2.0])
-        self.emulated = self.tensor.to("cuda")
+        self.device = self.tensor.to("cuda")
         self.half = self.tensor.to(torch.bfloat16)
         self.strict = to_strict(self.x)
         self.capsule = DLPackOnly(self.half)
@@ -43,7 +43,7 @@ CALLS = {
     "sum strided": lambda s: exact.sum(s.strided),
     "sum torch": lambda s: exact.sum(s.tensor),
     "sum bfloat16": lambda s: exact.sum(s.half, dtype="bfloat16"),
-    "sum emulated": lambda s: exact.sum(s.emulated),
+    "sum on the device": lambda s: exact.sum(s.device),
     "sum array API": lambda s: exact.sum(s.strict, keepdims=True),
     "sum DLPack": lambda s: exact.sum(s.capsule),
     "sum complex": lambda s: exact.sum(s.z),

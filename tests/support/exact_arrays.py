@@ -2,6 +2,7 @@
 """Arrays for tests of `korvex.exact`: values of every kind, and the same values in other forms."""
 
 import array_api_strict
+import device
 import ml_dtypes
 import numpy as np
 import torch
@@ -108,7 +109,13 @@ def to_dlpack(x):
 LIBRARIES = {
     "numpy": np.array,
     "torch": to_torch,
-    "emulated": to_emulated,
     "array_api_strict": to_strict,
     "dlpack": to_dlpack,
 }
+TORCH = [to_torch]
+
+# On a GPU the device "cuda" is another: its memory is refused.
+EMULATED = device.choose().emulated
+if EMULATED:
+    LIBRARIES["emulated"] = to_emulated
+    TORCH.append(to_emulated)
