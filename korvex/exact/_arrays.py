@@ -8,6 +8,7 @@ Whatever cannot be read is a TypeError that names the argument and says what can
 
 from __future__ import annotations
 
+import functools
 import sys
 from collections.abc import Sequence
 from typing import Any, NamedTuple, NoReturn
@@ -131,8 +132,8 @@ def _of_torch(x: Any, name: str, torch: Any) -> Operand:
     elif x.device.type != "cpu":
         raise TypeError(f"{name} is on the device {x.device}: give a tensor on the CPU")
     _check_torch_form(x, name, torch)
-    # Both copy only where a conjugate or a negative is not written out yet.
-    x = x.resolve_conj().resolve_neg()
+    if x.is_conj() or x.is_neg():
+        x = x.resolve_conj().resolve_neg()  # copies: conjugates and negatives are written out now
     home = TorchHome(emulated)
     shape = tuple(x.shape)
     if x.dtype == torch.bfloat16:
@@ -140,14 +141,20 @@ def _of_torch(x: Any, name: str, torch: Any) -> Operand:
     return Operand(x.numpy(), None, shape, x.dtype.is_complex, home)
 
 
+@functools.cache
+def _torch_dtypes(torch: Any) -> frozenset[Any]:
+    return frozenset(getattr(torch, name) for name in _TORCH_DTYPES)
+
+
 def _check_torch_form(x: Any, name: str, torch: Any) -> None:
-    if type(x).__torch_dispatch__ is not torch.Tensor.__torch_dispatch__:
+    kind = type(x)
+    if kind is not torch.Tensor and kind.__torch_dispatch__ is not torch.Tensor.__torch_dispatch__:
         raise TypeError(
             f"{name} is a {type(x).__name__}, which is not one tensor in host memory: give that"
         )
     if x.layout != torch.strided:
         raise TypeError(f"{name} has the layout {x.layout}: give {name}.to_dense()")
-    if str(x.dtype).removeprefix("torch.") not in _TORCH_DTYPES:
+    if x.dtype not in _torch_dtypes(torch):
         _refuse_dtype(x.dtype, name)
 
 
