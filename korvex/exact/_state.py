@@ -9,7 +9,7 @@ is an error where a value is read.
 from __future__ import annotations
 
 import math
-from typing import Any, NamedTuple
+from typing import Any, NamedTuple, NoReturn
 
 import numpy as np
 
@@ -80,12 +80,8 @@ class State:
     def counts(self) -> Counts:
         """The counts, which must not be below zero where a value is read."""
         counts = self.raw_counts()
-        for name, count in zip(Counts._fields, counts, strict=True):
-            if count < 0:
-                raise ValueError(
-                    f"the count of {name.replace('_', ' ')} is {count}: more were taken away than "
-                    "added"
-                )
+        if min(counts) < 0:
+            _refuse_negative(counts)
         return counts
 
     def special(self, part: int = 0) -> float | None:
@@ -112,6 +108,13 @@ class State:
         self.settle()
         integer = _native.exact_integer(self.kind, self.words, part)
         return integer, 1 << -_EXPONENTS[self.kind, part]
+
+
+def _refuse_negative(counts: Counts) -> NoReturn:
+    name, count = next(pair for pair in counts._asdict().items() if pair[1] < 0)
+    raise ValueError(
+        f"the count of {name.replace('_', ' ')} is {count}: more were taken away than added"
+    )
 
 
 def accumulated(kind: int, x: Real, y: Real | None = None) -> State:
