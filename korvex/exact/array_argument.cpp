@@ -162,19 +162,24 @@ bool is_aligned(const Py_buffer& view) {
 
 }  // namespace
 
-// An exporter's own BufferError names no argument; those of an array that cannot be read say why,
-// and pass.
+// An exporter's own text names no argument, and its type depends on the exporter.
 void BufferView::open(const char* name, Handle object, int flags) {
   const bool is_written = (flags & PyBUF_WRITABLE) != 0;
   if (is_written && PyObject_CheckBuffer(object) == 0) {
     raise_formatted(PyExc_TypeError, messages::kNotWritable, name, Py_TYPE(object)->tp_name);
   }
-  if (PyObject_GetBuffer(object, &view_, flags) < 0) {
-    if (is_written && PyErr_ExceptionMatches(PyExc_BufferError) != 0) {
-      raise_formatted(PyExc_TypeError, messages::kNotWritable, name, Py_TYPE(object)->tp_name);
-    }
+  if (PyObject_GetBuffer(object, &view_, flags) == 0) {
+    return;
+  }
+  if (PyErr_ExceptionMatches(PyExc_BufferError) == 0 &&
+      PyErr_ExceptionMatches(PyExc_ValueError) == 0) {
     throw PythonError{};
   }
+  const Object reason = Object::steal(PyErr_GetRaisedException());
+  if (is_written) {
+    raise_formatted(PyExc_TypeError, messages::kNotWritable, name, Py_TYPE(object)->tp_name);
+  }
+  raise_formatted(PyExc_TypeError, messages::kNotReadable, name, reason.handle());
 }
 
 ArrayArgument::ArrayArgument(const char* name, Handle object, Handle as_format) : name_(name) {

@@ -9,7 +9,6 @@ inline constexpr char kTooMany[] = "%s() takes %zd arguments, but got %zd";
 inline constexpr char kMissing[] = "%s() misses argument '%s'";
 inline constexpr char kTwice[] = "%s() got two values for argument '%s'";
 inline constexpr char kUnknown[] = "%s() has no argument '%U'";
-inline constexpr char kNotText[] = "%s must be a str, not %.200s";
 inline constexpr char kKind[] = "kind must be SUM, DOT or MOMENTS, not %R";
 inline constexpr char kSign[] = "sign must be 1 or -1, not %R";
 inline constexpr char kThreads[] = "threads must be at least 0, not %R";
@@ -21,6 +20,7 @@ inline constexpr char kResultFormat[] =
 // ---- an array ----
 inline constexpr char kNoArray[] =
     "%s must be an array, with the buffer protocol or __dlpack__, not %.200s";
+inline constexpr char kNotReadable[] = "%s cannot be read as an array of numbers: %S";
 inline constexpr char kNotWritable[] = "%s must be a buffer that can be written, not %.200s";
 inline constexpr char kFormat[] = "%s has elements of format '%s', which is not supported";
 inline constexpr char kDlpackFormat[] =
