@@ -118,8 +118,9 @@ def _signature(function: Any, skip_self: bool = False) -> str:
 
 
 def _members(cls: type) -> Iterator[tuple[str, Any]]:
-    """Methods and properties of the class and of private ones below it, save private ones."""
-    own = [vars(each) for each in reversed(cls.__mro__) if each is cls or each.__name__[0] == "_"]
+    """Methods and properties of the class and of internal bases, save private ones."""
+    shown = importlib.import_module(cls.__module__)
+    own = [vars(each) for each in reversed(cls.__mro__) if each is cls or _is_internal(each, shown)]
     for name, member in {k: v for members in own for k, v in members.items()}.items():
         private = name.startswith("_") and not name.endswith("__")
         attribute = isinstance(member, (types.GetSetDescriptorType, property))
@@ -129,6 +130,10 @@ def _members(cls: type) -> Iterator[tuple[str, Any]]:
             member = getattr(cls, name)
         if attribute or callable(member):
             yield name, member
+
+
+def _is_internal(base: type, module: types.ModuleType) -> bool:
+    return base.__module__.startswith(module.__name__) and not hasattr(module, base.__name__)
 
 
 def setup(app: Sphinx) -> dict[str, bool]:

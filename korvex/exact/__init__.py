@@ -9,9 +9,11 @@ order, their layout, threads, processors, or how they were cut into parts.
 Importing this package imports NumPy and nothing else of that size.
 """
 
-from korvex.exact._accumulators import Dot, Moments, Sum, loads
+from korvex.exact._accumulator import loads
 from korvex.exact._functions import mean, std, sum, var, vector_norm
+from korvex.exact._moments import Moments
 from korvex.exact._products import cumulative_sum, matmul, vecdot
+from korvex.exact._sums import Dot, Sum
 from korvex.exact._threads import get_threads, set_threads
 
 __all__ = [
