@@ -100,6 +100,9 @@ def _of_numpy(x: np.ndarray[Any, Any], name: str, home: Home) -> Operand:
     masked = sys.modules.get("numpy.ma")
     if masked is not None and isinstance(x, masked.MaskedArray):
         raise TypeError(f"{name} is masked: give {name}.compressed(), or {name}.filled(0)")
+    if type(x) is not np.ndarray and not isinstance(x, np.memmap):
+        # Units, labels and the like would be lost.
+        raise TypeError(f"{name} is a {type(x).__name__}: numpy.asarray gives its numbers alone")
     dtype = x.dtype
     if not dtype.isnative:
         raise TypeError(

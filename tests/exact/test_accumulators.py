@@ -413,8 +413,10 @@ def test_wrong_argument(call, kind, text):
 def test_shapes_of_a_pair_must_be_equal_and_nothing_is_added():
     total = dot_of([1.0], [2.0])
     for x, y in [((2,), (3,)), ((2, 3), (6,)), ((1,), ()), ((2, 1), (1, 2))]:
-        with pytest.raises(ValueError):
-            total.add(np.ones(x), np.ones(y))
+        for step in (total.add, total.subtract):
+            with pytest.raises(ValueError) as error:
+                step(np.ones(x), np.ones(y))
+            assert text_of(error) == f"x and y must have one shape, but have {x} and {y}"
     assert total == dot_of([1.0], [2.0])
 
 

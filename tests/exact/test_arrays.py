@@ -301,6 +301,14 @@ REFUSED = {
         lambda: np.ma.masked_array([1.0], [True]),
         "x is masked: give x.compressed(), or x.filled(0)",
     ),
+    "subclass": (
+        lambda: np.zeros(2).view(type("Quantity", (np.ndarray,), {})),
+        "x is a Quantity: numpy.asarray gives its numbers alone",
+    ),
+    "records": (
+        lambda: np.zeros(2).view(np.recarray),
+        "x is a recarray: numpy.asarray gives its numbers alone",
+    ),
     "requires grad": (
         lambda: torch.zeros(2, requires_grad=True),
         "x requires grad, and korvex.exact computes no gradients: give x.detach()",
