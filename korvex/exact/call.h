@@ -60,7 +60,7 @@ std::array<Handle, kCount> bind(const Parameters<kCount>& parameters, PyObject* 
 using Vectorcall = PyObject*(PyObject*, PyObject* const*, Py_ssize_t, PyObject*);
 
 // A row of a table of functions.
-inline PyMethodDef method_row(const char* name, Vectorcall* function, const char* doc) {
+inline PyMethodDef method_row(const char* name, Vectorcall* function, const char* doc) noexcept {
   // The interpreter casts it back, as the flags say.
   return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function)),
           METH_FASTCALL | METH_KEYWORDS, doc};

@@ -63,4 +63,5 @@ PyModuleDef definition = {
 }  // namespace
 }  // namespace korvex::exact
 
+// The interpreter makes this name out of the module's. NOLINTNEXTLINE(bugprone-reserved-identifier)
 PyMODINIT_FUNC PyInit__native() { return PyModuleDef_Init(&korvex::exact::definition); }
