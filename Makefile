@@ -113,7 +113,8 @@ test-long: install ## the Python tests that take minutes and do not run otherwis
 	@$(PY) -P -m pytest -m long $(PYTEST_ARGS)
 
 leaks: install ## ten thousand calls of every function: memory, references and tensors stay flat
-	@$(PY) -P -m pytest -m long tests/runtime/test_leaks.py tests/runtime/test_leaks_of_all.py $(PYTEST_ARGS)
+	@$(PY) -P -m pytest -m long tests/runtime/test_leaks.py \
+	  tests/runtime/test_leaks_of_all.py tests/exact/test_leaks.py $(PYTEST_ARGS)
 
 FUZZ_SEED ?= $(shell date +%s)
 FUZZ_SECONDS ?= 500

@@ -25,7 +25,7 @@ from plain_sums import (
     two_product,
 )
 
-from korvex import emulation
+from korvex import emulation, exact
 from korvex_tools.figures.command import add_quick_and_output, record
 from korvex_tools.figures.timing import print_table
 
@@ -84,6 +84,7 @@ def candidates_of_sum(tqx: Any) -> dict[str, Callable[[Vector], float]]:
         "double-double sum": double_double_sum,
         "math.fsum": math.fsum,
         "tqx_sum": lambda v: float(tqx.tqx_sum(on_device(v))),
+        "exact.sum": lambda v: float(exact.sum(np.array(v))),
     }
 
 
@@ -95,6 +96,7 @@ def candidates_of_dot(tqx: Any) -> dict[str, Callable[[Vector, Vector], float]]:
         "compensated dot": compensated_dot,
         "math.sumprod": math.sumprod,
         "tqx_dot": lambda x, y: float(tqx.tqx_dot(*map(on_device, (x, y)))),
+        "exact.vecdot": lambda x, y: float(exact.vecdot(np.array(x), np.array(y))),
     }
 
 
@@ -125,12 +127,12 @@ def run(operation: str, options: argparse.Namespace) -> dict[str, Any]:
         for number in range(options.vectors):
             source = random.Random(f"{SEED} {exponent} {number}")
             operands: tuple[Vector, ...] = ill_conditioned(options.n, 10.0**exponent, source)
-            exact = dot_of(*operands)
+            true_value = dot_of(*operands)
             if not is_dot:
                 operands = (addends_of(*operands, source),)
-            conditions.append(condition_of(operands, exact))
+            conditions.append(condition_of(operands, true_value))
             for name, call in candidates.items():
-                worst[name] = max(worst[name], relative_error(call(*operands), exact))
+                worst[name] = max(worst[name], relative_error(call(*operands), true_value))
         condition = float(np.median(conditions))
         results += [
             {"candidate": name, "condition": float(f"{condition:.3e}"), "error": float(f"{e:.3e}")}

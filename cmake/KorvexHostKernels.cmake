@@ -4,12 +4,12 @@
 
 set(korvex_instruction_sets base fma avx512)
 set(korvex_options_of_base)
-set(korvex_options_of_fma -mfma -mavx2)
+set(korvex_options_of_fma -mfma -mavx2 -mf16c)
 # Compilers prefer shorter registers, as early processors with AVX-512 slowed down for it. g++ 12 with
 # AVX-512 stores {a, a, a, a} for the constant {a, a, a, 0} where it has put straight-line code into a
 # vector (tests/cpp/test_sum.cpp fails then); the vectors that count are written as such, or in loops.
 set(korvex_options_of_avx512
-  -mfma -mavx2 -mavx512f -mavx512dq -mavx512vl -mprefer-vector-width=512
+  -mfma -mavx2 -mf16c -mavx512f -mavx512dq -mavx512vl -mprefer-vector-width=512
   -fno-tree-slp-vectorize)
 
 get_filename_component(korvex_tree "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
@@ -19,6 +19,9 @@ function(korvex_add_host_kernels target)
   set(folder "${korvex_tree}/korvex/kernels/host")
   add_library(${target} SHARED
     "${folder}/dot.cpp"
+    "${folder}/exact.cpp"
+    "${folder}/exact_matrix_product.cpp"
+    "${folder}/exact_prefix_sums.cpp"
     "${folder}/launch.cpp"
     "${folder}/matrix_product.cpp"
     "${folder}/pairs.cpp"

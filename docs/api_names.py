@@ -118,14 +118,22 @@ def _signature(function: Any, skip_self: bool = False) -> str:
 
 
 def _members(cls: type) -> Iterator[tuple[str, Any]]:
-    """Methods and properties that the class itself defines, save private ones."""
-    for name, member in vars(cls).items():
+    """Methods and properties of the class and of internal bases, save private ones."""
+    shown = importlib.import_module(cls.__module__)
+    own = [vars(each) for each in reversed(cls.__mro__) if each is cls or _is_internal(each, shown)]
+    for name, member in {k: v for members in own for k, v in members.items()}.items():
         private = name.startswith("_") and not name.endswith("__")
         attribute = isinstance(member, (types.GetSetDescriptorType, property))
         if private or name in _NO_DOC or name in ("__dict__", "__weakref__", "__new__"):
             continue
+        if isinstance(member, classmethod):
+            member = getattr(cls, name)
         if attribute or callable(member):
             yield name, member
+
+
+def _is_internal(base: type, module: types.ModuleType) -> bool:
+    return base.__module__.startswith(module.__name__) and not hasattr(module, base.__name__)
 
 
 def setup(app: Sphinx) -> dict[str, bool]:

@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # usage: install_tree.sh PYTHON BUILD_FOLDER [TARGET_FOLDER [CMAKE_NAME=VALUE...]]
 # Builds the tree in BUILD_FOLDER (only what changed) and installs it for PYTHON, or, if given and
-# not empty, into TARGET_FOLDER for use through PYTHONPATH. Downloads nothing: torch, numpy,
+# not empty, into TARGET_FOLDER for use through PYTHONPATH. Downloads nothing:
 # scikit-build-core, CMake and a compiler must be there already.
 set -euo pipefail
 

@@ -49,7 +49,7 @@ def test_required_interpreter_and_packages():
     metadata = distribution().metadata
     always = [text for text in distribution().requires if "extra ==" not in text]
     assert metadata["Requires-Python"] == ">=3.12"
-    assert {re.match("[a-z-]+", text).group() for text in always} == {"numpy", "torch"}
+    assert {re.match("[a-z-]+", text).group() for text in always} == {"numpy"}
 
 
 @pytest.mark.parametrize(
@@ -60,6 +60,23 @@ def test_extra_brings_the_cupy_of_its_cuda_release(extra, package):
     assert f'{package}; extra == "{extra}"' in [
         text.replace("'", '"') for text in distribution().requires
     ]
+
+
+@pytest.mark.parametrize("extra", ["torch", "cuda11", "cuda12", "cuda13", "test"])
+def test_extra_brings_torch(extra):
+    required = [text.replace("'", '"') for text in distribution().requires]
+    assert [t for t in required if t.startswith("torch") and t.endswith(f'extra == "{extra}"')]
+
+
+def test_working_tree_has_torch():
+    """By the extras that the set-up installs where none is named: test, dev and docs."""
+    listed = subprocess.run(
+        [sys.executable, SCRIPTS / "list_requirements.py", "test", "dev", "docs"],
+        capture_output=True,
+        text=True,
+        check=True,
+    ).stdout
+    assert re.search("^torch>=", listed, re.MULTILINE)
 
 
 def test_tag_is_that_of_this_interpreter():
@@ -236,7 +253,7 @@ def test_scripts_are_executable():
 
 # --- The check of a wheel as a file
 
-BUILT = ("cubin_loader_native", "tqx_runtime")
+BUILT = ("cubin_loader_native", "exact/_native", "tqx_runtime")
 
 
 @pytest.fixture

@@ -1,26 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// Crossing between Python and the layers below: the interpreter's lock, and failures as exceptions.
+// Crossing between Python and the layers below: failures as exceptions.
 #pragma once
 
 #include <exception>
 #include <new>
 
+#include "korvex/cpython/interpreter_lock.h"
 #include "korvex/cpython/object.h"
 #include "korvex/cubin_loader_native/failure.h"
 
 namespace korvex::cubin_loader {
-
-// Runs work that touches no Python object with the interpreter's lock released.
-template <class Work>
-auto without_lock(const Work& work) {
-  struct Release {
-    PyThreadState* state = PyEval_SaveThread();
-    // Ends the thread by unwinding it if the interpreter is shutting down.
-    ~Release() noexcept(false) { PyEval_RestoreThread(state); }
-  };
-  const Release release;
-  return work();
-}
 
 // Runs the body of a slot or method; what it throws becomes the Python exception that is set, and
 // `failed` comes back. A kernel's name, if given, opens the messages from below.

@@ -10,6 +10,7 @@ void test_bignum();
 void test_long_accumulator();
 void test_canonical();
 void test_exact_sum();
+void test_exact_state();
 void test_sum();
 void test_dot();
 void test_matrix_product();

@@ -10,6 +10,7 @@ int main() {
   korvex::test::test_long_accumulator();
   korvex::test::test_canonical();
   korvex::test::test_exact_sum();
+  korvex::test::test_exact_state();
   korvex::test::test_sum();
   korvex::test::test_dot();
   korvex::test::test_matrix_product();

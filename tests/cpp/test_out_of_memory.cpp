@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Every kernel of the host with a failing allocation, or a thread that cannot start, at every
-// place.
+// Every kernel of the host, and every exact call, with a failing allocation, or a thread that
+// cannot start, at every place.
 //
 // usage: test_out_of_memory INSTRUCTION_SET. The program replaces operator new and pthread_create
 // by such that fail once, at a chosen call. A launch must return then, either with the results of
@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "check.h"
+#include "korvex/kernels/host/exact.h"
 #include "korvex/kernels/host/launch.h"
 #include "korvex/kernels/host/threads.h"
 #include "random_data.h"
@@ -229,6 +230,72 @@ int fail_at_every_place(int kernel) {
   return out_of_memory;
 }
 
+// Runs call() with a failure at every place: it must say so, or leave in `written` what it leaves
+// without one; a call that ran out of memory leaves a state in `written` as it was.
+template <class Call>
+int fail_exact_call_at_every_place(std::vector<std::int64_t>& written, bool is_state,
+                                   const Call& call) {
+  const std::vector<std::int64_t> before = written;
+  CHECK(call() == KORVEX_EXACT_DONE);
+  const std::vector<std::int64_t> expected = written;
+  CHECK(expected != before);
+  int out_of_memory = 0;
+  for (long failing = 0;; ++failing) {
+    written = before;
+    const long failures_before = failures;
+    calls_until_failure = failing;
+    const int status = call();
+    calls_until_failure = kNever;
+    if (failures == failures_before) {
+      break;
+    }
+    CHECK(runs_alone());
+    if (status == KORVEX_EXACT_OUT_OF_MEMORY) {
+      ++out_of_memory;
+      CHECK(!is_state || written == before);
+    } else {
+      CHECK(status == KORVEX_EXACT_DONE);
+      CHECK(written == expected);
+    }
+  }
+  CHECK(out_of_memory > 0);
+  return out_of_memory;
+}
+
+// Several ranges, of two formats, one of them not side by side; and matrices that are copied.
+int fail_in_exact_calls() {
+  const korvex_exact_functions& exact = *korvex_host_exact();
+  constexpr std::int64_t kCount = 300000;
+  std::vector<float> x(2 * kCount, 0.5F);
+  std::vector<std::int64_t> y(kCount, -3);
+  const std::int64_t extents[2] = {kCount / 500, 500};
+  const std::int64_t strides_of_x[2] = {4000, 8};
+  const std::int64_t strides_of_y[2] = {4000, 8};
+  const korvex_exact_array a = {x.data(), KORVEX_FORMAT_FLOAT32, 2, extents, strides_of_x};
+  const korvex_exact_array b = {y.data(), KORVEX_FORMAT_INT64, 2, extents, strides_of_y};
+  int out_of_memory = 0;
+  for (const int kind : {KORVEX_EXACT_SUM, KORVEX_EXACT_DOT, KORVEX_EXACT_MOMENTS}) {
+    std::vector<std::int64_t> state(static_cast<std::size_t>(exact.words(kind)), 0);
+    const korvex_exact_array* second = kind == KORVEX_EXACT_DOT ? &b : nullptr;
+    out_of_memory += fail_exact_call_at_every_place(
+        state, true, [&] { return exact.accumulate(kind, state.data(), &a, second, 1, kThreads); });
+  }
+  std::vector<std::int64_t> out(kCount, 7);
+  const std::int64_t one_stride = 8;
+  const std::int64_t one_extent = kCount;
+  const korvex_exact_array line = {y.data(), KORVEX_FORMAT_INT64, 1, &one_extent, &one_stride};
+  out_of_memory += fail_exact_call_at_every_place(out, false, [&] {
+    return exact.cumulative_sum(&line, KORVEX_FORMAT_FLOAT64, kThreads, out.data());
+  });
+  const std::int64_t square[2] = {150, 150};
+  const korvex_exact_array left = {x.data(), KORVEX_FORMAT_FLOAT32, 2, square, strides_of_x};
+  const korvex_exact_array right = {y.data(), KORVEX_FORMAT_INT64, 2, square, strides_of_y};
+  out_of_memory += fail_exact_call_at_every_place(out, false, [&] {
+    return exact.matrix_product(&left, &right, KORVEX_FORMAT_FLOAT64, kThreads, out.data());
+  });
+  return out_of_memory;
+}
+
 // No kernel allocates within its threads, but what one threw there would have to come over.
 void an_exception_of_any_range_comes_over() {
   for (int failing = 0; failing < kThreads; ++failing) {
@@ -269,6 +336,7 @@ int run(const char* instruction_set) {
   for (int kernel = 0; kernel < korvex_host_kernel_count(); ++kernel) {
     out_of_memory += fail_at_every_place(kernel);
   }
+  out_of_memory += fail_in_exact_calls();
   std::printf("%d launches ran out of memory\n", out_of_memory);
   an_exception_of_any_range_comes_over();
   return Tally::all().finish();

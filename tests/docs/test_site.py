@@ -129,6 +129,25 @@ def test_loader_and_emulated_device_stand_there(entries):
         assert_documented(entry, function)
 
 
+def test_exact_sums_of_any_array_stand_there(entries):
+    from korvex import exact
+
+    prefix = "korvex.exact."
+    found = {name.removeprefix(prefix) for name in entries if name.startswith(prefix)}
+    methods = {
+        f"{name}.{member}"
+        for name in ("Sum", "Dot", "Moments")
+        for member in dir(getattr(exact, name))
+        if not member.startswith("_")
+    }
+    assert {name for name in found if "._" not in name and ".__" not in name} == (
+        {*exact.__all__} | methods
+    )
+    for name in exact.__all__:
+        assert_documented(entries[prefix + name], getattr(exact, name))
+    assert entries["korvex.exact.sum"][0].startswith("korvex.exact.sum(x:Any,/,*,axis:")
+
+
 def test_names_stand_on_the_page_of_their_folder():
     for page in API.glob("*.md"):
         own = "tqx_runtime" if page.stem == "runtime" else f"functions/{page.stem}"

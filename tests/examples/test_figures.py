@@ -48,6 +48,7 @@ def test_documents_agree_with_the_records():
 def test_documents_quote_figures_in_several_places():
     assert {path.name for path, _ in blocks()} == {
         "README.md",
+        "exact.md",
         "performance.md",
         "series.md",
         "solvers.md",
@@ -96,9 +97,11 @@ def test_pictures_are_drawn_from_the_records(tmp_path):
     drawn = run("draw", "--output", tmp_path)
     assert drawn.returncode == 0, drawn.stderr
     names = {path.name for path in tmp_path.glob("*.png")}
-    pages = [(ROOT / "docs" / f"{name}.md").read_text() for name in ("performance", "solvers")]
+    pages = [
+        (ROOT / "docs" / f"{name}.md").read_text() for name in ("performance", "solvers", "exact")
+    ]
     shown = {name for page in pages for name in re.findall(r"\((\w+\.png)\)", page)}
-    assert names == shown and len(names) == 5
+    assert names == shown and len(names) == 6
     assert all((ROOT / "docs" / name).exists() for name in names)
     for path in tmp_path.glob("*.png"):
         assert path.read_bytes().startswith(b"\x89PNG\r\n\x1a\n")

@@ -22,7 +22,7 @@ from korvex_tools.elf_file import ElfFile
 from korvex_tools.source_tree import SOURCE_TREE
 
 SUFFIXES = {".cubin", ".json", ".ptx", ".py", ".pyi", ".so", ".typed"}
-MODULES = ("cubin_loader_native", "tqx_runtime")
+MODULES = ("cubin_loader_native", "exact/_native", "tqx_runtime")
 # As in tests/test_00_installed_package.py: the C++ runtime is in, where its archive is installed.
 LIBRARIES = {"ld-linux-x86-64.so.2", "libc.so.6", "libm.so.6", "libpthread.so.0"}
 LIBRARIES |= {"libgcc_s.so.1", "libstdc++.so.6"}

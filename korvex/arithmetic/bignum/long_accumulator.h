@@ -85,6 +85,35 @@ class FixedPoint {
     settle_if_due(other.pending_ + 1);
   }
 
+  KORVEX_COLD void subtract(const FixedPoint& other) {
+    for (int i = 0; i < kDigits; ++i) {
+      digit_[i] -= other.digit_[i];
+    }
+    settle_if_due(other.pending_ + 1);
+  }
+
+  // Takes over kDigits digits that store() wrote, or the sums of those of up to 2^31 - 1 numbers:
+  // such digits are at most kLargestDigit. False, with the value undefined, where they are none.
+  KORVEX_COLD bool load(const std::int64_t* digits) {
+    for (int i = 0; i < kDigits; ++i) {
+      if (digits[i] > kLargestDigit || digits[i] < -kLargestDigit) {
+        return false;
+      }
+      digit_[i] = digits[i];
+    }
+    settle();
+    const std::int64_t top = digit_[kDigits - 1];
+    return top <= kDigitMask && top >= -kDigitMask;
+  }
+
+  // Writes kDigits settled digits.
+  KORVEX_COLD void store(std::int64_t* digits) {
+    settle();
+    for (int i = 0; i < kDigits; ++i) {
+      digits[i] = digit_[i];
+    }
+  }
+
   // Writes the canonical limbs of the value S: limbs[0] = RN(S), limbs[1] = RN(S - limbs[0]), and
   // so on. A limb that would round to an infinity is the largest double instead, and the next limbs
   // take the rest; where the last limb would still be infinite, the result is that infinity in
@@ -150,8 +179,14 @@ class FixedPoint {
     return bits == 0;
   }
 
+  // -1, 0 or 1.
+  KORVEX_COLD int sign() { return is_zero() ? 0 : digit_[kDigits - 1] < 0 ? -1 : 1; }
+
  private:
   static constexpr std::int64_t kDigitMask = 0xffffffff;
+  // A digit that settles without overflow: the carry into it is at most 2^31 in magnitude. The sum
+  // of 2^31 - 1 settled digits lies below.
+  static constexpr std::int64_t kLargestDigit = 0x7fffffff00000000;
   // Each double is a multiple of 2 to this power, in units.
   static constexpr int kBitsBelowDoubles = kUnitExponent - kUnit;
   static constexpr std::int64_t kPendingLimit = std::int64_t{1} << 29;

@@ -26,7 +26,9 @@ struct ExponentRange {
   int lowest;
   bool is_finite;
 
-  KORVEX_COLD static ExponentRange of(const double* x, std::int64_t count) {
+  // Elements: a pointer to doubles, or what gives a double for an index as such a pointer does.
+  template <class Elements>
+  KORVEX_COLD static ExponentRange of(Elements x, std::int64_t count) {
     std::uint64_t largest = 0;
     std::uint64_t smallest_less_one = ~std::uint64_t{0};  // as an unsigned number: zero is last
     for (std::int64_t i = 0; i < count; ++i) {

@@ -104,6 +104,16 @@ class BasicExactSum {
     }
   }
 
+  // Adds the sum of the finite addends to a long accumulator.
+  KORVEX_COLD void add_to(Wide& to) const {
+    for (int i = 0; i < 4; ++i) {
+      to.add(limbs_.limb[i]);
+    }
+    if (wide_open_) {
+      to.add(wide_);
+    }
+  }
+
   // True where no infinity and no NaN was added.
   KORVEX_INLINE bool is_sum_of_finite() const { return special_ == 0; }
 

@@ -2,6 +2,8 @@
 // The kernels of the host in the order of the kernel table, and the C interface that launches them.
 #include "korvex/kernels/host/launch.h"
 
+#include <cpuid.h>
+
 #include <new>
 #include <stdexcept>
 #include <string_view>
@@ -66,6 +68,12 @@ static_assert(shells_match_the_table());
 
 const KernelRow* row(int index) {
   return index >= 0 && index < kKernelCount ? &kKernelTable[index] : nullptr;
+}
+
+// Conversions of float16. clang has no name for them in __builtin_cpu_supports before release 19.
+bool has_f16c() {
+  unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+  return __get_cpuid(1, &eax, &ebx, &ecx, &edx) != 0 && (ecx & bit_F16C) != 0;
 }
 
 bool has_no_extent(const unsigned extent[3]) {
@@ -134,7 +142,8 @@ const char* korvex_host_instruction_set(void) {
 
 const char* korvex_host_best_instruction_set(void) {
   __builtin_cpu_init();
-  if (!__builtin_cpu_supports("fma") || !__builtin_cpu_supports("avx2")) {
+  if (!__builtin_cpu_supports("fma") || !__builtin_cpu_supports("avx2") ||
+      !korvex::host::has_f16c()) {
     return "base";
   }
   const bool has_avx512 = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&

@@ -25,6 +25,8 @@ LOOKS = {
     "tqx_sum": ("#c1121f", "o"),
     "tqx_dot": ("#c1121f", "o"),
     "tqx_matmul": ("#c1121f", "o"),
+    "exact.sum": ("#c1121f", "."),
+    "exact.vecdot": ("#c1121f", "."),
     "tqx_sum_seq_kernel": ("#e07a5f", "s"),
     "tqx_dot_seq_kernel": ("#e07a5f", "s"),
     "tqx_matmul_kernel": ("#e07a5f", "s"),
@@ -105,10 +107,20 @@ def draw_times(record: dict[str, Any], folder: Path) -> None:
         finish(figure, caption, folder / f"time_of_{name}.png")
 
 
-def draw_errors(record: dict[str, Any], folder: Path) -> None:
+# The page about the module shows the kernels' functions; that about `korvex.exact` its own beside
+# what a user of NumPy has without it.
+OF_THE_MODULE = {name for name in LOOKS if not name.startswith("exact.")}
+OF_ANY_ARRAY = {"numpy.sum", "math.fsum", "exact.sum", "numpy.dot", "math.sumprod", "exact.vecdot"}
+
+
+def draw_errors(
+    record: dict[str, Any], shown_candidates: set[str], folder: Path, name: str
+) -> None:
     figure, panels = plt.subplots(1, 2, figsize=(12, 5.4), sharey=True)
     for axes, run in zip(panels, record["runs"], strict=True):
         for candidate, points in by_candidate(run["results"], "condition", "error").items():
+            if candidate not in shown_candidates:
+                continue
             shown = [(x, min(max(y, LEAST_ERROR), 1.0)) for x, y in points]
             axes.loglog(*zip(*shown, strict=True), label=candidate, **style(candidate))
         axes.axhline(ROUNDING, color="#212529", linewidth=0.8, linestyle=":")
@@ -121,7 +133,7 @@ def draw_errors(record: dict[str, Any], folder: Path) -> None:
         axes.set_axisbelow(True)
         axes.legend(fontsize=9, loc="center right")
     panels[0].set_ylabel("largest relative error of ten (1 stands for all above)")
-    finish(figure, machine_of(record), folder / "errors_by_condition.png")
+    finish(figure, machine_of(record), folder / f"{name}.png")
 
 
 def draw_refined_solves(record: dict[str, Any], folder: Path) -> None:
@@ -151,7 +163,8 @@ def main() -> None:
     records = Records(options.results)
     options.output.mkdir(parents=True, exist_ok=True)
     draw_times(records["bench_curves"], options.output)
-    draw_errors(records["bench_errors"], options.output)
+    draw_errors(records["bench_errors"], OF_THE_MODULE, options.output, "errors_by_condition")
+    draw_errors(records["bench_errors"], OF_ANY_ARRAY, options.output, "errors_of_any_array")
     draw_refined_solves(records["refined_solves"], options.output)
 
 

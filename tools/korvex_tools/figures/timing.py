@@ -99,6 +99,9 @@ def print_targets(targets: list[dict[str, Any]]) -> None:
         "ns_at_most": "at most {:g} ns",
         "times_without_at_most": "at most {:g} times the time with a finite one",
         "times_on_two_threads_at_least": "two threads: at least {:g} times",
+        "times_at_most": "at most {:g} times its time",
+        "ms_at_most": "at most {:g} ms",
+        "megabytes_at_most": "at most {:g} MB beside the operands",
     }
     for target in targets:
         [aim] = [text.format(target[key]) for key, text in words.items() if key in target]

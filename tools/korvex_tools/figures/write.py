@@ -242,6 +242,9 @@ def aims(target: dict[str, Any]) -> list[str]:
         "ratio_at_most": "at most {:g} times plain Python",
         "times_on_two_threads_at_least": "two threads: at least {:g} times",
         "copies_at_most": "at most {:g} copies",
+        "times_at_most": "at most {:g} times its time",
+        "ms_at_most": "at most {:g} ms",
+        "megabytes_at_most": "at most {:g} MB beside the operands",
     }
     return [text.format(target[key]) for key, text in words.items() if target.get(key) is not None]
 
@@ -252,6 +255,33 @@ def durations(records: Records) -> Lines:
 
 
 # --- Blocks of other documents
+
+
+def exact(records: Records) -> Lines:
+    record = records["bench_exact"]
+    rows = [
+        [part["data"], f"`{r['candidate']}`", *exact_cells(r)]
+        for part in record["runs"]
+        for r in part["results"]
+    ]
+    best = record["settings"]["instruction_set"]
+    return [
+        f"{record['settings']['n']:,} values of N(0,1), 100,000 for the standard library, kernels",
+        f"for {best}, one thread but where two are named ({machine(records, 'bench_exact')}):",
+        "",
+        *table(["part", "candidate", "processor time, or memory", "on the clock"], rows),
+    ]
+
+
+def exact_cells(found: dict[str, Any]) -> list[str]:
+    if "ns_per_element" in found:
+        times = (found["ns_per_element_processor"], found["ns_per_element"])
+        return [f"{short(time)} ns an element" for time in times]
+    if "ns_per_call" in found:
+        return ["", f"{short(found['ns_per_call'])} ns a call"]
+    if "ms" in found:
+        return ["", f"{short(found['ms'])} ms"]
+    return [f"{short(found['kilobytes_held'])} kB beside the operands", ""]
 
 
 def series_errors(records: Records) -> Lines:
@@ -291,6 +321,7 @@ BLOCKS: dict[str, Callable[[Records], Lines]] = {
         series_errors,
         refined_solves,
         series_overhead,
+        exact,
     )
 }
 

@@ -1,0 +1,221 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Products of vectors and matrices, and running sums: exact inside, each element rounded once."""
+
+from __future__ import annotations
+
+from typing import Any
+
+import numpy as np
+
+from korvex.exact import _native, _threads
+from korvex.exact._arrays import Operand, Real, as_operand, check_same_home
+from korvex.exact._homes import Array, empty, format_of, give_parts, give_values
+from korvex.exact._state import COUNTS, DOT, State, accumulated
+
+
+def vecdot(x: Any, y: Any, /, *, axis: int = -1, dtype: Any = None) -> Any:
+    """Return the dot product of two vectors, correctly rounded. A complex `x` is conjugated.
+
+    Parameters
+    ----------
+    x, y : array
+        With one axis, of equal length, in one library and on one device. Their dtypes may differ.
+    axis : int
+        The axis of the vectors, 0 or -1.
+    dtype : dtype or str, optional
+        As of `sum`.
+
+    Returns
+    -------
+    scalar or array
+        In the library and on the device of `x`.
+
+    Examples
+    --------
+    >>> import numpy as np
+    >>> from korvex import exact
+    >>> x, y = np.array([1e200, 1.0, 1e200]), np.array([1e200, 0.5, -1e200])
+    >>> print(exact.vecdot(x, y), exact.vecdot(np.array([1j, 2]), np.array([1j, 2j])))
+    0.5 (1+4j)
+    """
+    first, second = as_operand(x, "x"), as_operand(y, "y")
+    home = check_same_home([("x", first), ("y", second)])
+    for name, operand in (("x", first), ("y", second)):
+        if len(operand.shape) != 1:
+            raise ValueError(
+                f"{name} has {len(operand.shape)} axes: korvex.exact.vecdot takes vectors, with one"
+            )
+    if isinstance(axis, bool) or not isinstance(axis, (int, np.integer)):
+        raise TypeError(f"axis must be an int, not {type(axis).__name__}")
+    if axis not in (0, -1):
+        raise ValueError(f"axis {axis} is out of range for vectors, which have one")
+    _check_equal(first.shape[0], second.shape[0])
+    form = format_of(dtype, first.is_complex or second.is_complex)
+    if first.is_complex or second.is_complex:
+        return give_values(home, _complex_dot(first, second, form), form, ())
+    a, b = first.values, second.values
+    value = _native.vecdot(a, b, form, _threads.count, first.format, second.format)
+    return give_values(home, [value], form, ())
+
+
+def _check_equal(first: int, second: int) -> None:
+    if first != second:
+        raise ValueError(f"x has {first} elements, and y has {second}")
+
+
+def _complex_dot(x: Operand, y: Operand, form: str) -> list[float]:
+    """The halves of the sum of conj(x) * y, each the exact sum of its products of halves."""
+    x_halves, y_halves = x.halves(), y.halves()
+    real = accumulated(DOT, x_halves[0], y_halves[0])
+    imaginary = State(DOT)
+    if y.is_complex:
+        imaginary.accumulate(x_halves[0], y_halves[1])
+    if x.is_complex:
+        if y.is_complex:
+            real.accumulate(x_halves[1], y_halves[1])
+        _merge_negated(imaginary, accumulated(DOT, x_halves[1], y_halves[0]))
+    return [state.limbs(form=form)[0] for state in (real, imaginary)]
+
+
+def _merge_negated(state: State, other: State) -> None:
+    """Add the negatives of the products: unlike what is taken away, their specials are added."""
+    positive, negative, nans, elements = other.raw_counts()
+    other.words[-COUNTS:] = (-negative, -positive, -nans, -elements)
+    state.merge(other, sign=-1)
+
+
+# --- Matrices
+
+
+def matmul(a: Any, b: Any, /, *, dtype: Any = None) -> Any:
+    """Return the matrix product, each element correctly rounded from its exact value.
+
+    Parameters
+    ----------
+    a, b : array
+        Matrices, or vectors: one on the left is a row, one on the right a column, and the result
+        has no axis for it. In one library and on one device; their dtypes may differ.
+    dtype : dtype or str, optional
+        As of `sum`.
+
+    Returns
+    -------
+    scalar or array
+        In the library and on the device of `a`.
+
+    Examples
+    --------
+    >>> import numpy as np
+    >>> from korvex import exact
+    >>> a = np.array([[1e20, 1.0, 1e20], [1.0, 2.0, 3.0]])
+    >>> exact.matmul(a, np.array([1e20, 0.5, -1e20])).tolist()
+    [0.5, -2e+20]
+    """
+    first, second = as_operand(a, "a"), as_operand(b, "b")
+    home = check_same_home([("a", first), ("b", second)])
+    for name, operand in (("a", first), ("b", second)):
+        if len(operand.shape) not in (1, 2):
+            raise ValueError(
+                f"{name} has {len(operand.shape)} axes: korvex.exact.matmul takes matrices and "
+                "vectors, no batches yet"
+            )
+    if first.shape[-1] != second.shape[0]:
+        raise ValueError(
+            f"a has rows of {first.shape[-1]} elements, and b has columns of {second.shape[0]}"
+        )
+    form = format_of(dtype, first.is_complex or second.is_complex)
+    shape = first.shape[:-1] + second.shape[1:]
+    left = [_matrix(half, row=True) for half in first.halves()]
+    right = [_matrix(half, row=False) for half in second.halves()]
+    parts = [_product(x, y, form).reshape(shape) for x, y in _factors(left, right)]
+    return give_parts(home, parts, form)
+
+
+def _matrix(values: Real, row: bool) -> Real:
+    """A matrix as it is, and a vector as a matrix of one row or one column."""
+    if values.values.ndim == 2:
+        return values
+    return Real(values.values[None, :] if row else values.values[:, None], values.format)
+
+
+def _factors(left: list[Real], right: list[Real]) -> list[tuple[Real, Real]]:
+    """For each half of the result two real matrices whose product it is.
+
+    The two products of halves that are added become one, of matrices laid side by side, so that
+    their sum is rounded once.
+    """
+    if len(left) == len(right) == 1:
+        return [(left[0], right[0])]
+    if len(right) == 1:
+        return [(half, right[0]) for half in left]
+    if len(left) == 1:
+        return [(left[0], half) for half in right]
+    (a, ai), (b, bi) = ([half.values for half in halves] for halves in (left, right))
+    return [
+        (Real(np.hstack([a, -ai])), Real(np.vstack([b, bi]))),
+        (Real(np.hstack([a, ai])), Real(np.vstack([bi, b]))),
+    ]
+
+
+def _product(a: Real, b: Real, form: str) -> Array:
+    out = empty((a.values.shape[0], b.values.shape[1]), form)
+    _native.matmul(a.values, b.values, out, form, _threads.count, a.format, b.format)
+    return out
+
+
+# --- Running sums
+
+
+def cumulative_sum(
+    x: Any, /, *, axis: int | None = None, dtype: Any = None, include_initial: bool = False
+) -> Any:
+    """Return the sums of the first elements, each correctly rounded from its exact value.
+
+    Parameters
+    ----------
+    x : array
+        Real, with one axis.
+    axis : None, 0 or -1
+        The one axis.
+    dtype : dtype or str, optional
+        As of `sum`.
+    include_initial : bool
+        Whether the result begins with 0, the sum of no elements.
+
+    Returns
+    -------
+    array
+        In the library and on the device of `x`, as long as `x`, or longer by 1.
+
+    Examples
+    --------
+    >>> import numpy as np
+    >>> from korvex import exact
+    >>> exact.cumulative_sum(np.array([1e16, 1.0, 1.0, -1e16]))
+    array([1.e+16, 1.e+16, 1.e+16, 2.e+00])
+    """
+    operand = as_operand(x, "x")
+    if operand.is_complex:
+        raise TypeError("x is complex, and cumulative_sum takes real arrays only")
+    form = format_of(dtype)
+    _check_running(operand.shape, axis, include_initial)
+    sums = empty((operand.shape[0] + include_initial,), form)
+    sums[:1] = 0
+    own = sums[1:] if include_initial else sums
+    _native.cumulative_sum(operand.values, own, form, _threads.count, operand.format)
+    return operand.home.give(sums, form)
+
+
+def _check_running(shape: tuple[int, ...], axis: int | None, include_initial: bool) -> None:
+    if not isinstance(include_initial, (bool, np.bool_)):
+        raise TypeError(f"include_initial must be a bool, not {type(include_initial).__name__}")
+    if len(shape) != 1:
+        raise ValueError(
+            f"x has {len(shape)} axes: korvex.exact.cumulative_sum takes arrays with one"
+        )
+    if axis is None:
+        return
+    if isinstance(axis, bool) or not isinstance(axis, (int, np.integer)):
+        raise TypeError(f"axis must be None or an int, not {type(axis).__name__}")
+    if axis not in (0, -1):
+        raise ValueError(f"axis {axis} is out of range for an array with 1 axis")

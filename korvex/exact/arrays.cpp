@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: Apache-2.0
+// Functions of arrays in one call, with no state in Python.
+#include "korvex/exact/array_argument.h"
+#include "korvex/exact/call.h"
+#include "korvex/exact/functions.h"
+#include "korvex/exact/host_library.h"
+#include "korvex/exact/options.h"
+
+namespace korvex::exact {
+namespace {
+
+// ---- sum(x, format, threads, x_format=None)
+
+constexpr Parameters<4> kSum = {"sum", {"x", "format", "threads", "x_format"}, 3};
+
+PyObject* sum(PyObject*, PyObject* const* values, Py_ssize_t count, PyObject* keywords) {
+  return guarded([&] {
+    const auto [x_value, format_value, threads_value, x_format] =
+        bind(kSum, values, count, keywords);
+    const ArrayArgument x("x", x_value, x_format);
+    const int format = result_format_option(format_value);
+    const int threads = threads_option(threads_value);
+    double result;
+    call_host(x.size(), "", [&] {
+      return host().reduce(KORVEX_EXACT_SUM, &x.array(), nullptr, format, threads, &result);
+    });
+    return floating(result);
+  });
+}
+
+// ---- vecdot(x, y, format, threads, x_format=None, y_format=None)
+
+constexpr Parameters<6> kVecdot = {
+    "vecdot", {"x", "y", "format", "threads", "x_format", "y_format"}, 4};
+
+PyObject* vecdot(PyObject*, PyObject* const* values, Py_ssize_t count, PyObject* keywords) {
+  return guarded([&] {
+    const auto [x_value, y_value, format_value, threads_value, x_format, y_format] =
+        bind(kVecdot, values, count, keywords);
+    const ArrayArgument x("x", x_value, x_format);
+    const ArrayArgument y("y", y_value, y_format);
+    x.require_shape_of(y);
+    const int format = result_format_option(format_value);
+    const int threads = threads_option(threads_value);
+    double result;
+    call_host(x.size(), "", [&] {
+      return host().reduce(KORVEX_EXACT_DOT, &x.array(), &y.array(), format, threads, &result);
+    });
+    return floating(result);
+  });
+}
+
+// ---- cumulative_sum(x, out, format, threads, x_format=None)
+
+constexpr Parameters<5> kCumulativeSum = {
+    "cumulative_sum", {"x", "out", "format", "threads", "x_format"}, 4};
+
+PyObject* cumulative_sum(PyObject*, PyObject* const* values, Py_ssize_t count, PyObject* keywords) {
+  return guarded([&] {
+    const auto [x_value, out_value, format_value, threads_value, x_format] =
+        bind(kCumulativeSum, values, count, keywords);
+    const ArrayArgument x("x", x_value, x_format);
+    x.require_rank(1);
+    const int format = result_format_option(format_value);
+    const OutArgument out(out_value, format);
+    out.require_shape(x.shape());
+    const int threads = threads_option(threads_value);
+    call_host(x.size(), "",
+              [&] { return host().cumulative_sum(&x.array(), format, threads, out.data()); });
+    return none();
+  });
+}
+
+// ---- matmul(a, b, out, format, threads, a_format=None, b_format=None)
+
+constexpr Parameters<7> kMatmul = {
+    "matmul", {"a", "b", "out", "format", "threads", "a_format", "b_format"}, 5};
+
+PyObject* matmul(PyObject*, PyObject* const* values, Py_ssize_t count, PyObject* keywords) {
+  return guarded([&] {
+    const auto [a_value, b_value, out_value, format_value, threads_value, a_format, b_format] =
+        bind(kMatmul, values, count, keywords);
+    const ArrayArgument a("a", a_value, a_format);
+    a.require_rank(2);
+    const ArrayArgument b("b", b_value, b_format);
+    b.require_rank(2);
+    const std::int64_t columns = a.array().extents[1];
+    const std::int64_t rows = b.array().extents[0];
+    if (columns != rows) {
+      raise_formatted(PyExc_ValueError, messages::kInnerExtents, columns, rows);
+    }
+    const int format = result_format_option(format_value);
+    const OutArgument out(out_value, format);
+    const Object m = integer(a.array().extents[0]);
+    const Object n = integer(b.array().extents[1]);
+    out.require_shape(tuple(m, n));
+    const int threads = threads_option(threads_value);
+    check_status(without_lock([&] {
+                   return host().matrix_product(&a.array(), &b.array(), format, threads,
+                                                out.data());
+                 }),
+                 "");
+    return none();
+  });
+}
+
+PyMethodDef methods[] = {
+    method_row("sum", sum, "The sum of all elements, rounded once to a format."),
+    method_row("vecdot", vecdot, "The sum of all products, rounded once to a format."),
+    method_row("cumulative_sum", cumulative_sum, "Writes each sum so far, rounded once, to out."),
+    method_row("matmul", matmul, "Writes the product of two matrices, rounded once, to out."),
+    {nullptr, nullptr, 0, nullptr},
+};
+
+}  // namespace
+
+PyMethodDef* array_functions() { return methods; }
+
+}  // namespace korvex::exact

@@ -1,0 +1,65 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Doc strings and docs/exact.md: every example is run, and every public name has one."""
+
+import doctest
+import importlib
+import inspect
+import pkgutil
+import re
+from pathlib import Path
+
+import pytest
+
+from korvex import exact
+
+PAGE = Path(__file__).resolve().parents[2] / "docs" / "exact.md"
+MODULES = ["korvex.exact"] + [
+    f"korvex.exact.{found.name}" for found in pkgutil.iter_modules(exact.__path__)
+]
+
+
+def documented():
+    """Public functions, classes, and methods with a doc string of their own."""
+    for name in exact.__all__:
+        value = getattr(exact, name)
+        yield name, value
+        if isinstance(value, type):
+            for member_name, member in inspect.getmembers(value):
+                if not member_name.startswith("_"):
+                    yield f"{name}.{member_name}", member
+
+
+@pytest.mark.parametrize("name", MODULES)
+def test_examples_of_doc_strings(name):
+    failed, _ = doctest.testmod(importlib.import_module(name))
+    assert failed == 0
+
+
+@pytest.mark.parametrize(("name", "value"), [*documented()], ids=lambda value: str(value)[:40])
+def test_every_public_name_has_an_example(name, value):
+    assert ">>> " in inspect.getdoc(value), name
+
+
+def test_examples_of_the_page():
+    """All blocks in order, each with the names of those before."""
+    blocks = re.findall(r"^```pycon\n(.*?)^```$", PAGE.read_text(), re.MULTILINE | re.DOTALL)
+    assert len(blocks) >= 5
+    parser, runner, names, report = doctest.DocTestParser(), doctest.DocTestRunner(), {}, []
+    for number, text in enumerate(blocks):
+        test = parser.get_doctest(text, names, f"block {number}", str(PAGE), 0)
+        runner.run(test, out=report.append, clear_globs=False)
+        names = test.globs
+    assert runner.failures == 0, "".join(report)
+    assert runner.tries > 20
+
+
+def test_the_first_block_has_ten_lines_of_use():
+    first = re.search(r"^```pycon\n(.*?)^```$", PAGE.read_text(), re.MULTILINE | re.DOTALL)[1]
+    assert 8 <= len(re.findall(r"^>>> ", first, re.MULTILINE)) <= 12
+
+
+def test_the_page_names_every_public_name():
+    text = PAGE.read_text()
+    assert [
+        name for name in exact.__all__ if f"`{name}" not in text and f"exact.{name}" not in text
+    ] == []

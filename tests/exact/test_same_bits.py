@@ -1,0 +1,128 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Results do not depend on instruction sets, threads, order, or how elements are cut into arrays.
+
+Long arrays, so that registers, blocks and threads all have their part in a call.
+"""
+
+import numpy as np
+import pytest
+from exact_arrays import REAL_DTYPES, drawn, numpy_dtype
+from exact_oracle import numbers_of
+
+from korvex import exact
+from korvex.exact import _native
+
+LONG = 40_003
+COUNT_OF_SPECIALS = 40
+
+
+def long_array(name, specials=False):
+    x = drawn(name, LONG, seed=11)
+    if specials and numpy_dtype(name).kind in "fV":
+        places = np.random.default_rng(5).choice(LONG, COUNT_OF_SPECIALS, replace=False)
+        x[places] = np.tile([np.inf, -np.inf, np.nan, np.inf], COUNT_OF_SPECIALS // 4)
+    return x
+
+
+def everything(x, y):
+    """Bytes of all three accumulators and of the functions' results."""
+    dot = exact.Dot()
+    dot.add(x, y)
+    kept = [exact.Sum.from_chunks([x]), dot, exact.Moments.from_chunks([x])]
+    matrix = x[:1200].reshape(30, 40)
+    arrays = [
+        exact.sum(x),
+        exact.vecdot(x, y),
+        exact.cumulative_sum(x[:3000]),
+        exact.matmul(matrix, y[:1200].reshape(40, 30)),
+        exact.sum(x, dtype="float32"),
+        exact.var(x),
+    ]
+    return [*map(bytes, kept)] + [np.asarray(each).tobytes() for each in arrays]
+
+
+@pytest.mark.parametrize("name", REAL_DTYPES)
+def test_instruction_sets_and_threads(name, usable_instruction_sets):
+    x, y = long_array(name), long_array(name)[::-1]
+    results = []
+    for instruction_set in usable_instruction_sets:
+        _native.set_instruction_set(instruction_set)
+        assert _native.instruction_set() == instruction_set
+        for threads in (1, 2, 5):
+            exact.set_threads(threads)
+            results.append(everything(x, y))
+    assert all(result == results[0] for result in results)
+    assert exact.Sum.from_chunks([x]).to_fraction() == sum_of_numbers(x)
+
+
+def sum_of_numbers(x):
+    from fractions import Fraction
+
+    return sum(map(Fraction, numbers_of(x)), Fraction())
+
+
+@pytest.mark.parametrize("name", REAL_DTYPES)
+@pytest.mark.parametrize("specials", [False, True], ids=["finite", "with specials"])
+def test_chunks_and_order(name, specials):
+    x = long_array(name, specials)
+    shuffled = x[np.random.default_rng(7).permutation(LONG)]
+    for kind in (exact.Sum, exact.Moments):
+        whole = kind.from_chunks([x])
+        for size in (1009, 8192, 30_000):
+            cut = [x[place : place + size] for place in range(0, LONG, size)]
+            assert kind.from_chunks(cut) == whole
+            assert kind.from_chunks(reversed(cut)).checksum() == whole.checksum()
+            assert sum_of_parts(kind, cut) == whole
+        assert kind.from_chunks([shuffled]) == kind.from_chunks([x[::-1]]) == whole
+        whole.subtract(x[::2])
+        assert whole == kind.from_chunks([x[1::2]])
+
+
+def sum_of_parts(kind, chunks):
+    """By merging in pairs, as processes would."""
+    parts = [kind.from_chunks([chunk]) for chunk in chunks]
+    while len(parts) > 1:
+        joined = [a + b for a, b in zip(parts[::2], parts[1::2], strict=False)]
+        parts = joined + parts[2 * len(joined) :]
+    return parts[0]
+
+
+@pytest.mark.parametrize("name", ["float64", "float32", "bfloat16", "int64", "uint8"])
+def test_strides_and_alignment_of_long_arrays(name):
+    x = long_array(name)
+    raw = np.zeros(x.nbytes + 16, np.uint8)
+    wide = np.zeros((LONG, 3), x.dtype)
+    wide[:, 1] = x
+    expected = everything(x, x)
+    for offset in (0, 1, 4, 8):
+        shifted = raw[offset : offset + x.nbytes].view(x.dtype)
+        shifted[:] = x
+        assert everything(shifted, x) == expected
+    assert everything(wide[:, 1], wide[:, 1]) == expected
+    assert everything(x[::-1].copy()[::-1], x) == expected
+
+
+@pytest.mark.parametrize(
+    "length", [*range(70), *(2**k + d for k in range(7, 14) for d in (-1, 0, 1))]
+)
+def test_every_length_is_that_of_its_elements_one_by_one(length):
+    x = long_array("float64")[:length]
+    narrow = long_array("float32")[:length]
+    total, dot = exact.Sum.from_chunks([x]), exact.Dot.from_chunks([(x, narrow)])
+    half = length // 2
+    assert total == exact.Sum.from_chunks([x[half:], x[:half]])
+    assert dot == exact.Dot.from_chunks([(x[half:], narrow[half:]), (x[:half], narrow[:half])])
+    if length < 70:
+        assert total == exact.Sum.from_chunks(x[place : place + 1] for place in range(length))
+
+
+def test_adding_from_several_threads_to_accumulators_of_their_own():
+    from concurrent.futures import ThreadPoolExecutor
+
+    x = long_array("float64")
+    with ThreadPoolExecutor(4) as pool:
+        parts = pool.map(lambda part: exact.Sum.from_chunks([part]), np.array_split(x, 40))
+        total = exact.Sum()
+        for part in parts:
+            total += part
+    assert total == exact.Sum.from_chunks([x])
