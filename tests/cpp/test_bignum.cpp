@@ -279,10 +279,12 @@ void square_roots_are_cut_to_units() {
 // One bit that differs from that of half a gap decides, whatever follows it.
 void one_bit_decides_a_rounding() {
   const Fixed<5> one = fixed_from<5>(1, 0);
-  for (int position = 54; position < 230; ++position) {
+  for (int position = 54; position <= 256 - 25; ++position) {  // down to the last that counts
     const Fixed<5> little = fixed_from<5>(1, -position);
     CHECK(rounded(one + little, 0, 24).is_decided);
-    CHECK(rounded(one + fixed_from<5>(1, -53) - little, 0, 24).is_decided);
+    if (position < 256 - 25) {
+      CHECK(rounded(one + fixed_from<5>(1, -53) - little, 0, 24).is_decided);
+    }
   }
 }
 

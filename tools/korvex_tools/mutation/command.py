@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Plants faults in the arithmetic headers and the host kernels, one at a time, and runs their tests.
+"""Plants faults in the arithmetic and the host kernels, one at a time, and runs their tests.
 
 Each mutant is tried on the tests of its own file first. What passes these is compared with the
 original as -O2 object code, where a change that no result can show mostly vanishes, and then meets
@@ -61,6 +61,9 @@ class Run:
         self.output = output
         self.rows = read(output)
 
+    def has_survived(self, mutant: Mutant) -> bool:
+        return self.rows.get(mutant.name, {"outcome": ""})["outcome"].startswith("survived")
+
     def keep(self, mutant: Mutant, outcome: dict[str, Any], seconds: float) -> None:
         row = {
             "mutant": mutant.name,
@@ -109,7 +112,7 @@ def run(options: argparse.Namespace) -> dict[str, dict[str, Any]]:
     mutants = planned(options)
     left = [m for m in mutants if m.name not in current.rows]
     if options.again:
-        left += [m for m in mutants if current.rows.get(m.name, {}).get("outcome") == "survived"]
+        left = [m for m in mutants if current.has_survived(m)] + left
     print(f"{len(mutants)} mutants, {len(left)} of them to try", flush=True)
     try:
         for mutant in left:
@@ -141,9 +144,7 @@ def main() -> int:
     parser.add_argument(
         "--only-own", action="store_true", help="only the tests of its own file each"
     )
-    parser.add_argument(
-        "--record", action="store_true", help="keep the result for docs/mutation.md"
-    )
+    parser.add_argument("--record", action="store_true", help="keep the result for docs/testing.md")
     options = parser.parse_args()
     begin = time.monotonic()
     rows = run(options)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Golden cases on a mutated library of host kernels, each library in a fork of one prepared process.
+"""Golden cases on a library of mutated host kernels, each in a fork of one prepared process.
 
 Run as a program it reads lines of a file that was changed and the path of a library, and answers
 each by a line: "equal", or the first case that differs.
