@@ -31,8 +31,8 @@ LONG_OPERANDS = 0.1  # of the calls of these functions: long enough for kernels 
 LARGE = 200_000
 TAKE_LONG_OPERANDS = {
     f"tqx_{name}"
-    for name in "sum mean var std norm prod cumsum logsumexp dot add sub mul div relu neg abs exp log "
-    "sqrt sigmoid tanh".split()
+    for name in "sum mean var std norm prod cumsum logsumexp dot add sub mul div relu neg abs exp "
+    "log sqrt sigmoid tanh".split()
 }
 KERNELS = "libkorvex_host_kernels"
 DISTURBED = 0.5  # of the calls
