@@ -60,7 +60,7 @@ PLANTED = {
         r"soak: FAILED: memory grew by [\d.]+ MB, more than 64",
     ),
     "a file left open": (
-        "files = []\nsoak_calls.fuzzer.shape = lambda source: files.append(open('/dev/null')) or ()",
+        "kept = []; soak_calls.fuzzer.shape = lambda s: kept.append(open('/dev/null')) or ()",
         r"soak: FAILED: \d+ descriptors are open, after warm-up \d+",
     ),
     "the end of the process": (
