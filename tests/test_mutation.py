@@ -133,7 +133,8 @@ def test_every_reason_is_for_code_that_is_there():
         assert line in lines and before.split("\n")[0] in line
 
 
-def test_command_refuses_a_file_that_has_no_mutants():
+def test_command_refuses_a_file_that_has_no_mutants(tmp_path):
     program = [sys.executable, "-P", "-m", "korvex_tools.mutation", "--files", "nothing.h"]
-    ended = subprocess.run(program, capture_output=True, text=True)
+    ended = subprocess.run([*program, "--folder", tmp_path], capture_output=True, text=True)
     assert ended.returncode == 1 and "nothing.h" in ended.stderr
+    assert list(tmp_path.iterdir()) == []  # a run that goes on keeps its copy of the tree

@@ -62,7 +62,9 @@ class Run:
         self.rows = read(output)
 
     def has_survived(self, mutant: Mutant) -> bool:
-        return self.rows.get(mutant.name, {"outcome": ""})["outcome"].startswith("survived")
+        """Tried, not killed, and for no known reason."""
+        row = self.rows.get(mutant.name)
+        return bool(row and row["outcome"].startswith("survived") and not record.reason_of(row))
 
     def keep(self, mutant: Mutant, outcome: dict[str, Any], seconds: float) -> None:
         row = {
@@ -105,11 +107,13 @@ def planned(options: argparse.Namespace) -> list[Mutant]:
 
 def run(options: argparse.Namespace) -> dict[str, dict[str, Any]]:
     options.output.parent.mkdir(parents=True, exist_ok=True)
+    if options.tried:
+        return read(options.output)
+    mutants = planned(options)
     tree = Tree(options.folder / "tree", compiler())
     tree.fill()
     trials = Trials(tree, usable_sets())
     current = Run(trials, options.output)
-    mutants = planned(options)
     left = [m for m in mutants if m.name not in current.rows]
     if options.again:
         left = [m for m in mutants if current.has_survived(m)] + left
@@ -144,11 +148,10 @@ def main() -> int:
     parser.add_argument(
         "--only-own", action="store_true", help="only the tests of its own file each"
     )
+    parser.add_argument("--tried", action="store_true", help="no trials: what that file holds")
     parser.add_argument("--record", action="store_true", help="keep the result for docs/testing.md")
     options = parser.parse_args()
-    begin = time.monotonic()
-    rows = run(options)
-    found = record.make(rows, options.seed, time.monotonic() - begin)
+    found = record.make(run(options), options.seed)
     if options.record:
         record.write(found)
     print(record.figures(found))

@@ -148,6 +148,8 @@ class Tree:
             )
         except subprocess.TimeoutExpired as error:
             raise NotCompiled("the compiler did not end") from error
+        if done.returncode < 0 or "terminated program" in done.stderr:
+            raise RuntimeError(f"the compiler was ended from outside: {done.stderr}")
         if done.returncode != 0:
             raise NotCompiled(done.stderr)
         return done.stdout

@@ -39,7 +39,11 @@ def reasons(path: Path = REASONS) -> dict[tuple[str, str, str, str], str]:
     return {key_of(row): group["reason"] for group in rows for row in group["mutants"]}
 
 
-def make(rows: dict[str, dict[str, Any]], seed: int, seconds: float) -> dict[str, Any]:
+def reason_of(row: dict[str, Any]) -> str | None:
+    return reasons().get(key_of(row))
+
+
+def make(rows: dict[str, dict[str, Any]], seed: int) -> dict[str, Any]:
     known = reasons()
     mutants = []
     for row in rows.values():
@@ -51,7 +55,7 @@ def make(rows: dict[str, dict[str, Any]], seed: int, seconds: float) -> dict[str
         **machine_facts.source_facts(),
         "machine": machine_facts.machine(),
         "seed": seed,
-        "seconds": round(seconds),
+        "seconds": round(sum(row["seconds"] for row in rows.values())),
         "mutants": mutants,
     }
 
