@@ -23,7 +23,7 @@ pytestmark = [
 
 
 def soak(*options, **environment):
-    paths = [SUPPORT, TOOLS, *filter(None, [os.environ.get("PYTHONPATH")])]
+    paths = [SOAK.parent, SUPPORT, TOOLS, *filter(None, [os.environ.get("PYTHONPATH")])]
     environment["PYTHONPATH"] = os.pathsep.join(map(str, paths))
     return subprocess.run(
         [sys.executable, "-P", SOAK, *options],
@@ -75,7 +75,7 @@ def test_what_goes_wrong_ends_with_status_one(name, tmp_path):
     planted, expected = PLANTED[name]
     calls = tmp_path / "planted.py"
     calls.write_text(
-        f"import os, sys\nsys.path.insert(0, {str(SOAK.parent)!r})\n"
+        "import os, sys\n"
         f"import soak_calls, reference_runtime\n{planted}\nsys.exit(soak_calls.main())\n"
     )
     ended = soak("--seconds", "8", "--calls", str(calls))
