@@ -43,7 +43,8 @@ CXX_FILES := $(shell find $(CODE_FOLDERS) \( -name '*.cpp' -o -name '*.h' -o -na
 HEADERS := $(filter %.h %.cuh,$(CXX_FILES))
 TIDY_STAMPS := $(patsubst %,build/tidy/%.ok,$(filter %.cpp,$(CXX_FILES)))
 
-.PHONY: help demo interface test check environment install cpp-tests python-tests test-long leaks fuzz \
+.PHONY: help demo interface test check environment install cpp-tests python-tests test-long leaks fuzz soak \
+  mutation mutation-long \
   sanitize device-code device-code-long device-code-tools verify verify-long verify-elementary \
   figures gpu site lint format-check tidy configure \
   format wheel wheels clean distclean
@@ -122,6 +123,22 @@ FUZZ_SECONDS ?= 500
 fuzz: install ## random calls on module and reference; FUZZ_SECONDS=500, FUZZ_SEED=the time
 	@PYTHONPATH=$(abspath tests/support)$${PYTHONPATH:+:$$PYTHONPATH} \
 	  $(PY) -P tests/fuzz/fuzz_module.py --seed $(FUZZ_SEED) --seconds $(FUZZ_SECONDS)
+
+SOAK_SEED ?= $(shell date +%s)
+SOAK_SECONDS ?= 3600
+
+soak: install ## all functions on threads, with interrupts and failing allocations; SOAK_SECONDS=3600
+	@PYTHONPATH=$(abspath tests/support):$(abspath tools)$${PYTHONPATH:+:$$PYTHONPATH} \
+	  $(PY) -P tests/fuzz/soak.py --seed $(SOAK_SEED) --seconds $(SOAK_SECONDS)
+
+# A run that was ended goes on where it was; MUTATION_ARGS="--files '*/norm.h' --all" tries one header.
+MUTATION_ARGS ?=
+
+mutation: install ## plant faults in the arithmetic and run their tests: a sample (minutes)
+	@$(TOOL).mutation --sample 60 $(MUTATION_ARGS)
+
+mutation-long: install ## the same with every fault there is (many hours)
+	@$(TOOL).mutation --all $(MUTATION_ARGS)
 
 sanitize: environment ## all tests on a build under AddressSanitizer and UndefinedBehaviorSanitizer
 	@scripts/run_sanitized.sh $(PY) $(PYTEST_ARGS)

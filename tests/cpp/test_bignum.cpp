@@ -276,6 +276,37 @@ void square_roots_are_cut_to_units() {
   }
 }
 
+// One bit that differs from that of half a gap decides, whatever follows it.
+void one_bit_decides_a_rounding() {
+  const Fixed<5> one = fixed_from<5>(1, 0);
+  for (int position = 54; position <= 256 - 25; ++position) {  // down to the last that counts
+    const Fixed<5> little = fixed_from<5>(1, -position);
+    CHECK(rounded(one + little, 0, 24).is_decided);
+    if (position < 256 - 25) {
+      CHECK(rounded(one + fixed_from<5>(1, -53) - little, 0, 24).is_decided);
+    }
+  }
+}
+
+void inverse_roots_of_what_is_no_positive_number() {
+  const auto special = [](double eps, bool any_nan, bool any_infinite) {
+    ProductAccumulator squares;
+    squares.clear();
+    return inverse_root(squares, any_nan, any_infinite, 3, eps).special;
+  };
+  const double nan = canonical_nan();
+  CHECK_SAME_BITS(special(0, false, false), kInf);
+  CHECK_SAME_BITS(special(1, false, false), 1);
+  CHECK_SAME_BITS(special(-1, false, false), nan);
+  CHECK_SAME_BITS(special(kInf, false, false), 0.0);
+  CHECK_SAME_BITS(special(1, false, true), 0.0);
+  for (const bool any_infinite : {false, true}) {
+    CHECK_SAME_BITS(special(1, true, any_infinite), nan);
+    CHECK_SAME_BITS(special(nan, false, any_infinite), nan);
+    CHECK_SAME_BITS(special(-kInf, false, any_infinite), nan);
+  }
+}
+
 // A double made of fixed point and back is the same.
 void rounding_gives_back_doubles_and_finds_midpoints() {
   Random random(75);
@@ -316,6 +347,8 @@ void test_bignum() {
   products_lose_less_than_their_words();
   quotients_are_cut_to_units();
   square_roots_are_cut_to_units();
+  one_bit_decides_a_rounding();
+  inverse_roots_of_what_is_no_positive_number();
   rounding_gives_back_doubles_and_finds_midpoints();
 }
 

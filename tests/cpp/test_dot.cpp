@@ -176,6 +176,54 @@ void large_factors_of_moderate_products_stay_exact() {
   expect_exact(pairs);
 }
 
+// (1 + 2^-52)^2 ends 104 bits below its first: from 2^-971 on, its error is no double, and two or
+// more of them show what was lost. Alone, with zeros between, and beside products that widen the
+// plan of a chunk.
+void products_are_exact_on_both_sides_of_the_least_that_is_split() {
+  using arithmetic::kLeastSplitExponent;
+  const double odd = 1 + 0x1p-52;
+  for (int exponent = kLeastSplitExponent + 3; exponent > -1030; --exponent) {
+    const double x = std::ldexp(odd, exponent / 2);
+    const double y = std::ldexp(odd, exponent - exponent / 2);
+    for (const std::size_t count : {2U, 3U, 300U, 1100U}) {
+      expect_exact({std::vector<double>(count, x), std::vector<double>(count, y)});
+    }
+    expect_exact(spread({{x, x, -x}, {y, y, y * 0x1.8p-1}}));
+    expect_exact(spread({{1, x, x, -1}, {1, y, y, 1}}));
+    for (const int top : {-490, -484, -478, -472, -466, -460, -440}) {
+      expect_exact(spread({{std::ldexp(odd, top), x, x}, {std::ldexp(odd, top), y, y}}));
+    }
+  }
+}
+
+// The limit itself is no small product, and the double below it is one, of either sign.
+template <class Lanes>
+void expect_small_products_to_be_seen() {
+  using Cascade = arithmetic::ProductCascade<Lanes, 3, 2>;
+  const double limit = arithmetic::kLeastSplitProduct;
+  CHECK_SAME_BITS(limit, std::ldexp(1.0, arithmetic::kLeastSplitExponent));
+  CHECK(arithmetic::kLeastSplitExponent >= -969);  // the condition of two_product
+  for (std::size_t place = 0; place < Cascade::kStep; ++place) {
+    for (const double sign : {1.0, -1.0}) {
+      std::vector<double> x(Cascade::kStep, 1.0);
+      const std::vector<double> y(Cascade::kStep, 1.0);
+      x[place] = sign * limit;
+      Cascade at_limit(0);
+      at_limit.feed(x.data(), y.data());
+      CHECK(!at_limit.saw_small());
+      x[place] = sign * std::nextafter(limit, 0.0);
+      Cascade below(0);
+      below.feed(x.data(), y.data());
+      CHECK(below.saw_small());
+    }
+  }
+}
+
+void a_cascade_sees_products_below_the_least_that_is_split() {
+  expect_small_products_to_be_seen<arithmetic::ScalarLanes>();
+  expect_small_products_to_be_seen<HostLanes>();
+}
+
 // One pair out of scale: the plan must widen, give up or recover, exactly.
 void an_outlier_anywhere_is_kept() {
   Random random(55);
@@ -203,6 +251,8 @@ void test_dot() {
   each_shape_is_exact_over_many_chunks();
   slices_filled_to_the_brim_stay_exact();
   large_factors_of_moderate_products_stay_exact();
+  products_are_exact_on_both_sides_of_the_least_that_is_split();
+  a_cascade_sees_products_below_the_least_that_is_split();
   an_outlier_anywhere_is_kept();
 }
 

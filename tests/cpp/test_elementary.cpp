@@ -136,12 +136,95 @@ void special_arguments() {
   CHECK_SAME_BITS(square_root(-0.0), -0.0);
   CHECK_SAME_BITS(square_root(-1.0), canonical_nan());
   CHECK_SAME_BITS(relu(-0.0), 0.0);
+  CHECK_SAME_BITS(relu(0x1p-1074), 0x1p-1074);
+  CHECK_SAME_BITS(relu(0.5), 0.5);
+  CHECK_SAME_BITS(relu(-0.5), 0.0);
+  CHECK_SAME_BITS(relu(kInf), kInf);
+  CHECK_SAME_BITS(leaky_relu(0.5, 0.25), 0.5);
+  CHECK_SAME_BITS(leaky_relu(-0.5, 0.25), -0.125);
+  CHECK_SAME_BITS(leaky_relu(0x1p-1074, 0.25), 0x1p-1074);
   CHECK_SAME_BITS(negated(canonical_nan()), double_of(0xfff8000000000000));
+}
+
+using Table = Fixed<5>;  // 256 bits after the point
+
+// RN(value - high): the second part of an entry whose first part is high.
+double second_part(const Table& value, double high) {
+  const SignedFixed<5> rest = signed_difference(value, fixed_magnitude<5>(high));
+  if (is_zero(rest.magnitude)) {
+    return 0.0;
+  }
+  const double low = rounded(rest.magnitude, 0, kFixedExpUncertainBits).value;
+  return rest.is_negative ? -low : low;
+}
+
+// log 2 = 1/2 + 1/8 + 1/24 + ..., the terms 1 / (k 2^k).
+void the_digits_of_log_2_are_its_series() {
+  constexpr int kMore = kLn2Words + 1;  // one word for what is cut off
+  Fixed<kMore> sum{};
+  for (std::uint32_t k = 1; k < 64 * (kMore - 1); ++k) {
+    sum = sum + fixed_from<kMore>(1, -static_cast<int>(k)) / k;
+  }
+  for (int i = 0; i < kLn2Words; ++i) {
+    CHECK(sum.word[i + 1] == kLn2Digits[i]);
+  }
+}
+
+void tables_of_exp_hold_powers_of_two() {
+  const Table ln2 = fixed_ln2<5>();
+  for (std::uint64_t j = 0; j < kExpEntries; ++j) {
+    const FixedExp<5> power = fixed_exp(shifted_down<5>(ln2 * j, 6), false);
+    CHECK(power.exponent == 0);
+    const double high = rounded(power.fixed, 0, kFixedExpUncertainBits).value;
+    CHECK_SAME_BITS(kPowerTable[j].high, high);
+    CHECK_SAME_BITS(kPowerTable[j].low, second_part(power.fixed, high));
+  }
+  CHECK_SAME_BITS(kExpStepLow, second_part(shifted_down<5>(ln2, 6), kExpStepHigh));
+  CHECK_SAME_BITS(kLn2Low, second_part(ln2, kLn2High));
+  CHECK_SAME_BITS(std::ldexp(0x1.71547652b82fep+0, 6), kExpEntriesPerLn2);
+}
+
+// exp(log(1 + z)) is 1 + z, of both signs, in all bits but those that either may lose.
+void series_of_log_undo_exp() {
+  for (int exponent = -41; exponent > -120; exponent -= 7) {
+    for (const bool is_negative : {false, true}) {
+      const SignedFixed<5> z{fixed_from<5>(5, exponent - 3), is_negative};
+      const SignedFixed<5> log = fixed_log1p(z);
+      const FixedExp<5> e = fixed_exp(log.magnitude, log.is_negative);
+      const SignedFixed<5> one_and_z = SignedFixed<5>{fixed_from<5>(1, 0), false} + z;
+      const Table back = shifted_down<5>(e.fixed, -e.exponent);
+      const SignedFixed<5> rest = signed_difference(back, one_and_z.magnitude);
+      CHECK(log.is_negative == is_negative);
+      CHECK(highest_bit(rest.magnitude) < kFixedExpUncertainBits);
+    }
+  }
+}
+
+// c exp(-log c) is 1 but for the rounding of the second part.
+void tables_of_log_hold_logarithms() {
+  for (const LogEntry& entry : kLogTable) {
+    if (entry.reciprocal == 1) {
+      CHECK(entry.high == 0 && entry.low == 0);
+      continue;
+    }
+    const SignedFixed<5> high{fixed_magnitude<5>(entry.high), is_negative(entry.high)};
+    const SignedFixed<5> low{fixed_magnitude<5>(entry.low), is_negative(entry.low)};
+    const SignedFixed<5> log = high + low;
+    const FixedExp<5> e = fixed_exp(log.magnitude, log.is_negative);
+    const int exponent = e.exponent + shift(entry.reciprocal) + kUnitExponent;
+    const Table product = shifted_down<5>(e.fixed * significand(entry.reciprocal), -exponent);
+    const SignedFixed<5> rest = signed_difference(product, fixed_from<5>(1, 0));
+    CHECK(highest_bit(rest.magnitude) < 256 + std::ilogb(entry.low) - 53);
+  }
 }
 
 }  // namespace
 
 void test_elementary() {
+  the_digits_of_log_2_are_its_series();
+  tables_of_exp_hold_powers_of_two();
+  series_of_log_undo_exp();
+  tables_of_log_hold_logarithms();
   phases_agree();
   first_tries_agree();
   widths_agree();

@@ -221,6 +221,68 @@ void pairs_are_those_of_the_bodies(const Library& library) {
   }
 }
 
+// Of a kernel that takes x, arrays of results and the number of elements.
+std::vector<double> launch_reduction(const Library& library, const char* kernel,
+                                     const std::vector<double>& x, std::size_t outputs,
+                                     std::size_t size, int threads) {
+  std::vector<double> out(outputs * size, 7.0);
+  std::vector<const double*> pointers = {x.data()};
+  for (std::size_t i = 0; i < outputs; ++i) {
+    pointers.push_back(out.data() + i * size);
+  }
+  auto n = static_cast<std::int64_t>(x.size());
+  std::vector<void*> arguments;
+  for (auto& pointer : pointers) {
+    arguments.push_back(static_cast<void*>(&pointer));
+  }
+  arguments.push_back(&n);
+  CHECK(library.launch(library.index_of(kernel), kOne, arguments, threads) == 0);
+  return out;
+}
+
+void reductions_on_several_threads_are_those_on_one(const Library& library) {
+  Random random(54);
+  const std::vector<double> x = draw_many(random, Shape::kNarrow, 300001, true);
+  const struct {
+    const char* kernel;
+    std::size_t outputs;
+    std::size_t size;
+  } kernels[] = {{"tqx_var_kernel", 2, 1},
+                 {"tqx_norm_kernel", 1, 1},
+                 {"tqx_prod_kernel", 2, 1},
+                 {"tqx_cumsum_kernel", 2, x.size()},
+                 {"tqx_logsumexp_kernel", 1, 1}};
+  for (const auto& [kernel, outputs, size] : kernels) {
+    const std::vector<double> one = launch_reduction(library, kernel, x, outputs, size, 1);
+    for (const int threads : {2, 3, 4}) {
+      CHECK(same_limbs(launch_reduction(library, kernel, x, outputs, size, threads), one));
+    }
+  }
+}
+
+void dots_on_several_threads_are_those_on_one(const Library& library) {
+  Random random(55);
+  const std::vector<double> x = draw_many(random, Shape::kWide, 300001, false);
+  const std::vector<double> y = draw_many(random, Shape::kWide, 300001, false);
+  const auto dot = [&](int threads) {
+    std::vector<double> out(3, 7.0);
+    const double* pointers[] = {x.data(), y.data(), &out[0], &out[1], &out[2]};
+    auto n = static_cast<std::int64_t>(x.size());
+    std::vector<void*> arguments;
+    for (auto& pointer : pointers) {
+      arguments.push_back(static_cast<void*>(&pointer));
+    }
+    arguments.push_back(&n);
+    CHECK(library.launch(library.index_of("tqx_dot_kernel"), kOne, arguments, threads) == 0);
+    return out;
+  };
+  const std::vector<double> one = dot(1);
+  CHECK(one[0] != 7.0);
+  for (const int threads : {2, 3, 4}) {
+    CHECK(same_limbs(dot(threads), one));
+  }
+}
+
 const char* best_instruction_set() {
   if (!(__builtin_cpu_supports("fma") && __builtin_cpu_supports("avx2"))) {
     return "base";
@@ -265,6 +327,8 @@ int run(const char* path, const char* instruction_set) {
   empty_arrays_give_zeros(library);
   the_callers_float_environment_neither_acts_nor_changes(library);
   pairs_are_those_of_the_bodies(library);
+  reductions_on_several_threads_are_those_on_one(library);
+  dots_on_several_threads_are_those_on_one(library);
   return Tally::all().finish();
 }
 

@@ -2,6 +2,7 @@
 // The long accumulator against exact bits: additions, merging, rounding, overflow.
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <vector>
 
@@ -131,9 +132,25 @@ void merging_is_adding() {
   }
 }
 
+// There is no constructor: what memory held before must not count, in any field.
+void clearing_leaves_nothing_of_what_was_there() {
+  LongAccumulator low;
+  LongAccumulator high;
+  std::memset(static_cast<void*>(&low), 0x00, sizeof low);
+  std::memset(static_cast<void*>(&high), 0x5a, sizeof high);
+  low.clear();
+  high.clear();
+  for (const double x : {1.0, -0x1p-1074, 0x1p+1023}) {
+    low.add(x);
+    high.add(x);
+    CHECK(std::memcmp(&low, &high, sizeof low) == 0);
+  }
+}
+
 }  // namespace
 
 void test_long_accumulator() {
+  clearing_leaves_nothing_of_what_was_there();
   a_single_double_comes_back();
   limbs_are_the_canonical_ones();
   ties_go_to_even_and_the_smallest_addend_breaks_them();

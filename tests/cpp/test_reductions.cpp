@@ -81,6 +81,9 @@ void norm_is_the_root_of_the_exact_sum_of_squares() {
   expect_norm({1, 0x1p-26}, 1);           // just below 1 + 2^-53, the tie
   expect_norm({1, 0x1p-26, 0x1p-53}, 1);  // (1 + 2^-53)^2: the tie
   expect_norm({1, 0x1p-26, 0x1p-53, 0x1p-60}, 1 + 0x1p-52);
+  expect_norm({1, 0x1p-26, 0x1p-53, 0x1p-80}, 1 + 0x1p-52);  // 2^-160: below the leading 128 bits
+  expect_norm({1, 0x1p-26, 0x1p-53, kTiny}, 1 + 0x1p-52);
+  expect_norm({0x1p+900, 0x1p+874, 0x1p+847, kTiny}, 0x1p+900 * (1 + 0x1p-52));
   expect_norm({}, 0.0);
   expect_norm({-0.0}, 0.0);
   expect_norm({1, -kInf}, kInf);

@@ -231,9 +231,71 @@ void a_partial_sum_that_leaves_the_binade_and_returns() {
   }
 }
 
+// What the cascade holds, as a double: exact for the sums below.
+template <class Cascade>
+double held(const Cascade& cascade, int bias) {
+  const auto part = [&](std::int64_t count, int slice) {
+    return std::ldexp(static_cast<double>(count), bias - slice * arithmetic::kSliceBits - 52);
+  };
+  return part(cascade.template count<0>(), 0) + part(cascade.template count<1>(), 1) +
+         part(cascade.template count<2>(), 2);
+}
+
+// That a cascade is exact where it can be is speed, not a result: slower ways give the same sums.
+template <class Lanes>
+void expect_a_cascade_to_hold_ordinary_numbers() {
+  using Cascade = arithmetic::BiasedCascade<Lanes, 3, 2>;
+  constexpr int kBias = arithmetic::kBiasAboveExponent;
+  const auto run = [](double x) {
+    const std::vector<double> step(Cascade::kStep, x);
+    Cascade cascade(kBias);
+    for (int i = 0; i < arithmetic::kCascadeSteps; ++i) {
+      cascade.feed(step.data());
+    }
+    return cascade;
+  };
+  for (const double x : {1.0, -1.0, 1.5, -0x1.8p-30, 0x1p-60, 0x1.fffffep+0, 0x1.8p-80}) {
+    const Cascade cascade = run(x);
+    CHECK(cascade.is_exact());
+    CHECK_SAME_BITS(held(cascade, kBias), x * Cascade::kStep * arithmetic::kCascadeSteps);
+  }
+  CHECK(run(0.0).is_exact() && run(-0.0).is_exact());
+  for (const double x : {0x1p+9, -0x1p+9, 0x1p-140, -0x1p-140}) {
+    CHECK(!run(x).is_exact());
+  }
+}
+
+void cascades_hold_ordinary_numbers() {
+  expect_a_cascade_to_hold_ordinary_numbers<arithmetic::ScalarLanes>();
+  expect_a_cascade_to_hold_ordinary_numbers<arithmetic::HostLanes>();
+}
+
+// Slices reach from above the largest element to the last bit of the smallest, or to 2^-1074, and
+// there is none too many.
+void plans_cover_their_elements() {
+  using Plan = arithmetic::CascadePlan<arithmetic::Addends>;
+  using arithmetic::kBiasAboveExponent;
+  using arithmetic::kMinExponent;
+  for (int top = kMinExponent; top < 900; top += 7) {
+    for (int bottom = kMinExponent; bottom <= top; bottom += 11) {
+      const Plan plan = Plan::covering(top, bottom);
+      const int bias = plan.bias_exponent();
+      const int last = bias - (plan.slices - 1) * Plan::kBits;
+      CHECK(plan.top == top && plan.bottom == bottom && plan.slices >= Plan::kMinSlices);
+      CHECK(bias >= top + kBiasAboveExponent && last >= kMinExponent);
+      CHECK(last <= bottom);
+      CHECK(bias == top + kBiasAboveExponent || last == kMinExponent);
+      CHECK(plan.slices == Plan::kMinSlices ||
+            top + kBiasAboveExponent - (plan.slices - 2) * Plan::kBits > bottom);
+    }
+  }
+}
+
 }  // namespace
 
 void test_sum() {
+  cascades_hold_ordinary_numbers();
+  plans_cover_their_elements();
   empty_and_zero_sums_are_plus_zero();
   a_sum_that_overflows_midway_comes_back();
   six_levels_each_a_limb_apart();

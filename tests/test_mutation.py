@@ -1,0 +1,140 @@
+# SPDX-License-Identifier: Apache-2.0
+"""`make mutation` makes the mutants that it should, and tells a killed one from a survivor; the
+document says what the record of its run says."""
+
+import json
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+from korvex_tools.mutation import command, record, trial
+from korvex_tools.mutation.mutants import mutants_of, spread
+from korvex_tools.mutation.programs import Tree
+
+TREE = Path(__file__).resolve().parent.parent
+FILE = "korvex/arithmetic/bignum/truncated_float.h"
+SIZE = "size = count - excess;"
+AT = "return index < kWords && index < size ? word[index] : 0;"
+SOURCE = """\
+#define NOT_HERE (1 + 2)  // a + b
+template <int kWords>
+int f(int a, const int* b) {
+  static_assert(sizeof(int) == 4, "a + b");
+  if (a < 3 && *b != 0) {
+    g(a);
+  }
+  return a - b[0] * 2;
+}
+"""
+EXPECTED = {
+    ("condition", "a < 3 && *b != 0", "true"),
+    ("condition", "a < 3 && *b != 0", "false"),
+    ("comparison", "<", "<="),
+    ("constant", "3", "4"),
+    ("constant", "3", "2"),
+    ("operator", "&&", "||"),
+    ("dropped term", "&& *b != 0", ""),
+    ("dropped term", "a < 3 &&", ""),
+    ("comparison", "!=", "=="),
+    ("constant", "0", "1"),
+    ("dropped statement", "g(a)", ""),
+    ("operator", "-", "+"),
+    ("dropped term", "- b[0] * 2", ""),
+    ("dropped term", "a -", ""),
+    ("operator", "*", "+"),
+    ("constant", "2", "3"),
+    ("constant", "2", "1"),
+}
+
+
+def test_mutants_are_small_changes_of_code_alone():
+    mutants = mutants_of("f.h", SOURCE)
+    assert {(m.kind, m.before, m.after) for m in mutants} == EXPECTED
+    assert {m.line for m in mutants} == {5, 6, 8}
+
+
+@pytest.mark.parametrize(
+    "text, others",
+    [
+        ("0x1p-960", {"0x1p-959", "0x1p-961", "0x1p-920", "0x1p-1000"}),
+        ("0x1.8p+2", {"0x1.8p+3", "0x1.8p+1", "0x1.8p+42", "0x1.8p-38", "0x1.9p+2"}),
+        ("0x7fff", {"0x7ffe"}),
+        ("0", {"1"}),
+        ("0.5", {"1.5", "0.25"}),
+    ],
+)
+def test_constants_move_in_their_last_place_and_far(text, others):
+    found = {m.after for m in mutants_of("f.h", f"double f() {{ return {text}; }}\n")}
+    assert found == others
+
+
+def test_every_target_has_mutants_and_a_sample_takes_of_each():
+    names = command.target_files([])
+    of_file = {name: mutants_of(name, (TREE / name).read_text()) for name in names}
+    with_some = {name for name, mutants in of_file.items() if mutants}
+    assert len(with_some) > 40
+    sample = spread([m for mutants in of_file.values() for m in mutants], 1, len(with_some))
+    assert {mutant.file for mutant in sample} == with_some
+    assert sample == spread([m for ms in of_file.values() for m in ms], 1, len(with_some))
+
+
+@pytest.fixture(scope="module")
+def trials(tmp_path_factory):
+    tree = Tree(tmp_path_factory.mktemp("mutation") / "tree", command.compiler())
+    tree.fill()
+    made = trial.Trials(tree, ["base"])
+    yield made
+    made.close()
+
+
+@pytest.mark.parametrize(
+    "line, before, after, outcome",
+    [
+        (SIZE, "size = count - excess", "", "killed"),
+        (AT, "index < kWords &&", "", "survived"),
+        (SIZE, "count - excess", "count - wrong", "not compiled"),
+        (SIZE, "count - excess", "count  -  excess", "equivalent"),
+    ],
+)
+def test_a_planted_fault_is_told_from_a_survivor(trials, monkeypatch, line, before, after, outcome):
+    monkeypatch.setitem(trial.OWN_TESTS, FILE, "bignum")
+    source = (TREE / FILE).read_text()
+    assert source.count(line) == 1
+    mutant = mutants_of(FILE, source)[0]
+    begin = source.index(line) + line.index(before)
+    planted = type(mutant)(FILE, 0, 0, "planted", before, after, line, begin)
+    assert trials.try_mutant(planted, only_own=True)["outcome"] == outcome
+    assert (trials.tree.folder / FILE).read_text() == source
+
+
+def test_an_unexplained_survivor_is_counted_and_an_explained_one_is_shown():
+    row = {"mutant": "m", "file": FILE, "kind": "k", "line": "l", "before": "b", "after": "a"}
+    killed, survived = row | {"outcome": "killed", "by": "t"}, row | {"outcome": "survived"}
+    found = {"mutants": [killed, survived]}
+    assert record.unexplained(found) == [survived]
+    assert record.score(found["mutants"]) == "1 of 2 (50.0 %)"
+    explained = survived | {"outcome": "explained", "why": "it cannot differ"}
+    assert record.unexplained({"mutants": [killed, explained]}) == []
+    assert "- it cannot differ" in record.lines_of_survivors([killed, explained])
+
+
+def test_document_says_what_the_record_says():
+    found = json.loads(record.RECORD.read_text())
+    text = record.PAGE.read_text()
+    assert record.page(text, found) == text
+    assert len(found["mutants"]) == len({row["mutant"] for row in found["mutants"]})
+
+
+def test_every_reason_is_for_code_that_is_there():
+    for file, line, before, _ in record.reasons():
+        lines = [text.strip() for text in (TREE / file).read_text().splitlines()]
+        assert line in lines and before.split("\n")[0] in line
+
+
+def test_command_refuses_a_file_that_has_no_mutants(tmp_path):
+    program = [sys.executable, "-P", "-m", "korvex_tools.mutation", "--files", "nothing.h"]
+    ended = subprocess.run([*program, "--folder", tmp_path], capture_output=True, text=True)
+    assert ended.returncode == 1 and "nothing.h" in ended.stderr
+    assert list(tmp_path.iterdir()) == []  # a run that goes on keeps its copy of the tree
