@@ -165,7 +165,7 @@ std::string planted(const Fault& fault, const Module& module, const std::string&
 
 Case case_of(const Fault& fault, std::uint64_t seed) {
   Case one;
-  one.row = &row_of(fault.kernel);
+  one.row = &launches::row_of(fault.kernel);
   one.sizes = {{"n", fault.n}};
   one.shape.grid = {fault.blocks, 1, 1};
   one.shape.block = {one.row->block == 0 ? 1 : one.row->block, 1, 1};

@@ -7,6 +7,7 @@
 #include "korvex/arithmetic/exact/chunked_sum.h"
 #include "korvex/arithmetic/exact/exact_product_sum.h"
 #include "korvex/arithmetic/exact/products.h"
+#include "korvex/kernels/device/async_copy.cuh"
 #include "korvex/kernels/device/lanes.cuh"
 #include "korvex/kernels/device/parallel_dot.h"
 #include "korvex/kernels/device/staged_sum.cuh"
@@ -59,7 +60,7 @@ __device__ __forceinline__ void add_staged_products(const double* x, const doubl
     y += count;
     n -= count;
     start_copying_pairs(x, y, piece_pairs(n), pieces[1 - slot]);
-    wait_for_copies_before_the_latest_two_groups();
+    wait_for_copies_before_the_latest<2>();
     chunks.add({pieces[slot].x, pieces[slot].y}, count);
   }
 }
@@ -76,7 +77,7 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kMostThreadsOfFunc
   using namespace korvex;
   using arithmetic::ExactProductSum;
   __shared__ kernels::StagedPairs pieces[2];
-  __shared__ alignas(ExactProductSum) unsigned char sum_memory[sizeof(ExactProductSum)];
+  alignas(ExactProductSum) __shared__ unsigned char sum_memory[sizeof(ExactProductSum)];
   if (!kernels::is_first_thread_of_grid()) {
     return;
   }

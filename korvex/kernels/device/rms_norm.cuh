@@ -73,7 +73,7 @@ __device__ __noinline__ void find_root(int warps, std::int64_t n, double eps,
 extern "C" __global__ void __launch_bounds__(korvex::kernels::kSingleBlock, 1)
     tqx_rms_norm_kernel(const double* x, double* out, long long n, double eps) {
   using namespace korvex;
-  __shared__ alignas(arithmetic::InverseRoot) unsigned char memory[sizeof(kernels::RmsNormMemory)];
+  alignas(arithmetic::InverseRoot) __shared__ unsigned char memory[sizeof(kernels::RmsNormMemory)];
   auto& block = *reinterpret_cast<kernels::RmsNormMemory*>(memory);
   const kernels::DeviceThread thread;
   if (thread.block() != 0 || n <= 0) {

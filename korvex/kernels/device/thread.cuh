@@ -32,7 +32,7 @@ class DeviceThread {
     return __any_sync(kAllLanes, condition);
   }
   __device__ __forceinline__ unsigned max(unsigned value) const {
-#if __CUDA_ARCH__ >= 800
+#if __CUDA_ARCH__ >= 800 || !defined(__CUDACC__)
     return __reduce_max_sync(kAllLanes, value);
 #else
     for (int distance = 16; distance > 0; distance /= 2) {
