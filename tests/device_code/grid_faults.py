@@ -58,8 +58,8 @@ FAULTS = (
         "no barrier before the segments are scanned",
         "tqx_cumsum_kernel",
         "reductions.cuh",
-        "own.before);\n  runner.sync();",
-        "own.before);",
+        "runner.index() < count;\n    runner.sync();",
+        "runner.index() < count;",
         "result differs|not a valid value",
     ),
     Fault(
@@ -107,8 +107,8 @@ FAULTS = (
         "one column too many",
         "tqx_matmul_kernel",
         "matrix_product.cuh",
-        "j < N;",
-        "j <= N;",
+        "column_ < matrices_.columns;\n",
+        "column_ <= matrices_.columns;\n",
         "use-after-poison|result differs",
     ),
     Fault(

@@ -20,6 +20,17 @@ __device__ __forceinline__ void start_copying_pair(const double* from, double* t
 #endif
 }
 
+// Starts to copy one element.
+__device__ __forceinline__ void start_copying_one(const double* from, double* to) {
+#if __CUDA_ARCH__ >= 800
+  const auto shared_address = static_cast<unsigned>(__cvta_generic_to_shared(to));
+  asm volatile("cp.async.ca.shared.global [%0], [%1], 8;" ::"r"(shared_address), "l"(from)
+               : "memory");
+#else
+  *to = *from;
+#endif
+}
+
 // Ends the group of copies started since the last call.
 __device__ __forceinline__ void end_group_of_copies() {
 #if __CUDA_ARCH__ >= 800
@@ -42,6 +53,7 @@ void end_group_of_copies();
 void wait_for_copies_before(int groups);
 
 inline void start_copying_pair(const double* from, double* to) { start_copying(from, to, 16); }
+inline void start_copying_one(const double* from, double* to) { start_copying(from, to, 8); }
 template <int kGroups>
 void wait_for_copies_before_the_latest() {
   wait_for_copies_before(kGroups);

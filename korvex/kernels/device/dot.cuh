@@ -35,24 +35,11 @@ __device__ __forceinline__ void start_copying_pairs(const double* x, const doubl
 }
 
 // Adds x[i] * y[i] for i = 0 to n - 1, by one thread: pieces of both arrays are copied to shared
-// memory one piece ahead where both lie at multiples of 16 bytes, and piece by piece otherwise.
+// memory one piece ahead.
 __device__ __forceinline__ void add_staged_products(const double* x, const double* y,
                                                     std::int64_t n, StagedPairs* pieces,
                                                     arithmetic::ExactProductSum& sum) {
   arithmetic::ChunkedSum<DeviceLanes, 1, arithmetic::Products> chunks(sum);
-  const bool is_aligned =
-      (reinterpret_cast<std::uintptr_t>(x) | reinterpret_cast<std::uintptr_t>(y)) % 16 == 0;
-  for (std::int64_t begin = 0; begin < n && !is_aligned; begin += kPiecePairs) {
-    const std::int64_t count = piece_pairs(n - begin);
-    for (std::int64_t i = 0; i < count; ++i) {
-      pieces->x[i] = x[begin + i];
-      pieces->y[i] = y[begin + i];
-    }
-    chunks.add({pieces->x, pieces->y}, count);
-  }
-  if (!is_aligned || n <= 0) {
-    return;
-  }
   start_copying_pairs(x, y, piece_pairs(n), pieces[0]);
   for (int slot = 0; n > 0; slot = 1 - slot) {
     const std::int64_t count = piece_pairs(n);

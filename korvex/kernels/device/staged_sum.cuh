@@ -17,14 +17,18 @@ namespace korvex::kernels {
 
 constexpr int kPiece = 2048;
 
-// A group of its own, empty where count <= 0.
+// A group of its own, empty where count <= 0; `to` lies at a multiple of 16 bytes. Where `from`
+// does too, pairs are copied.
 __device__ __noinline__ void start_copying(const double* from, std::int64_t count, double* to) {
+  const bool in_pairs = reinterpret_cast<std::uintptr_t>(from) % sizeof(double2) == 0;
+  const std::int64_t paired = in_pairs ? count / 2 * 2 : 0;
 #pragma unroll 16
-  for (std::int64_t i = 0; i < count / 2; ++i) {
-    start_copying_pair(from + 2 * i, to + 2 * i);
+  for (std::int64_t i = 0; i < paired; i += 2) {
+    start_copying_pair(from + i, to + i);
   }
-  if (count > 0 && count % 2 != 0) {
-    to[count - 1] = from[count - 1];
+#pragma unroll 16
+  for (std::int64_t i = paired; i < count; ++i) {
+    start_copying_one(from + i, to + i);
   }
   end_group_of_copies();
 }
