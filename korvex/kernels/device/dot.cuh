@@ -74,7 +74,8 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kMostThreadsOfFunc
 }
 
 // out[0], out_err[0] and out_err2[0]: the first three limbs of the sum of the products of x and y.
-extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock,
+                                             korvex::kernels::kResidentDotBlocks)
     tqx_dot_kernel(const double* x, const double* y, double* out, double* out_err, double* out_err2,
                    long long n) {
   using namespace korvex;

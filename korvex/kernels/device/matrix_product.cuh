@@ -22,7 +22,7 @@ constexpr int kLongSums = 8;
 struct MatrixMemory {
   arithmetic::FactorRangeOf rows[kMostThreadsOfFunction];
   arithmetic::FactorRangeOf columns[kMostThreadsOfFunction];
-  bool any_waits;  // an element of the tile is not written yet
+  unsigned any_waits;  // not 0: an element of the tile is not written yet
   alignas(arithmetic::ExactProductSum) unsigned char sums[kLongSums]
                                                          [sizeof(arithmetic::ExactProductSum)];
 };
@@ -56,13 +56,13 @@ class MatrixTile {
       double limbs[arithmetic::kElementLimbs];
       waits = !element_.try_slices(terms(), plan(), limbs);
       if (waits) {
-        block_.any_waits = true;
+        atomicOr(&block_.any_waits, 1U);
       } else {
         store(limbs);
       }
     }
     __syncthreads();
-    if (block_.any_waits) {
+    if (block_.any_waits != 0) {
       take_turns(waits);
     }
   }
@@ -95,7 +95,7 @@ class MatrixTile {
     }
     block_.columns[index_] = column;
     if (index_ == 0) {
-      block_.any_waits = false;
+      block_.any_waits = 0;
     }
   }
 
