@@ -52,8 +52,19 @@ std::optional<KernelFile> read_name(const std::filesystem::path& path) {
   return {};
 }
 
+// GPUs that are part of a system on a chip: their machine code is their own.
+constexpr Capability kIntegrated[] = {{5, 3}, {6, 2}, {7, 2}, {8, 7}, {10, 1}, {11, 0}};
+
+bool is_integrated(Capability capability) {
+  return std::ranges::find(kIntegrated, capability) != std::end(kIntegrated);
+}
+
 bool runs_on(const KernelFile& file, Capability device) {
-  return file.capability <= device && (file.is_ptx || file.capability.major == device.major);
+  if (file.is_ptx || file.capability == device) {
+    return file.capability <= device;
+  }
+  return file.capability < device && file.capability.major == device.major &&
+         !is_integrated(file.capability) && !is_integrated(device);
 }
 
 }  // namespace

@@ -2,7 +2,8 @@
 // The compiled kernels of the installation, and which file of them fits a device.
 //
 // Machine code `korvex_sm_<XY>.cubin` runs on devices of capability X.Y and of the same X with a
-// higher Y; `korvex_compute_<XY>.ptx` is compiled by the driver for any device from X.Y on. Each
+// higher Y, save that the GPUs of systems on a chip and all others do not run each other's;
+// `korvex_compute_<XY>.ptx` is compiled by the driver for any device from X.Y on. Each
 // file holds all kernels.
 #pragma once
 

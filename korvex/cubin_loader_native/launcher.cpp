@@ -152,18 +152,44 @@ void Launcher::wait_for_producers(const Launch& launch) const {
   }
 }
 
+namespace {
+
+// The n of a launch; for rows with one integer parameter.
+std::uint64_t element_count(const Launch& launch) {
+  const ParameterList& parameters = kParameterLists[static_cast<std::size_t>(launch.kernel)];
+  std::size_t position = 0;
+  while (parameters.items[position].kind != ParameterKind::kInteger) {
+    ++position;
+  }
+  return launch.values[position];
+}
+
+// Blocks beyond these do no work: there are as many as the device has room for, and as there are
+// elements for.
+unsigned most_blocks(const Launch& launch, const DeviceInfo& device) {
+  const KernelRow& row = kKernelTable[launch.kernel];
+  std::uint64_t most = ~0U;
+  if (row.blocks_per_multiprocessor != 0) {
+    most = std::uint64_t{row.blocks_per_multiprocessor} *
+           static_cast<std::uint64_t>(device.multiprocessors);
+  }
+  if (row.elements_per_block != 0) {
+    const std::uint64_t full = element_count(launch) / row.elements_per_block;
+    most = std::min(most, element_count(launch) % row.elements_per_block != 0 ? full + 1 : full);
+  }
+  return static_cast<unsigned>(std::max<std::uint64_t>(most, 1));
+}
+
+}  // namespace
+
 void Launcher::enqueue(const Launch& launch, const DeviceInfo& device, Function function) const {
   auto values = launch.values;
   std::array<void*, kMaxParameters> arguments{};
   for (std::size_t i = 0; i < values.size(); ++i) {
     arguments[i] = &values[i];
   }
-  unsigned grid_x = launch.grid[0];
-  const unsigned blocks = kKernelTable[launch.kernel].blocks_per_multiprocessor *
-                          static_cast<unsigned>(device.multiprocessors);
-  if (launch.limits_grid && blocks != 0) {
-    grid_x = std::min(grid_x, blocks);
-  }
+  const unsigned grid_x =
+      launch.limits_grid ? std::min(launch.grid[0], most_blocks(launch, device)) : launch.grid[0];
   driver_.launch(function, grid_x, launch.grid[1], launch.grid[2], launch.block[0], launch.block[1],
                  launch.block[2], 0, kLegacyStream, arguments.data(), nullptr);
 }

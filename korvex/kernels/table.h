@@ -16,10 +16,15 @@ inline constexpr unsigned kSingleBlock = 1024;  // one block on one result, or a
 // Of form "function": the most threads that a caller may ask for.
 inline constexpr unsigned kMostThreadsOfFunction = 256;
 
-// Blocks of kGridBlock threads that fill a multiprocessor.
-inline constexpr unsigned kGridBlocksPerMultiprocessor = 8;
-// Blocks of tqx_sum_kernel for which a multiprocessor must have registers at a time.
+// Blocks of kGridBlock threads for which a multiprocessor has registers at a time: the compiler is
+// asked to keep to that, and no launch needs more.
 inline constexpr unsigned kResidentSumBlocks = 4;
+inline constexpr unsigned kResidentDotBlocks = 3;
+// Of the elementary functions, of kElementBlock threads: more warps hide more of their latency.
+inline constexpr unsigned kResidentElementaryBlocks = 4;
+// Elements that one block of kGridBlock threads takes at a time: a tile for each of its 8 warps.
+inline constexpr unsigned kSumBlockElements = 8 * 512;
+inline constexpr unsigned kDotBlockElements = 8 * 256;
 
 // NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): a row reads best in this order.
 struct KernelRow {
@@ -33,16 +38,18 @@ struct KernelRow {
   // Its blocks go over the rows of the output in strides of the grid's second extent. That extent
   // may be more than a device takes, and blocks beyond that number are left out of the launch.
   bool strides_along_y = false;
+  // Elements, n, for each block: of a larger grid the other blocks do no work. 0: no such limit.
+  unsigned elements_per_block = 0;
 };
 
 inline constexpr KernelRow kKernelTable[] = {
     {"tqx_sum_seq_kernel", "function", 0, "x:f64[n] out:f64[4] n:i64"},
     {"tqx_sum_kernel", "launch", kGridBlock, "x:f64[n] out:f64[1] out_err:f64[1] n:i64",
-     kGridBlocksPerMultiprocessor},
+     kResidentSumBlocks, false, kSumBlockElements},
     {"tqx_dot_seq_kernel", "function", 0, "x:f64[n] y:f64[n] out:f64[4] n:i64"},
     {"tqx_dot_kernel", "launch", kGridBlock,
-     "x:f64[n] y:f64[n] out:f64[1] out_err:f64[1] out_err2:f64[1] n:i64",
-     kGridBlocksPerMultiprocessor},
+     "x:f64[n] y:f64[n] out:f64[1] out_err:f64[1] out_err2:f64[1] n:i64", kResidentDotBlocks, false,
+     kDotBlockElements},
     {"tqx_matmul_kernel", "function", 0,
      "a:f64[M*K] b:f64[K*N] c0:f64[M*N] c1:f64[M*N] c2:f64[M*N] M:i64 N:i64 K:i64", 0, true},
     {"tqx_var_kernel", "launch", kSingleBlock, "x:f64[n] out_mean:f64[1] out_var:f64[1] n:i64"},

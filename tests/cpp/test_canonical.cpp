@@ -18,6 +18,8 @@ namespace {
 using arithmetic::kCanonicalPasses;
 using Limbs = std::array<double, 4>;
 
+arithmetic::LongAccumulator workspace;  // its content does not matter between calls
+
 bool same_bits(const Limbs& a, const double* b) {
   return std::equal(a.begin(), a.end(), b,
                     [](double x, double y) { return bits_of(x) == bits_of(y); });
@@ -30,7 +32,7 @@ void expect_canonical(const Limbs& given) {
   CHECK(arithmetic::try_canonicalise(fast.data(), kCanonicalPasses));
   CHECK(same_bits(fast, expected.data()));
   Limbs wide = given;
-  arithmetic::canonicalise(wide.data(), 0);
+  arithmetic::canonicalise(wide.data(), workspace, 0);
   CHECK(same_bits(wide, expected.data()));
   std::for_each(fast.begin(), fast.end(), [](double limb) { Tally::all().record(limb); });
 }
@@ -79,7 +81,7 @@ void every_quadruple_of_meeting_numbers() {
     Limbs fast = given;
     unsettled += arithmetic::try_canonicalise(fast.data(), kCanonicalPasses) ? 0 : 1;
     Limbs wide = given;
-    arithmetic::canonicalise_wide(wide.data());
+    arithmetic::canonicalise_wide(wide.data(), workspace);
     different += same_bits(fast, wide.data()) ? 0 : 1;
   }
   CHECK(unsettled == 0);
@@ -103,12 +105,12 @@ void random_quadruples_close_to_ties() {
 void large_limbs_take_the_wide_way() {
   const double large = 0x1p+1023;
   Limbs limbs = {large, large, -large, 0x1p-1074};
-  arithmetic::canonicalise(limbs.data());
+  arithmetic::canonicalise(limbs.data(), workspace);
   CHECK_SAME_BITS(limbs[0], large);
   CHECK_SAME_BITS(limbs[1], 0x1p-1074);
   limbs = {large, large, large, large};
   const std::vector<double> expected = canonical_limbs({large, large, large, large}, 4);
-  arithmetic::canonicalise(limbs.data());
+  arithmetic::canonicalise(limbs.data(), workspace);
   CHECK(same_bits(limbs, expected.data()));
 }
 
@@ -116,7 +118,7 @@ void large_limbs_take_the_wide_way() {
 void without_passes_the_fast_way_gives_up() {
   Limbs limbs = {0x1p-1074, 1, 0x1p-53, 0};
   CHECK(!arithmetic::try_canonicalise(limbs.data(), 0));
-  arithmetic::canonicalise_wide(limbs.data());
+  arithmetic::canonicalise_wide(limbs.data(), workspace);
   CHECK_SAME_BITS(limbs[0], 0x1.0000000000001p+0);
   CHECK_SAME_BITS(limbs[1], -0x1p-53);
   CHECK_SAME_BITS(limbs[2], 0x1p-1074);

@@ -31,23 +31,43 @@ def test_launch_uses_the_kernels_own_block(run):
 
 
 def test_grid_of_a_striding_kernel_is_limited_by_launch_alone(run):
-    """Device 0 has 4 multiprocessors, device 1 has 2, and 8 blocks fill one."""
+    """Device 0 has 4 multiprocessors, device 1 has 2, and 4 blocks fill one."""
     run(
         """
         loader = import_loader().NativeCubinLoader()
         kernel = loader.get_kernel("tqx_sum_kernel")
-        assert kernel.blocks_per_multiprocessor == 8
+        assert kernel.blocks_per_multiprocessor == 4
+        n = 100_000
         results = set()
         for device, grid, expected in (
-                (0, 31, 31), (0, 32, 32), (0, 33, 32), (0, 2**31 - 1, 32), (1, 99, 16)):
-            arrays = [DeviceArray(driver, values, device) for values in ([0.1] * 999, [0.0], [0.0])]
-            kernel.launch(*arrays, 999, grid=(grid, 1, 1))
+                (0, 15, 15), (0, 16, 16), (0, 17, 16), (0, 2**31 - 1, 16), (1, 99, 8)):
+            arrays = [DeviceArray(driver, values, device) for values in ([0.1] * n, [0.0], [0.0])]
+            kernel.launch(*arrays, n, grid=(grid, 1, 1))
             [launch] = launches(driver.take_log())
             assert launch[1] == (expected, 1, 1), launch
             results.add((*arrays[1].tolist(), *arrays[2].tolist()))
         assert len(results) == 1
-        kernel.function((99, 1, 1), (256, 1, 1), (*arrays, 999))
+        kernel.function((99, 1, 1), (256, 1, 1), (*arrays, n))
         assert launches(driver.take_log())[0][1] == (99, 1, 1)
+        """
+    )
+
+
+def test_no_more_blocks_start_than_there_are_elements_for(run):
+    """A block of the sum takes 4096 elements at a time, one of the dot product 2048."""
+    run(
+        """
+        loader = import_loader().NativeCubinLoader()
+        x = DeviceArray(driver, [0.5] * 8193)
+        outs = [DeviceArray(driver, [0.0]) for _ in range(3)]
+        total, dot = loader.get_kernel("tqx_sum_kernel"), loader.get_kernel("tqx_dot_kernel")
+        assert dot.blocks_per_multiprocessor == 3
+        for n, expected in ((0, 1), (1, 1), (4096, 1), (4097, 2), (8192, 2), (8193, 3)):
+            total.launch(x, *outs[:2], n, grid=(99, 1, 1))
+            assert launches(driver.take_log())[0][1] == (expected, 1, 1)
+        for n, expected in ((0, 1), (2048, 1), (2049, 2), (8192, 4), (8193, 5)):
+            dot.launch(x, x, *outs, n, grid=(99, 1, 1))
+            assert launches(driver.take_log())[0][1] == (expected, 1, 1)
         """
     )
 

@@ -8,6 +8,12 @@ CHOICES = [
     ((9, 0), ["sm_80", "sm_90", "compute_80"], "sm_90"),
     ((8, 9), ["sm_80", "sm_86", "sm_90", "compute_75"], "sm_86"),
     ((8, 0), ["sm_86", "sm_75", "compute_75"], "compute_75"),
+    # Systems on a chip, which run machine code of their own alone, and no other GPU runs theirs.
+    ((8, 7), ["sm_80", "sm_86", "compute_80"], "compute_80"),
+    ((8, 7), ["sm_86", "sm_87", "compute_80"], "sm_87"),
+    ((8, 9), ["sm_86", "sm_87"], "sm_86"),
+    ((11, 0), ["sm_100", "sm_110"], "sm_110"),
+    ((7, 2), ["sm_70", "compute_70"], "compute_70"),
     ((12, 1), ["sm_120", "compute_90"], "sm_120"),
     ((12, 0), ["sm_90", "compute_80", "compute_90"], "compute_90"),
     ((10, 3), ["sm_103", "sm_100"], "sm_103"),

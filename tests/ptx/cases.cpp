@@ -1,124 +1,48 @@
 // SPDX-License-Identifier: Apache-2.0
-// Arguments from a kernel's row in the table, the two launches, and the comparison.
+// The two launches of a case and their comparison; which cases there are.
 #include "tests/ptx/cases.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
 #include <sstream>
 
 namespace korvex::ptx {
 namespace {
 
-struct Argument {
-  std::string name;
-  std::string kind;  // i64, f64, or the length of an array in brackets
-  std::int64_t count = 0;
-  bool is_array = false;
-  bool is_output = false;
-  std::vector<double> values;  // of an array; on the host
-  std::uint64_t bits = 0;      // of a scalar
-  double* pointer = nullptr;
-  Region* region = nullptr;
-};
+using launches::Argument;
+using launches::blocks_for;
+using launches::is_matrix_product;
+using launches::is_of_one_thread;
+using launches::is_single_block;
+using launches::notable_count;
+using launches::notable_size;
 
-// A number, a size, or a product of such.
-std::int64_t evaluate(const Case& one, std::string_view length) {
-  std::int64_t product = 1;
-  for (std::size_t at = 0; at <= length.size();) {
-    const std::size_t star = std::min(length.find('*', at), length.size());
-    const std::string_view factor = length.substr(at, star - at);
-    const auto size = one.sizes.find(factor);
-    product *= size != one.sizes.end() ? size->second : std::stoll(std::string(factor));
-    at = star + 1;
-  }
-  return product;
-}
-
-std::vector<Argument> arguments_of(const Case& one) {
-  std::vector<Argument> arguments;
-  std::istringstream words(one.row->parameters);
-  for (std::string word; words >> word;) {
-    Argument argument;
-    const std::size_t colon = word.find(':');
-    argument.name = word.substr(0, colon);
-    argument.kind = word.substr(colon + 1);
-    argument.is_array = argument.kind.back() == ']';
-    if (argument.is_array) {
-      const std::size_t open = argument.kind.find('[');
-      argument.count = evaluate(
-          one, std::string_view(argument.kind).substr(open + 1, argument.kind.size() - open - 2));
-      argument.is_output = argument.name.starts_with("out") || argument.name.starts_with('c');
-    }
-    arguments.push_back(argument);
-  }
-  return arguments;
-}
-
-void fill(std::vector<Argument>& arguments, const Case& one) {
-  test::Random random(one.seed);
-  for (Argument& argument : arguments) {
-    const auto count = static_cast<std::size_t>(argument.count);
-    if (argument.is_array && argument.is_output) {
-      argument.values.assign(count, 7.0);
-    } else if (argument.is_array) {
-      argument.values = draw_elements(random, one, count);
-    } else if (argument.kind == "i64") {
-      argument.bits = static_cast<std::uint64_t>(one.sizes.at(argument.name));
-    } else {
-      argument.bits =
-          std::bit_cast<std::uint64_t>(argument.name == "eps" ? 0x1p-17 : 0x1.999999999999ap-7);
-    }
-  }
-}
-
-std::vector<std::uint64_t> place(std::vector<Argument>& arguments, Machine& machine,
-                                 const Case& one) {
-  std::vector<std::uint64_t> values;
+// The region of each argument; none for a scalar.
+std::vector<Region*> place(const std::vector<Argument>& arguments, Machine& machine,
+                           const Case& one) {
+  std::vector<Region*> regions;
   unsigned array = 0;
-  for (Argument& argument : arguments) {
-    if (!argument.is_array) {
-      values.push_back(argument.bits);
-      continue;
-    }
-    const std::uint64_t past_16 = (one.odd >> array++ & 1) != 0 ? 8 : 0;
-    argument.region = &machine.add_array(argument.name, argument.values.size() * sizeof(double),
-                                         argument.is_output ? kUnwritten : kWritten,
-                                         !argument.is_output, past_16);
-    if (!argument.values.empty()) {
-      std::memcpy(argument.region->bytes.data(), argument.values.data(),
-                  argument.region->bytes.size());
-    }
-    values.push_back(argument.region->base);
-  }
-  return values;
-}
-
-void launch_on_host(std::vector<Argument>& arguments, const HostLibrary& host, const Case& one) {
-  std::vector<void*> pointers;
-  for (Argument& argument : arguments) {
-    argument.pointer = argument.values.data();
-    pointers.push_back(argument.is_array ? static_cast<void*>(&argument.pointer)
-                                         : static_cast<void*>(&argument.bits));
-  }
-  host.launch(host.index_of(one.row->name), pointers);
-}
-
-void compare(const std::vector<Argument>& arguments) {
   for (const Argument& argument : arguments) {
     if (!argument.is_array) {
+      regions.push_back(nullptr);
       continue;
     }
-    for (std::size_t i = 0; i < argument.values.size(); ++i) {
-      std::uint64_t found = 0;
-      std::memcpy(&found, argument.region->bytes.data() + 8 * i, 8);
-      const auto expected = std::bit_cast<std::uint64_t>(argument.values[i]);
-      if (found != expected) {
-        std::ostringstream message;
-        message << "result differs: " << argument.name << "[" << i << "] is " << std::hex << found
-                << ", on the host " << expected;
-        throw Failure(message.str());
-      }
+    Region& region = machine.add_array(argument.name, argument.values.size() * sizeof(double),
+                                       argument.is_output ? kUnwritten : kWritten,
+                                       !argument.is_output, one.bytes_past_16(array++));
+    if (!argument.values.empty()) {
+      std::memcpy(region.bytes.data(), argument.values.data(), region.bytes.size());
+    }
+    regions.push_back(&region);
+  }
+  return regions;
+}
+
+void compare(const std::vector<Argument>& arguments, const std::vector<Region*>& regions) {
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    if (arguments[i].is_array) {
+      launches::require_same_bits(arguments[i],
+                                  reinterpret_cast<const double*>(regions[i]->bytes.data()));
     }
   }
 }
@@ -136,56 +60,27 @@ void check_grid_memory(Machine& machine) {
 
 }  // namespace
 
-std::string name_of(const Case& one) {
-  std::ostringstream name;
-  name << one.row->name;
-  for (const auto& [size, value] : one.sizes) {
-    name << " " << size << "=" << value;
-  }
-  name << " blocks=" << one.shape.blocks() << " threads=" << one.shape.threads()
-       << " data=" << static_cast<int>(one.data) << " odd=" << one.odd << " seed=" << one.seed;
-  return name.str();
-}
-
-const kernels::KernelRow& row_of(std::string_view kernel) {
-  for (const kernels::KernelRow& row : kernels::kKernelTable) {
-    if (row.name == kernel) {
-      return row;
-    }
-  }
-  throw Failure("no row for " + std::string(kernel));
-}
-
 void run_case(Machine& machine, const HostLibrary& host, const Case& one) {
   machine.forget_arrays();
-  std::vector<Argument> arguments = arguments_of(one);
-  fill(arguments, one);
-  const std::vector<std::uint64_t> values = place(arguments, machine, one);
+  std::vector<Argument> arguments = launches::draw_arguments(one);
+  const std::vector<Region*> regions = place(arguments, machine, one);
+  std::vector<std::uint64_t> values;
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    values.push_back(regions[i] != nullptr ? regions[i]->base : arguments[i].bits);
+  }
   try {
     machine.launch(one.row->name, one.shape, values, one.seed, one.most_steps);
-    launch_on_host(arguments, host, one);
-    compare(arguments);
+    launches::launch_on_host(arguments, host, one);
+    compare(arguments, regions);
     check_grid_memory(machine);
   } catch (const Failure& failure) {
-    throw Failure(name_of(one) + "\n  " + failure.what());
+    throw Failure(launches::name_of(one) + "\n  " + failure.what());
   }
 }
 
 // --- Which cases there are
 
 namespace {
-
-bool is_single_block(const kernels::KernelRow& row) { return row.block == 1024; }
-bool is_matrix_product(const kernels::KernelRow& row) {
-  return std::string_view(row.parameters).find("M*K") != std::string_view::npos;
-}
-bool is_of_one_thread(const kernels::KernelRow& row) {
-  return row.block == 0 && !is_matrix_product(row);
-}
-
-unsigned blocks_for(std::int64_t n, unsigned block) {
-  return static_cast<unsigned>(std::max<std::int64_t>(1, (n + block - 1) / block));
-}
 
 // A grid of one block, the smallest that has a thread for each element, and one beyond that; for
 // kernels of one block, blocks of other sizes, also of part of a warp.

@@ -49,17 +49,17 @@ const Fault kFaults[] = {
     {"no barrier before the last block adds up", kCollectSum, R"(bar\.sync\s+0;)", 0,
      "", "tqx_sum_kernel", 4609, 2, Data::kModerate, "race"},
     {"no barrier after a block has zeroed its memory", "tqx_sum_kernel", R"(bar\.sync\s+0;)", 0,
-     "", "tqx_sum_kernel", 4609, 1, Data::kModerate, "race"},
+     "", "tqx_sum_kernel", 4609, 1, Data::kSpecial, "race"},
     {"no barrier between two steps of a joining tree", "tqx_var_kernel", R"(bar\.sync\s+0;)", 1,
      "", "tqx_var_kernel", 513, 1, Data::kModerate, "race"},
-    {"no barrier before the segments are scanned", "tqx_cumsum_kernel", R"(bar\.sync\s+0;)", 0,
+    {"no barrier before a step of the running sums", "tqx_cumsum_kernel", R"(bar\.sync\s+0;)", 0,
      "", "tqx_cumsum_kernel", 513, 1, Data::kModerate, "race"},
-    {"no barrier after the segments are scanned", "tqx_cumsum_kernel", R"(bar\.sync\s+0;)", 1,
+    {"no barrier between reading and writing in such a step", "tqx_cumsum_kernel", R"(bar\.sync\s+0;)", 1,
      "", "tqx_cumsum_kernel", 513, 1, Data::kModerate, "race"},
     {"no barrier before all threads read the root", "tqx_rms_norm_kernel", R"(bar\.sync\s+0;)", 2,
      "", "tqx_rms_norm_kernel", 513, 1, Data::kModerate, "race|nobody wrote"},
     {"no meeting of a warp that has zeroed its digits", "tqx_rms_norm_kernel", R"(bar\.warp\.sync\s+-1;)", 0,
-     "", "tqx_rms_norm_kernel", 513, 1, Data::kModerate, "race"},
+     "", "tqx_rms_norm_kernel", 513, 1, Data::kSpecial, "race"},
     {"a barrier that a part of the block reaches", "tqx_neg_kernel", R"(ret;)", 0,
      "{ .reg .pred %few; .reg .b32 %at; mov.u32 %at, %tid.x; setp.lt.u32 %few, %at, 200; @%few bar.sync 0; } ret;",
      "tqx_neg_kernel", 257, 1, Data::kModerate, "barrier divergence"},
@@ -83,8 +83,8 @@ const Fault kFaults[] = {
     {"the count of blocks is left for the next launch", kCollectSum, R"(atom\.global\.exch\.b64\s+\S+ \S+ 0;)", 2,
      "", "tqx_sum_kernel", 4609, 2, Data::kModerate, "left behind"},
     {"lanes add to a digit without an atomic operation", kAddToBlock,
-     R"(atom(\.shared)?\.add\.u64\s+(%rd\d+), \[(%r\w+)\], (%rd\d+);)", 0,
-     "{ ld$1.u64 $2, [$3]; add.s64 $2, $2, $4; st$1.u64 [$3], $2; }", "tqx_sum_kernel", 513, 1, Data::kSpecial, "race"},
+     R"(red\.shared\.add\.u64 \[(%r\d+)\], (%rd\d+);)", 0,
+     "{ .reg .b64 %sum; ld.shared.u64 %sum, [$1]; add.s64 %sum, %sum, $2; st.shared.u64 [$1], %sum; }", "tqx_sum_kernel", 513, 1, Data::kSpecial, "race"},
     // --- Asynchronous copies
     {"no wait for copies", "tqx_sum_seq_kernel", R"(cp\.async\.wait_group\s+1;)", 0,
      "", "tqx_sum_seq_kernel", 2049, 1, Data::kModerate, "in flight"},
@@ -165,7 +165,7 @@ std::string planted(const Fault& fault, const Module& module, const std::string&
 
 Case case_of(const Fault& fault, std::uint64_t seed) {
   Case one;
-  one.row = &row_of(fault.kernel);
+  one.row = &launches::row_of(fault.kernel);
   one.sizes = {{"n", fault.n}};
   one.shape.grid = {fault.blocks, 1, 1};
   one.shape.block = {one.row->block == 0 ? 1 : one.row->block, 1, 1};

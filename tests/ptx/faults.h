@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tests/ptx/host_library.h"
+#include "tests/launches/host_library.h"
 #include "tests/ptx/machine.h"
 
 namespace korvex::ptx {
@@ -18,6 +18,7 @@ struct FaultCount {
 
 // Prints what each fault was noticed by. A fault that is not planted in exactly one place, or is
 // noticed by another message than expected, counts as planted and not noticed.
-FaultCount plant_faults(const HostLibrary& host, const std::string& text, std::uint64_t seed);
+FaultCount plant_faults(const launches::HostLibrary& host, const std::string& text,
+                        std::uint64_t seed);
 
 }  // namespace korvex::ptx

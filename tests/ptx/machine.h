@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "tests/cpp/random_data.h"
+#include "tests/launches/launch_case.h"
 #include "tests/ptx/clocks.h"
 #include "tests/ptx/memory.h"
 #include "tests/ptx/module.h"
@@ -82,12 +83,7 @@ struct Block {
   std::int32_t barrier_pc = -1;
 };
 
-struct Shape {
-  std::array<unsigned, 3> grid{1, 1, 1};
-  std::array<unsigned, 3> block{1, 1, 1};
-  std::uint32_t threads() const { return block[0] * block[1] * block[2]; }
-  std::uint32_t blocks() const { return grid[0] * grid[1] * grid[2]; }
-};
+using launches::Shape;
 
 struct Figures {
   std::uint64_t launches = 0;

@@ -9,11 +9,12 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
+
+#include "tests/launches/failure.h"
 
 namespace korvex::ptx {
 
@@ -21,10 +22,7 @@ constexpr int kLanes = 32;
 constexpr std::uint32_t kAllLanes = 0xffffffff;
 
 // What makes a run a failure: a fault of the program that is run, or a text that is not understood.
-class Failure : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
+using launches::Failure;
 
 enum class Space : std::uint8_t { kGeneric, kGlobal, kShared, kLocal, kParam };
 

@@ -2,11 +2,14 @@
 """Compile the kernels to PTX and run that on the host, as `make device-code` does.
 
 usage: run_device_code.py TOOL HOST_LIBRARY FOLDER [--long] [--part PART] [--nvrtc LIBRARY]
+                          [--grid FOLDER]
 
 The ordinary run takes the PTX of one architecture, small arrays and all planted faults. The long
 one takes larger arrays and more seeds, and the PTX of further architectures, by NVRTC too where its
-library is given. PART is compile, kernels or faults; without it all are done. PTX is kept in FOLDER
-and made anew when a source, a flag or the compiler has changed. Exit status 77: no nvcc on PATH.
+library is given. With --grid the programs of the simulated grid in that folder run as well, which
+need no compiler for devices; the last line then has the figures of both. PART is compile, kernels
+or faults; without it all are done. PTX is kept in FOLDER and made anew when a source, a flag or the
+compiler has changed. Exit status 77: no nvcc on PATH, and no --grid.
 """
 
 import argparse
@@ -18,10 +21,13 @@ import subprocess
 import sys
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
+from typing import NamedTuple
 
 SOURCE_TREE = Path(__file__).resolve().parents[2]
 SOURCE = SOURCE_TREE / "korvex" / "kernels" / "device" / "kernels.cu"
 HARD_CASES = SOURCE_TREE / "tests" / "elementwise" / "hard_cases.json"
+GRID_FAULTS = SOURCE_TREE / "tests" / "device_code" / "grid_faults.py"
+FIGURES = ("PTX machine:", "Simulated grid:")
 SKIPPED = 77
 ORDINARY = (("nvcc", 90),)
 LONG = (
@@ -95,11 +101,30 @@ def runs_of(arguments: argparse.Namespace, files: list[Path]) -> list[list[str]]
     return {"kernels": kernels, "faults": faults, None: faults + kernels}[arguments.part]
 
 
-def run(command: list[str]) -> int:
+def grid_runs(arguments: argparse.Namespace) -> list[list[str]]:
+    """The command lines of the simulated grid: the kernels, and faults in them."""
+    if arguments.grid is None:
+        return []
+    common = [arguments.library, "--hard-cases", str(HARD_CASES)]
+    program = str(arguments.grid / "run_grid")
+    faulty = [sys.executable, str(GRID_FAULTS), "check", str(arguments.grid / "run_faulty_grid")]
+    seeds = LONG_SEEDS if arguments.long else (1,)
+    long = ["--long"] if arguments.long else []
+    return [[program, *common, *long, "--seed", str(seed)] for seed in seeds] + [[*faulty, *common]]
+
+
+class Outcome(NamedTuple):
+    status: int
+    figures: list[str]  # the lines that sum a run up
+
+
+def run(command: list[str]) -> Outcome:
     done = subprocess.run(command, capture_output=True, text=True)
-    sys.stdout.write(done.stdout + done.stderr)
+    said = done.stdout + done.stderr
+    sys.stdout.write(said)
     sys.stdout.flush()
-    return done.returncode
+    figures = [line for line in said.splitlines() if line.startswith(FIGURES)]
+    return Outcome(done.returncode, figures)
 
 
 def main() -> int:
@@ -110,20 +135,29 @@ def main() -> int:
     parser.add_argument("--long", action="store_true")
     parser.add_argument("--part", choices=("compile", "kernels", "faults"))
     parser.add_argument("--nvrtc", default="")
+    parser.add_argument("--grid", type=Path)
     arguments = parser.parse_args()
-    if shutil.which("nvcc") is None:
+    has_nvcc = shutil.which("nvcc") is not None
+    if not has_nvcc:
         print("PTX machine: skipped, as there is no nvcc on PATH")
-        return SKIPPED
+        if arguments.grid is None:
+            return SKIPPED
     wanted = LONG if arguments.long else ORDINARY
     if not Path(arguments.nvrtc).is_file():
         wanted = tuple(each for each in wanted if each[0] != "nvrtc")
     with ThreadPoolExecutor(os.cpu_count()) as pool:
-        files = list(
-            pool.map(lambda each: make_ptx(*each, arguments.folder, arguments.nvrtc), wanted)
-        )
-        if arguments.part == "compile":
-            return 0
-        return max(pool.map(run, runs_of(arguments, files)))
+        runs = grid_runs(arguments)
+        if has_nvcc:
+            files = list(
+                pool.map(lambda each: make_ptx(*each, arguments.folder, arguments.nvrtc), wanted)
+            )
+            if arguments.part == "compile":
+                return 0
+            runs = runs_of(arguments, files) + runs
+        outcomes = list(pool.map(run, runs))
+    if arguments.grid is not None:
+        print("Device code: " + "; ".join(line for each in outcomes for line in each.figures))
+    return max(each.status for each in outcomes)
 
 
 if __name__ == "__main__":

@@ -53,7 +53,7 @@ Options options_of(int count, char** words) {
     } else if (word == "--kernel") {
       options.kernel = value();
     } else if (word == "--hard-cases") {
-      read_hard_cases(value());
+      launches::read_hard_cases(value());
     } else if (word == "--faults-only") {
       options.with_kernels = false;
     } else if (word == "--kernels-only") {

@@ -71,8 +71,8 @@ KORVEX_INLINE bool try_canonicalise(double* limb, int max_passes) {
   return true;
 }
 
-KORVEX_COLD inline void canonicalise_wide(double* limb) {
-  LongAccumulator wide;
+// By way of `wide`, whatever it held: on a device it lies in static memory, or in a block's.
+KORVEX_COLD inline void canonicalise_wide(double* limb, LongAccumulator& wide) {
   wide.clear();
   for (int i = 0; i < 4; ++i) {
     wide.add(limb[i]);
@@ -80,15 +80,21 @@ KORVEX_COLD inline void canonicalise_wide(double* limb) {
   wide.round(limb, 4);
 }
 
-// Precondition: four finite limbs. The fast way and the wide way give the same bits, so max_passes
-// is a matter of speed; 0 forces the wide way.
-KORVEX_COLD inline void canonicalise(double* limb, int max_passes = kCanonicalPasses) {
+// Precondition: four finite limbs. False where the fast way does not settle them: then they are not
+// canonical, and their sum is unchanged.
+KORVEX_COLD inline bool canonicalise_fast(double* limb, int max_passes = kCanonicalPasses) {
   bool small = true;
   for (int i = 0; i < 4; ++i) {
     small = small && limb[i] < kLimbLimit && limb[i] > -kLimbLimit;
   }
-  if (!small || !try_canonicalise(limb, max_passes)) {
-    canonicalise_wide(limb);
+  return small && try_canonicalise(limb, max_passes);
+}
+
+// The same, with the wide way where the fast one does not settle them; both give the same bits.
+KORVEX_COLD inline void canonicalise(double* limb, LongAccumulator& wide,
+                                     int max_passes = kCanonicalPasses) {
+  if (!canonicalise_fast(limb, max_passes)) {
+    canonicalise_wide(limb, wide);
   }
 }
 

@@ -98,7 +98,10 @@ class BasicExactSum {
       wide_.round(out, kLimbs);
       return;
     }
-    canonicalise(limbs_.limb);
+    if (!canonicalise_fast(limbs_.limb)) {
+      spill();
+      wide_.round(limbs_.limb, 4);
+    }
     for (int i = 0; i < kLimbs; ++i) {
       out[i] = limbs_.limb[i];
     }

@@ -43,6 +43,12 @@ class FactorRangeOf {
     // As an unsigned number zero less one is the last.
     smallest_less_one_ = magnitude - 1 < smallest_less_one_ ? magnitude - 1 : smallest_less_one_;
   }
+  // Takes in what another has collected.
+  KORVEX_INLINE void add(const FactorRangeOf& other) {
+    largest_ = other.largest_ > largest_ ? other.largest_ : largest_;
+    smallest_less_one_ = other.smallest_less_one_ < smallest_less_one_ ? other.smallest_less_one_
+                                                                       : smallest_less_one_;
+  }
   KORVEX_INLINE FactorRange range() const {
     if (largest_ == 0) {
       return {};
@@ -134,23 +140,24 @@ struct ElementCounts {
 
   template <int kSlices>
   KORVEX_INLINE void round(int bias_exponent, double* limbs) const {
-    if constexpr (kSlices == kFewSlices) {
-      round_few(bias_exponent, limbs);
-    } else {
+    if (kSlices != kFewSlices || !try_round_few(bias_exponent, limbs)) {
       ExactSum sum;
-      for (int slice = 0; slice < kSlices; ++slice) {
-        sum.add_scaled(count[slice], bias_exponent - slice * kProductSliceBits - kFractionBits);
-      }
-      sum.round<kElementLimbs>(limbs);
+      round_by(sum, kSlices, bias_exponent, limbs);
     }
   }
 
- private:
-  static constexpr std::int64_t kRadix = std::int64_t{1} << kProductSliceBits;
+  // Any number of slices, by way of a sum to which nothing was added yet.
+  template <class Sum>
+  KORVEX_COLD void round_by(Sum& sum, int slices, int bias_exponent, double* limbs) const {
+    for (int slice = 0; slice < slices; ++slice) {
+      sum.add_scaled(count[slice], bias_exponent - slice * kProductSliceBits - kFractionBits);
+    }
+    sum.template round<kElementLimbs>(limbs);
+  }
 
   // Writes the canonical limbs of three slices: their units are carried into four balanced digits
-  // of kProductSliceBits each, which are doubles.
-  KORVEX_COLD void round_few(int bias_exponent, double* limbs) const {
+  // of kProductSliceBits each, which are doubles. False where those do not settle soon.
+  KORVEX_COLD bool try_round_few(int bias_exponent, double* limbs) const {
     const std::int64_t carry2 = nearest_digit_above(count[2]);
     const std::int64_t count1 = count[1] + carry2;
     const std::int64_t carry1 = nearest_digit_above(count1);
@@ -161,11 +168,17 @@ struct ElementCounts {
                       scaled(count0 - carry0 * kRadix, unit),
                       scaled(count1 - carry1 * kRadix, unit - kProductSliceBits),
                       scaled(count[2] - carry2 * kRadix, unit - 2 * kProductSliceBits)};
-    canonicalise(four);
+    if (!canonicalise_fast(four)) {
+      return false;
+    }
     for (int i = 0; i < kElementLimbs; ++i) {
       limbs[i] = four[i];
     }
+    return true;
   }
+
+ private:
+  static constexpr std::int64_t kRadix = std::int64_t{1} << kProductSliceBits;
 
   // count / kRadix, rounded to an integer.
   KORVEX_INLINE static std::int64_t nearest_digit_above(std::int64_t count) {
@@ -190,60 +203,92 @@ KORVEX_INLINE void keep_counts(const ElementSlices<Lanes, kSlices>& slices, int 
   }
 }
 
-// The ways for one element, a row of a against a column of b with a stride between its elements.
+// An element on its way: a row of a against a column of b with a stride between its elements.
+struct ElementTerms {
+  const double* a;
+  const double* b;
+  std::int64_t stride;
+  std::int64_t count;
+};
 
-// False, with nothing written, where so many slices cannot hold the sum. Precondition: k_count is
-// at most kLongestElement.
-template <int kSlices>
-KORVEX_COLD bool try_element(const double* a, const double* b, std::int64_t stride,
-                             std::int64_t k_count, const ElementPlan& plan, double* limbs) {
-  if (!plan.suits(kSlices)) {
-    return false;
-  }
-  ElementCounts counts;
-  const double bias = slice_bias(plan.bias_exponent);
-  std::uint64_t lost = 0;
-  for (std::int64_t begin = 0; begin < k_count; begin += kCascadeSteps) {
-    const std::int64_t rest = k_count - begin;
-    const std::int64_t end = begin + (rest < kCascadeSteps ? rest : kCascadeSteps);
-    ElementSlices<ScalarLanes, kSlices> slices(bias);
-    for (std::int64_t k = begin; k < end; ++k) {
-      slices.add_product(a[k], b[k * stride]);
-    }
-    keep_counts<0>(slices, 0, counts);
-    lost |= slices.lost();
-  }
-  if (has_rest(lost)) {
-    return false;
-  }
-  counts.round<kSlices>(plan.bias_exponent, limbs);
-  return true;
-}
-
-// The way that suits every element: each product into the long accumulator.
-KORVEX_COLD inline void sum_element(const double* a, const double* b, std::int64_t stride,
-                                    std::int64_t k_count, double* limbs) {
-  ExactProductSum sum;
-  for (std::int64_t k = 0; k < k_count && !sum.is_decided(); ++k) {
-    sum.add_wide_product(a[k], b[k * stride]);
+// The way that suits every element: each product into a sum to which nothing was added yet.
+KORVEX_COLD inline void sum_element(const ElementTerms& terms, ExactProductSum& sum,
+                                    double* limbs) {
+  for (std::int64_t k = 0; k < terms.count && !sum.is_decided(); ++k) {
+    sum.add_wide_product(terms.a[k], terms.b[k * terms.stride]);
   }
   sum.round<kElementLimbs>(limbs);
 }
 
+// What slices have found of one element. Small: a device keeps one for each thread.
+class ElementOfSlices {
+ public:
+  // True where the limbs are written; else finish() has to be called.
+  KORVEX_COLD bool try_slices(const ElementTerms& terms, const ElementPlan& plan, double* limbs) {
+    plan_ = plan;
+    slices_ = 0;
+    if (terms.count > kLongestElement) {
+      return false;
+    }
+    if (run<kFewSlices>(terms)) {
+      slices_ = kFewSlices;
+      return counts_.try_round_few(plan.bias_exponent, limbs);
+    }
+    slices_ = run<kManySlices>(terms) ? kManySlices : 0;
+    return false;
+  }
+
+  // Writes the limbs by way of a sum to which nothing was added yet.
+  KORVEX_COLD void finish(const ElementTerms& terms, ExactProductSum& sum, double* limbs) const {
+    if (slices_ != 0) {
+      counts_.round_by(sum, slices_, plan_.bias_exponent, limbs);
+    } else {
+      sum_element(terms, sum, limbs);
+    }
+  }
+
+ private:
+  // False where so many slices cannot hold the sum; counts_ means nothing then.
+  template <int kSlices>
+  KORVEX_COLD bool run(const ElementTerms& terms) {
+    if (!plan_.suits(kSlices)) {
+      return false;
+    }
+    counts_ = ElementCounts();
+    const double bias = slice_bias(plan_.bias_exponent);
+    std::uint64_t lost = 0;
+    for (std::int64_t begin = 0; begin < terms.count; begin += kCascadeSteps) {
+      const std::int64_t rest = terms.count - begin;
+      const std::int64_t end = begin + (rest < kCascadeSteps ? rest : kCascadeSteps);
+      ElementSlices<ScalarLanes, kSlices> slices(bias);
+      for (std::int64_t k = begin; k < end; ++k) {
+        slices.add_product(terms.a[k], terms.b[k * terms.stride]);
+      }
+      keep_counts<0>(slices, 0, counts_);
+      lost |= slices.lost();
+    }
+    return !has_rest(lost);
+  }
+
+  ElementPlan plan_{};
+  int slices_ = 0;  // that hold the sum; 0: none do
+  ElementCounts counts_;
+};
+
 // limbs[0] to limbs[2] of the sum of a[k] * b[k * stride], k = 0 to k_count - 1.
-KORVEX_HD inline void matrix_element(const double* a, const double* b, std::int64_t stride,
-                                     std::int64_t k_count, double* limbs) {
+inline void matrix_element(const double* a, const double* b, std::int64_t stride,
+                           std::int64_t k_count, double* limbs) {
   FactorRangeOf row;
   FactorRangeOf column;
   for (std::int64_t k = 0; k < k_count; ++k) {
     row.note(a[k]);
     column.note(b[k * stride]);
   }
-  const ElementPlan plan = ElementPlan::of(row.range(), column.range());
-  if (k_count > kLongestElement ||
-      (!try_element<kFewSlices>(a, b, stride, k_count, plan, limbs) &&
-       !try_element<kManySlices>(a, b, stride, k_count, plan, limbs))) {
-    sum_element(a, b, stride, k_count, limbs);
+  const ElementTerms terms{a, b, stride, k_count};
+  ElementOfSlices element;
+  if (!element.try_slices(terms, ElementPlan::of(row.range(), column.range()), limbs)) {
+    ExactProductSum sum;
+    element.finish(terms, sum, limbs);
   }
 }
 

@@ -63,7 +63,7 @@ class PrefixSum : public ExactSum {
     for (int i = 0; i < 4; ++i) {
       limbs[i] = limbs_.limb[i];
     }
-    canonicalise(limbs);
+    canonicalise(limbs, rest_);
     keep(limbs);
     return {limbs[0], limbs[1]};
   }
@@ -71,15 +71,15 @@ class PrefixSum : public ExactSum {
   KORVEX_COLD ValueAndError limbs_of_wide() {
     spill();
     double limbs[4];
-    Long rest = wide_;
-    rest.round(limbs, 4);
-    if (is_below_limit(limbs[0]) && rest.is_zero()) {
+    rest_ = wide_;
+    rest_.round(limbs, 4);
+    if (is_below_limit(limbs[0]) && rest_.is_zero()) {
       wide_open_ = false;
       keep(limbs);
       return {limbs[0], limbs[1]};
     }
-    rest = wide_;
-    rest.round(limbs, 2);  // where two limbs overflow, four may not
+    rest_ = wide_;
+    rest_.round(limbs, 2);  // where two limbs overflow, four may not
     return {limbs[0], limbs[1]};
   }
 
@@ -94,6 +94,7 @@ class PrefixSum : public ExactSum {
   // True where the sum is limb[0] + limb[1], canonical, the other limbs being 0; nothing is in the
   // long accumulator then, and no infinity or NaN was seen.
   bool is_two_limbs_ = true;
+  Long rest_;  // of a rounding; its content does not matter in between
 };
 
 }  // namespace korvex::arithmetic

@@ -7,6 +7,7 @@
 #include "korvex/arithmetic/exact/chunked_sum.h"
 #include "korvex/arithmetic/exact/exact_product_sum.h"
 #include "korvex/arithmetic/exact/products.h"
+#include "korvex/kernels/device/async_copy.cuh"
 #include "korvex/kernels/device/lanes.cuh"
 #include "korvex/kernels/device/parallel_dot.h"
 #include "korvex/kernels/device/staged_sum.cuh"
@@ -34,24 +35,11 @@ __device__ __forceinline__ void start_copying_pairs(const double* x, const doubl
 }
 
 // Adds x[i] * y[i] for i = 0 to n - 1, by one thread: pieces of both arrays are copied to shared
-// memory one piece ahead where both lie at multiples of 16 bytes, and piece by piece otherwise.
+// memory one piece ahead.
 __device__ __forceinline__ void add_staged_products(const double* x, const double* y,
                                                     std::int64_t n, StagedPairs* pieces,
                                                     arithmetic::ExactProductSum& sum) {
   arithmetic::ChunkedSum<DeviceLanes, 1, arithmetic::Products> chunks(sum);
-  const bool is_aligned =
-      (reinterpret_cast<std::uintptr_t>(x) | reinterpret_cast<std::uintptr_t>(y)) % 16 == 0;
-  for (std::int64_t begin = 0; begin < n && !is_aligned; begin += kPiecePairs) {
-    const std::int64_t count = piece_pairs(n - begin);
-    for (std::int64_t i = 0; i < count; ++i) {
-      pieces->x[i] = x[begin + i];
-      pieces->y[i] = y[begin + i];
-    }
-    chunks.add({pieces->x, pieces->y}, count);
-  }
-  if (!is_aligned || n <= 0) {
-    return;
-  }
   start_copying_pairs(x, y, piece_pairs(n), pieces[0]);
   for (int slot = 0; n > 0; slot = 1 - slot) {
     const std::int64_t count = piece_pairs(n);
@@ -59,7 +47,7 @@ __device__ __forceinline__ void add_staged_products(const double* x, const doubl
     y += count;
     n -= count;
     start_copying_pairs(x, y, piece_pairs(n), pieces[1 - slot]);
-    wait_for_copies_before_the_latest_two_groups();
+    wait_for_copies_before_the_latest<2>();
     chunks.add({pieces[slot].x, pieces[slot].y}, count);
   }
 }
@@ -76,7 +64,7 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kMostThreadsOfFunc
   using namespace korvex;
   using arithmetic::ExactProductSum;
   __shared__ kernels::StagedPairs pieces[2];
-  __shared__ alignas(ExactProductSum) unsigned char sum_memory[sizeof(ExactProductSum)];
+  alignas(ExactProductSum) __shared__ unsigned char sum_memory[sizeof(ExactProductSum)];
   if (!kernels::is_first_thread_of_grid()) {
     return;
   }
@@ -86,7 +74,8 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kMostThreadsOfFunc
 }
 
 // out[0], out_err[0] and out_err2[0]: the first three limbs of the sum of the products of x and y.
-extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock,
+                                             korvex::kernels::kResidentDotBlocks)
     tqx_dot_kernel(const double* x, const double* y, double* out, double* out_err, double* out_err2,
                    long long n) {
   using namespace korvex;

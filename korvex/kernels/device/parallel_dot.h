@@ -23,6 +23,7 @@ using DotGridMemory = GridMemoryOf<arithmetic::ExactProductSum>;
 
 constexpr int kPairsPerLane = kPerLane / 2;
 constexpr int kDotTile = kLanes * kPairsPerLane;
+static_assert(kDotBlockElements == kMaxWarps * kDotTile);
 
 template <class Thread>
 class WarpProducts : private WarpSum<Thread> {
@@ -72,21 +73,17 @@ class WarpProducts : private WarpSum<Thread> {
     plan.bias_exponent = WarpPlan::bias_exponent_for(highest);
     std::int64_t units[WarpPlan::kManySlices];
     Base::template run<WarpPlan::kManySlices>(plan, part, units);
-    for (int slice = 0; slice < WarpPlan::kManySlices; ++slice) {
-      const std::int64_t total = thread_.sum(units[slice]);
-      if (thread_.lane() == 0 && total != 0) {
-        const std::uint64_t magnitude =
-            total < 0 ? 0 - static_cast<std::uint64_t>(total) : static_cast<std::uint64_t>(total);
-        this->add_shifted(magnitude, plan.unit_position(slice) + kBitsBelowDoubles, total < 0);
-      }
-    }
+    Base::template add_units<kBitsBelowDoubles>(plan, units);
     for (int i = 0; i < kPerLane; ++i) {
       if (part[i] != 0) {
-        this->add_shifted(arithmetic::significand(part[i]),
-                          arithmetic::shift(part[i]) + kBitsBelowDoubles,
-                          arithmetic::is_negative(part[i]));
+        add_rest(part[i]);
       }
     }
+  }
+
+  KORVEX_COLD void add_rest(double x) const {
+    this->add_shifted(arithmetic::significand(x), arithmetic::shift(x) + kBitsBelowDoubles,
+                      arithmetic::is_negative(x));
   }
 
   KORVEX_COLD void add_each(const double* x, const double* y, int count) const {

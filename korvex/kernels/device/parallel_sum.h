@@ -25,6 +25,7 @@
 namespace korvex::kernels {
 
 constexpr int kMaxWarps = kGridBlock / kLanes;  // in a block
+static_assert(kSumBlockElements == kMaxWarps * kTile);
 
 // Digits that hold any sum of a kind: all of its long accumulator but the last, which is for
 // carries.

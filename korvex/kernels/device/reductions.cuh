@@ -26,7 +26,7 @@ namespace korvex::kernels {
 
 // What a thread of the running sums holds.
 struct SegmentSum {
-  arithmetic::ExactSum before;  // first of the segment itself, then of all before it
+  arithmetic::ExactSum through;  // of the segment, then also of those before it
   arithmetic::PrefixSum prefix;
 };
 
@@ -43,7 +43,6 @@ struct alignas(16) PartMemory {
 union ReductionWorkspace {
   arithmetic::VarianceWorkspace variance;
   arithmetic::NormWorkspace norm;
-  alignas(16) unsigned char total[sizeof(arithmetic::ExactSum)];
 };
 
 // Launches of these kernels never overlap: all are made on the null stream of the device.
@@ -95,6 +94,7 @@ class BlockRunner {
   }
 
   __device__ __forceinline__ void sync() const { thread_.sync_block(); }
+  __device__ __forceinline__ int index() const { return thread_.index(); }
   __device__ __forceinline__ int threads() const { return thread_.threads(); }
 
  private:
@@ -110,16 +110,25 @@ __device__ __forceinline__ bool is_in_first_block() {
   return blockIdx.x == 0 && blockIdx.y == 0 && blockIdx.z == 0;
 }
 
-// The sums of the segments become the sums of what is before each of them.
-__device__ __forceinline__ void scan_segments(const BlockRunner& runner) {
-  arithmetic::ExactSum& total = *new (reduction_workspace.total) arithmetic::ExactSum();
-  for (int i = 0; i < runner.threads(); ++i) {
-    SegmentSum& segment = runner.part<SegmentSum>(i);
-    arithmetic::ExactSum& own = segment.prefix;
-    own = segment.before;
-    segment.before = total;
-    total.add(own);
+// The sums of the segments become the sums through each of them, by doubling distances (Hillis and
+// Steele 1986). Segments from `count` on are empty and take no part. All threads together.
+__device__ __forceinline__ void scan_segments(const BlockRunner& runner, std::int64_t count) {
+  SegmentSum& own = runner.own_part<SegmentSum>();
+  arithmetic::ExactSum& next = own.prefix;
+#pragma unroll 1
+  for (int distance = 1; distance < runner.threads() && distance < count; distance *= 2) {
+    const bool has_more = runner.index() >= distance && runner.index() < count;
+    runner.sync();
+    if (has_more) {
+      next = own.through;
+      next.add(runner.part<SegmentSum>(runner.index() - distance).through);
+    }
+    runner.sync();
+    if (has_more) {
+      own.through = next;
+    }
   }
+  runner.sync();
 }
 
 }  // namespace korvex::kernels
@@ -187,14 +196,15 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kSingleBlock, 1)
   }
   const kernels::BlockRunner runner(x, n);
   SegmentSum& own = *new (&runner.own_part<SegmentSum>()) SegmentSum();
-  arithmetic::add_range<arithmetic::ScalarLanes>(x + runner.begin(), runner.size(), own.before);
-  runner.sync();
-  if (runner.is_first()) {
-    kernels::scan_segments(runner);
+  arithmetic::add_range<arithmetic::ScalarLanes>(x + runner.begin(), runner.size(), own.through);
+  kernels::scan_segments(runner, n);
+  if (runner.size() <= 0) {
+    return;
   }
-  runner.sync();
   arithmetic::PrefixSum& prefix = *new (&own.prefix) arithmetic::PrefixSum();
-  prefix.start(own.before);
+  if (!runner.is_first()) {
+    prefix.start(runner.part<SegmentSum>(runner.index() - 1).through);
+  }
   prefix.scan(x + runner.begin(), runner.size(), out + runner.begin(), out_err + runner.begin());
 }
 

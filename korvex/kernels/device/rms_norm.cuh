@@ -12,8 +12,13 @@
 
 namespace korvex::kernels {
 
+// All of the long accumulator but the last digit, which is for carries.
+constexpr int kSquareDigits = arithmetic::ProductAccumulator::kDigits - 1;
+
 struct RmsNormMemory {
   std::int64_t digits[kSingleBlock / kLanes][arithmetic::ProductAccumulator::kDigits];
+  std::int64_t low_halves[kSquareDigits];
+  std::int64_t high_halves[kSquareDigits];
   unsigned special;
   arithmetic::ProductAccumulator sum;
   arithmetic::InverseRoot root;
@@ -53,15 +58,31 @@ __device__ __forceinline__ void add_squares(const DeviceThread& thread, const do
   thread.sync_block();
 }
 
-// By one thread.
-__device__ __noinline__ void find_root(int warps, std::int64_t n, double eps,
-                                       RmsNormMemory& block) {
-  block.sum.clear();
-  for (int warp = 0; warp < warps; ++warp) {
-    for (int i = 0; i < arithmetic::ProductAccumulator::kDigits - 1; ++i) {
-      block.sum.add_digit(i, block.digits[warp][i]);
+// Joins the digits of all warps: afterwards low_halves and high_halves hold their sums. A digit has
+// up to 63 bits, so halves of 32 are added apart.
+__device__ __forceinline__ void join_warps(const DeviceThread& thread, RmsNormMemory& block) {
+  for (int i = thread.index(); i < kSquareDigits; i += thread.threads()) {
+    std::int64_t low = 0;
+    std::int64_t high = 0;
+    for (int warp = 0; warp < thread.warps(); ++warp) {
+      low += block.digits[warp][i] & kDigitMask;
+      high += block.digits[warp][i] >> kDigitBits;
     }
+    block.low_halves[i] = low;
+    block.high_halves[i] = high;
   }
+  thread.sync_block();
+}
+
+// By one thread. The last digit has none above it: the sum of all squares leaves it small.
+__device__ __noinline__ void find_root(std::int64_t n, double eps, RmsNormMemory& block) {
+  block.sum.clear();
+  for (int i = 0; i + 1 < kSquareDigits; ++i) {
+    block.sum.add_digit(i, block.low_halves[i]);
+    block.sum.add_digit(i + 1, block.high_halves[i]);
+  }
+  constexpr int kLast = kSquareDigits - 1;
+  block.sum.add_digit(kLast, block.low_halves[kLast] + (block.high_halves[kLast] << kDigitBits));
   const bool any_nan = (block.special & kNan) != 0;
   block.root = arithmetic::inverse_root(block.sum, any_nan, block.special != 0, n, eps);
 }
@@ -73,15 +94,16 @@ __device__ __noinline__ void find_root(int warps, std::int64_t n, double eps,
 extern "C" __global__ void __launch_bounds__(korvex::kernels::kSingleBlock, 1)
     tqx_rms_norm_kernel(const double* x, double* out, long long n, double eps) {
   using namespace korvex;
-  __shared__ alignas(arithmetic::InverseRoot) unsigned char memory[sizeof(kernels::RmsNormMemory)];
+  alignas(arithmetic::InverseRoot) __shared__ unsigned char memory[sizeof(kernels::RmsNormMemory)];
   auto& block = *reinterpret_cast<kernels::RmsNormMemory*>(memory);
   const kernels::DeviceThread thread;
   if (thread.block() != 0 || n <= 0) {
     return;
   }
   kernels::add_squares(thread, x, n, block);
+  kernels::join_warps(thread, block);
   if (thread.index() == 0) {
-    kernels::find_root(thread.warps(), n, eps, block);
+    kernels::find_root(n, eps, block);
   }
   thread.sync_block();
 #pragma unroll 1

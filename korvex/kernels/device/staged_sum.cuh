@@ -10,52 +10,25 @@
 #include "korvex/arithmetic/exact/chunked_sum.h"
 #include "korvex/arithmetic/exact/exact_sum.h"
 #include "korvex/arithmetic/exact/sum.h"
+#include "korvex/kernels/device/async_copy.cuh"
 #include "korvex/kernels/device/lanes.cuh"
 
 namespace korvex::kernels {
 
 constexpr int kPiece = 2048;
 
-// Starts to copy one pair; both addresses are multiples of 16 bytes.
-__device__ __forceinline__ void start_copying_pair(const double* from, double* to) {
-#if __CUDA_ARCH__ >= 800
-  const auto shared_address = static_cast<unsigned>(__cvta_generic_to_shared(to));
-  asm volatile("cp.async.cg.shared.global [%0], [%1], 16;" ::"r"(shared_address), "l"(from)
-               : "memory");
-#else
-  *reinterpret_cast<double2*>(to) = *reinterpret_cast<const double2*>(from);
-#endif
-}
-
-// Ends the group of copies started since the last call.
-__device__ __forceinline__ void end_group_of_copies() {
-#if __CUDA_ARCH__ >= 800
-  asm volatile("cp.async.commit_group;" ::: "memory");
-#endif
-}
-
-// Waits for all groups of copies but the latest.
-__device__ __forceinline__ void wait_for_copies_before_the_latest_group() {
-#if __CUDA_ARCH__ >= 800
-  asm volatile("cp.async.wait_group 1;" ::: "memory");
-#endif
-}
-
-// The same but for the latest two.
-__device__ __forceinline__ void wait_for_copies_before_the_latest_two_groups() {
-#if __CUDA_ARCH__ >= 800
-  asm volatile("cp.async.wait_group 2;" ::: "memory");
-#endif
-}
-
-// A group of its own, empty where count <= 0.
+// A group of its own, empty where count <= 0; `to` lies at a multiple of 16 bytes. Where `from`
+// does too, pairs are copied.
 __device__ __noinline__ void start_copying(const double* from, std::int64_t count, double* to) {
+  const bool in_pairs = reinterpret_cast<std::uintptr_t>(from) % sizeof(double2) == 0;
+  const std::int64_t paired = in_pairs ? count / 2 * 2 : 0;
 #pragma unroll 16
-  for (std::int64_t i = 0; i < count / 2; ++i) {
-    start_copying_pair(from + 2 * i, to + 2 * i);
+  for (std::int64_t i = 0; i < paired; i += 2) {
+    start_copying_pair(from + i, to + i);
   }
-  if (count > 0 && count % 2 != 0) {
-    to[count - 1] = from[count - 1];
+#pragma unroll 16
+  for (std::int64_t i = paired; i < count; ++i) {
+    start_copying_one(from + i, to + i);
   }
   end_group_of_copies();
 }
@@ -80,7 +53,7 @@ __device__ __forceinline__ void add_staged(const double* x, std::int64_t n,
     x += count;
     n -= count;
     start_copying(x, piece_size(n), pieces[1 - slot]);
-    wait_for_copies_before_the_latest_group();
+    wait_for_copies_before_the_latest<1>();
     chunks.add({pieces[slot]}, count);
   }
 }

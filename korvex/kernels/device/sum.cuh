@@ -21,8 +21,8 @@ __device__ GridMemory sum_grid_memory;
 extern "C" __global__ void __launch_bounds__(korvex::kernels::kMostThreadsOfFunction)
     tqx_sum_seq_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
-  __shared__ alignas(16) double pieces[2][kernels::kPiece];
-  __shared__ alignas(arithmetic::ExactSum) unsigned char sum_memory[sizeof(arithmetic::ExactSum)];
+  alignas(16) __shared__ double pieces[2][kernels::kPiece];
+  alignas(arithmetic::ExactSum) __shared__ unsigned char sum_memory[sizeof(arithmetic::ExactSum)];
   if (!kernels::is_first_thread_of_grid()) {
     return;
   }

@@ -32,7 +32,7 @@ class DeviceThread {
     return __any_sync(kAllLanes, condition);
   }
   __device__ __forceinline__ unsigned max(unsigned value) const {
-#if __CUDA_ARCH__ >= 800
+#if __CUDA_ARCH__ >= 800 || !defined(__CUDACC__)
     return __reduce_max_sync(kAllLanes, value);
 #else
     for (int distance = 16; distance > 0; distance /= 2) {
@@ -60,12 +60,23 @@ class DeviceThread {
     into[1] = pair.y;
   }
 
-  // Atomic, in memory of the block.
+  // Atomic, in memory of the block; the compiler does not see that it is that, and would first try
+  // an operation on the memory of the grid.
   __device__ __forceinline__ void add_to_block(std::int64_t& target, std::int64_t value) const {
+#ifdef __CUDACC__
+    asm volatile("red.shared.add.u64 [%0], %1;" ::"r"(shared_address(&target)), "l"(value)
+                 : "memory");
+#else
     atomicAdd(word(target), static_cast<unsigned long long>(value));
+#endif
   }
   __device__ __forceinline__ void set_bits_of_block(unsigned& target, unsigned bits) const {
+#ifdef __CUDACC__
+    asm volatile("red.shared.or.b32 [%0], %1;" ::"r"(shared_address(&target)), "r"(bits)
+                 : "memory");
+#else
     atomicOr(&target, bits);
+#endif
   }
 
   // Atomic, in memory of the grid; what was there before comes back.
@@ -81,6 +92,8 @@ class DeviceThread {
     return static_cast<std::int64_t>(atomicExch(word(target), 0ULL));
   }
 
+  // Sequentially consistent, on which the pattern of the last block rests (arrives_last): a fence
+  // that only releases, or only acquires, would not do for both of its calls.
   __device__ __forceinline__ void fence() const { __threadfence(); }
   // What threads of the warp, of the block, did before this comes before what they do after.
   __device__ __forceinline__ void sync_warp() const { __syncwarp(); }
@@ -88,6 +101,12 @@ class DeviceThread {
 
  private:
   static constexpr unsigned kAllLanes = 0xffffffff;
+
+#ifdef __CUDACC__
+  __device__ __forceinline__ static unsigned shared_address(const void* pointer) {
+    return static_cast<unsigned>(__cvta_generic_to_shared(pointer));
+  }
+#endif
 
   __device__ __forceinline__ static unsigned long long* word(std::int64_t& target) {
     return reinterpret_cast<unsigned long long*>(&target);

@@ -59,7 +59,8 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
 }
 
 // out[i]: log(x[i]), correctly rounded.
-extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock,
+                                             korvex::kernels::kResidentElementaryBlocks)
     tqx_log_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
   kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::logarithm>());
@@ -73,14 +74,16 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
 }
 
 // out[i]: 1 / (1 + exp(-x[i])), correctly rounded.
-extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock,
+                                             korvex::kernels::kResidentElementaryBlocks)
     tqx_sigmoid_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
   kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::sigmoid>());
 }
 
 // out[i]: tanh(x[i]), correctly rounded.
-extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock)
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock,
+                                             korvex::kernels::kResidentElementaryBlocks)
     tqx_tanh_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
   kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::hyperbolic_tangent>());

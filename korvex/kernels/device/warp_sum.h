@@ -252,18 +252,43 @@ class WarpSum {
     }
   }
 
-  KORVEX_COLD void flush(const WarpPlan& plan) const {
+  KORVEX_COLD void flush(const WarpPlan& plan) const { add_units<0>(plan, plan.count); }
+
+  // Adds the units of all lanes, in each slice of a plan whose positions begin kBitsBelow bits
+  // above the first digit. The first lane adds alone, so it needs no atomic operation. All lanes
+  // together.
+  template <int kBitsBelow>
+  KORVEX_INLINE void add_units(const WarpPlan& plan, const std::int64_t* lane_units) const {
+    std::int64_t units[WarpPlan::kManySlices];
     for (int slice = 0; slice < WarpPlan::kManySlices; ++slice) {
-      const std::int64_t units = thread_.sum(plan.count[slice]);
-      if (thread_.lane() == 0 && units != 0) {
-        const std::uint64_t magnitude =
-            units < 0 ? 0 - static_cast<std::uint64_t>(units) : static_cast<std::uint64_t>(units);
-        add_shifted(magnitude, plan.unit_position(slice), units < 0);
+      units[slice] = thread_.sum(lane_units[slice]);
+    }
+    thread_.sync_warp();
+    if (thread_.lane() == 0) {
+      for (int slice = 0; slice < WarpPlan::kManySlices; ++slice) {
+        const bool is_negative = units[slice] < 0;
+        const auto bits = static_cast<std::uint64_t>(units[slice]);
+        add_alone(is_negative ? 0 - bits : bits, plan.unit_position(slice) + kBitsBelow,
+                  is_negative);
       }
     }
+    thread_.sync_warp();
   }
 
-  // Adds magnitude * 2^(position - 1074), negative or not, to three digits.
+  // Adds magnitude * 2^(position - 1074), negative or not, to three digits, while no other lane
+  // adds.
+  KORVEX_INLINE void add_alone(std::uint64_t magnitude, int position, bool negative) const {
+    const int index = position / kDigitBits;
+    const int offset = position % kDigitBits;
+    const std::uint64_t low = magnitude << offset;
+    const std::uint64_t high = (magnitude >> 1) >> (63 - offset);  // a shift by 64 is not defined
+    const std::int64_t sign = negative ? -1 : 1;
+    digits_[index] += sign * static_cast<std::int64_t>(low & kDigitMask);
+    digits_[index + 1] += sign * static_cast<std::int64_t>(low >> kDigitBits);
+    digits_[index + 2] += sign * static_cast<std::int64_t>(high);
+  }
+
+  // The same while other lanes may add.
   KORVEX_INLINE void add_shifted(std::uint64_t magnitude, int position, bool negative) const {
     const int index = position / kDigitBits;
     const int offset = position % kDigitBits;

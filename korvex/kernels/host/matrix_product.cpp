@@ -228,8 +228,9 @@ bool MatrixOnHost::finish_row(const Tile& tile, std::int64_t row, Workspace::Mem
       is_finished = false;
       continue;
     } else {
-      arithmetic::sum_element(product_.a + i * product_.k, product_.b + j, product_.n, product_.k,
-                              limbs);
+      arithmetic::ExactProductSum sum;
+      arithmetic::sum_element({product_.a + i * product_.k, product_.b + j, product_.n, product_.k},
+                              sum, limbs);
     }
     write(i, j, limbs);
   }

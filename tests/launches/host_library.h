@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A library of host kernels, loaded as its users load it: its results are what the PTX must leave.
+// A library of host kernels, loaded as its users load it: its results are what device code must
+// leave.
 #pragma once
 
 #include <dlfcn.h>
@@ -9,9 +10,9 @@
 #include <vector>
 
 #include "korvex/kernels/host/launch.h"
-#include "tests/ptx/module.h"
+#include "tests/launches/failure.h"
 
-namespace korvex::ptx {
+namespace korvex::launches {
 
 class HostLibrary {
  public:
@@ -55,4 +56,4 @@ class HostLibrary {
   decltype(korvex_host_launch)* launch_ = nullptr;
 };
 
-}  // namespace korvex::ptx
+}  // namespace korvex::launches

@@ -6,9 +6,9 @@
 #include <limits>
 #include <sstream>
 
-#include "tests/ptx/cases.h"
+#include "tests/launches/launch_case.h"
 
-namespace korvex::ptx {
+namespace korvex::launches {
 namespace {
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
@@ -140,4 +140,4 @@ std::vector<double> draw_elements(test::Random& random, const Case& one, std::si
   return x;
 }
 
-}  // namespace korvex::ptx
+}  // namespace korvex::launches

@@ -1,0 +1,132 @@
+// SPDX-License-Identifier: Apache-2.0
+// Shapes that a launch may have, and sizes around every border of the kernels' work.
+#include "tests/device_code/grid_cases.h"
+
+namespace korvex::test {
+namespace {
+
+using launches::blocks_for;
+using launches::Case;
+using launches::Data;
+
+constexpr unsigned kThreads[] = {1, 2, 3, 31, 32, 33, 64, 96, 255, 256, 512, 1000, 1024};
+
+// Votes of a warp need all of its lanes.
+bool needs_whole_warps(const kernels::KernelRow& row) { return row.blocks_per_multiprocessor != 0; }
+bool needs_a_warp(const kernels::KernelRow& row) {
+  return std::string_view(row.name) == "tqx_rms_norm_kernel";
+}
+
+std::vector<unsigned> threads_for(const kernels::KernelRow& row) {
+  const unsigned most = row.block == 0 ? kernels::kMostThreadsOfFunction : row.block;
+  std::vector<unsigned> threads;
+  for (const unsigned each : kThreads) {
+    if (each <= most && (!needs_whole_warps(row) || each % 32 == 0) &&
+        (!needs_a_warp(row) || each >= 32)) {
+      threads.push_back(each);
+    }
+  }
+  return threads;
+}
+
+// One block, some that leave work for several rounds, a thread for each element, more than that,
+// and grids and blocks of several dimensions. A grid of many blocks of one thread would take long.
+std::vector<launches::Shape> shapes_for(const kernels::KernelRow& row, std::int64_t n) {
+  std::vector<launches::Shape> shapes;
+  for (const unsigned threads : threads_for(row)) {
+    const unsigned needed = std::min(blocks_for(n, threads), 300U);
+    shapes.push_back({{1, 1, 1}, {threads, 1, 1}});
+    shapes.push_back({{3, 1, 1}, {threads, 1, 1}});
+    if (threads >= 32 || n < 1000) {
+      shapes.push_back({{needed, 1, 1}, {threads, 1, 1}});
+      shapes.push_back({{needed + 1, 2, 1}, {threads, 1, 1}});
+    }
+  }
+  shapes.push_back({{2, 3, 2}, {16, 2, 4}});
+  if (!needs_whole_warps(row) && !needs_a_warp(row)) {
+    shapes.push_back({{1, 2, 2}, {3, 5, 2}});
+  }
+  shapes.push_back({{0, 1, 1}, {threads_for(row).back(), 1, 1}});
+  shapes.push_back({{2, 0, 3}, {threads_for(row).back(), 1, 1}});
+  return shapes;
+}
+
+constexpr std::int64_t kSizes[] = {0,    1,    2,    3,    31,    32,    33,    255,  256,
+                                   257,  511,  512,  513,  1023,  1024,  1025,  2047, 2048,
+                                   2049, 4095, 4096, 4097, 16384, 16385, 16386, 65537};
+
+constexpr std::int64_t kMatrices[][3] = {{0, 3, 3},   {3, 0, 2},   {1, 1, 0},    {1, 1, 1},
+                                         {5, 17, 33}, {17, 3, 70}, {16, 16, 16}, {33, 2, 129},
+                                         {2, 40, 7},  {1, 65, 31}, {20, 20, 65}, {3, 3, 513}};
+
+launches::Shape matrix_shape(std::uint64_t number, std::int64_t m, std::int64_t n) {
+  constexpr unsigned kBlocks[][2] = {{16, 16}, {1, 1},   {2, 1},   {31, 1}, {32, 1},
+                                     {3, 11},  {255, 1}, {1, 256}, {8, 8}};
+  const unsigned* const block = kBlocks[number % std::size(kBlocks)];
+  const unsigned x = number % 4 == 3 ? 1 : blocks_for(n, block[0]) + (number % 4 == 2 ? 1 : 0);
+  const unsigned y = number % 4 == 3 ? 1 : blocks_for(m, block[1]) + (number % 4 == 2 ? 2 : 0);
+  return {{number % 37 == 36 ? 0 : x, y, 1}, {block[0], block[1], 1}};
+}
+
+Case new_case(const kernels::KernelRow& row, std::uint64_t seed) {
+  Case one;
+  one.row = &row;
+  one.seed = seed;
+  one.odd = static_cast<unsigned>(seed % 32);
+  return one;
+}
+
+void set_data(Case& one, std::uint64_t number) {
+  constexpr auto kDrawn = static_cast<std::uint64_t>(Data::kNotable);
+  one.data = static_cast<Data>(number % kDrawn);
+}
+
+std::vector<Case> matrix_cases(const kernels::KernelRow& row, bool is_long, std::uint64_t seed) {
+  std::vector<Case> cases;
+  for (std::uint64_t round = 0; round < (is_long ? 40 : 6); ++round) {
+    for (const auto& [m, n, k] : kMatrices) {
+      Case one = new_case(row, seed++);
+      one.sizes = {{"M", m}, {"N", n}, {"K", k}};
+      one.shape = matrix_shape(cases.size(), m, n);
+      set_data(one, round);
+      cases.push_back(one);
+    }
+  }
+  return cases;
+}
+
+}  // namespace
+
+std::vector<Case> grid_cases_of(const kernels::KernelRow& row, bool is_long, std::uint64_t seed) {
+  if (launches::is_matrix_product(row)) {
+    return matrix_cases(row, is_long, seed);
+  }
+  std::vector<Case> cases;
+  std::size_t turn = 0;
+  const auto add = [&](std::int64_t n, const launches::Shape& shape) -> Case& {
+    Case one = new_case(row, seed++);
+    one.sizes = {{"n", n}};
+    one.shape = shape;
+    set_data(one, cases.size() + cases.size() / 4);
+    cases.push_back(one);
+    return cases.back();
+  };
+  for (const std::int64_t n : kSizes) {
+    const std::vector<launches::Shape> shapes = shapes_for(row, n);
+    // All shapes of the long run; else a few, others for each size.
+    const std::size_t count = is_long ? shapes.size() : n > 5000 ? 2 : n > 600 ? 3 : 6;
+    for (std::size_t i = 0; i < count; ++i) {
+      add(n, shapes[turn++ * 7 % shapes.size()]);
+    }
+  }
+  for (std::size_t notable = 0; notable < launches::notable_count(); ++notable) {
+    const auto n = static_cast<std::int64_t>(launches::notable_size(notable));
+    const std::vector<launches::Shape> shapes = shapes_for(row, n);
+    Case& one = add(n, shapes[turn++ * 7 % shapes.size()]);
+    one.data = Data::kNotable;
+    one.notable = notable;
+  }
+  return cases;
+}
+
+}  // namespace korvex::test
