@@ -17,6 +17,7 @@ namespace korvex::test {
 namespace {
 
 using arithmetic::HostLanes;
+using arithmetic::Natural;
 using arithmetic::ScalarLanes;
 
 constexpr double kMax = std::numeric_limits<double>::max();
@@ -181,6 +182,31 @@ void product_that_needs_the_second_try() {
   expect_product(std::vector<double>(20, 1 + 0x1p-52), 1 + 20 * 0x1p-52, 0x1.7c00000000009p-97);
 }
 
+// A double as an integer in units of 2^-128. Precondition: it is one.
+Natural<3> in_units(double x) {
+  Natural<3> units{};
+  const int position = arithmetic::shift(x) + arithmetic::kUnitExponent + 128;
+  shift_down(Natural<1>{{arithmetic::significand(x)}}, -position, units);
+  return units;
+}
+
+void the_leading_part_of_a_sum_of_exponentials_has_105_bits() {
+  Random random(62);
+  for (int i = 0; i < 300; ++i) {
+    arithmetic::ExpSum all;
+    all.sum.word[0] = bits_of(random.with_exponent(random.between(-900, 900)));
+    all.sum.word[1] = bits_of(random.with_exponent(random.between(-900, 900))) << (i % 8);
+    all.sum.word[2] = std::uint64_t{1} << (i % 60);
+    const auto leading = all.leading();
+    Natural<3> rest{};
+    subtract(all.sum, in_units(leading.value), rest);
+    const Natural<3> low = in_units(leading.error);
+    const bool is_above = rest < low;
+    subtract(is_above ? low : rest, is_above ? rest : low, rest);
+    CHECK(highest_bit(rest) <= highest_bit(all.sum) - 105);
+  }
+}
+
 void expect_scan(const std::vector<double>& x) {
   for (const int threads : {1, 32, 1024}) {
     const Scan scan = running_sums<HostLanes>(x, threads);
@@ -272,6 +298,7 @@ void blocks_of_any_size_agree() {
 }  // namespace
 
 void test_reductions() {
+  the_leading_part_of_a_sum_of_exponentials_has_105_bits();
   variance_keeps_what_a_large_mean_would_hide();
   variance_neither_overflows_nor_underflows_on_the_way();
   variance_of_too_few_or_of_no_numbers_is_nan();
