@@ -24,11 +24,13 @@
 // over elements. KORVEX_COLD: the same, never inlined, for what runs once a chunk or less.
 // KORVEX_UNROLL_4, before a loop: a device takes four passes at a time, so that values which go
 // from one pass to the next stay in their registers instead of being copied. Nothing on a host.
+// KORVEX_DEVICE_COMPILER: defined for a compiler that knows the instructions of devices.
 #ifdef __CUDACC__
 #define KORVEX_HD __host__ __device__
 #define KORVEX_INLINE __host__ __device__ __forceinline__
 #define KORVEX_COLD __host__ __device__ __noinline__
 #define KORVEX_UNROLL_4 _Pragma("unroll 4")
+#define KORVEX_DEVICE_COMPILER 1
 #else
 #if !defined(FLT_EVAL_METHOD) || FLT_EVAL_METHOD != 0
 #error "double arithmetic must be evaluated in double"

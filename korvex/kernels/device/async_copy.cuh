@@ -5,9 +5,11 @@
 // that simulates a grid brings its own (tests/device_code/cuda_grid.cpp).
 #pragma once
 
+#include "korvex/arithmetic/base/portability.h"
+
 namespace korvex::kernels {
 
-#ifdef __CUDACC__
+#ifdef KORVEX_DEVICE_COMPILER
 
 // Starts to copy two neighbouring elements; both addresses are multiples of 16 bytes.
 __device__ __forceinline__ void start_copying_pair(const double* from, double* to) {

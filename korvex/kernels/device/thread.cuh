@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+#include "korvex/arithmetic/base/portability.h"
+
 namespace korvex::kernels {
 
 class DeviceThread {
@@ -32,7 +34,7 @@ class DeviceThread {
     return __any_sync(kAllLanes, condition);
   }
   __device__ __forceinline__ unsigned max(unsigned value) const {
-#if __CUDA_ARCH__ >= 800 || !defined(__CUDACC__)
+#if __CUDA_ARCH__ >= 800 || !defined(KORVEX_DEVICE_COMPILER)
     return __reduce_max_sync(kAllLanes, value);
 #else
     for (int distance = 16; distance > 0; distance /= 2) {
@@ -63,7 +65,7 @@ class DeviceThread {
   // Atomic, in memory of the block; the compiler does not see that it is that, and would first try
   // an operation on the memory of the grid.
   __device__ __forceinline__ void add_to_block(std::int64_t& target, std::int64_t value) const {
-#ifdef __CUDACC__
+#ifdef KORVEX_DEVICE_COMPILER
     asm volatile("red.shared.add.u64 [%0], %1;" ::"r"(shared_address(&target)), "l"(value)
                  : "memory");
 #else
@@ -71,7 +73,7 @@ class DeviceThread {
 #endif
   }
   __device__ __forceinline__ void set_bits_of_block(unsigned& target, unsigned bits) const {
-#ifdef __CUDACC__
+#ifdef KORVEX_DEVICE_COMPILER
     asm volatile("red.shared.or.b32 [%0], %1;" ::"r"(shared_address(&target)), "r"(bits)
                  : "memory");
 #else
@@ -102,7 +104,7 @@ class DeviceThread {
  private:
   static constexpr unsigned kAllLanes = 0xffffffff;
 
-#ifdef __CUDACC__
+#ifdef KORVEX_DEVICE_COMPILER
   __device__ __forceinline__ static unsigned shared_address(const void* pointer) {
     return static_cast<unsigned>(__cvta_generic_to_shared(pointer));
   }
