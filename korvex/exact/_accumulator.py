@@ -2,8 +2,8 @@
 """What all accumulators have in common: merging, comparing, copies, bytes, and reading them back.
 
 The state of an accumulator has a fixed size, and depends on what was added alone: not on the order,
-not on how it was cut into arrays, not on threads or processors. One accumulator serves one thread
-at a time; give each thread its own and merge them.
+not on how it was cut into arrays, not on threads or processors. Steps of several threads on one
+accumulator wait for each other; where they should not, give each thread its own and merge them.
 """
 
 from __future__ import annotations

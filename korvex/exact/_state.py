@@ -9,6 +9,7 @@ is an error where a value is read.
 from __future__ import annotations
 
 import math
+import threading
 from typing import Any, NamedTuple, NoReturn
 
 import numpy as np
@@ -39,29 +40,39 @@ class Counts(NamedTuple):
 
 
 class State:
-    """The words of one state and what can be done with them."""
+    """The words of one state and what can be done with them.
 
-    __slots__ = ("kind", "words")
+    The native half lets other threads run while it adds, so steps on one state wait for each other:
+    otherwise one of two additions at a time would be lost.
+    """
+
+    __slots__ = ("_lock", "kind", "words")
 
     def __init__(self, kind: int, words: Words | None = None) -> None:
+        self._lock = threading.Lock()
         self.kind = kind
         self.words: Words = np.zeros(_native.words(kind), np.int64) if words is None else words
 
     def accumulate(self, x: Real, y: Real | None = None, sign: int = 1) -> None:
         """Add the elements of an array, or the products of two; take away where the sign is -1."""
         values, format = (None, None) if y is None else y
-        _native.accumulate(
-            self.kind, self.words, x.values, values, sign, _threads.count, x.format, format
-        )
+        with self._lock:
+            _native.accumulate(
+                self.kind, self.words, x.values, values, sign, _threads.count, x.format, format
+            )
 
     def merge(self, other: State, sign: int = 1) -> None:
-        _native.merge(self.kind, self.words, other.words, sign)
+        added = other.copy()  # holds one lock at a time, whatever is merged into what
+        with self._lock:
+            _native.merge(self.kind, self.words, added.words, sign)
 
     def settle(self) -> None:
-        _native.settle(self.kind, self.words)
+        with self._lock:
+            _native.settle(self.kind, self.words)
 
     def copy(self) -> State:
-        return State(self.kind, self.words.copy())
+        with self._lock:
+            return State(self.kind, self.words.copy())
 
     def __eq__(self, other: object) -> bool:
         if not isinstance(other, State) or self.kind != other.kind:
@@ -100,13 +111,15 @@ class State:
         special = self.special(part)
         if special is not None:
             return (special, *[0.0] * (count - 1))
-        self.settle()
-        return _native.limbs(self.kind, self.words, part, count, form)
+        with self._lock:
+            _native.settle(self.kind, self.words)
+            return _native.limbs(self.kind, self.words, part, count, form)
 
     def ratio(self, part: int = 0) -> tuple[int, int]:
         """The exact value of the finite elements as an integer over a power of two."""
-        self.settle()
-        integer = _native.exact_integer(self.kind, self.words, part)
+        with self._lock:
+            _native.settle(self.kind, self.words)
+            integer = _native.exact_integer(self.kind, self.words, part)
         return integer, 1 << -_EXPONENTS[self.kind, part]
 
 

@@ -116,6 +116,20 @@ def test_every_length_is_that_of_its_elements_one_by_one(length):
         assert total == exact.Sum.from_chunks(x[place : place + 1] for place in range(length))
 
 
+def test_steps_of_several_threads_on_one_accumulator_wait_for_each_other():
+    from concurrent.futures import ThreadPoolExecutor
+
+    x = long_array("float64")
+    total = exact.Sum()
+    with ThreadPoolExecutor(4) as pool:
+        parts = np.array_split(x, 40)
+        for done in [*pool.map(total.add, parts), *pool.map(total.subtract, parts[::2])]:
+            assert done is None
+        merged = [exact.Sum.from_chunks([part]) for part in parts[::2]]
+        assert [*pool.map(total.merge, merged)] == [None] * 20
+    assert total == exact.Sum.from_chunks([x])
+
+
 def test_adding_from_several_threads_to_accumulators_of_their_own():
     from concurrent.futures import ThreadPoolExecutor
 

@@ -30,10 +30,10 @@ REVEALED = {
 }
 
 
-def run_mypy(folder, *arguments):
+def run_mypy(folder, *arguments, program="mypy", config="--config-file"):
     pytest.importorskip("mypy")
     return subprocess.run(
-        [sys.executable, "-P", "-m", "mypy", "--config-file", TREE / "pyproject.toml", *arguments],
+        [sys.executable, "-P", "-m", program, config, TREE / "pyproject.toml", *arguments],
         cwd=folder,
         env=os.environ | {"MYPYPATH": str(TREE), "MYPY_CACHE_DIR": str(folder.parent / "cache")},
         capture_output=True,
@@ -44,6 +44,12 @@ def run_mypy(folder, *arguments):
 
 def test_package_passes_the_strict_type_checker(tmp_path):
     run = run_mypy(tmp_path, "-p", "korvex.exact")
+    assert run.returncode == 0, run.stdout + run.stderr
+
+
+def test_stub_describes_the_built_module(tmp_path):
+    stubtest = {"program": "mypy.stubtest", "config": "--mypy-config-file"}
+    run = run_mypy(tmp_path, "korvex.exact._native", **stubtest)
     assert run.returncode == 0, run.stdout + run.stderr
 
 
