@@ -3,7 +3,7 @@
 //
 // ucontext saves the signal mask with two system calls a switch, and a launch has millions of
 // switches: here the registers that a function must preserve go to the stack, and no more. The
-// rounding mode is the same for all. AddressSanitizer is told of each switch, as it knows which
+// rounding mode is the same for all. AddressSanitizer hears of each switch, as it knows which
 // part of which stack may be accessed.
 #pragma once
 
