@@ -257,7 +257,8 @@ void expect_a_cascade_to_hold_ordinary_numbers() {
   for (const double x : {1.0, -1.0, 1.5, -0x1.8p-30, 0x1p-60, 0x1.fffffep+0, 0x1.8p-80}) {
     const Cascade cascade = run(x);
     CHECK(cascade.is_exact());
-    CHECK_SAME_BITS(held(cascade, kBias), x * Cascade::kStep * arithmetic::kCascadeSteps);
+    // By a power of two, so that builds with lanes of any number record the same.
+    CHECK_SAME_BITS(held(cascade, kBias) / (Cascade::kStep * arithmetic::kCascadeSteps), x);
   }
   CHECK(run(0.0).is_exact() && run(-0.0).is_exact());
   for (const double x : {0x1p+9, -0x1p+9, 0x1p-140, -0x1p-140}) {
