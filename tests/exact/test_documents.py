@@ -35,7 +35,9 @@ def test_examples_of_doc_strings(name):
     assert failed == 0
 
 
-@pytest.mark.parametrize(("name", "value"), [*documented()], ids=lambda value: str(value)[:40])
+@pytest.mark.parametrize(
+    ("name", "value"), [pytest.param(*pair, id=pair[0]) for pair in documented()]
+)
 def test_every_public_name_has_an_example(name, value):
     assert ">>> " in inspect.getdoc(value), name
 
