@@ -73,10 +73,11 @@ def main():
     parser.add_argument("--seconds", type=float, default=3600)
     parser.add_argument("--seed", default="0")
     parser.add_argument("--threads", type=int, default=4)
+    parser.add_argument("--memory-mb", type=int, default=64, help="growth after warm-up, at most")
     parser.add_argument("--calls", default=FOLDER / "soak_calls.py", help="the program that calls")
     options = parser.parse_args()
     arguments = ["--seconds", str(options.seconds), "--seed", options.seed]
-    arguments += ["--threads", str(options.threads)]
+    arguments += ["--threads", str(options.threads), "--memory-mb", str(options.memory_mb)]
     return run(options.calls, arguments, options.seconds)
 
 

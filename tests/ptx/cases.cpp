@@ -65,6 +65,7 @@ void run_case(Machine& machine, const HostLibrary& host, const Case& one) {
   std::vector<Argument> arguments = launches::draw_arguments(one);
   const std::vector<Region*> regions = place(arguments, machine, one);
   std::vector<std::uint64_t> values;
+  values.reserve(arguments.size());
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     values.push_back(regions[i] != nullptr ? regions[i]->base : arguments[i].bits);
   }
