@@ -35,16 +35,18 @@ if(KORVEX_SANITIZE)
     -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer -g)
   target_link_options(korvex_flags INTERFACE -fsanitize=address,undefined)
 else()
-  # A static C++ runtime: the built files need only libc, whatever compiler built them, and share
-  # no C++ state with the other libraries of the process. Some distributions ship the archive apart.
+  # A static C++ library: the built files work with whatever compiler built the rest of the process,
+  # and share no C++ state with it. Some distributions ship the archive apart. The unwinder stays
+  # the system's, libgcc_s: that is what ends threads, and a second one beside it does not know the
+  # registers until an exception was thrown, and aborts.
   include(CheckCXXSourceCompiles)
-  set(CMAKE_REQUIRED_LINK_OPTIONS -static-libstdc++ -static-libgcc)
+  set(CMAKE_REQUIRED_LINK_OPTIONS -static-libstdc++)
   check_cxx_source_compiles(
     "#include <string>\nint main(int argc, char** argv) { return std::string(argv[0]).empty() + argc; }"
     KORVEX_HAS_STATIC_CXX_RUNTIME)
   unset(CMAKE_REQUIRED_LINK_OPTIONS)
   if(KORVEX_HAS_STATIC_CXX_RUNTIME)
-    target_link_options(korvex_flags INTERFACE -static-libstdc++ -static-libgcc)
+    target_link_options(korvex_flags INTERFACE -static-libstdc++)
   endif()
 endif()
 

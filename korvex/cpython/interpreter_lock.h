@@ -2,6 +2,9 @@
 // Work that needs no Python object, with the interpreter's lock released.
 #pragma once
 
+#include <cxxabi.h>
+#include <unistd.h>
+
 #include "korvex/cpython/object.h"
 
 namespace korvex {
@@ -11,8 +14,18 @@ template <class Work>
 auto without_lock(const Work& work) {
   struct Release {
     PyThreadState* state = PyEval_SaveThread();
-    // Ends the thread by unwinding it if the interpreter is shutting down.
-    ~Release() noexcept(false) { PyEval_RestoreThread(state); }
+    // While it shuts down, an interpreter before 3.14 ends the daemon thread that asks for its lock
+    // by unwinding it. The frames above hold references and may not give them back without the lock,
+    // so the thread waits here for the end of the process, as later interpreters let it do.
+    ~Release() noexcept(false) {
+      try {
+        PyEval_RestoreThread(state);
+      } catch (const abi::__forced_unwind&) {
+        for (;;) {
+          pause();
+        }
+      }
+    }
   };
   const Release release;
   return work();

@@ -3,8 +3,8 @@
 
 A thread that comes back from C then is ended by CPython (before 3.14) where it asks for the
 interpreter's lock, by `pthread_exit`, which unwinds its stack. Above a launch there are frames of
-`korvex.tqx_runtime`, in C++: they cannot be unwound from outside (the unwinder is linked into the
-module, and their destructors would give back references without the lock), and the process aborts.
+`korvex.tqx_runtime`, in C++: unwound from outside, their destructors would give back references
+without the lock.
 So a daemon thread leaves the call to a thread of its own, which has frames of C and Python alone
 and can be ended, and waits for it; at shutdown it waits for good.
 """
