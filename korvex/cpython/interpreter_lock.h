@@ -15,8 +15,8 @@ auto without_lock(const Work& work) {
   struct Release {
     PyThreadState* state = PyEval_SaveThread();
     // While it shuts down, an interpreter before 3.14 ends the daemon thread that asks for its lock
-    // by unwinding it. The frames above hold references and may not give them back without the lock,
-    // so the thread waits here for the end of the process, as later interpreters let it do.
+    // by unwinding it. The frames above hold references and may not give them back without the
+    // lock, so the thread waits here for the end of the process, as later interpreters let it do.
     ~Release() noexcept(false) {
       try {
         PyEval_RestoreThread(state);
