@@ -232,6 +232,7 @@ std::vector<double> launch_reduction(const Library& library, const char* kernel,
   }
   auto n = static_cast<std::int64_t>(x.size());
   std::vector<void*> arguments;
+  arguments.reserve(pointers.size() + 1);
   for (auto& pointer : pointers) {
     arguments.push_back(static_cast<void*>(&pointer));
   }

@@ -245,7 +245,7 @@ double held(const Cascade& cascade, int bias) {
 template <class Lanes>
 void expect_a_cascade_to_hold_ordinary_numbers() {
   using Cascade = arithmetic::BiasedCascade<Lanes, 3, 2>;
-  constexpr int kBias = arithmetic::kBiasAboveExponent;
+  static constexpr int kBias = arithmetic::kBiasAboveExponent;
   const auto run = [](double x) {
     const std::vector<double> step(Cascade::kStep, x);
     Cascade cascade(kBias);

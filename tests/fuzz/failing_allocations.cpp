@@ -30,7 +30,13 @@ namespace {
 
 struct Countdown {
   long calls_left = 0;  // the call that makes it 0 fails; 0: none will
-  bool is_next_to_fail() { return calls_left > 0 && --calls_left == 0; }
+  bool is_next_to_fail() {
+    if (calls_left <= 0) {
+      return false;
+    }
+    --calls_left;
+    return calls_left == 0;
+  }
 };
 
 // Addresses that a library takes.
