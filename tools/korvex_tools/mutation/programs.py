@@ -27,21 +27,25 @@ FLAGS = (
 ).split()
 INSTRUCTION_SETS = {
     "base": [],
-    "fma": ["-mfma", "-mavx2"],
-    "avx512": "-mfma -mavx2 -mavx512f -mavx512dq -mavx512vl -mprefer-vector-width=512 "
+    "fma": ["-mfma", "-mavx2", "-mf16c"],
+    "avx512": "-mfma -mavx2 -mf16c -mavx512f -mavx512dq -mavx512vl -mprefer-vector-width=512 "
     "-fno-tree-slp-vectorize".split(),
 }
-NEEDED = {"base": set(), "fma": {"fma", "avx2"}, "avx512": {"avx512f", "avx512dq", "avx512vl"}}
+NEEDED = {
+    "base": set(),
+    "fma": {"fma", "avx2", "f16c"},
+    "avx512": {"avx512f", "avx512dq", "avx512vl"},
+}
 TEST_LEVEL, EQUIVALENCE_LEVEL = "-O1", "-O2"
 
 SUITES = (
-    "eft bignum long_accumulator canonical exact_sum sum dot matrix_product pairs elementary "
-    "host_doubles reductions"
+    "eft bignum long_accumulator canonical exact_sum exact_state sum dot matrix_product pairs "
+    "elementary host_doubles reductions"
 ).split()
 HOST = "korvex/kernels/host"
-HOST_SOURCES = [f"{HOST}/{name}.cpp" for name in (
-    "dot launch matrix_product pairs reductions rms_norm sum unary".split()
-)]  # fmt: skip
+HOST_SOURCES = sorted(
+    str(path.relative_to(SOURCE_TREE)) for path in (SOURCE_TREE / HOST).glob("*.cpp")
+)
 LIBRARY_CHECKS = ("host_kernels", "golden")
 SECONDS_TO_COMPILE = 300
 
