@@ -13,6 +13,7 @@ JUNIT = """<testsuites><testsuite>
 <testcase file="tests/limbs/test_b.py" classname="tests.limbs.test_b" time="30.0"/>
 <testcase classname="tests.linalg.test_c" time="120.0"/>
 <testcase file="tests/test_d.py" classname="tests.test_d" time="6.0"/>
+<testcase file=".venv/lib/python3.12/site-packages/korvex/e.py" classname="korvex.e" time="3.0"/>
 </testsuite></testsuites>
 """
 EXPECTED = [
@@ -23,6 +24,7 @@ EXPECTED = [
     "| … `tests/linalg` | 2.0 |",
     "| … `tests/limbs` | 1.5 |",
     "| … `tests` | 0.1 |",
+    "| … doc strings | 0.1 |",
     "| together | 4.5 |",
 ]
 
@@ -66,6 +68,14 @@ def timed(folder, *command):
 def test_time_of_a_command_that_succeeds_is_kept(tmp_path):
     assert timed(tmp_path, "sleep", "0.3") == 0
     assert 300 <= int((tmp_path / "build" / "times" / "part").read_text()) < 60_000
+
+
+def test_run_that_finds_nothing_to_do_leaves_the_time_before(tmp_path):
+    time = tmp_path / "build" / "times" / "part"
+    time.parent.mkdir(parents=True)
+    time.write_text("90000\n")
+    assert timed(tmp_path, "true") == 0 and time.read_text() == "90000\n"
+    assert timed(tmp_path, "sleep", "1") == 0 and 1000 <= int(time.read_text()) < 60_000
 
 
 def test_command_that_fails_leaves_no_time_and_its_status(tmp_path):

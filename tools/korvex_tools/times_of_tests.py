@@ -3,9 +3,9 @@
 
 usage: python -P -m korvex_tools.times_of_tests [--write]
 
-scripts/timed.sh leaves the time of each part in build/times, that of its last run; pytest leaves
-that of each test in build/pytest.xml, which is added up by folder. Where several processes ran the
-tests, folders add up to more than the whole. --write puts the table into docs/testing.md.
+scripts/timed.sh leaves the time of each part in build/times; pytest leaves that of each test in
+build/pytest.xml, which is added up by folder. Where several processes ran the tests, folders add up
+to more than the whole. --write puts the table into docs/testing.md.
 """
 
 import argparse
@@ -40,13 +40,16 @@ def seconds_of_parts(folder: Path) -> dict[str, float]:
 
 
 def seconds_by_folder(junit_file: Path) -> dict[str, float]:
-    """Of the Python tests, the longest first; tests of no folder of their own count as `tests`."""
+    """Of the Python tests, the longest first; tests of no folder of their own count as `tests`.
+
+    The examples in doc strings of the installed package run as tests too.
+    """
     taken: Counter[str] = Counter()
     for case in ElementTree.parse(junit_file).iter("testcase"):
         file = PurePosixPath(case.get("file") or case.get("classname", "").replace(".", "/"))
-        taken["/".join(file.parts[:2] if len(file.parts) > 2 else file.parts[:1])] += float(
-            case.get("time", 0)
-        )
+        folder = "/".join(file.parts[:2] if len(file.parts) > 2 else file.parts[:1])
+        is_test = folder.startswith("tests")
+        taken[f"`{folder}`" if is_test else "doc strings"] += float(case.get("time", 0))
     return dict(taken.most_common())
 
 
@@ -56,14 +59,17 @@ def table(parts: dict[str, float], folders: dict[str, float]) -> list[str]:
     for part, seconds in parts.items():
         lines.append(f"| {PARTS[part]} | {seconds / 60:.1f} |")
         if part == "python-tests":
-            lines += [f"| … `{name}` | {taken / 60:.1f} |" for name, taken in folders.items()]
+            lines += [f"| … {name} | {taken / 60:.1f} |" for name, taken in folders.items()]
     return [*lines, f"| together | {sum(parts.values()) / 60:.1f} |"]
 
 
 def heading(junit_file: Path) -> str:
     """The machine, and the day of the run."""
     day = datetime.fromtimestamp(junit_file.stat().st_mtime, UTC).date()
-    return f"The last run of each part, on {processor()}, {os.cpu_count()} processors, {day}:"
+    return (
+        f"The last run of each part, on {processor()}, {os.cpu_count()} processors, {day}. Folders "
+        "of Python tests add up what several processes did side by side:"
+    )
 
 
 def main() -> int:
