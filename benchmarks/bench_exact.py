@@ -137,6 +137,22 @@ def dots(x: np.ndarray) -> Candidates:
     }
 
 
+def mixed_dots(x: np.ndarray) -> Candidates:
+    """Pairs of arrays with two dtypes."""
+    others = {
+        "float64": x[::-1].copy(),
+        "float32": x.astype(np.float32),
+        "float16": x.astype(np.float16),
+        "int32": (x * 2.0**28).astype(np.int32),
+        "int64": (x * 2.0**60).astype(np.int64),
+        "bool": x > 0,
+    }
+    return {
+        f"exact.vecdot, float64 with {name}": on_threads(1, lambda y=y: exact.vecdot(x, y))
+        for name, y in others.items()
+    }
+
+
 def moments(x: np.ndarray) -> Candidates:
     return {
         "numpy.var": lambda: np.var(x),
@@ -258,12 +274,14 @@ def imports(options: argparse.Namespace) -> dict[str, Any]:
 def memory(x: np.ndarray) -> dict[str, Any]:
     """Kilobytes that a call holds beside its operands: the peak of the resident set."""
     narrow = x.astype(np.float32)
+    columns = narrow[: x.size // 100 * 100].reshape(100, -1, order="F")
     calls: Candidates = {
         "exact.sum": lambda: exact.sum(x),
         "exact.sum, float32": lambda: exact.sum(narrow),
         "exact.vecdot, float64 with float32": lambda: exact.vecdot(x, narrow),
         "exact.var": lambda: exact.var(x),
         "exact.Moments.add, backwards": lambda: added(exact.Moments, x[::-1]),
+        "exact.matmul, float32, column by column": lambda: exact.matmul(columns, columns.T),
     }
     exact.set_threads(1)
     rows = [
@@ -345,6 +363,7 @@ def main() -> None:
         time_part("sum", sums(x), options.n, options),
         time_part("formats", sums_of_formats(x), options.n, options),
         time_part("dot", dots(x), options.n, options),
+        time_part("dot of two dtypes", mixed_dots(x), options.n, options),
         time_part("moments", moments(x), options.n, options),
         time_part(
             "standard library", pure_python(x[:STATISTICS]), min(options.n, STATISTICS), options

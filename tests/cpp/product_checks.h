@@ -91,13 +91,13 @@ inline ProductLimbs multiply(const Matrices& matrices, int threads) {
   for (auto& limb : out.limb) {
     limb.assign(matrices.m * matrices.n + 1, 7.0);
   }
-  host::multiply_on_host({matrices.a.data(),
-                          matrices.b.data(),
-                          {out.limb[0].data(), out.limb[1].data(), out.limb[2].data()},
-                          static_cast<std::int64_t>(matrices.m),
-                          static_cast<std::int64_t>(matrices.n),
-                          static_cast<std::int64_t>(matrices.k)},
-                         threads);
+  const auto m = static_cast<std::int64_t>(matrices.m);
+  const auto n = static_cast<std::int64_t>(matrices.n);
+  const auto k = static_cast<std::int64_t>(matrices.k);
+  const host::FactorInMemory a(matrices.a.data(), k, 1);
+  const host::FactorInMemory b(matrices.b.data(), 1, n);
+  const host::LimbArrays limbs({out.limb[0].data(), out.limb[1].data(), out.limb[2].data()}, n);
+  host::multiply_on_host({a, b, m, n, k}, limbs, threads);
   return out;
 }
 

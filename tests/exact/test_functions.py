@@ -2,7 +2,9 @@
 """Functions over a whole array give the exact value rounded once, in every format."""
 
 import math
+import re
 from fractions import Fraction
+from pathlib import Path
 
 import exact_oracle as oracle
 import numpy as np
@@ -136,6 +138,85 @@ def test_products_of_two_dtypes(first, second):
     assert bits(exact.vecdot(x, y)) == bits(expected)
     assert bits(exact.matmul(x[None, :], y[:, None])[0, 0]) == bits(expected)
     assert bits(exact.matmul(x, y)) == bits(expected)
+
+
+# --- Matrices of more than one tile, wherever their elements lie
+
+
+def unaligned(x):
+    raw = np.zeros(x.nbytes + 1, np.uint8)
+    shifted = raw[1:].view(x.dtype).reshape(x.shape)
+    shifted[...] = x
+    return shifted
+
+
+LAYOUTS = {
+    "column by column": np.asfortranarray,
+    "backwards": lambda x: np.ascontiguousarray(x[::-1, ::-1])[::-1, ::-1],
+    "every other": lambda x: np.repeat(np.repeat(x, 2, axis=0), 3, axis=1)[::2, ::3],
+    "unaligned": unaligned,
+}
+
+
+@pytest.mark.parametrize("layout", LAYOUTS)
+@pytest.mark.parametrize("shape", [(70, 300, 20), (3, 1100, 2), (1, 40, 70)])
+def test_matmul_reads_any_layout(layout, shape):
+    rows, inner, columns = shape
+    a, b = (drawn("float64", n, seed=n) for n in (rows * inner, inner * columns))
+    a, b = a.reshape(rows, inner), b.reshape(inner, columns)
+    expected = [[exact.vecdot(row, column) for column in b.T] for row in a]
+    lay = LAYOUTS[layout]
+    for x, y in ((a, b), (lay(a), b), (a, lay(b)), (lay(a), lay(b))):
+        assert np.array_equal(exact.matmul(x, y), expected)
+
+
+def test_matmul_reads_one_row_for_all():
+    row, b = drawn("float64", 60), drawn("float64", 60 * 33, seed=2).reshape(60, 33)
+    product = exact.matmul(np.broadcast_to(row, (70, 60)), b)
+    assert np.array_equal(product, [exact.matmul(row, b)] * 70)
+
+
+@pytest.mark.parametrize("first", REAL_DTYPES)
+@pytest.mark.parametrize("second", ["uint64", "int64", "float32"])
+def test_matmul_of_two_dtypes(first, second):
+    a = drawn(first, 66 * 140, seed=2).reshape(66, 140)
+    b = drawn(second, 17 * 140, seed=3).reshape(17, 140).T
+    product = exact.matmul(a, b)
+    for i, j in ((0, 0), (65, 16), (31, 15), (64, 7)):
+        assert bits(product[i, j]) == bits(exact.vecdot(a[i], b[:, j]))
+
+
+@pytest.mark.parametrize("special", [np.inf, -np.inf, np.nan])
+def test_special_in_a_matrix_meets_whole_integers(special):
+    a = np.ones((70, 150))
+    a[3, 149] = a[66, 0] = special
+    b = np.full((150, 18), 2**40, np.int64)  # the lower halves are 0
+    b[0], b[149, :9], b[149, 9:] = -1, 0, 2**62
+    product = exact.matmul(a, b)
+    assert np.isfinite(product).sum() == product.size - 2 * 18
+    assert [*map(bits, product[66])] == [bits(-special)] * 18
+    assert [*map(bits, product[3])] == [bits(np.nan)] * 9 + [bits(special)] * 9
+
+
+def test_matmul_holds_little_beside_its_result():
+    a = np.ones((2000, 20), np.float32)
+    b = np.ones((2000, 20), np.float32)
+    held = memory_held(lambda: exact.matmul(a, b.T, dtype="float16"))
+    assert held < 2000 * 2000 * 2 + 4e6, f"{held / 1e6:.1f} MB"  # three limbs would be 96 MB
+
+
+def memory_held(call):
+    """Bytes by which the resident set grows while a call runs."""
+    call()  # once before, for what is kept between calls
+    Path("/proc/self/clear_refs").write_text("5")  # the peak starts anew
+    before = resident("VmRSS")
+    call()
+    return resident("VmHWM") - before
+
+
+def resident(name):
+    status = Path("/proc/self/status").read_text()
+    return int(re.search(rf"^{name}:\s+(\d+) kB$", status, re.MULTILINE)[1]) * 1024
 
 
 # --- Nothing, and special values

@@ -20,11 +20,17 @@ struct ConvertedBlock {
       using Format = decltype(each);
       const auto* x = static_cast<const typename Format::Storage*>(elements);
       has_low = Format::kIsWide;
-      for (std::int64_t i = 0; i < count; ++i) {
+      std::int64_t i = 0;
+      if constexpr (!Format::kIsInteger) {
+        for (; i + arithmetic::kHostLanes <= count; i += arithmetic::kHostLanes) {
+          HostLanes::store(high + i, Format::load(x + i));
+        }
+      }
+      for (; i < count; ++i) {
         high[i] = Format::high(x[i]);
       }
       if constexpr (Format::kIsWide) {
-        for (std::int64_t i = 0; i < count; ++i) {
+        for (i = 0; i < count; ++i) {
           low[i] = Format::low(x[i]);
         }
       }

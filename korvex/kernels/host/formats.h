@@ -28,13 +28,22 @@ struct IntegerFormat {
     return x;
   }
   static double high(Storage x) {
-    if constexpr (kIsWide) {
-      return static_cast<double>(x >> 32) * 0x1p+32;  // exact
-    } else {
+    if constexpr (!kIsWide) {
       return static_cast<double>(x);  // exact
+    } else if constexpr (std::is_signed_v<Storage>) {
+      return static_cast<double>(static_cast<std::int32_t>(x >> 32)) * 0x1p+32;  // exact
+    } else {
+      return half(x >> 32) * 0x1p+32;  // exact
     }
   }
-  static double low(Storage x) { return static_cast<double>(x & 0xffffffff); }  // exact
+  static double low(Storage x) { return half(static_cast<std::uint64_t>(x) & 0xffffffff); }
+
+ private:
+  // A number below 2^32 as a double: the last bits of 2^52 + x, which every processor has vectors
+  // for.
+  static double half(std::uint64_t x) {
+    return arithmetic::from_bits(arithmetic::to_bits(0x1p+52) | x) - 0x1p+52;  // exact
+  }
 };
 
 // Any byte but 0 is true.
@@ -43,7 +52,11 @@ struct BoolFormat {
   static constexpr bool kIsInteger = true;
   static constexpr bool kIsWide = false;
   static std::int64_t integer(Storage x) { return x != 0 ? 1 : 0; }
-  static double high(Storage x) { return x != 0 ? 1.0 : 0.0; }
+  // By bits, as compilers make no vectors of a comparison that is converted.
+  static double high(Storage x) {
+    const auto is_true = static_cast<std::uint64_t>(x != 0);
+    return arithmetic::from_bits((0 - is_true) & arithmetic::to_bits(1.0));
+  }
 };
 
 template <class Element>

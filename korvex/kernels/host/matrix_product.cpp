@@ -6,7 +6,8 @@
 // a panel of columns, 128 products deep at a time, the panel is copied side by side and each row of
 // the tile passes over it (ElementSlices); rows with an element that three slices did not hold pass
 // once more with six; then each element is rounded, or summed product by product where even those
-// did not hold it. No result depends on which thread takes which tile.
+// did not hold it. Operands that are not doubles in memory are converted as they are read, the left
+// one once for each panel. No result depends on which thread takes which tile.
 #include "korvex/kernels/host/matrix_product.h"
 
 #include <algorithm>
@@ -23,29 +24,13 @@
 namespace korvex::host {
 namespace {
 
-static_assert(arithmetic::kElementLimbs == sizeof MatrixProduct::limbs / sizeof(double*));
-
 class MatrixOnHost {
  public:
-  explicit MatrixOnHost(const MatrixProduct& product)
-      : product_(product), rows_(size(product.m)), columns_(size(product.n)) {
-    std::vector<arithmetic::FactorRangeOf> columns(size(product.n));
-    for (std::int64_t k = 0; k < product.k; ++k) {
-      for (std::int64_t j = 0; j < product.n; ++j) {
-        columns[size(j)].note(product.b[k * product.n + j]);
-      }
-    }
-    for (std::int64_t j = 0; j < product.n; ++j) {
-      columns_[size(j)] = columns[size(j)].range();
-    }
-    for (std::int64_t i = 0; i < product.m; ++i) {
-      arithmetic::FactorRangeOf row;
-      for (std::int64_t k = 0; k < product.k; ++k) {
-        row.note(product.a[i * product.k + k]);
-      }
-      rows_[size(i)] = row.range();
-    }
-  }
+  MatrixOnHost(const MatrixProduct& product, const ProductSink& sink)
+      : product_(product),
+        sink_(sink),
+        rows_(ranges_of(product.a, product.m, product.k)),
+        columns_(ranges_of(product.b, product.n, product.k)) {}
 
   std::int64_t panels() const { return (product_.n + kPanel - 1) / kPanel; }
   std::int64_t tiles() const { return panels() * ((product_.m + kTileRows - 1) / kTileRows); }
@@ -70,13 +55,17 @@ class MatrixOnHost {
   static constexpr std::int64_t kPanel = kVectors * Lanes::kCount;  // columns
   static constexpr std::int64_t kTileRows = 64;
   static constexpr std::int64_t kDepth = arithmetic::kCascadeSteps;
-  static constexpr std::int64_t kGathered = 1024;  // elements of a column that are copied at a time
 
-  struct Tile {
-    std::int64_t first_row, rows, first_column, columns;
-  };
+  using Tile = ProductTile;
 
   static std::size_t size(std::int64_t n) { return static_cast<std::size_t>(n); }
+
+  static std::vector<arithmetic::FactorRange> ranges_of(const Factor& factor, std::int64_t lines,
+                                                        std::int64_t k);
+  static arithmetic::FactorRange range_along(const Factor& factor, std::int64_t line,
+                                             std::int64_t k);
+  static void ranges_across(const Factor& factor, std::int64_t first, std::int64_t count,
+                            std::int64_t k, arithmetic::FactorRange* ranges);
 
   // A tile of few columns would leave most lanes empty: there the lanes go along a column.
   bool is_for_slices(const Tile& tile) const {
@@ -101,13 +90,14 @@ class MatrixOnHost {
   template <int kSlices>
   bool finish_row(const Tile& tile, std::int64_t row, Workspace::Memory& memory) const;
 
-  void write(std::int64_t i, std::int64_t j, const double* limbs) const {
+  static void write(const Tile& tile, std::int64_t row, std::int64_t column, const double* limbs) {
     for (int limb = 0; limb < arithmetic::kElementLimbs; ++limb) {
-      product_.limbs[limb][i * product_.n + j] = limbs[limb];
+      tile.limbs[limb][row * tile.row_stride + column] = limbs[limb];
     }
   }
 
-  MatrixProduct product_;
+  const MatrixProduct& product_;
+  const ProductSink& sink_;
   std::vector<arithmetic::FactorRange> rows_;
   std::vector<arithmetic::FactorRange> columns_;
 };
@@ -119,16 +109,69 @@ struct MatrixOnHost::Workspace::Memory {
   std::uint64_t lost[kTileRows][kPanel];  // zero but for the sign bit where nothing was lost
   std::int64_t pending_rows[kTileRows];   // that are not finished
   std::int64_t pending;
-  double gathered[kGathered];
+  double a_piece[Factor::kAlong];
+  double b_piece[Factor::kAlong];
+  double limbs[arithmetic::kElementLimbs][kTileRows * kPanel];
 };
+
+// Each line by itself, or several side by side where that is how they lie in memory: so a matrix is
+// read once, and in its own order.
+std::vector<arithmetic::FactorRange> MatrixOnHost::ranges_of(const Factor& factor,
+                                                             std::int64_t lines, std::int64_t k) {
+  std::vector<arithmetic::FactorRange> ranges(size(lines));
+  const std::int64_t side_by_side = factor.is_along_lines() ? 1 : Factor::kAcross;
+  for (std::int64_t first = 0; first < lines; first += side_by_side) {
+    const std::int64_t count = std::min(side_by_side, lines - first);
+    if (count == 1) {
+      ranges[size(first)] = range_along(factor, first, k);
+    } else {
+      ranges_across(factor, first, count, k, ranges.data() + first);
+    }
+  }
+  return ranges;
+}
+
+arithmetic::FactorRange MatrixOnHost::range_along(const Factor& factor, std::int64_t line,
+                                                  std::int64_t k) {
+  arithmetic::FactorRangeOf found;
+  double buffer[Factor::kAlong];
+  for (std::int64_t first = 0; first < k; first += Factor::kAlong) {
+    const std::int64_t count = std::min(Factor::kAlong, k - first);
+    const double* x = factor.along(line, first, count, buffer);
+    for (std::int64_t i = 0; i < count; ++i) {
+      found.note(x[i]);
+    }
+  }
+  return found.range();
+}
+
+void MatrixOnHost::ranges_across(const Factor& factor, std::int64_t first, std::int64_t count,
+                                 std::int64_t k, arithmetic::FactorRange* ranges) {
+  arithmetic::FactorRangeOf found[Factor::kAcross];
+  double buffer[Factor::kAcross];
+  for (std::int64_t i = 0; i < k; ++i) {
+    const double* x = factor.across(first, i, count, buffer);
+    for (std::int64_t line = 0; line < count; ++line) {
+      found[line].note(x[line]);
+    }
+  }
+  for (std::int64_t line = 0; line < count; ++line) {
+    ranges[line] = found[line].range();
+  }
+}
 
 void MatrixOnHost::run_tile(std::int64_t tile, Workspace& workspace) const {
   const std::int64_t row_blocks = tiles() / panels();
   const std::int64_t first_row = tile % row_blocks * kTileRows;
   const std::int64_t first_column = tile / row_blocks * kPanel;
-  const Tile place = {first_row, std::min(kTileRows, product_.m - first_row), first_column,
-                      std::min(kPanel, product_.n - first_column)};
   Workspace::Memory& memory = *workspace.memory_;
+  Tile place = {first_row,
+                std::min(kTileRows, product_.m - first_row),
+                first_column,
+                std::min(kPanel, product_.n - first_column),
+                {memory.limbs[0], memory.limbs[1], memory.limbs[2]},
+                kPanel};
+  sink_.place(place);
   if (is_for_slices(place)) {
     memory.pending = place.rows;
     for (std::int64_t row = 0; row < place.rows; ++row) {
@@ -139,14 +182,17 @@ void MatrixOnHost::run_tile(std::int64_t tile, Workspace& workspace) const {
   } else {
     sum_along_columns(place, memory);
   }
+  sink_.take(place);
 }
 
 void MatrixOnHost::copy_panel(const Tile& tile, std::int64_t first_k, std::int64_t depth,
                               Workspace::Memory& memory) const {
-  const double* from = product_.b + first_k * product_.n + tile.first_column;
-  for (std::int64_t k = 0; k < depth; ++k, from += product_.n) {
+  for (std::int64_t k = 0; k < depth; ++k) {
     double* to = memory.panel + k * kPanel;
-    std::copy(from, from + tile.columns, to);
+    const double* from = product_.b.across(tile.first_column, first_k + k, tile.columns, to);
+    if (from != to) {
+      std::copy(from, from + tile.columns, to);
+    }
     std::fill(to + tile.columns, to + kPanel, 0.0);
   }
 }
@@ -196,7 +242,7 @@ template <int kSlices>
 void MatrixOnHost::pass_row(const Tile& tile, std::int64_t row, std::int64_t first_k,
                             std::int64_t depth, Workspace::Memory& memory) const {
   using Slices = arithmetic::ElementSlices<Lanes, kSlices>;
-  const double* a = product_.a + (tile.first_row + row) * product_.k + first_k;
+  const double* a = product_.a.along(tile.first_row + row, first_k, depth, memory.a_piece);
   const double* b = memory.panel;
   Slices first(Lanes::load(memory.bias[row]));
   Slices second(Lanes::load(memory.bias[row] + Lanes::kCount));
@@ -218,8 +264,6 @@ template <int kSlices>
 bool MatrixOnHost::finish_row(const Tile& tile, std::int64_t row, Workspace::Memory& memory) const {
   bool is_finished = true;
   for (std::int64_t column = 0; column < tile.columns; ++column) {
-    const std::int64_t i = tile.first_row + row;
-    const std::int64_t j = tile.first_column + column;
     const arithmetic::ElementPlan element = plan(tile, row, column);
     double limbs[arithmetic::kElementLimbs];
     if (!arithmetic::has_rest(memory.lost[row][column])) {
@@ -229,32 +273,29 @@ bool MatrixOnHost::finish_row(const Tile& tile, std::int64_t row, Workspace::Mem
       continue;
     } else {
       arithmetic::ExactProductSum sum;
-      arithmetic::sum_element({product_.a + i * product_.k, product_.b + j, product_.n, product_.k},
-                              sum, limbs);
+      add_element(product_, tile.first_row + row, tile.first_column + column, sum);
+      sum.round<arithmetic::kElementLimbs>(limbs);
     }
-    write(i, j, limbs);
+    write(tile, row, column, limbs);
   }
   return is_finished;
 }
 
-// The lanes go along the columns, which are copied piece by piece.
+// The lanes go along the columns.
 void MatrixOnHost::sum_along_columns(const Tile& tile, Workspace::Memory& memory) const {
   for (std::int64_t column = 0; column < tile.columns; ++column) {
     for (std::int64_t row = 0; row < tile.rows; ++row) {
-      const double* a = product_.a + (tile.first_row + row) * product_.k;
-      const double* b = product_.b + tile.first_column + column;
       arithmetic::ExactProductSum sum;
       arithmetic::ChunkedSum<Lanes, arithmetic::kDotStreams, arithmetic::Products> chunks(sum);
-      for (std::int64_t k = 0; k < product_.k && !sum.is_decided(); k += kGathered) {
-        const std::int64_t count = std::min(kGathered, product_.k - k);
-        for (std::int64_t place = 0; place < count; ++place) {
-          memory.gathered[place] = b[(k + place) * product_.n];
-        }
-        chunks.add({a + k, memory.gathered}, count);
+      for (std::int64_t k = 0; k < product_.k && !sum.is_decided(); k += Factor::kAlong) {
+        const std::int64_t count = std::min(Factor::kAlong, product_.k - k);
+        const double* a = product_.a.along(tile.first_row + row, k, count, memory.a_piece);
+        const double* b = product_.b.along(tile.first_column + column, k, count, memory.b_piece);
+        chunks.add({a, b}, count);
       }
       double limbs[arithmetic::kElementLimbs];
       sum.round<arithmetic::kElementLimbs>(limbs);
-      write(tile.first_row + row, tile.first_column + column, limbs);
+      write(tile, row, column, limbs);
     }
   }
 }
@@ -264,11 +305,25 @@ constexpr std::int64_t kLeastProductsOfThread = 1 << 18;
 
 }  // namespace
 
-void multiply_on_host(const MatrixProduct& product, int threads) {
+void add_element(const MatrixProduct& product, std::int64_t i, std::int64_t j,
+                 arithmetic::ExactProductSum& sum) {
+  double a_buffer[Factor::kAlong];
+  double b_buffer[Factor::kAlong];
+  for (std::int64_t k = 0; k < product.k; k += Factor::kAlong) {
+    const std::int64_t count = std::min(Factor::kAlong, product.k - k);
+    const double* a = product.a.along(i, k, count, a_buffer);
+    const double* b = product.b.along(j, k, count, b_buffer);
+    for (std::int64_t place = 0; place < count && !sum.is_decided(); ++place) {
+      sum.add_wide_product(a[place], b[place]);
+    }
+  }
+}
+
+void multiply_on_host(const MatrixProduct& product, const ProductSink& sink, int threads) {
   if (product.m <= 0 || product.n <= 0) {
     return;
   }
-  const MatrixOnHost matrix(product);
+  const MatrixOnHost matrix(product, sink);
   const std::int64_t tiles = matrix.tiles();
   const std::int64_t products = product.m * product.n * std::max<std::int64_t>(product.k, 1);
   const std::int64_t useful = std::min(tiles, products / kLeastProductsOfThread);
@@ -285,15 +340,13 @@ void multiply_on_host(const MatrixProduct& product, int threads) {
 
 // Arguments: a, b, c0, c1, c2, M, N, K.
 void run_matmul(const Arguments& arguments) {
-  const MatrixProduct product = {
-      arguments.array(0),
-      arguments.array(1),
-      {arguments.array(2), arguments.array(3), arguments.array(4)},
-      arguments.integer(5),
-      arguments.integer(6),
-      arguments.integer(7),
-  };
-  multiply_on_host(product, arguments.threads());
+  const std::int64_t m = arguments.integer(5);
+  const std::int64_t n = arguments.integer(6);
+  const std::int64_t k = arguments.integer(7);
+  const FactorInMemory a(arguments.array(0), k, 1);
+  const FactorInMemory b(arguments.array(1), 1, n);
+  const LimbArrays limbs({arguments.array(2), arguments.array(3), arguments.array(4)}, n);
+  multiply_on_host({a, b, m, n, k}, limbs, arguments.threads());
 }
 
 }  // namespace korvex::host

@@ -14,6 +14,13 @@ namespace korvex::host {
 // counts the products with an element of `x` that is not finite, and puts a zero in its place.
 inline void take_specials(ConvertedBlock& x, const ConvertedBlock& integers, std::int64_t count,
                           CountedProductSum& sum) {
+  std::uint64_t differences = 0;  // of each element and itself: 0, or NaN where it is not finite
+  for (std::int64_t i = 0; i < count; ++i) {
+    differences |= arithmetic::to_bits(x.high[i] - x.high[i]);
+  }
+  if (differences == 0) {
+    return;
+  }
   for (std::int64_t i = 0; i < count; ++i) {
     if (!arithmetic::is_finite(x.high[i])) {
       sum.counts.note(x.high[i] * integers.rounded(i));
