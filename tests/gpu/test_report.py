@@ -143,3 +143,25 @@ def test_chosen_stages_join_those_of_an_earlier_run(options):
         "first": "passed",
         "second": "passed",
     }
+
+
+# --- What is printed
+
+
+def test_a_prediction_that_is_missed_is_printed_and_fails_nothing(options, capsys):
+    rows = [
+        {
+            "candidate": "tqx_sum_kernel",
+            "ns_per_element": 0.01,
+            "predicted_ns": 0.0026,
+            "limit": "memory",
+            "ratio": 3.85,
+            "is_as_predicted": False,
+        }
+    ]
+    text = f"print({json.dumps(json.dumps({'runs': rows}))})"
+    stage = program("benchmark kernels", text)
+    stage.read = stages.last_line_json
+    assert run([stage], options)["benchmark kernels"]["outcome"] == "passed"
+    line = "tqx_sum_kernel: 0.01 ns an element, predicted 0.0026 (memory): NOT AS PREDICTED"
+    assert line in capsys.readouterr().out

@@ -208,7 +208,22 @@ def result_lines(stage: Stage, result: Any) -> list[str]:
         ]
     if not stage.name.startswith("benchmark"):
         return []
-    return [target_line(target) for target in result.get("targets", [])]
+    runs = result.get("runs")
+    of_kernels = [row for row in runs if "ratio" in row] if isinstance(runs, list) else []
+    return [
+        *(prediction_line(row) for row in of_kernels),
+        *(target_line(target) for target in result.get("targets", [])),
+    ]
+
+
+def prediction_line(row: dict[str, Any]) -> str:
+    """Of `bench_gpu_kernels.py`."""
+    verdict = "as predicted" if row["is_as_predicted"] else "NOT AS PREDICTED"
+    measured, predicted = row["ns_per_element"], row["predicted_ns"]
+    return (
+        f"{row['candidate']}: {measured:.3g} ns an element, predicted {predicted:.3g}"
+        f" ({row['limit']}): {verdict}"
+    )
 
 
 def target_line(target: dict[str, Any]) -> str:

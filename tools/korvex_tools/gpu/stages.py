@@ -49,7 +49,7 @@ def all_stages(options: argparse.Namespace, folder: Path) -> list[Stage]:
         tests_stage("large", ["tests/gpu/test_large.py"], 60, options, folder),
         tests_stage("division", ["tests/gpu/test_division.py"], 60, options, folder),
         verify_stage(options),
-        *(benchmark_stage(name, 90, options) for name in ("sum", "elementwise")),
+        *(benchmark_stage(name, 90, options) for name in ("kernels", "sum", "elementwise")),
         whole_suite_stage(options, folder),
         large_stage(options),
     ]
