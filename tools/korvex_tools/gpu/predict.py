@@ -199,7 +199,7 @@ def main() -> int:
     parser.add_argument("--write", action="store_true", help="the record and docs/gpu.md")
     options = parser.parse_args()
     record = record_of(files(options.folders))
-    print("\n".join([*time_table(record), "", *code_table(record)]))
+    print("\n".join([*time_table(record), "", *code_table(record), "", *device_table()]))
     if options.write:
         write_record(record)
         lines = lines_for_document(recorded())

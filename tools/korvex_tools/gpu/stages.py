@@ -143,7 +143,8 @@ def count_tests(junit: Path) -> dict[str, Any] | None:
 
 
 def sanitizer_stage(tool: str, options: argparse.Namespace) -> Stage:
-    sanitizer = shutil.which("compute-sanitizer") or "compute-sanitizer"
+    places = os.pathsep.join([os.environ.get("PATH", ""), "/usr/local/cuda/bin"])
+    sanitizer = shutil.which("compute-sanitizer", path=places) or "compute-sanitizer"
     found = ["--tool", tool, "--error-exitcode", str(SANITIZER_FOUND)]
     tests = pytest_command(*_ALONE, "tests/gpu/test_same_bits.py", "-k", "each_way")
     command = [sanitizer, *found, *tests]
