@@ -64,7 +64,7 @@ def test_ordinary_way_has_most_doubles_and_calls_nothing():
     assert len(flow.way_to(loop).texts) == 2
 
 
-def test_loops_of_functions_are_told_apart():
+def test_loops_of_functions_are_kept_apart():
     flow = ControlFlow(listing(ELEMENTWISE))
     assert sorted(loop.function for loop in flow.loops) == ["", "$slow"]
 
