@@ -188,9 +188,12 @@ interface: install ## write __all__, the stub and the names of the reference pag
 figures: install ## measure and draw every figure of the documents anew (under 25 minutes)
 	@$(TOOL).figures.make $(FIGURES)
 
-# One call, under ten minutes, on a machine with a GPU: downloads nothing.
+# One call, under ten minutes, on a machine with a GPU: downloads nothing. GPU_ARGS="--only 'tqx_*'" runs
+# some of the stages.
+GPU_ARGS ?=
+
 gpu: ## all that needs a GPU: tests, checks and figures, as one report in benchmarks/results/
-	@scripts/gpu_run.sh
+	@scripts/gpu_run.sh $(GPU_ARGS)
 
 # --- Documents
 

@@ -12,12 +12,13 @@ from typing import Any
 
 import torch
 
+from korvex_tools import kernel_table
 from korvex_tools.figures.command import gpu_parser, record_and_print
 from korvex_tools.figures.timing import print_table
 from korvex_tools.gpu.cuda_device import choose_device
 
 SEED = 19711971
-BLOCK = 256
+BLOCK = kernel_table.constants()["kElementBlock"]
 BYTES = 32  # an element: two operands read, value and error written
 RATIO_TARGET = 0.9  # of the speed of a copy, for the largest n
 KERNELS = ("tqx_add_kernel", "tqx_sub_kernel", "tqx_mul_kernel", "tqx_div_kernel")

@@ -13,13 +13,13 @@ from typing import Any
 
 import torch
 
+from korvex_tools import kernel_table
 from korvex_tools.figures.command import gpu_parser, record_and_print
 from korvex_tools.figures.timing import print_table
 from korvex_tools.gpu.cuda_device import choose_device
 
 SEED = 20130501
-BLOCK = 256
-BLOCKS_PER_MULTIPROCESSOR = 4  # as the kernel table says for launches of the package
+ROW = kernel_table.rows()["tqx_sum_kernel"]  # which says how the package launches it
 SEQUENTIAL_NS_TARGET = 13.0  # an element, of N(0,1)
 PARALLEL_RATIO_TARGET = 1.15  # of torch.sum in float64, for the largest n
 
@@ -71,10 +71,11 @@ class Kernels:
 
     def parallel(self, blocks_per_multiprocessor: int) -> float:
         n = self._x.numel()
-        blocks = min(-(-n // BLOCK), blocks_per_multiprocessor * self._device.multiprocessors)
+        needed = max(1, -(-n // ROW.elements_per_block))
+        blocks = min(needed, blocks_per_multiprocessor * self._device.multiprocessors)
         arguments = (self._x.data_ptr(), *self._outputs, n)
         return self._median(
-            lambda: self._device.launch("tqx_sum_kernel", (blocks, 1, 1), (BLOCK, 1, 1), *arguments)
+            lambda: self._device.launch(ROW.name, (blocks, 1, 1), (ROW.block, 1, 1), *arguments)
         )
 
     def torch_sum(self) -> float:
@@ -100,7 +101,7 @@ def time_parallel(device, where: str, options: argparse.Namespace) -> list[dict[
     for name, generate in DATA.items():
         for n in (options.n // 10_000, options.n // 100, options.n // 10, options.n):
             kernels = Kernels(device, generate(n, where), options.repeats)
-            ours, theirs = kernels.parallel(BLOCKS_PER_MULTIPROCESSOR), kernels.torch_sum()
+            ours, theirs = kernels.parallel(ROW.blocks_per_multiprocessor), kernels.torch_sum()
             rows.append(
                 {
                     "data": name,

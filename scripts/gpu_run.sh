@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# usage: gpu_run.sh [--dry-run] [--site FOLDER] [--results FOLDER] [--seconds NUMBER]
+# usage: gpu_run.sh [--dry-run] [--site FOLDER] [--results FOLDER] [--seconds NUMBER] [--only STAGE]
 # Everything that needs a GPU, in one call of less than ten minutes, and downloads nothing.
 #
 # Takes $PYTHON, else the first of the environment's and the system's Python with a torch that sees a
 # GPU, else the first with a torch. --site names an installed korvex, and nothing is built then.
 # $KORVEX_COMMIT names the commit for the report where the tree was copied without its history.
+# --only names stages, or patterns of names, which join the report of an earlier run.
 # --dry-run prints the stages and tries on the emulated device what can be tried there.
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -9,7 +9,9 @@ using launches::blocks_for;
 using launches::Case;
 using launches::Data;
 
-constexpr unsigned kThreads[] = {1, 2, 3, 31, 32, 33, 64, 96, 255, 256, 512, 1000, 1024};
+constexpr unsigned kThreads[] = {
+#include "tests/launches/threads.inc"
+};
 
 // Votes of a warp need all of its lanes.
 bool needs_whole_warps(const kernels::KernelRow& row) { return row.blocks_per_multiprocessor != 0; }
@@ -51,9 +53,9 @@ std::vector<launches::Shape> shapes_for(const kernels::KernelRow& row, std::int6
   return shapes;
 }
 
-constexpr std::int64_t kSizes[] = {0,    1,    2,    3,    31,    32,    33,    255,  256,
-                                   257,  511,  512,  513,  1023,  1024,  1025,  2047, 2048,
-                                   2049, 4095, 4096, 4097, 16384, 16385, 16386, 65537};
+constexpr std::int64_t kSizes[] = {
+#include "tests/launches/sizes.inc"
+};
 
 constexpr std::int64_t kMatrices[][3] = {{0, 3, 3},   {3, 0, 2},   {1, 1, 0},    {1, 1, 1},
                                          {5, 17, 33}, {17, 3, 70}, {16, 16, 16}, {33, 2, 129},

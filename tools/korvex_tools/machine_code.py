@@ -100,7 +100,7 @@ _BRANCH = re.compile(r"\bBRA(?:\.\w+)* .*`\(([.$\w]+)\)")
 _STALL_SHIFT = 105 - 64  # of the cycles that the scheduler waits after an instruction
 
 
-class _Listing:
+class Listing:
     """The instructions of one kernel with all that it calls, and where its labels stand."""
 
     def __init__(self) -> None:
@@ -123,13 +123,13 @@ class _Listing:
                 yield self.instructions[start : end + 1]
 
 
-def _listings(cubin: Path) -> dict[str, _Listing]:
-    found: dict[str, _Listing] = {}
-    listing = _Listing()
+def listings(cubin: Path) -> dict[str, Listing]:
+    found: dict[str, Listing] = {}
+    listing = Listing()
     lines = _output("nvdisasm", "-c", "-hex", str(cubin)).splitlines()
     for line, following in zip(lines, [*lines[1:], ""], strict=True):
         if section := re.match(r"\s*\.section\s+\.text\.(\w+),", line):
-            listing = found.setdefault(section.group(1), _Listing())
+            listing = found.setdefault(section.group(1), Listing())
         elif label := _LABEL.match(line.strip()):
             listing.labels[label.group(1)] = len(listing.instructions)
         elif instruction := _INSTRUCTION.match(line):
@@ -139,7 +139,7 @@ def _listings(cubin: Path) -> dict[str, _Listing]:
 
 
 _PAIR_LOAD = re.compile(r"\bLD[GS]?\.(?:\w+\.)*128\b")
-_DOUBLE_OPERATION = re.compile(r"\bD(ADD|MUL|FMA|SETP)\b")
+DOUBLE_OPERATION = re.compile(r"\bD(ADD|MUL|FMA|SETP)\b")
 
 
 # Of a slice, for an element. A loop with fewer only looks at elements, for a NaN or an infinity.
@@ -149,14 +149,14 @@ _LEAST_ADDITIONS = 3
 # Double-precision additions that a multiprocessor finishes in a cycle (CUDA C++ Programming Guide,
 # arithmetic instructions); 8.7 and 8.8 as 8.6, 12.1 as 12.0. The scheduler's cycles do not show a
 # rate of 2: there an instruction waits for the one before it. Others are as the scheduler says.
-_DOUBLES_A_CYCLE = {75: 2, 80: 32, 86: 2, 87: 2, 88: 2, 89: 2, 90: 64, 100: 64, 120: 2, 121: 2}
-_WARP = 32
+DOUBLES_A_CYCLE = {75: 2, 80: 32, 86: 2, 87: 2, 88: 2, 89: 2, 90: 64, 100: 64, 120: 2, 121: 2}
+WARP = 32
 
 
 def least_cycles(cycles: float, doubles: float, number: int) -> float:
     """Cycles of a warp: those that the scheduler needs, or its double-precision instructions."""
-    rate = _DOUBLES_A_CYCLE.get(number)
-    return cycles if rate is None else max(cycles, doubles * _WARP / rate)
+    rate = DOUBLES_A_CYCLE.get(number)
+    return cycles if rate is None else max(cycles, doubles * WARP / rate)
 
 
 def element_loops(cubin: Path) -> dict[str, list[dict[str, float]]]:
@@ -166,11 +166,11 @@ def element_loops(cubin: Path) -> dict[str, list[dict[str, float]]]:
     cycles an element that it takes when nothing but the double-precision unit has to be waited for.
     """
     found = {}
-    for name, listing in _listings(cubin).items():
+    for name, listing in listings(cubin).items():
         loops = []
         for loop in listing.loops():
             elements = 2 * sum(bool(_PAIR_LOAD.search(text)) for text, _ in loop)
-            doubles = sum(bool(_DOUBLE_OPERATION.search(text)) for text, _ in loop)
+            doubles = sum(bool(DOUBLE_OPERATION.search(text)) for text, _ in loop)
             if elements and doubles >= _LEAST_ADDITIONS * elements:
                 cycles = least_cycles(sum(stall for _, stall in loop), doubles, architecture(cubin))
                 loops.append(

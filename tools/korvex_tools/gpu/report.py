@@ -1,31 +1,29 @@
 # SPDX-License-Identifier: Apache-2.0
 """Run all checks that need a GPU, stage by stage, and write one JSON report.
 
-Stages run from the most to the least important. Each has a time limit, and its outcome goes into
-the report whether it passed, failed or ran out of time; the report is written anew after each
-stage, so a run that is cut short leaves what it had. gpu_run.sh chooses the Python and starts this.
+Stages run from the most to the least important, each in a process of its own with a time limit.
+Whatever becomes of one, its outcome and its last lines go into the report and the others go on. The
+report is written anew after each stage, so a run that is cut short leaves what it had. gpu_run.sh
+chooses the Python and starts this.
 """
 
 import argparse
+import fnmatch
 import importlib.machinery
-import importlib.util
 import json
 import os
 import platform
 import re
-import shutil
 import signal
 import subprocess
 import sys
 import tempfile
 import time
-import xml.etree.ElementTree as ElementTree
-from collections.abc import Callable
-from dataclasses import dataclass, field
 from datetime import UTC, datetime
 from pathlib import Path
 from typing import Any
 
+from korvex_tools.gpu.stages import BUILD, BUILT_SITE, Stage, all_stages
 from korvex_tools.machine_facts import (
     first_line,
     gpu_fact,
@@ -36,158 +34,42 @@ from korvex_tools.machine_facts import (
 )
 from korvex_tools.source_tree import SOURCE_TREE
 
-BUILD = SOURCE_TREE / "build" / "gpu"
-BUILT_SITE = BUILD / "site-packages"
 TAIL = 3000  # characters of a failed stage's output that the report keeps
-SANITIZER_TOOLS = ("memcheck", "racecheck", "initcheck", "synccheck")
-SANITIZER_FOUND = 99  # its exit status
-
-
-@dataclass
-class Stage:
-    name: str
-    command: list[str]
-    limit: int  # seconds
-    environment: dict[str, str] = field(default_factory=dict)
-    # What the report keeps of the output, beside the outcome.
-    read: Callable[[str], Any] = lambda output: None
-
-
-# --- Stages
-
-
-def script(name: str, *arguments: str) -> list[str]:
-    return [sys.executable, str(SOURCE_TREE / name), *arguments]
-
-
-def module(name: str, *arguments: str) -> list[str]:
-    return [sys.executable, "-P", "-m", f"korvex_tools.{name}", *arguments]
-
-
-def last_line_json(output: str) -> Any:
-    lines = output.strip().splitlines()
-    try:
-        return json.loads(lines[-1])
-    except (IndexError, json.JSONDecodeError):
-        return None
-
-
-def build_stage() -> Stage:
-    command = [
-        str(SOURCE_TREE / "scripts" / "install_tree.sh"),
-        sys.executable,
-        str(BUILD / "cmake"),
-    ]
-    return Stage("build", [*command, str(BUILT_SITE)], 240)
-
-
-def check_stage(name: str, limit: int, options: argparse.Namespace) -> Stage:
-    arguments = [name, "--emulated"] if options.dry_run else [name]
-    return Stage(name, module("gpu.checks", *arguments), limit, read=last_line_json)
-
-
-def verify_stage(options: argparse.Namespace) -> Stage:
-    """The digests of tests/golden, with a report of its own."""
-    if options.dry_run:
-        arguments = ["--only", "base-all", "--results", str(BUILD)]
-    else:
-        compared = ["gpu", "base-all", "fma-all", "avx512-all"]
-        arguments = ["--long", "--need", "gpu", "--only", *compared]
-        arguments += ["--results", str(options.results)] if options.has_results else ["--record"]
-    return Stage("verify", module("verify", *arguments), 120, read=last_line)
-
-
-def last_line(output: str) -> str | None:
-    lines = output.strip().splitlines()
-    return lines[-1] if lines else None
-
-
-def benchmark_stage(name: str, limit: int, options: argparse.Namespace) -> Stage:
-    arguments = ["--emulated", "--n", "100000", "--repeats", "3"] if options.dry_run else []
-    command = script(f"benchmarks/bench_gpu_{name}.py", *arguments)
-    return Stage(f"benchmark {name}", command, limit, read=last_line_json)
-
-
-def large_stage(options: argparse.Namespace) -> Stage:
-    """Time and memory of the largest inputs; what it has no time for is left out of its record."""
-    script_arguments = ["--gpu", "--repeats", "1", "--seconds", "80", "--json"]
-    if options.dry_run:
-        script_arguments = ["--quick", "--json"]
-    command = script("benchmarks/bench_large.py", *script_arguments)
-    return Stage("large inputs", command, 90, read=last_line_json)
-
-
-def tests_stage(options: argparse.Namespace, junit: Path) -> Stage:
-    parallel = importlib.util.find_spec("xdist") is not None
-    command = [sys.executable, "-P", "-m", "pytest", "-q", "--tb=short", f"--junitxml={junit}"]
-    command += ["-n", str(min(8, os.cpu_count() or 1))] if parallel and not options.dry_run else []
-    command += ["tests/device_code", "tests/reductions"] if options.dry_run else []
-    device = {"KORVEX_TEST_DEVICE": "emulated" if options.dry_run else "gpu"}
-    return Stage("tests", command, 220, device, lambda _: count_tests(junit))
-
-
-def count_tests(junit: Path) -> dict[str, Any] | None:
-    if not junit.exists():
-        return None
-    cases = list(ElementTree.parse(junit).iter("testcase"))
-    failed = [
-        f"{case.get('classname')}::{case.get('name')}"
-        for case in cases
-        if case.find("failure") is not None or case.find("error") is not None
-    ]
-    skipped = sum(case.find("skipped") is not None for case in cases)
-    return {
-        "passed": len(cases) - len(failed) - skipped,
-        "failed": len(failed),
-        "skipped": skipped,
-        "first_failures": failed[:30],
-    }
-
-
-def sanitizer_stage(tool: str) -> Stage:
-    sanitizer = shutil.which("compute-sanitizer") or "compute-sanitizer"
-    options = ["--tool", tool, "--error-exitcode", str(SANITIZER_FOUND)]
-    command = [sanitizer, *options, *module("gpu.checks", "sanitizer")]
-    return Stage(f"sanitizer {tool}", command, 60, read=sanitizer_summary)
-
-
-def sanitizer_summary(output: str) -> str | None:
-    found = re.findall(r"=+ ((?:ERROR|RACECHECK) SUMMARY: .*)", output)
-    return found[-1] if found else None
-
-
-def all_stages(options: argparse.Namespace, junit: Path) -> list[Stage]:
-    stages = [] if options.site else [build_stage()]
-    names = ("sums", "elementwise", "dots", "matrices", "reductions", "grids", "nan")
-    stages += [check_stage(name, 60, options) for name in names]
-    stages += [check_stage("large", 30, options), check_stage("division", 60, options)]
-    stages += [verify_stage(options), benchmark_stage("sum", 90, options)]
-    stages += [benchmark_stage("elementwise", 60, options), tests_stage(options, junit)]
-    stages += [large_stage(options)]
-    stages += [sanitizer_stage(tool) for tool in SANITIZER_TOOLS]
-    return stages
+LAST_LINES = 8  # of them that are printed
+GOOD = ("passed", "needs a GPU")
+TEST = re.compile(r"^\S+\.py::[^\n]*", re.MULTILINE)  # as pytest names one before it runs
 
 
 # --- Running one
 
 
 def run_stage(stage: Stage, limit: float, site: Path | None) -> dict[str, Any]:
-    environment = os.environ | stage.environment
+    environment = os.environ | {"PYTHONUNBUFFERED": "1", "PYTHONFAULTHANDLER": "1"}
+    environment |= stage.environment
     if site is not None:
         places = [str(site), str(SOURCE_TREE / "tools")]
         environment |= {"PYTHONPATH": os.pathsep.join(places)}
     begin = time.monotonic()
     status, output = run_limited(stage.command, limit, environment)
-    outcome = {0: "passed", None: "ran out of time"}.get(status, "failed")
     entry = {
-        "outcome": outcome,
+        "outcome": outcome_of(status),
         "status": status,
         "seconds": round(time.monotonic() - begin, 1),
         "result": stage.read(output),
     }
-    if outcome != "passed":
+    if status != 0:
         entry["output_tail"] = output[-TAIL:]
+        if tests := TEST.findall(output):
+            entry["last_test"] = tests[-1]
     return entry
+
+
+def outcome_of(status: int | None) -> str:
+    if status is None:
+        return "ran out of time"
+    if status < 0:
+        return f"died by {signal.Signals(-status).name}"
+    return "passed" if status == 0 else "failed"
 
 
 def run_limited(command: list[str], limit: float, environment: dict[str, str]):
@@ -249,9 +131,22 @@ def kernel_files(site: Path | None) -> dict[str, str] | None:
 # --- The report
 
 
-def report_path(options: argparse.Namespace, facts: dict[str, Any]) -> Path:
-    gpu = facts["gpu"]["name"] or "no-gpu"
-    return options.results / f"{'dry-run' if options.dry_run else 'gpu'}-{slug(gpu)}.json"
+def new_report(options: argparse.Namespace) -> tuple[Path, dict[str, Any]]:
+    """With the stages that an earlier run of the same tree has left, where some are asked for."""
+    facts = environment_facts()
+    name = slug(facts["gpu"]["name"] or "no-gpu")
+    path = options.results / f"{'dry-run' if options.dry_run else 'gpu'}-{name}.json"
+    report: dict[str, Any] = {
+        "date": datetime.now(UTC).isoformat(timespec="seconds"),
+        "is_dry_run": options.dry_run,
+        "environment": facts,
+        "stages": {},
+    }
+    if options.only and path.exists():
+        before = json.loads(path.read_text())
+        if before["environment"] == facts:
+            report["stages"] = before["stages"]
+    return path, report
 
 
 def write_report(path: Path, report: dict[str, Any]) -> None:
@@ -263,17 +158,12 @@ def is_for_gpu_only(stage: Stage, options: argparse.Namespace) -> bool:
     return options.dry_run and stage.name.startswith("sanitizer")
 
 
-def run_all(stages: list[Stage], options: argparse.Namespace) -> dict[str, Any]:
+def run_all(stages: list[Stage], options: argparse.Namespace) -> dict[str, dict[str, Any]]:
+    """The outcomes of these stages, which the report holds too."""
     deadline = time.monotonic() + options.seconds
-    facts = environment_facts()
-    path = report_path(options, facts)
-    report: dict[str, Any] = {
-        "date": datetime.now(UTC).isoformat(timespec="seconds"),
-        "is_dry_run": options.dry_run,
-        "environment": facts,
-        "stages": {},
-    }
+    path, report = new_report(options)
     site = options.site
+    entries: dict[str, dict[str, Any]] = {}
     for stage in stages:
         left = deadline - time.monotonic()
         if is_for_gpu_only(stage, options):
@@ -284,12 +174,56 @@ def run_all(stages: list[Stage], options: argparse.Namespace) -> dict[str, Any]:
             entry = run_stage(stage, min(stage.limit, left), site)
         if stage.name == "build" and entry["outcome"] == "passed":
             site = BUILT_SITE
-        report["stages"][stage.name] = entry
+        entries[stage.name] = report["stages"][stage.name] = entry
         report["kernels"] = kernel_files(site)
         write_report(path, report)
         print_stage(stage, entry)
     print(f"report: {os.path.relpath(path)}")
-    return report
+    return entries
+
+
+# --- What is printed
+
+
+def print_stage(stage: Stage, entry: dict[str, Any]) -> None:
+    seconds = f"{entry['seconds']:6.1f} s" if "seconds" in entry else ""
+    print(f"{stage.name:22} {entry['outcome']:16} {seconds}", flush=True)
+    for line in [*result_lines(stage, entry.get("result")), *last_lines(entry)]:
+        print(f"  {line}", flush=True)
+
+
+def last_lines(entry: dict[str, Any]) -> list[str]:
+    test = [f"last test: {entry['last_test']}"] if "last_test" in entry else []
+    return test + entry.get("output_tail", "").splitlines()[-LAST_LINES:]
+
+
+def result_lines(stage: Stage, result: Any) -> list[str]:
+    if isinstance(result, str):
+        return [result]
+    if not isinstance(result, dict):
+        return []
+    if "passed" in result:
+        return [
+            f"{result['passed']} passed, {result['failed']} failed, {result['skipped']} skipped"
+        ]
+    if not stage.name.startswith("benchmark"):
+        return []
+    runs = result.get("runs")
+    of_kernels = [row for row in runs if "ratio" in row] if isinstance(runs, list) else []
+    return [
+        *(prediction_line(row) for row in of_kernels),
+        *(target_line(target) for target in result.get("targets", [])),
+    ]
+
+
+def prediction_line(row: dict[str, Any]) -> str:
+    """Of `bench_gpu_kernels.py`."""
+    verdict = "as predicted" if row["is_as_predicted"] else "NOT AS PREDICTED"
+    measured, predicted = row["ns_per_element"], row["predicted_ns"]
+    return (
+        f"{row['candidate']}: {measured:.3g} ns an element, predicted {predicted:.3g}"
+        f" ({row['limit']}): {verdict}"
+    )
 
 
 def target_line(target: dict[str, Any]) -> str:
@@ -303,45 +237,52 @@ def target_line(target: dict[str, Any]) -> str:
     return f"{text}: {verdict}"
 
 
-def print_stage(stage: Stage, entry: dict[str, Any]) -> None:
-    seconds = f"{entry['seconds']:6.1f} s" if "seconds" in entry else ""
-    print(f"{stage.name:22} {entry['outcome']:16} {seconds}", flush=True)
-    result = entry.get("result")
-    if stage.name.startswith("benchmark") and result:
-        for target in result["targets"]:
-            print("  " + target_line(target))
-    elif stage.name == "tests" and result:
-        print(
-            f"  {result['passed']} passed, {result['failed']} failed, {result['skipped']} skipped"
-        )
-    elif stage.name == "verify" and result:
-        print(f"  {result}")
-    elif isinstance(result, dict) and result.get("wrong"):
-        print("  " + "\n  ".join(result["wrong"][:3]))
-    if entry["outcome"] == "failed":
-        print("  " + "\n  ".join(entry["output_tail"].splitlines()[-8:]))
-
-
-def main() -> int:
+def parsed_options(arguments: list[str] | None = None) -> argparse.Namespace:
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--dry-run", action="store_true", help="without a GPU, as far as that goes")
     parser.add_argument("--site", type=Path, help="folder with an installed korvex: builds nothing")
     parser.add_argument("--results", type=Path, help="folder for the report")
     parser.add_argument("--seconds", type=int, default=570, help="time for everything (570)")
-    options = parser.parse_args()
+    parser.add_argument(
+        "--only",
+        action="append",
+        default=[],
+        metavar="STAGE",
+        help="stages by name or pattern, beside the build; may be repeated",
+    )
+    options = parser.parse_args(arguments)
     options.has_results = options.results is not None
     if options.results is None:
         results = BUILD if options.dry_run else SOURCE_TREE / "benchmarks" / "results"
         options.results = results
+    options.results = options.results.resolve()
     options.site = options.site and options.site.resolve()
+    return options
+
+
+def chosen(stages: list[Stage], patterns: list[str]) -> list[Stage]:
+    """Those that a pattern names, and the build, without which none runs."""
+    for pattern in patterns:
+        if not fnmatch.filter([stage.name for stage in stages], pattern):
+            raise SystemExit(f"no stage is called {pattern}")
+    return [
+        stage
+        for stage in stages
+        if not patterns
+        or stage.name == "build"
+        or any(fnmatch.fnmatch(stage.name, pattern) for pattern in patterns)
+    ]
+
+
+def main() -> int:
+    options = parsed_options()
     with tempfile.TemporaryDirectory() as folder:
-        stages = all_stages(options, Path(folder) / "tests.xml")
+        stages = chosen(all_stages(options, Path(folder)), options.only)
         if options.dry_run:
             for stage in stages:
                 print(f"{stage.name:22} at most {stage.limit:3} s: {' '.join(stage.command)}")
-        report = run_all(stages, options)
-    good = ("passed", "needs a GPU")
-    return 0 if all(entry["outcome"] in good for entry in report["stages"].values()) else 1
+        entries = run_all(stages, options)
+    return 0 if all(entry["outcome"] in GOOD for entry in entries.values()) else 1
 
 
 if __name__ == "__main__":

@@ -1,0 +1,51 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The table of kernels as the sources have it, for programs that need no built package."""
+
+import functools
+import math
+import re
+from typing import NamedTuple
+
+from korvex_tools.source_tree import SOURCE_TREE
+
+TABLE = SOURCE_TREE / "korvex" / "kernels" / "table.h"
+
+_CONSTANT = re.compile(r"constexpr unsigned (k\w+) = ([\d* ]+);")
+_ROW = re.compile(r'^\s*\{"(\w+)",\s*"(\w+)",\s*(\w+),\s*"([^"]*)"([^}]*)\}', re.MULTILINE)
+
+
+class Row(NamedTuple):
+    """As KernelRow of the sources, whose comments say what each member is."""
+
+    name: str
+    form: str
+    block: int
+    parameters: str
+    blocks_per_multiprocessor: int
+    strides_along_y: bool
+    elements_per_block: int
+
+
+@functools.cache
+def constants() -> dict[str, int]:
+    """The numbers of the launch shapes, by name."""
+    return {
+        name: math.prod(map(int, product.split("*")))
+        for name, product in _CONSTANT.findall(TABLE.read_text())
+    }
+
+
+@functools.cache
+def rows() -> dict[str, Row]:
+    """All kernels, by name."""
+    known = {**constants(), "true": 1, "false": 0}
+
+    def number(word: str) -> int:
+        return known[word] if word in known else int(word)
+
+    found = {}
+    for name, form, block, parameters, rest in _ROW.findall(TABLE.read_text()):
+        words = [*re.findall(r"\w+", rest), "0", "0", "0"][:3]
+        blocks, along_y, elements = map(number, words)
+        found[name] = Row(name, form, number(block), parameters, blocks, bool(along_y), elements)
+    return found
