@@ -56,8 +56,8 @@ const DeviceKernel kKernels[] = {
 static_assert(std::size(kKernels) == kernels::kKernelCount);
 
 template <class Memory>
-Workspace workspace(std::string_view name, Memory& memory, bool stays_zero) {
-  return {name, &memory, sizeof memory, stays_zero};
+Workspace workspace(std::string_view name, Memory& memory) {
+  return {name, &memory, sizeof memory};
 }
 
 }  // namespace
@@ -67,11 +67,11 @@ std::span<const DeviceKernel> device_kernels() { return kKernels; }
 std::span<const Workspace> device_workspaces() {
   using namespace kernels;
   static const Workspace workspaces[] = {
-      workspace("sum_grid_memory", sum_grid_memory, true),
-      workspace("dot_grid_memory", dot_grid_memory, true),
-      workspace("part_memory", part_memory, false),
-      workspace("reduction_workspace", reduction_workspace, false),
-      workspace("accurate_product_memory", accurate_product_memory, false),
+      workspace("sum_grid_memory", sum_grid_memory),
+      workspace("dot_grid_memory", dot_grid_memory),
+      workspace("part_memory", part_memory),
+      workspace("reduction_workspace", reduction_workspace),
+      workspace("accurate_product_memory", accurate_product_memory),
   };
   return workspaces;
 }

@@ -6,7 +6,8 @@
 //
 // Each kernel has a process of its own, so what ends it, a sanitizer's report above all, is the
 // failure of one launch of one kernel, and named. Arrays lie between guards that may not be read,
-// inputs must be as they were, and static memory of the device that has to stay zero must be zero.
+// and inputs must be as they were. Static memory of the device is full of junk before each launch,
+// as one that was cut short leaves it, but for what a loader clears; that must be zero afterwards.
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -86,31 +87,49 @@ class GuardedArray {
   std::vector<unsigned char> memory_;
 };
 
-const DeviceKernel& kernel_of(const Case& one) {
+const DeviceKernel& kernel_of(const launches::Step& step) {
   for (const DeviceKernel& kernel : device_kernels()) {
-    if (kernel.name == one.row->name) {
+    if (kernel.name == step.kernel) {
       return kernel;
     }
   }
-  throw Failure("the device code has no such kernel");
+  throw Failure("the device code has no kernel " + step.kernel);
+}
+
+const Workspace& workspace_of(const launches::Step& step) {
+  for (const Workspace& workspace : device_workspaces()) {
+    if (workspace.name == step.workspace) {
+      return workspace;
+    }
+  }
+  throw Failure("the device code has no " + std::string(step.workspace));
 }
 
 void fill_workspaces() {
   for (const Workspace& workspace : device_workspaces()) {
-    if (!workspace.stays_zero) {
-      std::memset(workspace.memory, kJunk, workspace.bytes);
+    std::memset(workspace.memory, kJunk, workspace.bytes);
+  }
+}
+
+void require_zero(const Workspace& workspace) {
+  const auto* const bytes = static_cast<const unsigned char*>(workspace.memory);
+  for (std::size_t i = 0; i < workspace.bytes; ++i) {
+    if (bytes[i] != 0) {
+      throw Failure("left behind: " + std::string(workspace.name) + " is not zero");
     }
   }
 }
 
-void require_clean_workspaces() {
-  for (const Workspace& workspace : device_workspaces()) {
-    const auto* const bytes = static_cast<const unsigned char*>(workspace.memory);
-    for (std::size_t i = 0; i < workspace.bytes && workspace.stays_zero; ++i) {
-      if (bytes[i] != 0) {
-        throw Failure("left behind: " + std::string(workspace.name) + " is not zero");
-      }
-    }
+void run_step(CudaGrid& grid, const Case& one, const launches::Step& step, void* const* values) {
+  const DeviceKernel& kernel = kernel_of(step);
+  if (step.workspace != nullptr) {
+    const Workspace& workspace = workspace_of(step);
+    std::memset(workspace.memory, 0, workspace.bytes);
+  }
+  const unsigned resident_blocks = 1 + static_cast<unsigned>(one.seed % 3);
+  grid.launch(one.shape, one.seed, {kMostSteps, resident_blocks}, [&] { kernel.call(values); });
+  if (step.workspace != nullptr) {
+    require_zero(workspace_of(step));
   }
 }
 
@@ -131,10 +150,9 @@ void run_case(CudaGrid& grid, const launches::HostLibrary& host, const Case& one
     }
   }
   fill_workspaces();
-  const DeviceKernel& kernel = kernel_of(one);
-  const unsigned resident_blocks = 1 + static_cast<unsigned>(one.seed % 3);
-  grid.launch(one.shape, one.seed, {kMostSteps, resident_blocks},
-              [&] { kernel.call(values.data()); });
+  for (const launches::Step& step : launches::steps_of(one)) {
+    run_step(grid, one, step, values.data());
+  }
   if (one.shape.blocks() * one.shape.threads() != 0) {
     launches::launch_on_host(arguments, host, one);
   }
@@ -145,7 +163,6 @@ void run_case(CudaGrid& grid, const launches::HostLibrary& host, const Case& one
       arrays[array++]->require_guards(arguments[i].name);
     }
   }
-  require_clean_workspaces();
 }
 
 // The process of one kernel.

@@ -69,6 +69,11 @@ def kernels_of_the_table() -> set[str]:
     return set(re.findall(r'^\s*\{"(\w+)", "(?:function|launch)"', text, re.MULTILINE))
 
 
+def workspaces_of_the_table() -> set[str]:
+    text = (SOURCE_TREE / "korvex" / "kernels" / "table.h").read_text()
+    return set(re.findall(r'"(\w+_grid_memory)"', text))
+
+
 def name(path: Path) -> str:
     return path.stem
 
@@ -105,6 +110,13 @@ def test_machine_code_needs_nothing_from_outside(cubin):
     assert [symbol for symbol in undefined if not symbol.startswith(".nv.")] == []
     assert kernels_of_the_table() <= set(functions)
     assert [symbol for symbol in functions if "__nv_" in symbol] == []
+
+
+@pytest.mark.parametrize("cubin", FILES, ids=name)
+def test_machine_code_holds_the_memory_that_the_loader_clears(cubin):
+    """By the name that the loader asks for."""
+    assert workspaces_of_the_table() == {"sum_grid_memory", "dot_grid_memory"}
+    assert workspaces_of_the_table() <= set(machine_code.variables(cubin))
 
 
 @needs_cuobjdump

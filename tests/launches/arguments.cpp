@@ -43,6 +43,8 @@ std::string name_of(const Case& one) {
   return name.str();
 }
 
+std::vector<Step> steps_of(const Case& one) { return {{one.row->name, one.row->workspace}}; }
+
 const kernels::KernelRow& row_of(std::string_view kernel) {
   for (const kernels::KernelRow& row : kernels::kKernelTable) {
     if (row.name == kernel) {

@@ -50,6 +50,13 @@ struct Case {
 
 std::string name_of(const Case& one);
 
+// What a loader does for a case: it clears some static memory and launches a kernel.
+struct Step {
+  std::string kernel;
+  const char* workspace;  // null: nothing is cleared
+};
+std::vector<Step> steps_of(const Case& one);
+
 const kernels::KernelRow& row_of(std::string_view kernel);
 bool is_single_block(const kernels::KernelRow& row);
 bool is_matrix_product(const kernels::KernelRow& row);

@@ -47,13 +47,23 @@ void compare(const std::vector<Argument>& arguments, const std::vector<Region*>&
   }
 }
 
-// The memory of the parallel sums is zero after each launch, which the next one relies on.
-void check_grid_memory(Machine& machine) {
-  for (const char* name : {"sum_grid_memory", "dot_grid_memory"}) {
-    const Region* region = machine.symbol_region(name);
-    if (region != nullptr &&
-        std::ranges::any_of(region->bytes, [](std::uint8_t byte) { return byte != 0; })) {
-      throw Failure(std::string("left behind: ") + name + " is not zero");
+// A kernel leaves zero what it found zero.
+void require_zero(Machine& machine, const char* workspace) {
+  const Region& region = machine.variable(workspace);
+  if (std::ranges::any_of(region.bytes, [](std::uint8_t byte) { return byte != 0; })) {
+    throw Failure(std::string("left behind: ") + workspace + " is not zero");
+  }
+}
+
+void run_steps(Machine& machine, const Case& one, const std::vector<std::uint64_t>& values) {
+  machine.forget_variables();
+  for (const launches::Step& step : launches::steps_of(one)) {
+    if (step.workspace != nullptr) {
+      machine.clear_variable(step.workspace);
+    }
+    machine.launch(step.kernel, one.shape, values, one.seed, one.most_steps);
+    if (step.workspace != nullptr) {
+      require_zero(machine, step.workspace);
     }
   }
 }
@@ -70,10 +80,9 @@ void run_case(Machine& machine, const HostLibrary& host, const Case& one) {
     values.push_back(regions[i] != nullptr ? regions[i]->base : arguments[i].bits);
   }
   try {
-    machine.launch(one.row->name, one.shape, values, one.seed, one.most_steps);
+    run_steps(machine, one, values);
     launches::launch_on_host(arguments, host, one);
     compare(arguments, regions);
-    check_grid_memory(machine);
   } catch (const Failure& failure) {
     throw Failure(launches::name_of(one) + "\n  " + failure.what());
   }

@@ -52,8 +52,11 @@ __device__ __forceinline__ void add_staged_products(const double* x, const doubl
   }
 }
 
-// Launches of tqx_dot_kernel never overlap: all are made on the null stream of the device.
+// Launches of tqx_dot_kernel never overlap: all are made on the null stream of the device. The
+// loader knows it by this name and clears it before each.
+extern "C" {
 __device__ DotGridMemory dot_grid_memory;
+}
 
 }  // namespace korvex::kernels
 
@@ -81,5 +84,5 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock,
   using namespace korvex;
   __shared__ kernels::DotBlockMemory block;
   kernels::dot_by_grid(kernels::DeviceThread(), x, y, out, out_err, out_err2, n, block,
-                       kernels::dot_grid_memory);
+                       &kernels::dot_grid_memory);
 }

@@ -12,8 +12,11 @@
 
 namespace korvex::kernels {
 
-// Launches of tqx_sum_kernel never overlap: all are made on the null stream of the device.
+// Launches of tqx_sum_kernel never overlap: all are made on the null stream of the device. The
+// loader knows it by this name and clears it before each.
+extern "C" {
 __device__ GridMemory sum_grid_memory;
+}
 
 }  // namespace korvex::kernels
 
@@ -38,5 +41,5 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock,
   using namespace korvex;
   __shared__ kernels::BlockMemory block;
   kernels::sum_by_grid(kernels::DeviceThread(), x, out, out_err, n, block,
-                       kernels::sum_grid_memory);
+                       &kernels::sum_grid_memory);
 }
