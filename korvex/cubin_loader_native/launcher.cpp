@@ -7,12 +7,10 @@
 #include <algorithm>
 #include <utility>
 
-#include "korvex/cubin_loader_native/launch_steps.h"
-
 namespace korvex::cubin_loader {
 
-Launcher::Launcher(std::filesystem::path folder)
-    : driver_(Driver::get()), process_(getpid()), files_(std::move(folder)) {
+Launcher::Launcher(std::filesystem::path folder, LaunchChoice choice)
+    : driver_(Driver::get()), process_(getpid()), choice_(choice), files_(std::move(folder)) {
   driver_.initialise();
   int count = 0;
   driver_.device_count(&count);
@@ -161,21 +159,26 @@ void Launcher::wait_for_producers(const Launch& launch) const {
 
 void Launcher::enqueue(const Launch& launch, const DeviceInfo& device,
                        DeviceKernels& kernels) const {
-  const Step step = step_of(launch, device);
-  const Function function = kernels.function(step.kernel);
-  const Workspace workspace =
-      step.workspace == nullptr ? Workspace{} : kernels.workspace(step.workspace);
   auto values = launch.values;
   std::array<void*, kMaxParameters> arguments{};
   for (std::size_t i = 0; i < values.size(); ++i) {
     arguments[i] = &values[i];
   }
+  const Steps steps = steps_of(launch, device, choice_);
   const std::lock_guard guard(kernels.queue());
-  if (workspace.bytes != 0) {
+  for (const Step& step : steps) {
+    enqueue(step, arguments.data(), kernels);
+  }
+}
+
+void Launcher::enqueue(const Step& step, void** arguments, DeviceKernels& kernels) const {
+  const Function function = kernels.function(step.kernel);
+  if (step.workspace != nullptr) {
+    const Workspace workspace = kernels.workspace(step.workspace);
     driver_.memory_set(workspace.address, 0, workspace.bytes, kLegacyStream);
   }
   driver_.launch(function, step.grid[0], step.grid[1], step.grid[2], step.block[0], step.block[1],
-                 step.block[2], 0, kLegacyStream, arguments.data(), nullptr);
+                 step.block[2], 0, kLegacyStream, arguments, nullptr);
 }
 
 }  // namespace korvex::cubin_loader

@@ -16,6 +16,7 @@
 
 #include "korvex/cubin_loader_native/device_kernels.h"
 #include "korvex/cubin_loader_native/launch.h"
+#include "korvex/cubin_loader_native/launch_steps.h"
 
 namespace korvex::cubin_loader {
 
@@ -24,7 +25,7 @@ class Launcher {
   // Initialises the driver and chooses a file for each device, but loads none: a context takes
   // memory of a device that this process may never use. DeviceFailure if no kernel can be launched
   // on any device.
-  explicit Launcher(std::filesystem::path folder);
+  Launcher(std::filesystem::path folder, LaunchChoice choice);
   ~Launcher();
   Launcher(const Launcher&) = delete;
   Launcher& operator=(const Launcher&) = delete;
@@ -50,9 +51,11 @@ class Launcher {
   DeviceKernels& kernels_on(DeviceSlot& slot);
   void wait_for_producers(const Launch& launch) const;
   void enqueue(const Launch& launch, const DeviceInfo& device, DeviceKernels& kernels) const;
+  void enqueue(const Step& step, void** arguments, DeviceKernels& kernels) const;
 
   const Driver& driver_;
   pid_t process_;  // the one whose contexts these are
+  LaunchChoice choice_;
   KernelFiles files_;
   std::vector<std::unique_ptr<DeviceSlot>> devices_;  // by ordinal, never empty
   std::size_t first_ = 0;

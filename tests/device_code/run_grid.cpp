@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs every kernel of the device folder on a simulated grid and compares its results with those
-// of the host kernels, bit for bit.
+// Runs every kernel of the device folder on a simulated grid, and what stands for a kernel on the
+// whole device, and compares the results with those of the host kernels, bit for bit.
 //
 // usage: run_grid HOST_LIBRARY [--long] [--seed N] [--kernel NAME] [--hard-cases JSON] [--jobs N]
 //
@@ -31,6 +31,7 @@ namespace {
 using launches::Argument;
 using launches::Case;
 using launches::Failure;
+using launches::Subject;
 
 constexpr std::uint64_t kMostSteps = 200'000'000;  // of a launch
 constexpr unsigned char kJunk = 0xa5;
@@ -166,14 +167,13 @@ void run_case(CudaGrid& grid, const launches::HostLibrary& host, const Case& one
 }
 
 // The process of one kernel.
-[[noreturn]] void run_kernel(const Options& options, const kernels::KernelRow& row,
-                             Progress& progress) {
+[[noreturn]] void run_kernel(const Options& options, const Subject& subject, Progress& progress) {
   const auto start = std::chrono::steady_clock::now();
   int status = 0;
   try {
     const launches::HostLibrary host(options.library.c_str());
     CudaGrid grid;
-    for (const Case& one : grid_cases_of(row, options.is_long, options.seed)) {
+    for (const Case& one : grid_cases_of(subject, options.is_long, options.seed)) {
       std::snprintf(progress.launch, sizeof progress.launch, "%s", launches::name_of(one).c_str());
       run_case(grid, host, one);
       ++progress.launches;
@@ -197,7 +197,7 @@ struct Totals {
   std::uint64_t steps = 0;
 };
 
-void report(const kernels::KernelRow& row, const Progress& progress, Totals& totals) {
+void report(const Subject& subject, const Progress& progress, Totals& totals) {
   ++totals.kernels;
   totals.launches += progress.launches;
   totals.steps += progress.steps;
@@ -205,35 +205,36 @@ void report(const kernels::KernelRow& row, const Progress& progress, Totals& tot
     ++totals.failures;
     std::printf("FAILED %s\n", progress.launch);
   }
-  std::printf("%-24s %4llu launches %10.1f million steps %6.1f s\n", row.name,
+  std::printf("%-26s %4llu launches %10.1f million steps %6.1f s\n", subject.name(),
               static_cast<unsigned long long>(progress.launches),
               static_cast<double>(progress.steps) * 1e-6, progress.seconds);
   std::fflush(stdout);
 }
 
-Progress* shared_progress() {
-  void* const memory = mmap(nullptr, sizeof(Progress) * kernels::kKernelCount,
-                            PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+Progress* shared_progress(std::size_t count) {
+  void* const memory = mmap(nullptr, sizeof(Progress) * count, PROT_READ | PROT_WRITE,
+                            MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   return memory == MAP_FAILED ? throw Failure("no memory") : static_cast<Progress*>(memory);
 }
 
 int run(const Options& options) {
   const auto start = std::chrono::steady_clock::now();
-  Progress* const progress = shared_progress();
-  std::vector<pid_t> processes(kernels::kKernelCount, 0);
+  const std::vector<Subject> subjects = launches::subjects();
+  Progress* const progress = shared_progress(subjects.size());
+  std::vector<pid_t> processes(subjects.size(), 0);
   Totals totals;
   unsigned running = 0;
   const auto wait_for_one = [&] {
     const pid_t ended = wait(nullptr);
     for (std::size_t i = 0; i < processes.size(); ++i) {
       if (processes[i] == ended) {
-        report(kernels::kKernelTable[i], progress[i], totals);
+        report(subjects[i], progress[i], totals);
       }
     }
     --running;
   };
   for (std::size_t i = 0; i < processes.size(); ++i) {
-    if (!options.kernel.empty() && options.kernel != kernels::kKernelTable[i].name) {
+    if (!options.kernel.empty() && options.kernel != subjects[i].name()) {
       continue;
     }
     if (running >= options.jobs) {
@@ -242,7 +243,7 @@ int run(const Options& options) {
     std::fflush(stdout);
     processes[i] = fork();
     if (processes[i] == 0) {
-      run_kernel(options, kernels::kKernelTable[i], progress[i]);
+      run_kernel(options, subjects[i], progress[i]);
     }
     ++running;
   }

@@ -21,6 +21,12 @@ def exact_sum(loader, values, device=0):
     driver.synchronize()
     return out.tolist()
 
+def variance(loader, values, device=0):
+    x, *outs = (DeviceArray(driver, array, device) for array in (values, [0.0], [0.0]))
+    loader.get_kernel("tqx_var_kernel").launch(x, *outs, len(values), grid=(1, 1, 1))
+    driver.synchronize()
+    return outs[0].tolist() + outs[1].tolist()
+
 def parallel_sum(loader, values, device=0):
     x, *outs = (DeviceArray(driver, array, device) for array in (values, [0.0], [0.0]))
     loader.get_kernel("tqx_sum_kernel").launch(x, *outs, len(values), grid=(1, 1, 1))

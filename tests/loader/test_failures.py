@@ -3,25 +3,33 @@
 
 import pytest
 
+CLEARING = {"cuModuleGetGlobal_v2", "cuMemsetD8Async"}
+
 
 @pytest.mark.parametrize(
-    ("summing", "further_calls"),
-    [("exact_sum", set()), ("parallel_sum", {"cuModuleGetGlobal_v2", "cuMemsetD8Async"})],
+    ("launching", "further_calls", "choice"),
+    [
+        ("exact_sum", set(), "as-asked"),
+        ("parallel_sum", CLEARING, "as-asked"),
+        ("exact_sum", CLEARING, "device"),
+        ("variance", CLEARING, "device"),
+    ],
 )
-def test_every_call_of_a_launch_can_fail(run, summing, further_calls):
+def test_every_call_of_a_launch_can_fail(run, launching, further_calls, choice):
     """Each call in turn, from the construction of a loader to the end of a launch elsewhere."""
     run(
         f"""
-        summing, further_calls = {summing}, {further_calls}
+        further_calls = {further_calls}
         module = import_loader()
         def use():
             loader = module.NativeCubinLoader()
-            return summing(loader, [1e100, 1.0, -1e100], device=1)[:2]
+            return {launching}(loader, [2e100, 4.0, -2e100, -1.0, 1.0], device=1)
 
         driver.set_device(0)
         before = driver.state()
         driver.take_log()
-        assert use() == [1.0, 0.0]
+        good = use()
+        assert good[0] == {{"exact_sum": 4.0, "parallel_sum": 4.0, "variance": 0.8}}["{launching}"]
         calls = driver.take_calls()
         last = len(calls) - 1 - calls[::-1].index("cuCtxPopCurrent_v2")
         calls = calls[: calls.index("cuModuleUnload")]
@@ -38,9 +46,10 @@ def test_every_call_of_a_launch_can_fail(run, summing, further_calls):
             assert expected in str(caught.value)
             del caught
             assert driver.state() == before, (position, call)
-            assert use() == [1.0, 0.0]
+            assert use() == good
             assert driver.state() == before
-        """
+        """,
+        KORVEX_LAUNCH=choice,
     )
 
 

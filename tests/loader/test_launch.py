@@ -283,7 +283,7 @@ def test_stream_of_an_array_is_waited_for_before_the_launch(run):
 
 
 def test_workspace_is_cleared_on_the_stream_of_the_launch_before_each(run):
-    """The stub spoils it after every launch, as one that was cut short does, and then wants zero."""
+    """The stub spoils it after every launch, as one that was cut short does, and wants it zero."""
     run(
         """
         loader = import_loader().NativeCubinLoader()

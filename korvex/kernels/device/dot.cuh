@@ -58,6 +58,9 @@ extern "C" {
 __device__ DotGridMemory dot_grid_memory;
 }
 
+// Memory of the block in every kernel that sums products over the grid.
+__shared__ DotBlockMemory dot_block_memory;
+
 }  // namespace korvex::kernels
 
 // out[0] to out[3]: the sum of the products of x and y. One thread does it all; others leave at
@@ -82,7 +85,6 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock,
     tqx_dot_kernel(const double* x, const double* y, double* out, double* out_err, double* out_err2,
                    long long n) {
   using namespace korvex;
-  __shared__ kernels::DotBlockMemory block;
-  kernels::dot_by_grid(kernels::DeviceThread(), x, y, out, out_err, out_err2, n, block,
-                       &kernels::dot_grid_memory);
+  kernels::dot_by_grid(kernels::DeviceThread(), x, y, out, out_err, out_err2, n,
+                       kernels::dot_block_memory, &kernels::dot_grid_memory);
 }

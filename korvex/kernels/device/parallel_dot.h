@@ -111,9 +111,10 @@ class WarpProducts : private WarpSum<Thread> {
 // The sum of all x[i] * y[i] in one thread of the grid, a null pointer in the others.
 // Precondition: as of sum_over_grid, y as long as x.
 template <class Thread>
-KORVEX_HD arithmetic::ExactProductSum* dot_over_grid(const Thread& thread, const double* x,
-                                                     const double* y, std::int64_t n,
-                                                     DotBlockMemory& block, DotGridMemory* grid) {
+KORVEX_INLINE arithmetic::ExactProductSum* dot_over_grid(const Thread& thread, const double* x,
+                                                         const double* y, std::int64_t n,
+                                                         DotBlockMemory& block,
+                                                         DotGridMemory* grid) {
   clear_block(thread, block);
   const WarpProducts<Thread> products(thread, block.digits[thread.warp()], block.special);
   const std::int64_t stride = thread.blocks() * thread.warps() * kDotTile;

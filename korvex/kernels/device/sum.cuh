@@ -18,6 +18,9 @@ extern "C" {
 __device__ GridMemory sum_grid_memory;
 }
 
+// Memory of the block in every kernel that sums over the grid.
+__shared__ BlockMemory sum_block_memory;
+
 }  // namespace korvex::kernels
 
 // out[0] to out[3]: the sum of x[0] to x[n - 1]. One thread does it all; others leave at once.
@@ -39,7 +42,6 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock,
                                              korvex::kernels::kResidentSumBlocks)
     tqx_sum_kernel(const double* x, double* out, double* out_err, long long n) {
   using namespace korvex;
-  __shared__ kernels::BlockMemory block;
-  kernels::sum_by_grid(kernels::DeviceThread(), x, out, out_err, n, block,
+  kernels::sum_by_grid(kernels::DeviceThread(), x, out, out_err, n, kernels::sum_block_memory,
                        &kernels::sum_grid_memory);
 }

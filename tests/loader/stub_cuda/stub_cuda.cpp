@@ -24,7 +24,7 @@
 #include <variant>
 #include <vector>
 
-#include "korvex/kernels/table.h"
+#include "korvex/kernels/whole_device.h"
 
 #define STUB_API extern "C" __attribute__((visibility("default")))
 
@@ -50,7 +50,6 @@ constexpr int kHandleOffset = 100;  // device handles are no ordinals
 
 struct HostKernels {
   int (*count)() = nullptr;
-  const char* (*name)(int) = nullptr;
   const char* (*parameters)(int) = nullptr;
   int (*launch)(int, const unsigned*, const unsigned*, void* const*, int) = nullptr;
 };
@@ -61,12 +60,14 @@ struct Variable {
   std::vector<unsigned char> bytes;
 };
 
+struct StubFunction;
+
 struct PendingLaunch {
-  int kernel;
+  StubFunction* function;
   unsigned grid[3];
   unsigned block[3];
   std::vector<std::uint64_t> values;
-  std::shared_ptr<Variable> workspace;  // of the kernel; null: none
+  std::shared_ptr<Variable> workspace;  // of the function; null: none
 };
 
 struct PendingClear {
@@ -87,7 +88,10 @@ struct StubModule {
 
 struct StubFunction {
   StubModule* module;
-  int kernel;
+  const char* name;
+  const char* workspace;  // static memory that it wants zero; null: none
+  int host_kernel;        // that takes the same arguments
+  bool gives_result;      // and leaves the result of that
 };
 
 struct StubDevice {
@@ -218,19 +222,29 @@ bool is_array(const std::string& parameter) { return parameter.back() == ']'; }
 
 constexpr unsigned char kJunk = 0xa5;
 
-// Of the kernels with that name; null where it needs none.
-const char* workspace_of(const char* kernel) {
-  for (const auto& row : korvex::kernels::kKernelTable) {
-    if (std::strcmp(row.name, kernel) == 0) {
-      return row.workspace;
+// All functions that a file of kernels has. Of those that stand for a kernel on the whole device
+// the last gives the result.
+std::vector<StubFunction> functions_of(StubModule* module) {
+  const HostKernels& host = stub().host;
+  const int count = host.count == nullptr ? 0 : host.count();
+  std::vector<StubFunction> functions;
+  for (int kernel = 0; kernel < count; ++kernel) {
+    const auto& own = korvex::kernels::kKernelTable[kernel];
+    functions.push_back({module, own.name, own.workspace, kernel, true});
+    for (const auto& row : korvex::kernels::kWholeDeviceTable) {
+      for (int i = 0; i < row.launch_count && std::strcmp(row.kernel, own.name) == 0; ++i) {
+        const auto& launch = row.launches[i];
+        const bool is_last = i + 1 == row.launch_count;
+        functions.push_back({module, launch.kernel, launch.workspace, kernel, is_last});
+      }
     }
   }
-  return nullptr;
+  return functions;
 }
 
-bool is_workspace(const char* name) {
-  return std::ranges::any_of(korvex::kernels::kKernelTable, [&](const auto& row) {
-    return row.workspace != nullptr && std::strcmp(row.workspace, name) == 0;
+bool is_workspace(StubModule* module, const char* name) {
+  return std::ranges::any_of(functions_of(module), [&](const StubFunction& function) {
+    return function.workspace != nullptr && std::strcmp(function.workspace, name) == 0;
   });
 }
 
@@ -253,7 +267,8 @@ int run(const PendingClear& clear, const StubContext& /*context*/) {
 }
 
 int run(const PendingLaunch& launch, const StubContext& context) {
-  const auto parameters = parameters_of(launch.kernel);
+  const StubFunction& function = *launch.function;
+  const auto parameters = parameters_of(function.host_kernel);
   auto values = launch.values;
   std::vector<void*> arguments;
   for (std::size_t i = 0; i < values.size(); ++i) {
@@ -270,7 +285,11 @@ int run(const PendingLaunch& launch, const StubContext& context) {
     }
     std::ranges::fill(bytes, kJunk);
   }
-  return stub().host.launch(launch.kernel, launch.grid, launch.block, arguments.data(), 1) == 0
+  if (!function.gives_result) {
+    return kSuccess;
+  }
+  const auto run_on_host = stub().host.launch;
+  return run_on_host(function.host_kernel, launch.grid, launch.block, arguments.data(), 1) == 0
              ? kSuccess
              : kLaunchFailed;
 }
@@ -515,15 +534,12 @@ STUB_API int cuModuleGetFunction(StubFunction** function, StubModule* module, co
     return failed;
   }
   const std::lock_guard guard(stub().state);
-  const HostKernels& host = stub().host;
-  const int count = host.count == nullptr ? 0 : host.count();
-  for (int kernel = 0; kernel < count; ++kernel) {
-    if (std::strcmp(host.name(kernel), name) != 0) {
-      continue;
+  for (const StubFunction& each : functions_of(module)) {
+    if (std::strcmp(each.name, name) == 0) {
+      stub().functions.push_back(std::make_unique<StubFunction>(each));
+      *function = stub().functions.back().get();
+      return kSuccess;
     }
-    stub().functions.push_back(std::make_unique<StubFunction>(module, kernel));
-    *function = stub().functions.back().get();
-    return kSuccess;
   }
   return kNotFound;
 }
@@ -537,7 +553,7 @@ STUB_API int cuModuleGetGlobal_v2(unsigned long long* address, std::size_t* byte
   if (current() != module->context) {
     return kInvalidContext;
   }
-  if (!is_workspace(name)) {
+  if (!is_workspace(module, name)) {
     return kNotFound;
   }
   const std::shared_ptr<Variable> variable = variable_of(*module, name);
@@ -579,18 +595,17 @@ STUB_API int cuLaunchKernel(StubFunction* function, unsigned grid_x, unsigned gr
                             unsigned grid_z, unsigned block_x, unsigned block_y, unsigned block_z,
                             unsigned shared_bytes, void* stream, void** arguments, void** extra) {
   const auto number = reinterpret_cast<std::uintptr_t>(stream);
-  const int failed = enter("cuLaunchKernel", stub().host.name(function->kernel), "grid", grid_x,
-                           grid_y, grid_z, "block", block_x, block_y, block_z, "stream", number);
+  const int failed = enter("cuLaunchKernel", function->name, "grid", grid_x, grid_y, grid_z,
+                           "block", block_x, block_y, block_z, "stream", number);
   if (failed != kSuccess) {
     return failed;
   }
   const std::lock_guard guard(stub().state);
-  const char* workspace = workspace_of(stub().host.name(function->kernel));
-  PendingLaunch launch{function->kernel,
+  PendingLaunch launch{function,
                        {grid_x, grid_y, grid_z},
                        {block_x, block_y, block_z},
                        {},
-                       variable_of(*function->module, workspace)};
+                       variable_of(*function->module, function->workspace)};
   const auto is_zero = [](unsigned extent) { return extent == 0; };
   if (std::ranges::any_of(launch.grid, is_zero) || std::ranges::any_of(launch.block, is_zero) ||
       shared_bytes != 0 || extra != nullptr || number != kLegacyStream) {
@@ -599,7 +614,7 @@ STUB_API int cuLaunchKernel(StubFunction* function, unsigned grid_x, unsigned gr
   if (current() == nullptr || current() != function->module->context) {
     return kInvalidContext;
   }
-  const std::size_t count = parameters_of(function->kernel).size();
+  const std::size_t count = parameters_of(function->host_kernel).size();
   for (std::size_t i = 0; i < count; ++i) {
     launch.values.push_back(*static_cast<const std::uint64_t*>(arguments[i]));
   }
@@ -620,7 +635,6 @@ STUB_API int stub_use_host_kernels(const char* path) {
     return slot != nullptr;
   };
   return find(host.count, "korvex_host_kernel_count") &&
-         find(host.name, "korvex_host_kernel_name") &&
          find(host.parameters, "korvex_host_kernel_parameters") &&
          find(host.launch, "korvex_host_launch");
 }
