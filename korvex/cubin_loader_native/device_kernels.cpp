@@ -67,13 +67,28 @@ DeviceKernels::~DeviceKernels() {
   }
 }
 
-Function DeviceKernels::function(int kernel) {
-  const auto position = static_cast<std::size_t>(kernel);
+Function DeviceKernels::function(const char* name) {
   const std::lock_guard guard(mutex_);
-  if (functions_[position] == nullptr) {
-    driver_.module_function(&functions_[position], module_->handle(), kKernelTable[kernel].name);
+  const auto known = functions_.find(name);
+  if (known != functions_.end()) {
+    return known->second;
   }
-  return functions_[position];
+  Function function = nullptr;
+  driver_.module_function(&function, module_->handle(), name);
+  functions_.emplace(name, function);
+  return function;
+}
+
+Workspace DeviceKernels::workspace(const char* name) {
+  const std::lock_guard guard(mutex_);
+  const auto known = workspaces_.find(name);
+  if (known != workspaces_.end()) {
+    return known->second;
+  }
+  Workspace found;
+  driver_.module_global(&found.address, &found.bytes, module_->handle(), name);
+  workspaces_.emplace(name, found);
+  return found;
 }
 
 }  // namespace korvex::cubin_loader

@@ -2,14 +2,14 @@
 // The compiled kernels on one device: its primary context and the module loaded there.
 #pragma once
 
-#include <array>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "korvex/cubin_loader_native/context.h"
 #include "korvex/cubin_loader_native/kernel_files.h"
-#include "korvex/cubin_loader_native/parameters.h"
 
 namespace korvex::cubin_loader {
 
@@ -40,6 +40,12 @@ class LoadedModule {
   Module module_ = nullptr;
 };
 
+// Static memory of a module.
+struct Workspace {
+  DevicePointer address = 0;
+  std::size_t bytes = 0;
+};
+
 class DeviceKernels {
  public:
   // Takes a share in the device's primary context.
@@ -54,15 +60,22 @@ class DeviceKernels {
 
   Context context() const { return context_.handle(); }
 
-  // The kernel of that row of the table; the context must be current. Any thread may ask.
-  Function function(int kernel);
+  // What the module has by that name, a text of the tables; the context must be current. Any thread
+  // may ask.
+  Function function(const char* name);
+  Workspace workspace(const char* name);
+
+  // To be held while what belongs together is queued: a workspace is cleared for one launch.
+  std::mutex& queue() { return queue_; }
 
  private:
   const Driver& driver_;
   PrimaryContext context_;
   std::unique_ptr<LoadedModule> module_;
-  std::mutex mutex_;                                // guards functions_
-  std::array<Function, kKernelCount> functions_{};  // null until asked for
+  std::mutex queue_;
+  std::mutex mutex_;  // guards what follows: what was asked for so far
+  std::map<std::string_view, Function> functions_;
+  std::map<std::string_view, Workspace> workspaces_;
 };
 
 }  // namespace korvex::cubin_loader

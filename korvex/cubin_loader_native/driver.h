@@ -6,6 +6,7 @@
 // Opening the library initialises nothing: a process may fork afterwards and use CUDA in the child.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -109,6 +110,10 @@ class Driver {
                                                                          "cuModuleLoadDataEx"};
   Entry<Module> module_unload{library_, "cuModuleUnload"};
   Entry<Function*, Module, const char*> module_function{library_, "cuModuleGetFunction"};
+  Entry<DevicePointer*, std::size_t*, Module, const char*> module_global{library_,
+                                                                         "cuModuleGetGlobal_v2"};
+  // Address, value of each byte, bytes, stream.
+  Entry<DevicePointer, unsigned char, std::size_t, Stream> memory_set{library_, "cuMemsetD8Async"};
   // Function, grid x y z, block x y z, bytes of dynamic shared memory, stream, arguments, extra.
   Entry<Function, unsigned, unsigned, unsigned, unsigned, unsigned, unsigned, unsigned, Stream,
         void**, void**>

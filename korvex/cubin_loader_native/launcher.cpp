@@ -9,8 +9,8 @@
 
 namespace korvex::cubin_loader {
 
-Launcher::Launcher(std::filesystem::path folder)
-    : driver_(Driver::get()), process_(getpid()), files_(std::move(folder)) {
+Launcher::Launcher(std::filesystem::path folder, LaunchChoice choice)
+    : driver_(Driver::get()), process_(getpid()), choice_(choice), files_(std::move(folder)) {
   driver_.initialise();
   int count = 0;
   driver_.device_count(&count);
@@ -72,9 +72,14 @@ void Launcher::launch(const Launch& launch) {
   DeviceSlot& slot = *devices_[device_of(launch)];
   DeviceKernels& kernels = kernels_on(slot);
   CurrentContext current(driver_, kernels.context());
-  const Function function = kernels.function(launch.kernel);
   wait_for_producers(launch);
-  enqueue(launch, slot.info, function);
+  try {
+    enqueue(launch, slot.info, kernels);
+  } catch (const DeviceFailure&) {
+    // What was queued before the failure is over before the caller lets go of the arrays.
+    driver_.stream_synchronize.attempt(kLegacyStream);
+    throw;
+  }
   // The caller waits on the null stream of its own current device only.
   if (current.is_pushed()) {
     driver_.stream_synchronize(kLegacyStream);
@@ -152,46 +157,28 @@ void Launcher::wait_for_producers(const Launch& launch) const {
   }
 }
 
-namespace {
-
-// The n of a launch; for rows with one integer parameter.
-std::uint64_t element_count(const Launch& launch) {
-  const ParameterList& parameters = kParameterLists[static_cast<std::size_t>(launch.kernel)];
-  std::size_t position = 0;
-  while (parameters.items[position].kind != ParameterKind::kInteger) {
-    ++position;
-  }
-  return launch.values[position];
-}
-
-// Blocks beyond these do no work: there are as many as the device has room for, and as there are
-// elements for.
-unsigned most_blocks(const Launch& launch, const DeviceInfo& device) {
-  const KernelRow& row = kKernelTable[launch.kernel];
-  std::uint64_t most = ~0U;
-  if (row.blocks_per_multiprocessor != 0) {
-    most = std::uint64_t{row.blocks_per_multiprocessor} *
-           static_cast<std::uint64_t>(device.multiprocessors);
-  }
-  if (row.elements_per_block != 0) {
-    const std::uint64_t full = element_count(launch) / row.elements_per_block;
-    most = std::min(most, element_count(launch) % row.elements_per_block != 0 ? full + 1 : full);
-  }
-  return static_cast<unsigned>(std::max<std::uint64_t>(most, 1));
-}
-
-}  // namespace
-
-void Launcher::enqueue(const Launch& launch, const DeviceInfo& device, Function function) const {
+void Launcher::enqueue(const Launch& launch, const DeviceInfo& device,
+                       DeviceKernels& kernels) const {
   auto values = launch.values;
   std::array<void*, kMaxParameters> arguments{};
   for (std::size_t i = 0; i < values.size(); ++i) {
     arguments[i] = &values[i];
   }
-  const unsigned grid_x =
-      launch.limits_grid ? std::min(launch.grid[0], most_blocks(launch, device)) : launch.grid[0];
-  driver_.launch(function, grid_x, launch.grid[1], launch.grid[2], launch.block[0], launch.block[1],
-                 launch.block[2], 0, kLegacyStream, arguments.data(), nullptr);
+  const Steps steps = steps_of(launch, device, choice_);
+  const std::lock_guard guard(kernels.queue());
+  for (const Step& step : steps) {
+    enqueue(step, arguments.data(), kernels);
+  }
+}
+
+void Launcher::enqueue(const Step& step, void** arguments, DeviceKernels& kernels) const {
+  const Function function = kernels.function(step.kernel);
+  if (step.workspace != nullptr) {
+    const Workspace workspace = kernels.workspace(step.workspace);
+    driver_.memory_set(workspace.address, 0, workspace.bytes, kLegacyStream);
+  }
+  driver_.launch(function, step.grid[0], step.grid[1], step.grid[2], step.block[0], step.block[1],
+                 step.block[2], 0, kLegacyStream, arguments, nullptr);
 }
 
 }  // namespace korvex::cubin_loader

@@ -9,44 +9,23 @@
 
 #include <sys/types.h>
 
-#include <array>
-#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "korvex/cubin_loader_native/device_kernels.h"
+#include "korvex/cubin_loader_native/launch.h"
+#include "korvex/cubin_loader_native/launch_steps.h"
 
 namespace korvex::cubin_loader {
-
-using Extent = std::array<unsigned, 3>;
-
-// An array argument. It is float64, contiguous and long enough: that has been checked.
-struct ArrayArgument {
-  const Parameter* parameter = nullptr;
-  DevicePointer pointer = 0;
-  std::int64_t element_count = 0;
-  Stream stream = kLegacyStream;  // where the work that fills it was queued
-};
-
-struct Launch {
-  int kernel = 0;  // row of the kernel table
-  Extent grid{};
-  Extent block{};
-  bool limits_grid = false;  // to what fills the device, where the row says so
-  // A pointer, an int64_t or a double each, in the order of the parameters.
-  std::array<std::uint64_t, kMaxParameters> values{};
-  std::array<ArrayArgument, kMaxParameters> arrays{};
-  std::size_t array_count = 0;
-};
 
 class Launcher {
  public:
   // Initialises the driver and chooses a file for each device, but loads none: a context takes
   // memory of a device that this process may never use. DeviceFailure if no kernel can be launched
   // on any device.
-  explicit Launcher(std::filesystem::path folder);
+  Launcher(std::filesystem::path folder, LaunchChoice choice);
   ~Launcher();
   Launcher(const Launcher&) = delete;
   Launcher& operator=(const Launcher&) = delete;
@@ -71,10 +50,12 @@ class Launcher {
   int ordinal_of(const ArrayArgument& array) const;
   DeviceKernels& kernels_on(DeviceSlot& slot);
   void wait_for_producers(const Launch& launch) const;
-  void enqueue(const Launch& launch, const DeviceInfo& device, Function function) const;
+  void enqueue(const Launch& launch, const DeviceInfo& device, DeviceKernels& kernels) const;
+  void enqueue(const Step& step, void** arguments, DeviceKernels& kernels) const;
 
   const Driver& driver_;
   pid_t process_;  // the one whose contexts these are
+  LaunchChoice choice_;
   KernelFiles files_;
   std::vector<std::unique_ptr<DeviceSlot>> devices_;  // by ordinal, never empty
   std::size_t first_ = 0;

@@ -2,6 +2,7 @@
 // Construction of a loader, get_kernel, and the attributes of a loader.
 #include "korvex/cubin_loader_native/loader_object.h"
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -27,11 +28,25 @@ struct LoaderObject {
 
 LoaderState& state_of(PyObject* self) { return reinterpret_cast<LoaderObject*>(self)->state; }
 
+// What the user has chosen for this loader, once and for all. Nothing else reads the variable, so
+// neither does the emulated device, which has no blocks.
+LaunchChoice chosen_launches() {
+  const char* word = std::getenv("KORVEX_LAUNCH");
+  if (word == nullptr) {
+    return LaunchChoice::kAsAsked;
+  }
+  const std::optional<LaunchChoice> choice = read_choice(word);
+  if (!choice) {
+    raise_formatted(PyExc_ValueError, messages::kUnknownChoice, word);
+  }
+  return *choice;
+}
+
 // RuntimeError and no ImportError: an importer would take that for "try the next loader" and end
 // by asking for cupy to be installed.
-std::shared_ptr<Launcher> make_launcher() {
+std::shared_ptr<Launcher> make_launcher(LaunchChoice choice) {
   try {
-    return without_lock([] { return std::make_shared<Launcher>(installed_folder()); });
+    return without_lock([=] { return std::make_shared<Launcher>(installed_folder(), choice); });
   } catch (const DeviceFailure& failure) {
     throw DeviceFailure(messages::kUnavailable + std::string(failure.what()));
   }
@@ -55,7 +70,7 @@ Object make_path(const std::filesystem::path& path) {
 LoaderState make_state(PyTypeObject* type) {
   const auto* module_state = static_cast<ModuleState*>(PyType_GetModuleState(type));
   LoaderState state;
-  state.launcher = make_launcher();
+  state.launcher = make_launcher(chosen_launches());
   state.kernels = make_kernels(module_state->kernel_type, state.launcher);
   state.arch = text(("sm_" + state.launcher->first_device().capability.digits()).c_str());
   state.cubin_path = make_path(state.launcher->first_path());
@@ -142,7 +157,10 @@ constexpr char kDoc[] =
     "NativeCubinLoader()\n--\n\n"
     "The compiled kernels, on every CUDA device of this process.\n\n"
     "Making one initialises the CUDA driver; RuntimeError says why kernels cannot be launched.\n"
-    "A device's kernels are loaded by the first launch on it.";
+    "A device's kernels are loaded by the first launch on it.\n\n"
+    "The environment variable KORVEX_LAUNCH is read here: 'as-asked', as if it were unset, or\n"
+    "'device', which runs the kernels of one thread or one block that can do so on the whole\n"
+    "device, with the same bits. ValueError: it is another word.";
 
 PyType_Slot slots[] = {
     {Py_tp_new, reinterpret_cast<void*>(loader_new)},

@@ -32,6 +32,8 @@ inline constexpr char kArgsType[] = "%s: args must be a tuple, not %.200s";
 inline constexpr char kNoArguments[] = "NativeCubinLoader() takes no arguments";
 inline constexpr char kUnknownKernel[] = "no kernel %R; there are %s";
 inline constexpr char kNameType[] = "get_kernel() takes the name of a kernel as str, not %.200s";
+inline constexpr char kUnknownChoice[] =
+    "KORVEX_LAUNCH must be 'as-asked' or 'device', not '%.200s'";
 inline constexpr char kUnavailable[] = "korvex cannot launch CUDA kernels here: ";
 
 }  // namespace korvex::cubin_loader::messages

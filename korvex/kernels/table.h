@@ -40,16 +40,19 @@ struct KernelRow {
   bool strides_along_y = false;
   // Elements, n, for each block: of a larger grid the other blocks do no work. 0: no such limit.
   unsigned elements_per_block = 0;
+  // Static memory of the device, by its name, that a launch finds zero. Whoever launches clears it
+  // before, on the stream of the launch: one that was cut short left something there. Null: none.
+  const char* workspace = nullptr;
 };
 
 inline constexpr KernelRow kKernelTable[] = {
     {"tqx_sum_seq_kernel", "function", 0, "x:f64[n] out:f64[4] n:i64"},
     {"tqx_sum_kernel", "launch", kGridBlock, "x:f64[n] out:f64[1] out_err:f64[1] n:i64",
-     kResidentSumBlocks, false, kSumBlockElements},
+     kResidentSumBlocks, false, kSumBlockElements, "sum_grid_memory"},
     {"tqx_dot_seq_kernel", "function", 0, "x:f64[n] y:f64[n] out:f64[4] n:i64"},
     {"tqx_dot_kernel", "launch", kGridBlock,
      "x:f64[n] y:f64[n] out:f64[1] out_err:f64[1] out_err2:f64[1] n:i64", kResidentDotBlocks, false,
-     kDotBlockElements},
+     kDotBlockElements, "dot_grid_memory"},
     {"tqx_matmul_kernel", "function", 0,
      "a:f64[M*K] b:f64[K*N] c0:f64[M*N] c1:f64[M*N] c2:f64[M*N] M:i64 N:i64 K:i64", 0, true},
     {"tqx_var_kernel", "launch", kSingleBlock, "x:f64[n] out_mean:f64[1] out_var:f64[1] n:i64"},

@@ -51,13 +51,20 @@ const DeviceKernel kKernels[] = {
     {"tqx_tanh_kernel", call<tqx_tanh_kernel>},
     {"tqx_leaky_relu_kernel", call<tqx_leaky_relu_kernel>},
     {"tqx_rms_norm_kernel", call<tqx_rms_norm_kernel>},
+    {"tqx_sum_device_kernel", call<tqx_sum_device_kernel>},
+    {"tqx_dot_device_kernel", call<tqx_dot_device_kernel>},
+    {"tqx_var_device_sum_kernel", call<tqx_var_device_sum_kernel>},
+    {"tqx_var_device_kernel", call<tqx_var_device_kernel>},
+    {"tqx_norm_device_kernel", call<tqx_norm_device_kernel>},
+    {"tqx_prod_device_kernel", call<tqx_prod_device_kernel>},
+    {"tqx_rms_norm_device_root_kernel", call<tqx_rms_norm_device_root_kernel>},
+    {"tqx_rms_norm_device_kernel", call<tqx_rms_norm_device_kernel>},
 };
 // clang-format on
-static_assert(std::size(kKernels) == kernels::kKernelCount);
 
 template <class Memory>
-Workspace workspace(std::string_view name, Memory& memory, bool stays_zero) {
-  return {name, &memory, sizeof memory, stays_zero};
+Workspace workspace(std::string_view name, Memory& memory) {
+  return {name, &memory, sizeof memory};
 }
 
 }  // namespace
@@ -67,11 +74,15 @@ std::span<const DeviceKernel> device_kernels() { return kKernels; }
 std::span<const Workspace> device_workspaces() {
   using namespace kernels;
   static const Workspace workspaces[] = {
-      workspace("sum_grid_memory", sum_grid_memory, true),
-      workspace("dot_grid_memory", dot_grid_memory, true),
-      workspace("part_memory", part_memory, false),
-      workspace("reduction_workspace", reduction_workspace, false),
-      workspace("accurate_product_memory", accurate_product_memory, false),
+      workspace("sum_grid_memory", sum_grid_memory),
+      workspace("dot_grid_memory", dot_grid_memory),
+      workspace("prod_grid_memory", prod_grid_memory),
+      workspace("products_of_blocks", products_of_blocks),
+      workspace("moments_memory", moments_memory),
+      workspace("root_memory", root_memory),
+      workspace("part_memory", part_memory),
+      workspace("reduction_workspace", reduction_workspace),
+      workspace("accurate_product_memory", accurate_product_memory),
   };
   return workspaces;
 }

@@ -20,7 +20,6 @@ struct Workspace {
   std::string_view name;
   void* memory;
   std::size_t bytes;
-  bool stays_zero;  // between launches; else its content does not matter
 };
 
 std::span<const Workspace> device_workspaces();

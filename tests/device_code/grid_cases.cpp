@@ -8,23 +8,32 @@ namespace {
 using launches::blocks_for;
 using launches::Case;
 using launches::Data;
+using launches::Subject;
 
 constexpr unsigned kThreads[] = {
 #include "tests/launches/threads.inc"
 };
 
 // Votes of a warp need all of its lanes.
-bool needs_whole_warps(const kernels::KernelRow& row) { return row.blocks_per_multiprocessor != 0; }
-bool needs_a_warp(const kernels::KernelRow& row) {
-  return std::string_view(row.name) == "tqx_rms_norm_kernel";
+bool needs_whole_warps(const Subject& subject) {
+  return subject.row->blocks_per_multiprocessor != 0 || subject.whole_device != nullptr;
+}
+bool needs_a_warp(const Subject& subject) {
+  return std::string_view(subject.name()) == "tqx_rms_norm_kernel";
 }
 
-std::vector<unsigned> threads_for(const kernels::KernelRow& row) {
-  const unsigned most = row.block == 0 ? kernels::kMostThreadsOfFunction : row.block;
+unsigned most_threads(const Subject& subject) {
+  if (subject.whole_device != nullptr) {
+    return kernels::kGridBlock;
+  }
+  return subject.row->block == 0 ? kernels::kMostThreadsOfFunction : subject.row->block;
+}
+
+std::vector<unsigned> threads_for(const Subject& subject) {
   std::vector<unsigned> threads;
   for (const unsigned each : kThreads) {
-    if (each <= most && (!needs_whole_warps(row) || each % 32 == 0) &&
-        (!needs_a_warp(row) || each >= 32)) {
+    if (each <= most_threads(subject) && (!needs_whole_warps(subject) || each % 32 == 0) &&
+        (!needs_a_warp(subject) || each >= 32)) {
       threads.push_back(each);
     }
   }
@@ -33,9 +42,9 @@ std::vector<unsigned> threads_for(const kernels::KernelRow& row) {
 
 // One block, some that leave work for several rounds, a thread for each element, more than that,
 // and grids and blocks of several dimensions. A grid of many blocks of one thread would take long.
-std::vector<launches::Shape> shapes_for(const kernels::KernelRow& row, std::int64_t n) {
+std::vector<launches::Shape> shapes_for(const Subject& subject, std::int64_t n) {
   std::vector<launches::Shape> shapes;
-  for (const unsigned threads : threads_for(row)) {
+  for (const unsigned threads : threads_for(subject)) {
     const unsigned needed = std::min(blocks_for(n, threads), 300U);
     shapes.push_back({{1, 1, 1}, {threads, 1, 1}});
     shapes.push_back({{3, 1, 1}, {threads, 1, 1}});
@@ -45,11 +54,11 @@ std::vector<launches::Shape> shapes_for(const kernels::KernelRow& row, std::int6
     }
   }
   shapes.push_back({{2, 3, 2}, {16, 2, 4}});
-  if (!needs_whole_warps(row) && !needs_a_warp(row)) {
+  if (!needs_whole_warps(subject) && !needs_a_warp(subject)) {
     shapes.push_back({{1, 2, 2}, {3, 5, 2}});
   }
-  shapes.push_back({{0, 1, 1}, {threads_for(row).back(), 1, 1}});
-  shapes.push_back({{2, 0, 3}, {threads_for(row).back(), 1, 1}});
+  shapes.push_back({{0, 1, 1}, {threads_for(subject).back(), 1, 1}});
+  shapes.push_back({{2, 0, 3}, {threads_for(subject).back(), 1, 1}});
   return shapes;
 }
 
@@ -70,9 +79,10 @@ launches::Shape matrix_shape(std::uint64_t number, std::int64_t m, std::int64_t 
   return {{number % 37 == 36 ? 0 : x, y, 1}, {block[0], block[1], 1}};
 }
 
-Case new_case(const kernels::KernelRow& row, std::uint64_t seed) {
+Case new_case(const Subject& subject, std::uint64_t seed) {
   Case one;
-  one.row = &row;
+  one.row = subject.row;
+  one.whole_device = subject.whole_device;
   one.seed = seed;
   one.odd = static_cast<unsigned>(seed % 32);
   return one;
@@ -83,11 +93,11 @@ void set_data(Case& one, std::uint64_t number) {
   one.data = static_cast<Data>(number % kDrawn);
 }
 
-std::vector<Case> matrix_cases(const kernels::KernelRow& row, bool is_long, std::uint64_t seed) {
+std::vector<Case> matrix_cases(const Subject& subject, bool is_long, std::uint64_t seed) {
   std::vector<Case> cases;
   for (std::uint64_t round = 0; round < (is_long ? 40 : 6); ++round) {
     for (const auto& [m, n, k] : kMatrices) {
-      Case one = new_case(row, seed++);
+      Case one = new_case(subject, seed++);
       one.sizes = {{"M", m}, {"N", n}, {"K", k}};
       one.shape = matrix_shape(cases.size(), m, n);
       set_data(one, round);
@@ -99,14 +109,14 @@ std::vector<Case> matrix_cases(const kernels::KernelRow& row, bool is_long, std:
 
 }  // namespace
 
-std::vector<Case> grid_cases_of(const kernels::KernelRow& row, bool is_long, std::uint64_t seed) {
-  if (launches::is_matrix_product(row)) {
-    return matrix_cases(row, is_long, seed);
+std::vector<Case> grid_cases_of(const Subject& subject, bool is_long, std::uint64_t seed) {
+  if (launches::is_matrix_product(*subject.row)) {
+    return matrix_cases(subject, is_long, seed);
   }
   std::vector<Case> cases;
   std::size_t turn = 0;
   const auto add = [&](std::int64_t n, const launches::Shape& shape) -> Case& {
-    Case one = new_case(row, seed++);
+    Case one = new_case(subject, seed++);
     one.sizes = {{"n", n}};
     one.shape = shape;
     set_data(one, cases.size() + cases.size() / 4);
@@ -114,7 +124,7 @@ std::vector<Case> grid_cases_of(const kernels::KernelRow& row, bool is_long, std
     return cases.back();
   };
   for (const std::int64_t n : kSizes) {
-    const std::vector<launches::Shape> shapes = shapes_for(row, n);
+    const std::vector<launches::Shape> shapes = shapes_for(subject, n);
     // All shapes of the long run; else a few, others for each size.
     const std::size_t count = is_long ? shapes.size() : n > 5000 ? 2 : n > 600 ? 3 : 6;
     for (std::size_t i = 0; i < count; ++i) {
@@ -123,7 +133,7 @@ std::vector<Case> grid_cases_of(const kernels::KernelRow& row, bool is_long, std
   }
   for (std::size_t notable = 0; notable < launches::notable_count(); ++notable) {
     const auto n = static_cast<std::int64_t>(launches::notable_size(notable));
-    const std::vector<launches::Shape> shapes = shapes_for(row, n);
+    const std::vector<launches::Shape> shapes = shapes_for(subject, n);
     Case& one = add(n, shapes[turn++ * 7 % shapes.size()]);
     one.data = Data::kNotable;
     one.notable = notable;

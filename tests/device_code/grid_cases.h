@@ -9,7 +9,7 @@
 namespace korvex::test {
 
 // In an order in which the first ones already touch every shape and every border.
-std::vector<launches::Case> grid_cases_of(const kernels::KernelRow& row, bool is_long,
+std::vector<launches::Case> grid_cases_of(const launches::Subject& subject, bool is_long,
                                           std::uint64_t seed);
 
 }  // namespace korvex::test

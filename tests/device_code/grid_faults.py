@@ -147,6 +147,14 @@ FAULTS = (
         "use-after-poison",
     ),
     Fault(
+        "the last block of the grid takes itself for the last to arrive",
+        "tqx_prod_device_kernel",
+        "whole_product.cuh",
+        "if (!kernels::arrives_last(thread, is_last, kernels::prod_grid_memory)) {",
+        "if (is_last = thread.block() == thread.blocks() - 1; !is_last) {",
+        "result differs|buffer-overflow|out of bounds|too many steps",
+    ),
+    Fault(
         "operands change places",
         "tqx_sub_kernel",
         "pairs.cuh",

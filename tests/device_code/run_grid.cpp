@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs every kernel of the device folder on a simulated grid and compares its results with those
-// of the host kernels, bit for bit.
+// Runs every kernel of the device folder on a simulated grid, and what stands for a kernel on the
+// whole device, and compares the results with those of the host kernels, bit for bit.
 //
 // usage: run_grid HOST_LIBRARY [--long] [--seed N] [--kernel NAME] [--hard-cases JSON] [--jobs N]
 //
 // Each kernel has a process of its own, so what ends it, a sanitizer's report above all, is the
 // failure of one launch of one kernel, and named. Arrays lie between guards that may not be read,
-// inputs must be as they were, and static memory of the device that has to stay zero must be zero.
+// and inputs must be as they were. Static memory of the device is full of junk before each launch,
+// as one that was cut short leaves it, but for what a loader clears; that must be zero afterwards.
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -30,6 +31,7 @@ namespace {
 using launches::Argument;
 using launches::Case;
 using launches::Failure;
+using launches::Subject;
 
 constexpr std::uint64_t kMostSteps = 200'000'000;  // of a launch
 constexpr unsigned char kJunk = 0xa5;
@@ -86,31 +88,49 @@ class GuardedArray {
   std::vector<unsigned char> memory_;
 };
 
-const DeviceKernel& kernel_of(const Case& one) {
+const DeviceKernel& kernel_of(const launches::Step& step) {
   for (const DeviceKernel& kernel : device_kernels()) {
-    if (kernel.name == one.row->name) {
+    if (kernel.name == step.kernel) {
       return kernel;
     }
   }
-  throw Failure("the device code has no such kernel");
+  throw Failure("the device code has no kernel " + step.kernel);
+}
+
+const Workspace& workspace_of(const launches::Step& step) {
+  for (const Workspace& workspace : device_workspaces()) {
+    if (workspace.name == step.workspace) {
+      return workspace;
+    }
+  }
+  throw Failure("the device code has no " + std::string(step.workspace));
 }
 
 void fill_workspaces() {
   for (const Workspace& workspace : device_workspaces()) {
-    if (!workspace.stays_zero) {
-      std::memset(workspace.memory, kJunk, workspace.bytes);
+    std::memset(workspace.memory, kJunk, workspace.bytes);
+  }
+}
+
+void require_zero(const Workspace& workspace) {
+  const auto* const bytes = static_cast<const unsigned char*>(workspace.memory);
+  for (std::size_t i = 0; i < workspace.bytes; ++i) {
+    if (bytes[i] != 0) {
+      throw Failure("left behind: " + std::string(workspace.name) + " is not zero");
     }
   }
 }
 
-void require_clean_workspaces() {
-  for (const Workspace& workspace : device_workspaces()) {
-    const auto* const bytes = static_cast<const unsigned char*>(workspace.memory);
-    for (std::size_t i = 0; i < workspace.bytes && workspace.stays_zero; ++i) {
-      if (bytes[i] != 0) {
-        throw Failure("left behind: " + std::string(workspace.name) + " is not zero");
-      }
-    }
+void run_step(CudaGrid& grid, const Case& one, const launches::Step& step, void* const* values) {
+  const DeviceKernel& kernel = kernel_of(step);
+  if (step.workspace != nullptr) {
+    const Workspace& workspace = workspace_of(step);
+    std::memset(workspace.memory, 0, workspace.bytes);
+  }
+  const unsigned resident_blocks = 1 + static_cast<unsigned>(one.seed % 3);
+  grid.launch(one.shape, one.seed, {kMostSteps, resident_blocks}, [&] { kernel.call(values); });
+  if (step.workspace != nullptr) {
+    require_zero(workspace_of(step));
   }
 }
 
@@ -131,10 +151,9 @@ void run_case(CudaGrid& grid, const launches::HostLibrary& host, const Case& one
     }
   }
   fill_workspaces();
-  const DeviceKernel& kernel = kernel_of(one);
-  const unsigned resident_blocks = 1 + static_cast<unsigned>(one.seed % 3);
-  grid.launch(one.shape, one.seed, {kMostSteps, resident_blocks},
-              [&] { kernel.call(values.data()); });
+  for (const launches::Step& step : launches::steps_of(one)) {
+    run_step(grid, one, step, values.data());
+  }
   if (one.shape.blocks() * one.shape.threads() != 0) {
     launches::launch_on_host(arguments, host, one);
   }
@@ -145,18 +164,16 @@ void run_case(CudaGrid& grid, const launches::HostLibrary& host, const Case& one
       arrays[array++]->require_guards(arguments[i].name);
     }
   }
-  require_clean_workspaces();
 }
 
 // The process of one kernel.
-[[noreturn]] void run_kernel(const Options& options, const kernels::KernelRow& row,
-                             Progress& progress) {
+[[noreturn]] void run_kernel(const Options& options, const Subject& subject, Progress& progress) {
   const auto start = std::chrono::steady_clock::now();
   int status = 0;
   try {
     const launches::HostLibrary host(options.library.c_str());
     CudaGrid grid;
-    for (const Case& one : grid_cases_of(row, options.is_long, options.seed)) {
+    for (const Case& one : grid_cases_of(subject, options.is_long, options.seed)) {
       std::snprintf(progress.launch, sizeof progress.launch, "%s", launches::name_of(one).c_str());
       run_case(grid, host, one);
       ++progress.launches;
@@ -180,7 +197,7 @@ struct Totals {
   std::uint64_t steps = 0;
 };
 
-void report(const kernels::KernelRow& row, const Progress& progress, Totals& totals) {
+void report(const Subject& subject, const Progress& progress, Totals& totals) {
   ++totals.kernels;
   totals.launches += progress.launches;
   totals.steps += progress.steps;
@@ -188,35 +205,36 @@ void report(const kernels::KernelRow& row, const Progress& progress, Totals& tot
     ++totals.failures;
     std::printf("FAILED %s\n", progress.launch);
   }
-  std::printf("%-24s %4llu launches %10.1f million steps %6.1f s\n", row.name,
+  std::printf("%-26s %4llu launches %10.1f million steps %6.1f s\n", subject.name(),
               static_cast<unsigned long long>(progress.launches),
               static_cast<double>(progress.steps) * 1e-6, progress.seconds);
   std::fflush(stdout);
 }
 
-Progress* shared_progress() {
-  void* const memory = mmap(nullptr, sizeof(Progress) * kernels::kKernelCount,
-                            PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+Progress* shared_progress(std::size_t count) {
+  void* const memory = mmap(nullptr, sizeof(Progress) * count, PROT_READ | PROT_WRITE,
+                            MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   return memory == MAP_FAILED ? throw Failure("no memory") : static_cast<Progress*>(memory);
 }
 
 int run(const Options& options) {
   const auto start = std::chrono::steady_clock::now();
-  Progress* const progress = shared_progress();
-  std::vector<pid_t> processes(kernels::kKernelCount, 0);
+  const std::vector<Subject> subjects = launches::subjects();
+  Progress* const progress = shared_progress(subjects.size());
+  std::vector<pid_t> processes(subjects.size(), 0);
   Totals totals;
   unsigned running = 0;
   const auto wait_for_one = [&] {
     const pid_t ended = wait(nullptr);
     for (std::size_t i = 0; i < processes.size(); ++i) {
       if (processes[i] == ended) {
-        report(kernels::kKernelTable[i], progress[i], totals);
+        report(subjects[i], progress[i], totals);
       }
     }
     --running;
   };
   for (std::size_t i = 0; i < processes.size(); ++i) {
-    if (!options.kernel.empty() && options.kernel != kernels::kKernelTable[i].name) {
+    if (!options.kernel.empty() && options.kernel != subjects[i].name()) {
       continue;
     }
     if (running >= options.jobs) {
@@ -225,7 +243,7 @@ int run(const Options& options) {
     std::fflush(stdout);
     processes[i] = fork();
     if (processes[i] == 0) {
-      run_kernel(options, kernels::kKernelTable[i], progress[i]);
+      run_kernel(options, subjects[i], progress[i]);
     }
     ++running;
   }

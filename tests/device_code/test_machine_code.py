@@ -46,6 +46,14 @@ FUSED_IN_SOURCE = {
     "tqx_tanh_kernel": 14,
     "tqx_leaky_relu_kernel": 0,
     "tqx_rms_norm_kernel": 10,
+    "tqx_sum_device_kernel": 0,
+    "tqx_dot_device_kernel": 8,
+    "tqx_var_device_sum_kernel": 0,
+    "tqx_var_device_kernel": 8,
+    "tqx_norm_device_kernel": 8,
+    "tqx_prod_device_kernel": 0,
+    "tqx_rms_norm_device_root_kernel": 8,
+    "tqx_rms_norm_device_kernel": 2,
 }
 
 MOST_STACK = 512  # bytes of a thread
@@ -64,9 +72,19 @@ needs_nvdisasm = pytest.mark.skipif(
 )
 
 
-def kernels_of_the_table() -> set[str]:
-    text = (SOURCE_TREE / "korvex" / "kernels" / "table.h").read_text()
-    return set(re.findall(r'^\s*\{"(\w+)", "(?:function|launch)"', text, re.MULTILINE))
+def tables() -> str:
+    folder = SOURCE_TREE / "korvex" / "kernels"
+    return (folder / "table.h").read_text() + (folder / "whole_device.h").read_text()
+
+
+def kernels_of_the_tables() -> set[str]:
+    """Those that callers name, and the loader's own."""
+    public = re.findall(r'^\s*\{"(\w+)", "(?:function|launch)"', tables(), re.MULTILINE)
+    return {*public, *re.findall(r'"(\w+_device\w*_kernel)"', tables())}
+
+
+def workspaces_of_the_tables() -> set[str]:
+    return set(re.findall(r'"(\w+_grid_memory)"', tables()))
 
 
 def name(path: Path) -> str:
@@ -86,7 +104,7 @@ def test_kernels_were_built_where_there_is_a_compiler():
 
 
 def test_every_kernel_has_its_count_of_fused_operations():
-    assert FUSED_IN_SOURCE.keys() == kernels_of_the_table()
+    assert FUSED_IN_SOURCE.keys() == kernels_of_the_tables()
 
 
 # --- Machine code
@@ -94,8 +112,8 @@ def test_every_kernel_has_its_count_of_fused_operations():
 
 @needs_cuobjdump
 @pytest.mark.parametrize("cubin", FILES, ids=name)
-def test_machine_code_holds_exactly_the_kernels_of_the_table(cubin):
-    assert machine_code.resources(cubin).keys() == kernels_of_the_table()
+def test_machine_code_holds_exactly_the_kernels_of_the_tables(cubin):
+    assert machine_code.resources(cubin).keys() == kernels_of_the_tables()
 
 
 @pytest.mark.parametrize("cubin", FILES, ids=name)
@@ -103,8 +121,15 @@ def test_machine_code_needs_nothing_from_outside(cubin):
     """Undefined symbols of the compiler's own begin with a dot; no library is linked in."""
     undefined, functions = machine_code.symbols(cubin)
     assert [symbol for symbol in undefined if not symbol.startswith(".nv.")] == []
-    assert kernels_of_the_table() <= set(functions)
+    assert kernels_of_the_tables() <= set(functions)
     assert [symbol for symbol in functions if "__nv_" in symbol] == []
+
+
+@pytest.mark.parametrize("cubin", FILES, ids=name)
+def test_machine_code_holds_the_memory_that_the_loader_clears(cubin):
+    """By the name that the loader asks for."""
+    wanted = {"sum_grid_memory", "dot_grid_memory", "prod_grid_memory"}
+    assert workspaces_of_the_tables() == wanted <= set(machine_code.variables(cubin))
 
 
 @needs_cuobjdump

@@ -46,7 +46,7 @@ Limbs3 launch(const Doubles& x, const Doubles& y, const Shape3& shape) {
       SimulatedGrid::run(shape, ++seed, [&](const SimulatedThread& thread, int slot) {
         kernels::dot_by_grid(thread, x.data(), y.data(), &out[0], &out[1], &out[2],
                              static_cast<std::int64_t>(x.size()),
-                             blocks[static_cast<std::size_t>(slot)], grid_memory);
+                             blocks[static_cast<std::size_t>(slot)], &grid_memory);
       });
   CHECK(all_ended);
   return out;

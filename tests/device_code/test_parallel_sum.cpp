@@ -53,7 +53,7 @@ Limbs2 launch_on(const double* x, std::size_t n, const Shape3& shape) {
       SimulatedGrid::run(shape, next_seed(), [&](const SimulatedThread& thread, int slot) {
         kernels::sum_by_grid<kCarryAfter>(Thread(thread), x, &out[0], &out[1],
                                           static_cast<std::int64_t>(n),
-                                          blocks[static_cast<std::size_t>(slot)], grid_memory);
+                                          blocks[static_cast<std::size_t>(slot)], &grid_memory);
       });
   CHECK(all_ended);
   return all_ended ? out : Limbs2{7.0, 7.0};
@@ -288,7 +288,7 @@ void a_lane_on_its_own_is_noticed() {
   const bool all_ended =
       SimulatedGrid::run(kOneWarp, 1, [&](const SimulatedThread& thread, int slot) {
         kernels::sum_by_grid(ThreadThatDoesNotVote(thread), x.data(), &out[0], &out[1], 3000,
-                             blocks[static_cast<std::size_t>(slot)], grid_memory);
+                             blocks[static_cast<std::size_t>(slot)], &grid_memory);
       });
   CHECK(!all_ended);
   grid_memory = GridMemory();
@@ -304,6 +304,18 @@ void a_block_that_does_not_wait_is_noticed() {
     grid_memory = GridMemory();
   }
   CHECK(noticed > 0);
+}
+
+// What a launch that was cut short leaves shows in the next one, unless the loader clears it.
+void memory_that_was_not_cleared_is_noticed() {
+  const std::vector<double> x(3000, 1.0);
+  grid_memory.digits[34] = 1;  // 2^14
+  CHECK(launch(x, kAsLaunched)[0] != 3000.0);
+  CHECK(is_clean(grid_memory));
+  grid_memory.arrived = 1;
+  CHECK(launch(x, kAsLaunched)[0] != 3000.0 || !is_clean(grid_memory));
+  grid_memory = GridMemory();
+  CHECK(launch(x, kAsLaunched)[0] == 3000.0);
 }
 
 int run() {
@@ -326,6 +338,7 @@ int run() {
   any_schedule_gives_the_same_bits();
   a_lane_on_its_own_is_noticed();
   a_block_that_does_not_wait_is_noticed();
+  memory_that_was_not_cleared_is_noticed();
   return Tally::all().finish();
 }
 

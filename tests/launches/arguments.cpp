@@ -34,7 +34,7 @@ std::uint64_t scalar_bits(const Case& one, const std::string& name, std::string_
 
 std::string name_of(const Case& one) {
   std::ostringstream name;
-  name << one.row->name;
+  name << Subject{one.row, one.whole_device}.name();
   for (const auto& [size, value] : one.sizes) {
     name << " " << size << "=" << value;
   }
@@ -43,13 +43,46 @@ std::string name_of(const Case& one) {
   return name.str();
 }
 
-const kernels::KernelRow& row_of(std::string_view kernel) {
+std::vector<Step> steps_of(const Case& one) {
+  if (one.whole_device == nullptr) {
+    return {{one.row->name, one.row->workspace}};
+  }
+  std::vector<Step> steps;
+  for (int i = 0; i < one.whole_device->launch_count; ++i) {
+    const kernels::WholeDeviceLaunch& launch = one.whole_device->launches[i];
+    steps.push_back({launch.kernel, launch.workspace});
+  }
+  return steps;
+}
+
+const char* Subject::name() const {
+  return whole_device == nullptr ? row->name
+                                 : whole_device->launches[whole_device->launch_count - 1].kernel;
+}
+
+std::vector<Subject> subjects() {
+  std::vector<Subject> all;
   for (const kernels::KernelRow& row : kernels::kKernelTable) {
-    if (row.name == kernel) {
-      return row;
+    all.push_back({&row, nullptr});
+  }
+  for (const kernels::WholeDeviceRow& whole_device : kernels::kWholeDeviceTable) {
+    all.push_back({subject_of(whole_device.kernel).row, &whole_device});
+  }
+  return all;
+}
+
+Subject subject_of(std::string_view name) {
+  for (const kernels::KernelRow& row : kernels::kKernelTable) {
+    if (row.name == name) {
+      return {&row, nullptr};
     }
   }
-  throw Failure("no row for " + std::string(kernel));
+  for (const Subject& subject : subjects()) {
+    if (name == subject.name()) {
+      return subject;
+    }
+  }
+  throw Failure("no kernel " + std::string(name));
 }
 
 bool is_single_block(const kernels::KernelRow& row) { return row.block == kernels::kSingleBlock; }

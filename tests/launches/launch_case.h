@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "korvex/kernels/table.h"
+#include "korvex/kernels/whole_device.h"
 #include "tests/cpp/random_data.h"
 #include "tests/launches/failure.h"
 #include "tests/launches/host_library.h"
@@ -34,8 +34,20 @@ enum class Data {
   kCount
 };
 
+// What is tested: a kernel of the table, or the launches that stand for it on the whole device.
+struct Subject {
+  const kernels::KernelRow* row = nullptr;
+  const kernels::WholeDeviceRow* whole_device = nullptr;
+
+  // Of the kernel, or of the last that stands for it.
+  const char* name() const;
+};
+std::vector<Subject> subjects();
+Subject subject_of(std::string_view name);
+
 struct Case {
   const kernels::KernelRow* row = nullptr;
+  const kernels::WholeDeviceRow* whole_device = nullptr;   // as of a subject
   std::map<std::string, std::int64_t, std::less<>> sizes;  // n, or M, N and K
   Shape shape;
   Data data = Data::kShape;
@@ -50,7 +62,14 @@ struct Case {
 
 std::string name_of(const Case& one);
 
-const kernels::KernelRow& row_of(std::string_view kernel);
+// What a loader does for a case, one after another: it clears some static memory and launches a
+// kernel, which takes the arguments of the row.
+struct Step {
+  std::string kernel;
+  const char* workspace;  // null: nothing is cleared
+};
+std::vector<Step> steps_of(const Case& one);
+
 bool is_single_block(const kernels::KernelRow& row);
 bool is_matrix_product(const kernels::KernelRow& row);
 bool is_of_one_thread(const kernels::KernelRow& row);

@@ -10,7 +10,7 @@ import subprocess_run
 PREAMBLE = """
 import pytest
 import stub_driver
-from stub_driver import DeviceArray, StubDriver, import_loader, launches
+from stub_driver import DeviceArray, StubDriver, import_loader, launches, queued
 
 driver = StubDriver()
 
@@ -20,6 +20,18 @@ def exact_sum(loader, values, device=0):
     kernel.function((1, 1, 1), (1, 1, 1), (x, out, len(values)))
     driver.synchronize()
     return out.tolist()
+
+def variance(loader, values, device=0):
+    x, *outs = (DeviceArray(driver, array, device) for array in (values, [0.0], [0.0]))
+    loader.get_kernel("tqx_var_kernel").launch(x, *outs, len(values), grid=(1, 1, 1))
+    driver.synchronize()
+    return outs[0].tolist() + outs[1].tolist()
+
+def parallel_sum(loader, values, device=0):
+    x, *outs = (DeviceArray(driver, array, device) for array in (values, [0.0], [0.0]))
+    loader.get_kernel("tqx_sum_kernel").launch(x, *outs, len(values), grid=(1, 1, 1))
+    driver.synchronize()
+    return outs[0].tolist() + outs[1].tolist()
 """
 
 

@@ -37,8 +37,8 @@ def tensor(values):
 """
 
 
-def run_runtime(run, script):
-    run(SETUP + script)
+def run_runtime(run, script, **environment):
+    run(SETUP + script, **environment)
 
 
 def test_backend_report_comes_from_the_loader(run):
@@ -75,6 +75,35 @@ result = runtime.tqx_sum(tensor(values), exact=False, return_tqx=True)
 assert result.limbs[0].item() == math.fsum(values)
 assert launches(driver.take_log()) == [("tqx_sum_kernel", (16, 1, 1), (256, 1, 1), 1)]
 """,
+    )
+
+
+def test_results_on_the_whole_device_are_the_same(run):
+    run_runtime(
+        run,
+        """
+values = [(-1.0) ** i * 10.0 ** (i % 29) / 3 for i in range(80000)]
+x = tensor(values)
+assert runtime.tqx_sum(x, return_tqx=True).limbs[0].item() == math.fsum(values)
+assert runtime.tqx_var(tensor([1.0, 2.0, 3.0])).item() == 1.0
+assert launches(driver.take_log()) == [
+    ("tqx_sum_device_kernel", (16, 1, 1), (256, 1, 1), 1),
+    ("tqx_var_device_sum_kernel", (1, 1, 1), (256, 1, 1), 1),
+    ("tqx_var_device_kernel", (1, 1, 1), (256, 1, 1), 1)]
+""",
+        KORVEX_LAUNCH="device",
+    )
+
+
+def test_unknown_choice_of_launches_ends_the_import(run):
+    before_the_import, _, _ = SETUP.partition("runtime = ")
+    run(
+        before_the_import
+        + """
+with pytest.raises(ValueError, match="KORVEX_LAUNCH must be 'as-asked' or 'device', not 'x'"):
+    fake_siblings.import_module()
+""",
+        KORVEX_LAUNCH="x",
     )
 
 

@@ -3,38 +3,53 @@
 
 import pytest
 
+CLEARING = {"cuModuleGetGlobal_v2", "cuMemsetD8Async"}
 
-def test_every_call_of_a_launch_can_fail(run):
+
+@pytest.mark.parametrize(
+    ("launching", "further_calls", "choice"),
+    [
+        ("exact_sum", set(), "as-asked"),
+        ("parallel_sum", CLEARING, "as-asked"),
+        ("exact_sum", CLEARING, "device"),
+        ("variance", CLEARING, "device"),
+    ],
+)
+def test_every_call_of_a_launch_can_fail(run, launching, further_calls, choice):
     """Each call in turn, from the construction of a loader to the end of a launch elsewhere."""
     run(
-        """
+        f"""
+        further_calls = {further_calls}
         module = import_loader()
         def use():
             loader = module.NativeCubinLoader()
-            return exact_sum(loader, [1e100, 1.0, -1e100], device=1)
+            return {launching}(loader, [2e100, 4.0, -2e100, -1.0, 1.0], device=1)
 
         driver.set_device(0)
         before = driver.state()
         driver.take_log()
-        assert use() == [1.0, 0.0, 0.0, 0.0]
+        good = use()
+        assert good[0] == {{"exact_sum": 4.0, "parallel_sum": 4.0, "variance": 0.8}}["{launching}"]
         calls = driver.take_calls()
         last = len(calls) - 1 - calls[::-1].index("cuCtxPopCurrent_v2")
         calls = calls[: calls.index("cuModuleUnload")]
         calls = calls[: len(calls) - calls[::-1].index("cuLaunchKernel") + 2]
         assert calls[-1] == "cuCtxPopCurrent_v2"
-        assert {"cuInit", "cuDevicePrimaryCtxRetain", "cuCtxPushCurrent_v2", "cuModuleLoadDataEx",
-                "cuModuleGetFunction", "cuPointerGetAttributes"} <= set(calls)
+        assert {{"cuInit", "cuDevicePrimaryCtxRetain", "cuCtxPushCurrent_v2", "cuModuleLoadDataEx",
+                "cuModuleGetFunction", "cuPointerGetAttributes"}} | further_calls <= set(calls)
         for position, call in enumerate(calls):
             driver.fail("*", calls_before=position)
             with pytest.raises(RuntimeError) as caught:
                 use()
             assert driver.failures_left() == 0
-            assert f"{call} failed: CUDA_ERROR_OUT_OF_MEMORY (out of memory)" in str(caught.value)
+            expected = call + " failed: CUDA_ERROR_OUT_OF_MEMORY (out of memory)"
+            assert expected in str(caught.value)
             del caught
             assert driver.state() == before, (position, call)
-            assert use() == [1.0, 0.0, 0.0, 0.0]
+            assert use() == good
             assert driver.state() == before
-        """
+        """,
+        KORVEX_LAUNCH=choice,
     )
 
 

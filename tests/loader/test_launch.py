@@ -282,6 +282,72 @@ def test_stream_of_an_array_is_waited_for_before_the_launch(run):
     )
 
 
+def test_workspace_is_cleared_on_the_stream_of_the_launch_before_each(run):
+    """The stub spoils it after every launch, as one that was cut short does, and wants it zero."""
+    run(
+        """
+        loader = import_loader().NativeCubinLoader()
+        driver.set_device(0)
+        for _ in range(2):
+            driver.take_log()
+            assert parallel_sum(loader, [1e100, 1.0, -1e100]) == [1.0, 0.0]
+            log = driver.take_log()
+            assert queued(log) == [("clear", "sum_grid_memory"), ("launch", "tqx_sum_kernel")]
+            assert "cuMemsetD8Async sum_grid_memory to 0 bytes 48 stream 1" in log
+        x, *outs = (DeviceArray(driver, values) for values in ([2.0, 3.0], [0.0], [0.0], [0.0]))
+        loader.get_kernel("tqx_dot_kernel").launch(x, x, *outs, 2, grid=(1, 1, 1))
+        driver.synchronize()
+        assert outs[0].tolist() == [13.0]
+        log = driver.take_log()
+        assert queued(log) == [("clear", "dot_grid_memory"), ("launch", "tqx_dot_kernel")]
+        """
+    )
+
+
+def test_workspace_is_looked_up_once_a_device(run):
+    run(
+        """
+        loader = import_loader().NativeCubinLoader()
+        for device in (0, 1, 0, 1):
+            assert parallel_sum(loader, [4.0], device) == [4.0, 0.0]
+        assert driver.take_calls().count("cuModuleGetGlobal_v2") == 2
+        """
+    )
+
+
+def test_kernel_without_a_workspace_clears_nothing(run):
+    run(
+        """
+        loader = import_loader().NativeCubinLoader()
+        assert exact_sum(loader, [2.0]) == [2.0, 0.0, 0.0, 0.0]
+        assert queued(driver.take_log()) == [("launch", "tqx_sum_seq_kernel")]
+        """
+    )
+
+
+def test_threads_clear_for_their_own_launch(run):
+    """Nothing of another thread is queued between the clearing and the kernel."""
+    run(
+        """
+        import threading
+        loader = import_loader().NativeCubinLoader()
+        results = []
+        def work(number):
+            for turn in range(30):
+                results.append(parallel_sum(loader, [1e100, number + turn, -1e100], 1)[0]
+                               - number - turn)
+        threads = [threading.Thread(target=work, args=(number,)) for number in range(4)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        assert results == [0.0] * 120
+        done = queued(driver.take_log())
+        assert done == [("clear", "sum_grid_memory"), ("launch", "tqx_sum_kernel")] * 120
+        """
+    )
+
+
 def test_array_without_a_stream_needs_no_wait(run):
     run(
         """

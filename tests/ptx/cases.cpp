@@ -16,6 +16,7 @@ using launches::is_of_one_thread;
 using launches::is_single_block;
 using launches::notable_count;
 using launches::notable_size;
+using launches::Subject;
 
 // The region of each argument; none for a scalar.
 std::vector<Region*> place(const std::vector<Argument>& arguments, Machine& machine,
@@ -47,13 +48,23 @@ void compare(const std::vector<Argument>& arguments, const std::vector<Region*>&
   }
 }
 
-// The memory of the parallel sums is zero after each launch, which the next one relies on.
-void check_grid_memory(Machine& machine) {
-  for (const char* name : {"sum_grid_memory", "dot_grid_memory"}) {
-    const Region* region = machine.symbol_region(name);
-    if (region != nullptr &&
-        std::ranges::any_of(region->bytes, [](std::uint8_t byte) { return byte != 0; })) {
-      throw Failure(std::string("left behind: ") + name + " is not zero");
+// A kernel leaves zero what it found zero.
+void require_zero(Machine& machine, const char* workspace) {
+  const Region& region = machine.variable(workspace);
+  if (std::ranges::any_of(region.bytes, [](std::uint8_t byte) { return byte != 0; })) {
+    throw Failure(std::string("left behind: ") + workspace + " is not zero");
+  }
+}
+
+void run_steps(Machine& machine, const Case& one, const std::vector<std::uint64_t>& values) {
+  machine.forget_variables();
+  for (const launches::Step& step : launches::steps_of(one)) {
+    if (step.workspace != nullptr) {
+      machine.clear_variable(step.workspace);
+    }
+    machine.launch(step.kernel, one.shape, values, one.seed, one.most_steps);
+    if (step.workspace != nullptr) {
+      require_zero(machine, step.workspace);
     }
   }
 }
@@ -70,10 +81,9 @@ void run_case(Machine& machine, const HostLibrary& host, const Case& one) {
     values.push_back(regions[i] != nullptr ? regions[i]->base : arguments[i].bits);
   }
   try {
-    machine.launch(one.row->name, one.shape, values, one.seed, one.most_steps);
+    run_steps(machine, one, values);
     launches::launch_on_host(arguments, host, one);
     compare(arguments, regions);
-    check_grid_memory(machine);
   } catch (const Failure& failure) {
     throw Failure(launches::name_of(one) + "\n  " + failure.what());
   }
@@ -85,12 +95,15 @@ namespace {
 
 // A grid of one block, the smallest that has a thread for each element, and one beyond that; for
 // kernels of one block, blocks of other sizes, also of part of a warp.
-std::vector<Shape> shapes_for(const kernels::KernelRow& row, std::int64_t n) {
-  const unsigned block = row.block == 0 ? 1 : row.block;
-  if (is_of_one_thread(row)) {
+std::vector<Shape> shapes_for(const Subject& subject, std::int64_t n) {
+  const kernels::KernelRow& row = *subject.row;
+  const unsigned block = subject.whole_device != nullptr ? kernels::kGridBlock
+                         : row.block == 0                ? 1
+                                                         : row.block;
+  if (subject.whole_device == nullptr && is_of_one_thread(row)) {
     return {{{1, 1, 1}, {1, 1, 1}}, {{2, 1, 1}, {64, 1, 1}}};
   }
-  if (is_single_block(row)) {
+  if (subject.whole_device == nullptr && is_single_block(row)) {
     return {{{1, 1, 1}, {block, 1, 1}},
             {{2, 1, 1}, {256, 1, 1}},
             {{1, 1, 1}, {96, 1, 1}},
@@ -103,13 +116,13 @@ std::vector<Shape> shapes_for(const kernels::KernelRow& row, std::int64_t n) {
 }
 
 // The ends of tiles (256 and 512 elements a warp), of pieces (1024 and 2048) and of blocks.
-std::vector<std::int64_t> sizes_for(const kernels::KernelRow& row, bool is_long) {
+std::vector<std::int64_t> sizes_for(const Subject& subject, bool is_long) {
   constexpr std::int64_t kOrdinary[] = {0, 1, 31, 33, 257, 513, 2049};
   constexpr std::int64_t kLong[] = {2, 32, 255, 256, 511, 512, 1023, 1025, 4095, 16385, 65537};
   std::vector<std::int64_t> sizes;
   sizes.reserve(std::size(kOrdinary) + std::size(kLong) + 1);
   sizes.assign(std::begin(kOrdinary), std::end(kOrdinary));
-  if (row.blocks_per_multiprocessor != 0 || is_of_one_thread(row)) {
+  if (subject.row->blocks_per_multiprocessor != 0 || is_of_one_thread(*subject.row)) {
     sizes.push_back(4609);  // a whole tile for each warp of a block and one more, three pieces
   }
   if (is_long) {
@@ -118,14 +131,14 @@ std::vector<std::int64_t> sizes_for(const kernels::KernelRow& row, bool is_long)
   return sizes;
 }
 
-std::vector<Case> matrix_cases(const kernels::KernelRow& row, bool is_long, std::uint64_t seed) {
+std::vector<Case> matrix_cases(const Subject& subject, bool is_long, std::uint64_t seed) {
   constexpr std::int64_t kSizes[][3] = {{0, 3, 3},   {1, 1, 0},    {1, 1, 1},    {5, 17, 33},
                                         {17, 3, 70}, {16, 16, 16}, {33, 2, 129}, {2, 40, 7}};
   std::vector<Case> cases;
   for (const auto& [m, n, k] : kSizes) {
     for (int data = 0; data < (is_long ? 10 : 5); ++data) {
       Case one;
-      one.row = &row;
+      one.row = subject.row;
       one.sizes = {{"M", m}, {"N", n}, {"K", k}};
       one.data = static_cast<Data>(data % static_cast<int>(Data::kCount));
       one.notable = static_cast<std::size_t>(data) % notable_count();
@@ -142,15 +155,16 @@ std::vector<Case> matrix_cases(const kernels::KernelRow& row, bool is_long, std:
 
 }  // namespace
 
-std::vector<Case> cases_of(const kernels::KernelRow& row, bool is_long, std::uint64_t seed) {
-  if (is_matrix_product(row)) {
-    return matrix_cases(row, is_long, seed);
+std::vector<Case> cases_of(const Subject& subject, bool is_long, std::uint64_t seed) {
+  if (is_matrix_product(*subject.row)) {
+    return matrix_cases(subject, is_long, seed);
   }
   std::vector<Case> cases;
   const auto add = [&](std::int64_t n, Data data, std::size_t notable) {
-    const std::vector<Shape> shapes = shapes_for(row, n);
+    const std::vector<Shape> shapes = shapes_for(subject, n);
     Case one;
-    one.row = &row;
+    one.row = subject.row;
+    one.whole_device = subject.whole_device;
     one.sizes = {{"n", n}};
     one.data = data;
     one.notable = notable;
@@ -159,7 +173,7 @@ std::vector<Case> cases_of(const kernels::KernelRow& row, bool is_long, std::uin
     one.shape = shapes[(cases.size() + cases.size() / 4) % shapes.size()];
     cases.push_back(one);
   };
-  for (const std::int64_t n : sizes_for(row, is_long)) {
+  for (const std::int64_t n : sizes_for(subject, is_long)) {
     for (const Data data : {Data::kShape, Data::kSpecial, Data::kModerate, Data::kHard}) {
       add(n, data, 0);
     }

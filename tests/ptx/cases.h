@@ -19,6 +19,6 @@ using launches::HostLibrary;
 void run_case(Machine& machine, const HostLibrary& host, const Case& one);
 
 // All cases of one kernel.
-std::vector<Case> cases_of(const kernels::KernelRow& row, bool is_long, std::uint64_t seed);
+std::vector<Case> cases_of(const launches::Subject& subject, bool is_long, std::uint64_t seed);
 
 }  // namespace korvex::ptx

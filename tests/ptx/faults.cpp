@@ -35,9 +35,9 @@ const Fault kFaults[] = {
     // --- Addresses
     {"a vector load starts 8 bytes late", "tqx_sum_kernel", R"(ld\.global\.nc\.v2\.f64\s*(\{.*\}),\s*\[(%rd\d+)\])", 0,
      "ld.global.nc.v2.f64 $1, [$2+8]", "tqx_sum_kernel", 4609, 1, Data::kModerate, "misaligned address"},
-    {"a store to shared memory becomes generic", kCollectSum, R"(st\.shared\.u64(\s+\[_ZZ14tqx_sum_kernelE5block\+4296\]))", 0,
+    {"a store to shared memory becomes generic", kCollectSum, R"(st\.shared\.u64(\s+\[_ZN6korvex7kernels16sum_block_memoryE\+4296\]))", 0,
      "st.u64$1", "tqx_sum_kernel", 4609, 2, Data::kModerate, "is no address of global memory"},
-    {"a shared address lies beyond the variable", kCollectSum, R"((ld\.shared\.u32\s+%r\d+, \[_ZZ14tqx_sum_kernelE5block)\+4288)", 0,
+    {"a shared address lies beyond the variable", kCollectSum, R"((ld\.shared\.u32\s+%r\d+, \[_ZN6korvex7kernels16sum_block_memoryE)\+4288)", 0,
      "$1+8192", "tqx_sum_kernel", 4609, 2, Data::kModerate, "belong to no object"},
     {"a local address lies beyond the stack of its call", "12accurate_expEd", R"((st\.local\.u64\s+\[%rd\d+)\+32\])", 0,
      "$1+4096]", "tqx_exp_kernel", 257, 1, Data::kHard, "out of bounds"},
@@ -85,6 +85,21 @@ const Fault kFaults[] = {
     {"lanes add to a digit without an atomic operation", kAddToBlock,
      R"(red\.shared\.add\.u64 \[(%r\d+)\], (%rd\d+);)", 0,
      "{ .reg .b64 %sum; ld.shared.u64 %sum, [$1]; add.s64 %sum, %sum, $2; st.shared.u64 [$1], %sum; }", "tqx_sum_kernel", 513, 1, Data::kSpecial, "race"},
+    // --- Over the whole device
+    {"no fence after a block has handed in its product", "tqx_prod_device_kernel", R"(membar\.gl;)", 0,
+     "", "tqx_prod_device_kernel", 4609, 2, Data::kModerate, "race"},
+    {"no fence before the last block takes the products of all", "tqx_prod_device_kernel", R"(membar\.gl;)", 1,
+     "", "tqx_prod_device_kernel", 4609, 2, Data::kModerate, "race"},
+    {"no barrier between two steps of joining products", "13join_products", R"(bar\.sync\s+0;)", 0,
+     "", "tqx_prod_device_kernel", 513, 1, Data::kModerate, "race"},
+    {"the count of products is left for the next launch", "tqx_prod_device_kernel", R"(atom\.global\.exch\.b64\s+\S+ \S+ 0;)", 0,
+     "", "tqx_prod_device_kernel", 4609, 2, Data::kModerate, "left behind"},
+    {"the first launch of an RMS norm leaves out a part of the root", "12find_root_of",
+     R"(st\.global\.f64\s+\[_ZN6korvex7kernels11root_memoryE\+\d+\], %fd\d+;)", 0,
+     "", "tqx_rms_norm_device_kernel", 513, 2, Data::kModerate, "was never written|nobody wrote"},
+    {"the first launch of a variance starts from what was there", "tqx_var_device_sum_kernel",
+     R"(st\.global\.u64\s+\[_ZN6korvex7kernels14moments_memoryE(\+\d+)?\], %rd\d+;)", 0,
+     "", "tqx_var_device_kernel", 513, 2, Data::kModerate, "was never written|nobody wrote"},
     // --- Asynchronous copies
     {"no wait for copies", "tqx_sum_seq_kernel", R"(cp\.async\.wait_group\s+1;)", 0,
      "", "tqx_sum_seq_kernel", 2049, 1, Data::kModerate, "in flight"},
@@ -95,7 +110,7 @@ const Fault kFaults[] = {
     // --- Values
     {"a register that nothing writes", "tqx_add_kernel", R"(mov\.u32\s+%r\d+, %nctaid\.z;)", 0,
      "", "tqx_add_kernel", 257, 2, Data::kModerate, "was never written|nobody wrote"},
-    {"memory that nothing writes", kCollectSum, R"(st\.shared\.u64\s+\[_ZZ14tqx_sum_kernelE5block\+4312\], %rd\d+;)", 0,
+    {"memory that nothing writes", kCollectSum, R"(st\.shared\.u64\s+\[_ZN6korvex7kernels16sum_block_memoryE\+4312\], %rd\d+;)", 0,
      "", "tqx_sum_kernel", 4609, 2, Data::kModerate, "nobody wrote"},
     {"two registers change places", "tqx_sub_kernel", R"(sub\.rn\.f64(\s+%\w+, )(%\w+), (%\w+);)", 0,
      "sub.rn.f64$1$3, $2;", "tqx_sub_kernel", 257, 2, Data::kModerate, "result differs"},
@@ -165,10 +180,13 @@ std::string planted(const Fault& fault, const Module& module, const std::string&
 
 Case case_of(const Fault& fault, std::uint64_t seed) {
   Case one;
-  one.row = &launches::row_of(fault.kernel);
+  const launches::Subject subject = launches::subject_of(fault.kernel);
+  one.row = subject.row;
+  one.whole_device = subject.whole_device;
   one.sizes = {{"n", fault.n}};
   one.shape.grid = {fault.blocks, 1, 1};
-  one.shape.block = {one.row->block == 0 ? 1 : one.row->block, 1, 1};
+  const unsigned own_block = one.row->block == 0 ? 1 : one.row->block;
+  one.shape.block = {one.whole_device == nullptr ? own_block : kernels::kGridBlock, 1, 1};
   one.data = fault.data;
   one.seed = seed;
   one.most_steps = kMostSteps;

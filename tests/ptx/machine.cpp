@@ -10,12 +10,7 @@ namespace korvex::ptx {
 namespace {
 
 constexpr std::size_t kResidentBlocks = 4;
-
-// What a kernel leaves in static memory for the next launch; all other variables mean nothing at
-// the start of a launch.
-bool lasts(const Symbol& symbol) {
-  return !symbol.initial.empty() || symbol.name.find("grid_memory") != std::string::npos;
-}
+constexpr std::uint8_t kJunk = 0xa5;
 
 }  // namespace
 
@@ -44,27 +39,32 @@ Region& Machine::add_array(std::string name, std::uint64_t bytes, State state, b
 
 void Machine::forget_arrays() { global_.forget_after(symbols_); }
 
-Region* Machine::symbol_region(std::string_view part_of_name) {
+void Machine::forget_variables() {
   for (std::size_t i = 0; i < symbols_; ++i) {
-    if (global_.at(i).name.find(part_of_name) != std::string::npos) {
-      return &global_.at(i);
+    Region& region = global_.at(i);
+    if (!region.is_constant) {
+      std::ranges::fill(region.states, kUnwritten);
+      std::ranges::fill(region.bytes, kJunk);
     }
   }
-  return nullptr;
 }
 
-void Machine::prepare_static_memory() {
-  std::size_t i = 0;
-  for (const Symbol& symbol : module_->symbols) {
-    if (symbol.space != Space::kGlobal) {
-      continue;
-    }
-    Region& region = global_.at(i++);
-    if (!lasts(symbol)) {
-      std::ranges::fill(region.states, kUnwritten);
-      std::ranges::fill(region.bytes, std::uint8_t{0xa5});
+Region& Machine::variable(std::string_view name) {
+  for (std::size_t i = 0; i < symbols_; ++i) {
+    if (global_.at(i).name == name) {
+      return global_.at(i);
     }
   }
+  throw Failure("no variable " + std::string(name));
+}
+
+void Machine::clear_variable(std::string_view name) {
+  Region& region = variable(name);
+  std::ranges::fill(region.states, kWritten);
+  std::ranges::fill(region.bytes, std::uint8_t{0});
+}
+
+void Machine::find_shared_memory() {
   std::set<const Function*> seen;
   std::set<const Symbol*> shared;
   std::vector<const Function*> open = {entry_};
@@ -102,7 +102,7 @@ void Machine::launch(const std::string& kernel, const Shape& shape,
   shape_ = shape;
   random_ = test::Random(seed);
   steps_left_ = most_steps;
-  prepare_static_memory();
+  find_shared_memory();
   clocks_.start_launch(shape.blocks(), shape.threads());
   races_.start_launch();
   try {

@@ -106,7 +106,12 @@ class Machine {
   Region& add_array(std::string name, std::uint64_t bytes, State state, bool is_constant,
                     std::uint64_t past_16);
   void forget_arrays();
-  Region* symbol_region(std::string_view part_of_name);
+
+  // Variables of the module in global memory, by name. They hold junk that nobody wrote until a
+  // launch or a host writes them, and last from one launch to the next.
+  void forget_variables();
+  void clear_variable(std::string_view name);
+  Region& variable(std::string_view name);
 
   // Runs a kernel to its end, or throws a Failure that says where. arguments: 8 bytes each.
   void launch(const std::string& kernel, const Shape& shape,
@@ -136,7 +141,7 @@ class Machine {
   }
 
  private:
-  void prepare_static_memory();
+  void find_shared_memory();
   std::unique_ptr<Block> start_block(std::uint32_t index,
                                      const std::vector<std::uint64_t>& arguments);
   void fill_specials(Warp& warp, std::uint32_t block, std::uint32_t first) const;

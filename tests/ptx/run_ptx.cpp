@@ -102,14 +102,14 @@ void run_kernels(const Options& options, const HostLibrary& host, const std::str
                  const std::string& file, Totals& totals) {
   Machine machine(parse(text));
   totals.kernels = 0;
-  for (const kernels::KernelRow& row : kernels::kKernelTable) {
-    if (!options.kernel.empty() && options.kernel != row.name) {
+  for (const launches::Subject& subject : launches::subjects()) {
+    if (!options.kernel.empty() && options.kernel != subject.name()) {
       continue;
     }
     ++totals.kernels;
     const auto start = std::chrono::steady_clock::now();
     const Figures before = machine.figures();
-    for (const Case& one : cases_of(row, options.is_long, options.seed)) {
+    for (const Case& one : cases_of(subject, options.is_long, options.seed)) {
       try {
         run_case(machine, host, one);
       } catch (const Failure& failure) {
@@ -119,7 +119,7 @@ void run_kernels(const Options& options, const HostLibrary& host, const std::str
       }
     }
     const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
-    std::printf("%-24s %4llu launches %10.1f million instructions %6.1f s\n", row.name,
+    std::printf("%-26s %4llu launches %10.1f million instructions %6.1f s\n", subject.name(),
                 static_cast<unsigned long long>(machine.figures().launches - before.launches),
                 static_cast<double>(machine.figures().instructions - before.instructions) * 1e-6,
                 taken.count());

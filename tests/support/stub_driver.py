@@ -185,6 +185,13 @@ class DeviceArray:
         return self._memory[: self._count]
 
 
+def queued(log):
+    """What a log queued on streams, in order: ("clear", variable) and ("launch", kernel)."""
+    words = [line.split() for line in log]
+    names = {"cuMemsetD8Async": "clear", "cuLaunchKernel": "launch"}
+    return [(names[line[0]], line[1]) for line in words if line[0] in names]
+
+
 def launches(log):
     """The launches in a log, each as (kernel, grid, block, stream)."""
     pattern = re.compile(

@@ -12,7 +12,9 @@ import re
 import shutil
 import struct
 import subprocess
+from collections.abc import Iterator
 from pathlib import Path
+from typing import NamedTuple
 
 OLDEST_DISASSEMBLED = 75
 
@@ -63,12 +65,19 @@ def resources(cubin: Path) -> dict[str, dict[str, int]]:
 
 
 _SECTION_SYMBOLS = 2
+_SYMBOL_VARIABLE = 1
 _SYMBOL_FUNCTION = 2
 _SECTION_HEADER = "<IIQQQQIIQQ"
 
 
-def symbols(cubin: Path) -> tuple[list[str], list[str]]:
-    """Names of the undefined symbols and of the functions; a cubin is an ELF file."""
+class _Symbol(NamedTuple):
+    name: str
+    kind: int
+    section: int  # 0: undefined
+
+
+def _symbol_table(cubin: Path) -> Iterator[_Symbol]:
+    """The symbols that have a name; a cubin is an ELF file."""
     image = cubin.read_bytes()
     assert image[:6] == b"\x7fELF\x02\x01"
     (table,) = struct.unpack_from("<Q", image, 0x28)
@@ -77,18 +86,28 @@ def symbols(cubin: Path) -> tuple[list[str], list[str]]:
         struct.unpack_from(_SECTION_HEADER, image, table + index * entry_size)
         for index in range(count)
     ]
-    undefined, functions = [], []
     for _, kind, _, _, offset, size, link, *_ in sections:
         if kind == _SECTION_SYMBOLS:
             strings = sections[link][4]
             for record in struct.iter_unpack("<IBBHQQ", image[offset : offset + size]):
                 start = strings + record[0]
-                symbol = image[start : image.index(b"\0", start)].decode()
-                if record[3] == 0 and symbol:
-                    undefined.append(symbol)
-                elif record[1] & 15 == _SYMBOL_FUNCTION:
-                    functions.append(symbol)
+                if symbol := image[start : image.index(b"\0", start)].decode():
+                    yield _Symbol(symbol, record[1] & 15, record[3])
+
+
+def symbols(cubin: Path) -> tuple[list[str], list[str]]:
+    """Names of the undefined symbols and of the functions."""
+    table = list(_symbol_table(cubin))
+    undefined = [symbol.name for symbol in table if symbol.section == 0]
+    functions = [
+        symbol.name for symbol in table if symbol.section != 0 and symbol.kind == _SYMBOL_FUNCTION
+    ]
     return undefined, functions
+
+
+def variables(cubin: Path) -> list[str]:
+    """Names of the variables in static memory."""
+    return [symbol.name for symbol in _symbol_table(cubin) if symbol.kind == _SYMBOL_VARIABLE]
 
 
 # --- Loops in machine code

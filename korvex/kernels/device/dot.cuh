@@ -52,8 +52,14 @@ __device__ __forceinline__ void add_staged_products(const double* x, const doubl
   }
 }
 
-// Launches of tqx_dot_kernel never overlap: all are made on the null stream of the device.
+// Launches of tqx_dot_kernel never overlap: all are made on the null stream of the device. The
+// loader knows it by this name and clears it before each.
+extern "C" {
 __device__ DotGridMemory dot_grid_memory;
+}
+
+// Memory of the block in every kernel that sums products over the grid.
+__shared__ DotBlockMemory dot_block_memory;
 
 }  // namespace korvex::kernels
 
@@ -79,7 +85,6 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock,
     tqx_dot_kernel(const double* x, const double* y, double* out, double* out_err, double* out_err2,
                    long long n) {
   using namespace korvex;
-  __shared__ kernels::DotBlockMemory block;
-  kernels::dot_by_grid(kernels::DeviceThread(), x, y, out, out_err, out_err2, n, block,
-                       kernels::dot_grid_memory);
+  kernels::dot_by_grid(kernels::DeviceThread(), x, y, out, out_err, out_err2, n,
+                       kernels::dot_block_memory, &kernels::dot_grid_memory);
 }

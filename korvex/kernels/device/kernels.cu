@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// All kernels for a GPU, as one file to compile, in the order of korvex/kernels/table.h.
+// All kernels for a GPU, as one file to compile, in the order of korvex/kernels/table.h; then those
+// of korvex/kernels/whole_device.h.
 //
 // A kernel here is a thin shell that names its memory and calls a body. Functions of one element,
 // and whatever rounds a result, are the bodies that the host runs (korvex/arithmetic). How threads
@@ -16,3 +17,5 @@
 #include "korvex/kernels/device/rms_norm.cuh"
 #include "korvex/kernels/device/sum.cuh"
 #include "korvex/kernels/device/unary.cuh"
+#include "korvex/kernels/device/whole_device.cuh"
+#include "korvex/kernels/device/whole_product.cuh"

@@ -108,11 +108,13 @@ class WarpProducts : private WarpSum<Thread> {
   }
 };
 
-// Precondition: as of sum_by_grid, y as long as x.
+// The sum of all x[i] * y[i] in one thread of the grid, a null pointer in the others.
+// Precondition: as of sum_over_grid, y as long as x.
 template <class Thread>
-KORVEX_HD void dot_by_grid(const Thread& thread, const double* x, const double* y, double* out,
-                           double* out_err, double* out_err2, std::int64_t n, DotBlockMemory& block,
-                           DotGridMemory& grid) {
+KORVEX_INLINE arithmetic::ExactProductSum* dot_over_grid(const Thread& thread, const double* x,
+                                                         const double* y, std::int64_t n,
+                                                         DotBlockMemory& block,
+                                                         DotGridMemory* grid) {
   clear_block(thread, block);
   const WarpProducts<Thread> products(thread, block.digits[thread.warp()], block.special);
   const std::int64_t stride = thread.blocks() * thread.warps() * kDotTile;
@@ -121,7 +123,16 @@ KORVEX_HD void dot_by_grid(const Thread& thread, const double* x, const double* 
     const std::int64_t rest = n - begin;
     products.add_tile(x + begin, y + begin, rest < kDotTile ? static_cast<int>(rest) : kDotTile);
   }
-  if (arithmetic::ExactProductSum* sum = join_blocks(thread, block, grid); sum != nullptr) {
+  return join_blocks(thread, block, grid);
+}
+
+// out[0], out_err[0], out_err2[0]: the first three limbs of that sum. Precondition: the same.
+template <class Thread>
+KORVEX_HD void dot_by_grid(const Thread& thread, const double* x, const double* y, double* out,
+                           double* out_err, double* out_err2, std::int64_t n, DotBlockMemory& block,
+                           DotGridMemory* grid) {
+  arithmetic::ExactProductSum* sum = dot_over_grid(thread, x, y, n, block, grid);
+  if (sum != nullptr) {
     arithmetic::write_parallel_dot(*sum, out, out_err, out_err2);
   }
 }

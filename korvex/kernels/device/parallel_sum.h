@@ -3,9 +3,9 @@
 //
 // Phases: each warp takes tiles of 512 elements through two slices on fixed grids and counts grid
 // units (warp_sum.h); a block adds up what its warps found, digit by digit, and hands the digits to
-// the grid; the block that arrives last rounds, writes, and leaves the grid's memory zero for the
-// next launch. Every partial sum is an exact integer, so neither the grid nor the order of arrival
-// shows in the result.
+// the grid; the block that arrives last rounds, writes, and leaves the grid's memory zero. Every
+// partial sum is an exact integer, so neither the grid nor the order of arrival shows in the
+// result.
 //
 // Cost: about 11 instructions an element, so memory is the limit; two atomic additions for
 // each digit of a block that is not zero.
@@ -42,7 +42,8 @@ struct BlockMemoryOf {
   alignas(Sum) unsigned char sum[sizeof(Sum)];
 };
 
-// Memory that all blocks share. All zero before a launch, and again after it.
+// Memory that all blocks share: all zero before a launch, and again after one that came to its end.
+// A kernel brings its own; launches that may overlap need different ones.
 template <class Sum>
 struct GridMemoryOf {
   // Each block adds less than 2^34 to a digit, and no block without elements adds anything: 2^29
@@ -57,8 +58,8 @@ using GridMemory = GridMemoryOf<arithmetic::ExactSum>;
 
 // The tiles of this warp: every warp of the grid takes each warps_of_grid-th one.
 template <int kCarryAfter, class Thread>
-KORVEX_HD void sum_tiles(const Thread& thread, const double* x, std::int64_t n,
-                         BlockMemory& block) {
+KORVEX_INLINE void sum_tiles(const Thread& thread, const double* x, std::int64_t n,
+                             BlockMemory& block) {
   WarpSum<Thread> sum(thread, block.digits[thread.warp()], block.special);
   // Tiles are read in pairs of elements: an array that starts between two pairs is read from its
   // second element on.
@@ -106,18 +107,17 @@ KORVEX_HD void hand_in(const Thread& thread, BlockMemoryOf<Sum>& block, GridMemo
 }
 
 // True in all threads of one block: the last to call this. What the others handed in before is
-// visible then.
-template <class Thread, class Sum>
-KORVEX_HD bool arrives_last(const Thread& thread, BlockMemoryOf<Sum>& block,
-                            GridMemoryOf<Sum>& grid) {
+// visible then. is_last lies in the block's memory; arrived in the grid's, zero before the launch.
+template <class Thread>
+KORVEX_HD bool arrives_last(const Thread& thread, bool& is_last, std::int64_t& arrived) {
   thread.fence();  // what this thread handed in comes before the arrival of its block
   thread.sync_block();
   if (thread.index() == 0) {
-    block.is_last = thread.add_to_grid(grid.arrived, 1) == thread.blocks() - 1;
+    is_last = thread.add_to_grid(arrived, 1) == thread.blocks() - 1;
   }
   thread.sync_block();
   thread.fence();
-  return block.is_last;
+  return is_last;
 }
 
 // Takes what all blocks handed in, and leaves zero: a sum in the first thread of the block, a null
@@ -163,20 +163,32 @@ KORVEX_HD void clear_block(const Thread& thread, BlockMemoryOf<Sum>& block) {
 // comes last; a null pointer in the others.
 template <class Thread, class Sum>
 KORVEX_HD Sum* join_blocks(const Thread& thread, BlockMemoryOf<Sum>& block,
-                           GridMemoryOf<Sum>& grid) {
+                           GridMemoryOf<Sum>* grid) {
   thread.sync_block();
-  hand_in(thread, block, grid);
-  return arrives_last(thread, block, grid) ? collect_grid(thread, block, grid) : nullptr;
+  hand_in(thread, block, *grid);
+  const bool is_last = arrives_last(thread, block.is_last, grid->arrived);
+  return is_last ? collect_grid(thread, block, *grid) : nullptr;
 }
 
-// Precondition: all threads of a grid of at least one block call this, each block is 1 to kMaxWarps
-// whole warps, x holds n elements, and no other launch uses the same GridMemory meanwhile.
+// The sum of x[0] to x[n - 1] in one thread of the grid, in the memory of its block; a null pointer
+// in the others. Precondition: all threads of a grid of at least one block call this, each block is
+// 1 to kMaxWarps whole warps, x holds n elements, and no other launch uses the same GridMemory
+// meanwhile.
 template <int kCarryAfter = kTilesBetweenCarries, class Thread>
-KORVEX_HD void sum_by_grid(const Thread& thread, const double* x, double* out, double* out_err,
-                           std::int64_t n, BlockMemory& block, GridMemory& grid) {
+KORVEX_INLINE arithmetic::ExactSum* sum_over_grid(const Thread& thread, const double* x,
+                                                  std::int64_t n, BlockMemory& block,
+                                                  GridMemory* grid) {
   clear_block(thread, block);
   sum_tiles<kCarryAfter>(thread, x, n, block);
-  if (arithmetic::ExactSum* sum = join_blocks(thread, block, grid); sum != nullptr) {
+  return join_blocks(thread, block, grid);
+}
+
+// out[0], out_err[0]: the first two limbs of that sum. Precondition: the same.
+template <int kCarryAfter = kTilesBetweenCarries, class Thread>
+KORVEX_HD void sum_by_grid(const Thread& thread, const double* x, double* out, double* out_err,
+                           std::int64_t n, BlockMemory& block, GridMemory* grid) {
+  arithmetic::ExactSum* sum = sum_over_grid<kCarryAfter>(thread, x, n, block, grid);
+  if (sum != nullptr) {
     arithmetic::write_parallel_sum(*sum, out, out_err);
   }
 }

@@ -12,8 +12,14 @@
 
 namespace korvex::kernels {
 
-// Launches of tqx_sum_kernel never overlap: all are made on the null stream of the device.
+// Launches of tqx_sum_kernel never overlap: all are made on the null stream of the device. The
+// loader knows it by this name and clears it before each.
+extern "C" {
 __device__ GridMemory sum_grid_memory;
+}
+
+// Memory of the block in every kernel that sums over the grid.
+__shared__ BlockMemory sum_block_memory;
 
 }  // namespace korvex::kernels
 
@@ -36,7 +42,6 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock,
                                              korvex::kernels::kResidentSumBlocks)
     tqx_sum_kernel(const double* x, double* out, double* out_err, long long n) {
   using namespace korvex;
-  __shared__ kernels::BlockMemory block;
-  kernels::sum_by_grid(kernels::DeviceThread(), x, out, out_err, n, block,
-                       kernels::sum_grid_memory);
+  kernels::sum_by_grid(kernels::DeviceThread(), x, out, out_err, n, kernels::sum_block_memory,
+                       &kernels::sum_grid_memory);
 }

@@ -4,8 +4,9 @@
 // It keeps the driver's rules where a loader could break them. Nothing works before cuInit, nor in
 // a forked child. Each thread has its own stack of contexts. A kernel needs its module's context,
 // real extents, and arrays on its own device. A launch only queues; it runs when its stream is
-// waited for, through the kernels that the emulated device uses. Any call can be made to fail or to
-// block.
+// waited for, through the kernels that the emulated device uses. Static memory of a module is never
+// zero unless it was just cleared, as after a launch that was cut short, and a kernel that wants it
+// so fails. Any call can be made to fail or to block.
 #include <dlfcn.h>
 #include <unistd.h>
 
@@ -20,7 +21,10 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <variant>
 #include <vector>
+
+#include "korvex/kernels/whole_device.h"
 
 #define STUB_API extern "C" __attribute__((visibility("default")))
 
@@ -46,31 +50,48 @@ constexpr int kHandleOffset = 100;  // device handles are no ordinals
 
 struct HostKernels {
   int (*count)() = nullptr;
-  const char* (*name)(int) = nullptr;
   const char* (*parameters)(int) = nullptr;
   int (*launch)(int, const unsigned*, const unsigned*, void* const*, int) = nullptr;
 };
 
+// Static memory of a module.
+struct Variable {
+  std::string name;
+  std::vector<unsigned char> bytes;
+};
+
+struct StubFunction;
+
 struct PendingLaunch {
-  int kernel;
+  StubFunction* function;
   unsigned grid[3];
   unsigned block[3];
   std::vector<std::uint64_t> values;
+  std::shared_ptr<Variable> workspace;  // of the function; null: none
+};
+
+struct PendingClear {
+  std::shared_ptr<Variable> variable;
+  unsigned char value;
 };
 
 struct StubContext {
   int ordinal = 0;
   int retained = 0;
-  std::vector<PendingLaunch> pending;  // on the legacy stream
+  std::vector<std::variant<PendingLaunch, PendingClear>> pending;  // on the legacy stream
 };
 
 struct StubModule {
   StubContext* context;
+  std::vector<std::shared_ptr<Variable>> variables;  // that were asked for
 };
 
 struct StubFunction {
   StubModule* module;
-  int kernel;
+  const char* name;
+  const char* workspace;  // static memory that it wants zero; null: none
+  int host_kernel;        // that takes the same arguments
+  bool gives_result;      // and leaves the result of that
 };
 
 struct StubDevice {
@@ -199,23 +220,87 @@ std::vector<std::string> parameters_of(int kernel) {
 
 bool is_array(const std::string& parameter) { return parameter.back() == ']'; }
 
+constexpr unsigned char kJunk = 0xa5;
+
+// All functions that a file of kernels has. Of those that stand for a kernel on the whole device
+// the last gives the result.
+std::vector<StubFunction> functions_of(StubModule* module) {
+  const HostKernels& host = stub().host;
+  const int count = host.count == nullptr ? 0 : host.count();
+  std::vector<StubFunction> functions;
+  for (int kernel = 0; kernel < count; ++kernel) {
+    const auto& own = korvex::kernels::kKernelTable[kernel];
+    functions.push_back({module, own.name, own.workspace, kernel, true});
+    for (const auto& row : korvex::kernels::kWholeDeviceTable) {
+      for (int i = 0; i < row.launch_count && std::strcmp(row.kernel, own.name) == 0; ++i) {
+        const auto& launch = row.launches[i];
+        const bool is_last = i + 1 == row.launch_count;
+        functions.push_back({module, launch.kernel, launch.workspace, kernel, is_last});
+      }
+    }
+  }
+  return functions;
+}
+
+bool is_workspace(StubModule* module, const char* name) {
+  return std::ranges::any_of(functions_of(module), [&](const StubFunction& function) {
+    return function.workspace != nullptr && std::strcmp(function.workspace, name) == 0;
+  });
+}
+
+std::shared_ptr<Variable> variable_of(StubModule& module, const char* name) {
+  if (name == nullptr) {
+    return nullptr;
+  }
+  for (const auto& variable : module.variables) {
+    if (variable->name == name) {
+      return variable;
+    }
+  }
+  const Variable made{name, std::vector<unsigned char>(48, kJunk)};
+  return module.variables.emplace_back(std::make_shared<Variable>(made));
+}
+
+int run(const PendingClear& clear, const StubContext& /*context*/) {
+  std::ranges::fill(clear.variable->bytes, clear.value);
+  return kSuccess;
+}
+
+int run(const PendingLaunch& launch, const StubContext& context) {
+  const StubFunction& function = *launch.function;
+  const auto parameters = parameters_of(function.host_kernel);
+  auto values = launch.values;
+  std::vector<void*> arguments;
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    if (is_array(parameters[i]) && values[i] != 0 &&
+        ordinal_of(static_cast<std::uintptr_t>(values[i])) != context.ordinal) {
+      return kIllegalAddress;
+    }
+    arguments.push_back(&values[i]);
+  }
+  if (launch.workspace != nullptr) {
+    std::vector<unsigned char>& bytes = launch.workspace->bytes;
+    if (std::ranges::any_of(bytes, [](unsigned char byte) { return byte != 0; })) {
+      return kLaunchFailed;
+    }
+    std::ranges::fill(bytes, kJunk);
+  }
+  if (!function.gives_result) {
+    return kSuccess;
+  }
+  const auto run_on_host = stub().host.launch;
+  return run_on_host(function.host_kernel, launch.grid, launch.block, arguments.data(), 1) == 0
+             ? kSuccess
+             : kLaunchFailed;
+}
+
 // Waiting for the legacy stream runs what was queued on it.
 int run_pending(StubContext& context) {
   const auto pending = std::move(context.pending);
   context.pending.clear();
-  for (const PendingLaunch& launch : pending) {
-    const auto parameters = parameters_of(launch.kernel);
-    auto values = launch.values;
-    std::vector<void*> arguments;
-    for (std::size_t i = 0; i < values.size(); ++i) {
-      if (is_array(parameters[i]) && values[i] != 0 &&
-          ordinal_of(static_cast<std::uintptr_t>(values[i])) != context.ordinal) {
-        return kIllegalAddress;
-      }
-      arguments.push_back(&values[i]);
-    }
-    if (stub().host.launch(launch.kernel, launch.grid, launch.block, arguments.data(), 1) != 0) {
-      return kLaunchFailed;
+  for (const auto& work : pending) {
+    if (const int failed = std::visit([&](const auto& each) { return run(each, context); }, work)) {
+      return failed;
     }
   }
   return kSuccess;
@@ -426,7 +511,7 @@ STUB_API int cuModuleLoadDataEx(StubModule** module, const void* image, unsigned
     return kInvalidContext;
   }
   const std::lock_guard guard(stub().state);
-  stub().modules.push_back(std::make_unique<StubModule>(current()));
+  stub().modules.push_back(std::make_unique<StubModule>(StubModule{current(), {}}));
   *module = stub().modules.back().get();
   return kSuccess;
 }
@@ -449,30 +534,78 @@ STUB_API int cuModuleGetFunction(StubFunction** function, StubModule* module, co
     return failed;
   }
   const std::lock_guard guard(stub().state);
-  const HostKernels& host = stub().host;
-  const int count = host.count == nullptr ? 0 : host.count();
-  for (int kernel = 0; kernel < count; ++kernel) {
-    if (std::strcmp(host.name(kernel), name) != 0) {
-      continue;
+  for (const StubFunction& each : functions_of(module)) {
+    if (std::strcmp(each.name, name) == 0) {
+      stub().functions.push_back(std::make_unique<StubFunction>(each));
+      *function = stub().functions.back().get();
+      return kSuccess;
     }
-    stub().functions.push_back(std::make_unique<StubFunction>(module, kernel));
-    *function = stub().functions.back().get();
-    return kSuccess;
   }
   return kNotFound;
+}
+
+STUB_API int cuModuleGetGlobal_v2(unsigned long long* address, std::size_t* bytes,
+                                  StubModule* module, const char* name) {
+  if (const int failed = enter("cuModuleGetGlobal_v2", name)) {
+    return failed;
+  }
+  const std::lock_guard guard(stub().state);
+  if (current() != module->context) {
+    return kInvalidContext;
+  }
+  if (!is_workspace(module, name)) {
+    return kNotFound;
+  }
+  const std::shared_ptr<Variable> variable = variable_of(*module, name);
+  *address = reinterpret_cast<std::uintptr_t>(variable->bytes.data());
+  *bytes = variable->bytes.size();
+  return kSuccess;
+}
+
+// Whole variables alone.
+STUB_API int cuMemsetD8Async(unsigned long long address, unsigned char value, std::size_t bytes,
+                             void* stream) {
+  const auto number = reinterpret_cast<std::uintptr_t>(stream);
+  std::shared_ptr<Variable> found;
+  {
+    const std::lock_guard guard(stub().state);
+    for (const auto& module : stub().modules) {
+      for (const auto& variable : module->variables) {
+        if (reinterpret_cast<std::uintptr_t>(variable->bytes.data()) == address &&
+            module->context == current()) {
+          found = variable;
+        }
+      }
+    }
+  }
+  const char* name = found == nullptr ? "?" : found->name.c_str();
+  if (const int failed =
+          enter("cuMemsetD8Async", name, "to", int{value}, "bytes", bytes, "stream", number)) {
+    return failed;
+  }
+  const std::lock_guard guard(stub().state);
+  if (found == nullptr || found->bytes.size() != bytes || number != kLegacyStream) {
+    return kInvalidValue;
+  }
+  current()->pending.emplace_back(PendingClear{found, value});
+  return kSuccess;
 }
 
 STUB_API int cuLaunchKernel(StubFunction* function, unsigned grid_x, unsigned grid_y,
                             unsigned grid_z, unsigned block_x, unsigned block_y, unsigned block_z,
                             unsigned shared_bytes, void* stream, void** arguments, void** extra) {
   const auto number = reinterpret_cast<std::uintptr_t>(stream);
-  const int failed = enter("cuLaunchKernel", stub().host.name(function->kernel), "grid", grid_x,
-                           grid_y, grid_z, "block", block_x, block_y, block_z, "stream", number);
+  const int failed = enter("cuLaunchKernel", function->name, "grid", grid_x, grid_y, grid_z,
+                           "block", block_x, block_y, block_z, "stream", number);
   if (failed != kSuccess) {
     return failed;
   }
   const std::lock_guard guard(stub().state);
-  PendingLaunch launch{function->kernel, {grid_x, grid_y, grid_z}, {block_x, block_y, block_z}, {}};
+  PendingLaunch launch{function,
+                       {grid_x, grid_y, grid_z},
+                       {block_x, block_y, block_z},
+                       {},
+                       variable_of(*function->module, function->workspace)};
   const auto is_zero = [](unsigned extent) { return extent == 0; };
   if (std::ranges::any_of(launch.grid, is_zero) || std::ranges::any_of(launch.block, is_zero) ||
       shared_bytes != 0 || extra != nullptr || number != kLegacyStream) {
@@ -481,11 +614,11 @@ STUB_API int cuLaunchKernel(StubFunction* function, unsigned grid_x, unsigned gr
   if (current() == nullptr || current() != function->module->context) {
     return kInvalidContext;
   }
-  const std::size_t count = parameters_of(function->kernel).size();
+  const std::size_t count = parameters_of(function->host_kernel).size();
   for (std::size_t i = 0; i < count; ++i) {
     launch.values.push_back(*static_cast<const std::uint64_t*>(arguments[i]));
   }
-  current()->pending.push_back(launch);
+  current()->pending.emplace_back(launch);
   return kSuccess;
 }
 
@@ -502,7 +635,6 @@ STUB_API int stub_use_host_kernels(const char* path) {
     return slot != nullptr;
   };
   return find(host.count, "korvex_host_kernel_count") &&
-         find(host.name, "korvex_host_kernel_name") &&
          find(host.parameters, "korvex_host_kernel_parameters") &&
          find(host.launch, "korvex_host_launch");
 }
