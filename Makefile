@@ -159,7 +159,7 @@ RUN_DEVICE_CODE = $(PY) tests/ptx/run_device_code.py $(BUILD)/tests/ptx/run_ptx 
   --grid $(BUILD)/tests/device_code
 
 device-code-tools: configure
-	@cmake --build $(BUILD) --parallel $(JOBS) --target run_ptx run_grid run_faulty_grid \
+	@cmake --build $(BUILD) --parallel $(JOBS) --target run_ptx run_grid run_last_tries_grid run_faulty_grid \
 	  korvex_host_kernels_base >build/device-code.log || \
 	  { cat build/device-code.log; exit 1; }
 

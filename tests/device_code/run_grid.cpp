@@ -3,6 +3,7 @@
 // of the host kernels, bit for bit.
 //
 // usage: run_grid HOST_LIBRARY [--long] [--seed N] [--kernel NAME] [--hard-cases JSON] [--jobs N]
+//                 [--most-elements N]
 //
 // Each kernel has a process of its own, so what ends it, a sanitizer's report above all, is the
 // failure of one launch of one kernel, and named. Arrays lie between guards that may not be read,
@@ -16,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <limits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -39,6 +41,7 @@ struct Options {
   std::string kernel;
   std::uint64_t seed = 1;
   bool is_long = false;
+  std::int64_t most_elements = std::numeric_limits<std::int64_t>::max();
   unsigned jobs = std::thread::hardware_concurrency();
 };
 
@@ -125,9 +128,9 @@ void run_case(CudaGrid& grid, const launches::HostLibrary& host, const Case& one
       arrays.push_back(std::make_unique<GuardedArray>(
           arguments[i].values, one.bytes_past_16(static_cast<unsigned>(arrays.size()))));
       pointers[i] = arrays.back()->data();
-      values.push_back(&pointers[i]);
+      values.push_back(static_cast<void*>(&pointers[i]));
     } else {
-      values.push_back(&arguments[i].bits);
+      values.push_back(static_cast<void*>(&arguments[i].bits));
     }
   }
   fill_workspaces();
@@ -157,6 +160,9 @@ void run_case(CudaGrid& grid, const launches::HostLibrary& host, const Case& one
     const launches::HostLibrary host(options.library.c_str());
     CudaGrid grid;
     for (const Case& one : grid_cases_of(row, options.is_long, options.seed)) {
+      if (launches::most_elements(one) > options.most_elements) {
+        continue;
+      }
       std::snprintf(progress.launch, sizeof progress.launch, "%s", launches::name_of(one).c_str());
       run_case(grid, host, one);
       ++progress.launches;
@@ -256,6 +262,8 @@ Options options_of(int count, char** words) {
       options.kernel = value();
     } else if (word == "--hard-cases") {
       launches::read_hard_cases(value());
+    } else if (word == "--most-elements") {
+      options.most_elements = std::strtoll(value(), nullptr, 10);
     } else if (word == "--jobs") {
       options.jobs = static_cast<unsigned>(std::strtoul(value(), nullptr, 10));
     } else {

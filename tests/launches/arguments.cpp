@@ -43,6 +43,14 @@ std::string name_of(const Case& one) {
   return name.str();
 }
 
+std::int64_t most_elements(const Case& one) {
+  std::int64_t most = 0;
+  for (const auto& [size, value] : one.sizes) {
+    most = std::max(most, value);
+  }
+  return most;
+}
+
 const kernels::KernelRow& row_of(std::string_view kernel) {
   for (const kernels::KernelRow& row : kernels::kKernelTable) {
     if (row.name == kernel) {

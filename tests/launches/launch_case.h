@@ -49,6 +49,7 @@ struct Case {
 };
 
 std::string name_of(const Case& one);
+std::int64_t most_elements(const Case& one);  // of its sizes the largest
 
 const kernels::KernelRow& row_of(std::string_view kernel);
 bool is_single_block(const kernels::KernelRow& row);

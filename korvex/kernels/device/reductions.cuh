@@ -14,7 +14,7 @@
 #include <new>
 
 #include "korvex/arithmetic/base/lanes.h"
-#include "korvex/arithmetic/elementary/log_sum_exp.h"
+#include "korvex/arithmetic/elementary/log_sum_exp_wide.h"
 #include "korvex/arithmetic/exact/element_product.h"
 #include "korvex/arithmetic/exact/norm.h"
 #include "korvex/arithmetic/exact/prefix_sums.h"
@@ -34,7 +34,7 @@ constexpr std::size_t larger(std::size_t a, std::size_t b) { return a > b ? a : 
 constexpr std::size_t kPartBytes =
     larger(larger(sizeof(arithmetic::Moments), sizeof(SegmentSum)),
            larger(sizeof(arithmetic::FastProduct),
-                  sizeof(arithmetic::FixedExpSum<arithmetic::kThirdTryWords>)));
+                  sizeof(arithmetic::WideExpSum<arithmetic::kThirdTryWords>)));
 
 struct alignas(16) PartMemory {
   unsigned char bytes[kPartBytes];
@@ -216,7 +216,7 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kSingleBlock, 1)
     return;
   }
   const kernels::BlockRunner runner(x, n);
-  const double result = arithmetic::log_sum_exp(runner, n);
+  const double result = arithmetic::log_sum_exp_in_memory(runner, n);
   if (runner.is_first()) {
     out[0] = result;
   }
