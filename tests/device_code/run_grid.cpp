@@ -151,6 +151,20 @@ void run_case(CudaGrid& grid, const launches::HostLibrary& host, const Case& one
   require_clean_workspaces();
 }
 
+// A block that a kernel cannot work with ends in a trap, which a caller sees as an error: not in a
+// wrong result, and not in a wait without end.
+void require_trap(CudaGrid& grid, const launches::HostLibrary& host, const Case& one) {
+  try {
+    run_case(grid, host, one);
+  } catch (const Failure& failure) {
+    if (std::string(failure.what()).find("a trap") != std::string::npos) {
+      return;
+    }
+    throw;
+  }
+  throw Failure("the kernel does not refuse this block");
+}
+
 // The process of one kernel.
 [[noreturn]] void run_kernel(const Options& options, const kernels::KernelRow& row,
                              Progress& progress) {
@@ -159,7 +173,16 @@ void run_case(CudaGrid& grid, const launches::HostLibrary& host, const Case& one
   try {
     const launches::HostLibrary host(options.library.c_str());
     CudaGrid grid;
-    for (const Case& one : grid_cases_of(row, options.is_long, options.seed)) {
+    const std::vector<Case> cases = grid_cases_of(row, options.is_long, options.seed);
+    if (const std::string missing = what_is_missing(row, cases); !missing.empty()) {
+      throw Failure("the cases lack:" + missing);
+    }
+    for (const Case& one : trapping_cases_of(row, options.seed)) {
+      std::snprintf(progress.launch, sizeof progress.launch, "%s", launches::name_of(one).c_str());
+      require_trap(grid, host, one);
+      ++progress.launches;
+    }
+    for (const Case& one : cases) {
       if (launches::most_elements(one) > options.most_elements) {
         continue;
       }
