@@ -54,7 +54,7 @@ alignas(16) __device__
 
 class BlockRunner {
  public:
-  __device__ __forceinline__ BlockRunner(const double* x, std::int64_t n) : x_(x), n_(n) {
+  __device__ __forceinline__ BlockRunner(const double* x, std::int64_t n) : x_(x) {
     const std::int64_t count = thread_.threads();
     const std::int64_t index = thread_.index();
     const std::int64_t rest = n % count;
@@ -100,7 +100,6 @@ class BlockRunner {
  private:
   DeviceThread thread_;
   const double* x_;
-  std::int64_t n_;
   std::int64_t begin_;  // the run of this thread
   std::int64_t end_;
 };
