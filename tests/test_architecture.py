@@ -180,15 +180,33 @@ def test_one_header_tells_host_from_device():
     assert telling == ["korvex/arithmetic/base/portability.h"]
 
 
-def test_clang_tidy_reads_every_header_of_the_host():
+def test_clang_tidy_reads_every_header():
     """Its filter is searched in the header's path; a header that does not match is not checked."""
     text = (SOURCE_TREE / ".clang-tidy").read_text()
     pattern = json.loads(re.search(r'^HeaderFilterRegex: (".*")$', text, re.MULTILINE).group(1))
-    headers = [path for path in source_files() if path.suffix == ".h" and path.parts[-2] != "cmake"]
+    headers = [
+        path
+        for path in source_files()
+        if path.suffix in (".h", ".cuh", ".cu") and path.parts[-2] != "cmake"
+    ]
     assert len(headers) > 50
     assert [relative(path) for path in headers if not re.search(pattern, str(path))] == []
     assert not re.search(pattern, "/usr/include/python3.12/object.h")
     assert not re.search(pattern, "/x/.venv/include/python3.12/internal/pycore_object.h")
+
+
+def test_clang_tidy_reads_the_device_code_through_its_host_build():
+    """And leaves out no source: the Makefile names none that it does not read."""
+    makefile = (SOURCE_TREE / "Makefile").read_text()
+    assert "$(patsubst %,build/tidy/%.ok,$(filter %.cpp,$(CXX_FILES)))" in makefile
+    reached = ["tests/device_code/device_kernels.cpp"]
+    for name in reached:
+        included = re.findall(r'#include "([^"]+)"', (SOURCE_TREE / name).read_text())
+        reached += [path for path in included if path not in reached]
+    device = SOURCE_TREE / "korvex/kernels/device"
+    files = {relative(path) for path in device.iterdir() if path.suffix in (".h", ".cuh", ".cu")}
+    assert len(files) > 10
+    assert sorted(files - set(reached)) == []
 
 
 def test_host_and_device_files_of_a_family_have_the_same_name():

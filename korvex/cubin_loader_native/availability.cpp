@@ -60,7 +60,7 @@ std::string why_no_device(const KernelFiles& files) {
   }
   std::string seen;
   for (const Capability& device : *devices) {
-    if (files.choose(device)) {
+    if (!files.fitting(device).empty()) {
       return {};
     }
     seen += (seen.empty() ? "sm_" : ", sm_") + device.digits();

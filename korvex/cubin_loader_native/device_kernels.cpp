@@ -2,6 +2,7 @@
 // Loading the kernels on one device.
 #include "korvex/cubin_loader_native/device_kernels.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <fstream>
 #include <iterator>
@@ -18,6 +19,21 @@ std::string read_image(const std::filesystem::path& path) {
   }
   image.push_back('\0');
   return image;
+}
+
+// What the driver says of a file that is not for this device, or for a newer driver.
+constexpr Result kRefusals[] = {
+    200,  // CUDA_ERROR_INVALID_IMAGE
+    209,  // CUDA_ERROR_NO_BINARY_FOR_GPU
+    218,  // CUDA_ERROR_INVALID_PTX
+    221,  // CUDA_ERROR_JIT_COMPILER_NOT_FOUND
+    222,  // CUDA_ERROR_UNSUPPORTED_PTX_VERSION
+    223,  // CUDA_ERROR_JIT_COMPILATION_DISABLED
+    300,  // CUDA_ERROR_INVALID_SOURCE
+};
+
+bool is_refusal(Result result) {
+  return std::ranges::find(kRefusals, result) != std::end(kRefusals);
 }
 
 }  // namespace
@@ -45,14 +61,27 @@ LoadedModule::LoadedModule(const Driver& driver, const KernelFile& file) : drive
     throw_failed_call(driver_.module_load.name(), result);
   } catch (const DeviceFailure& failure) {
     const std::string compiler_log = log[0] == '\0' ? "" : std::string("\n") + log;
-    throw DeviceFailure(file.path.string() + ": " + failure.what() + compiler_log);
+    const std::string text = file.path.string() + ": " + failure.what() + compiler_log;
+    if (is_refusal(result)) {
+      throw RefusedFile(text);
+    }
+    throw DeviceFailure(text);
   }
 }
 
-void DeviceKernels::load(const KernelFile& file) {
+std::size_t DeviceKernels::load(const std::vector<KernelFile>& files) {
   CurrentContext current(driver_, context());
-  module_ = std::make_unique<LoadedModule>(driver_, file);
-  current.leave();
+  std::string refusals;
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    try {
+      module_ = std::make_unique<LoadedModule>(driver_, files[i]);
+      current.leave();
+      return i;
+    } catch (const RefusedFile& refusal) {
+      refusals += (i == 0 ? "" : "\n") + std::string(refusal.what());
+    }
+  }
+  throw DeviceFailure(refusals);
 }
 
 DeviceKernels::~DeviceKernels() {

@@ -24,10 +24,15 @@ struct DeviceInfo {
   int multiprocessors = 0;
 };
 
+struct RefusedFile : DeviceFailure {
+  using DeviceFailure::DeviceFailure;
+};
+
 // A module in a context that is current at construction and at destruction.
 class LoadedModule {
  public:
-  // DeviceFailure if the file cannot be read or the driver does not take it.
+  // DeviceFailure if the file cannot be read or loading it fails; RefusedFile where the driver has
+  // no use for this file, and may have for another.
   LoadedModule(const Driver& driver, const KernelFile& file);
   ~LoadedModule() { driver_.module_unload.attempt(module_); }
   LoadedModule(const LoadedModule&) = delete;
@@ -55,8 +60,10 @@ class DeviceKernels {
   DeviceKernels(const DeviceKernels&) = delete;
   DeviceKernels& operator=(const DeviceKernels&) = delete;
 
-  // Loads the file there. Once, before anything else; after a failure the object is of no use.
-  void load(const KernelFile& file);
+  // Loads the first of the files that the driver takes, and returns how many it refused before.
+  // Where it takes none, the failure tells of each. Once, before anything else; after a failure
+  // the object is of no use. Precondition: there is a file.
+  std::size_t load(const std::vector<KernelFile>& files);
 
   Context context() const { return context_.handle(); }
 

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
+#include <optional>
 #include <string_view>
 #include <tuple>
 #include <utility>
@@ -80,17 +82,15 @@ KernelFiles::KernelFiles(std::filesystem::path folder) : folder_(std::move(folde
       files_, {}, [](const KernelFile& file) { return std::tuple(file.is_ptx, file.capability); });
 }
 
-std::optional<KernelFile> KernelFiles::choose(Capability device) const {
-  std::optional<KernelFile> best;
-  for (const KernelFile& file : files_) {
-    if (file.is_ptx && best && !best->is_ptx) {
-      break;
-    }
-    if (runs_on(file, device)) {
-      best = file;
-    }
-  }
-  return best;
+std::vector<KernelFile> KernelFiles::fitting(Capability device) const {
+  std::vector<KernelFile> fitting;
+  std::ranges::copy_if(files_, std::back_inserter(fitting),
+                       [&](const KernelFile& file) { return runs_on(file, device); });
+  const auto is_better = [](const KernelFile& a, const KernelFile& b) {
+    return a.is_ptx == b.is_ptx ? a.capability > b.capability : b.is_ptx;
+  };
+  std::ranges::sort(fitting, is_better);
+  return fitting;
 }
 
 std::string KernelFiles::list() const {

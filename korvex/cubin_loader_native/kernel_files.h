@@ -9,7 +9,6 @@
 
 #include <compare>
 #include <filesystem>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,9 +37,9 @@ class KernelFiles {
   bool empty() const { return files_.empty(); }
   const std::filesystem::path& folder() const { return folder_; }
 
-  // The file for a device: its own machine code, else that of the closest lower minor version,
-  // else the newest PTX that is not newer than the device.
-  std::optional<KernelFile> choose(Capability device) const;
+  // The files for a device, the best first: its own machine code, that of lower minor versions
+  // from the closest on, then PTX that is not newer than the device, the newest first.
+  std::vector<KernelFile> fitting(Capability device) const;
 
   // "sm_80, sm_90, compute_90"
   std::string list() const;

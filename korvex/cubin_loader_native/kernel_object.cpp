@@ -74,10 +74,7 @@ PyObject* kernel_function(PyObject* self, Handle const* arguments, Py_ssize_t co
     Launch launch;
     launch.kernel = as_kernel(self)->row;
     launch.grid = read_grid(row, arguments[0]);
-    launch.block = read_block(row.name, arguments[1]);
-    if (has_own_block(row) && launch.block != Extent{row.block, 1, 1}) {
-      raise_formatted(PyExc_ValueError, messages::kOwnBlock, row.name, row.block, arguments[1]);
-    }
+    launch.block = read_block(row, arguments[1]);
     const Handle args = arguments[2];
     if (PyTuple_Check(args) == 0) {
       raise_formatted(PyExc_TypeError, messages::kArgsType, row.name, Py_TYPE(args)->tp_name);

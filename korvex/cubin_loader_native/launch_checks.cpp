@@ -151,10 +151,14 @@ Extent read_grid(const KernelRow& row, Handle value) {
   return grid;
 }
 
-Extent read_block(const char* kernel, Handle value) {
-  const Extent block = read_extent(kernel, value, kBlockLimits);
-  if (block[0] * block[1] * block[2] > kMostThreads) {
-    raise_formatted(PyExc_ValueError, messages::kExtentRange, kernel, kBlockLimits.what, value);
+Extent read_block(const KernelRow& row, Handle value) {
+  const Extent block = read_extent(row.name, value, kBlockLimits);
+  const unsigned most = row.block == 0 ? kernels::kMostThreadsOfFunction : kMostThreads;
+  if (block[0] * block[1] * block[2] > most) {
+    raise_formatted(PyExc_ValueError, messages::kExtentRange, row.name, kBlockLimits.what, value);
+  }
+  if (row.block != 0 && block != Extent{row.block, 1, 1}) {
+    raise_formatted(PyExc_ValueError, messages::kOwnBlock, row.name, row.block, value);
   }
   return block;
 }

@@ -12,9 +12,11 @@ namespace korvex::cubin_loader {
 // shorter than the sizes say.
 void take_arguments(Launch& launch, Handle const* arguments, Py_ssize_t count);
 
-// A grid or a block within the limits that every CUDA device has. A grid may have an extent of 0.
-// A kernel that strides along y takes any number of blocks there, and gets the most that it can.
+// A grid within the limits that every CUDA device has; it may have an extent of 0. A kernel that
+// strides along y takes any number of blocks there, and gets the most that it can.
 Extent read_grid(const KernelRow& row, Handle value);
-Extent read_block(const char* kernel, Handle value);
+
+// A block that the kernel is compiled for: its own, or as many threads as a caller may ask for.
+Extent read_block(const KernelRow& row, Handle value);
 
 }  // namespace korvex::cubin_loader

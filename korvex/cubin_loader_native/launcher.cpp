@@ -16,7 +16,7 @@ Launcher::Launcher(std::filesystem::path folder, LaunchChoice choice)
   driver_.device_count(&count);
   for (int ordinal = 0; ordinal < count; ++ordinal) {
     const DeviceInfo info(driver_, ordinal);
-    devices_.push_back(std::make_unique<DeviceSlot>(info, files_.choose(info.capability)));
+    devices_.push_back(std::make_unique<DeviceSlot>(info, files_.fitting(info.capability)));
   }
   if (devices_.empty()) {
     throw DeviceFailure("no CUDA device is visible to this process");
@@ -49,15 +49,20 @@ std::size_t Launcher::current_ordinal() const {
 
 std::size_t Launcher::choose_first() const {
   const std::size_t current = current_ordinal();
-  if (devices_[current]->file) {
+  if (!devices_[current]->files.empty()) {
     return current;
   }
-  const auto fits = [](const auto& slot) { return slot->file.has_value(); };
+  const auto fits = [](const auto& slot) { return !slot->files.empty(); };
   const auto first = std::ranges::find_if(devices_, fits);
   if (first == devices_.end()) {
     throw DeviceFailure(why_none_fits(devices_[current]->info));
   }
   return static_cast<std::size_t>(first - devices_.begin());
+}
+
+std::filesystem::path Launcher::first_path() {
+  const std::lock_guard guard(mutex_);
+  return devices_[first_]->files.front().path;
 }
 
 std::string Launcher::why_none_fits(const DeviceInfo& device) const {
@@ -112,7 +117,7 @@ std::size_t Launcher::device_of(const Launch& launch) const {
     return static_cast<std::size_t>(ordinal);
   }
   const std::size_t current = current_ordinal();
-  return devices_[current]->file ? current : first_;
+  return devices_[current]->files.empty() ? first_ : current;
 }
 
 int Launcher::ordinal_of(const ArrayArgument& array) const {
@@ -133,11 +138,12 @@ int Launcher::ordinal_of(const ArrayArgument& array) const {
 DeviceKernels& Launcher::kernels_on(DeviceSlot& slot) {
   const std::lock_guard guard(mutex_);
   if (slot.kernels == nullptr) {
-    if (!slot.file) {
+    if (slot.files.empty()) {
       throw DeviceFailure(why_none_fits(slot.info));
     }
     auto kernels = std::make_unique<DeviceKernels>(driver_, slot.info);
-    kernels->load(*slot.file);
+    const std::size_t refused = kernels->load(slot.files);
+    slot.files.erase(slot.files.begin(), slot.files.begin() + static_cast<std::ptrdiff_t>(refused));
     slot.kernels = std::move(kernels);
   }
   return *slot.kernels;

@@ -32,14 +32,15 @@ class Launcher {
 
   // The current device if it has a fitting file, else the first that has.
   const DeviceInfo& first_device() const { return devices_[first_]->info; }
-  const std::filesystem::path& first_path() const { return devices_[first_]->file->path; }
+  // The file whose kernels run there; before the first launch, the one to be tried first.
+  std::filesystem::path first_path();
 
   void launch(const Launch& launch);
 
  private:
   struct DeviceSlot {
     DeviceInfo info;
-    std::optional<KernelFile> file;
+    std::vector<KernelFile> files;  // that fit, the best first; those refused are taken out
     std::unique_ptr<DeviceKernels> kernels;  // made by the first launch on the device
   };
 
@@ -59,7 +60,7 @@ class Launcher {
   KernelFiles files_;
   std::vector<std::unique_ptr<DeviceSlot>> devices_;  // by ordinal, never empty
   std::size_t first_ = 0;
-  std::mutex mutex_;  // guards the making of DeviceSlot::kernels
+  std::mutex mutex_;  // guards the making of DeviceSlot::kernels, and files from then on
 };
 
 }  // namespace korvex::cubin_loader

@@ -18,7 +18,6 @@ struct LoaderState {
   std::shared_ptr<Launcher> launcher;
   Object kernels;  // dict: each kernel object by its name
   Object arch;
-  Object cubin_path;
 };
 
 struct LoaderObject {
@@ -67,13 +66,17 @@ Object make_path(const std::filesystem::path& path) {
   return module.get(text("Path")).call(name);
 }
 
+// Waits for a thread that is loading a file just now.
+Object first_path_of(const LoaderState& state) {
+  return make_path(without_lock([&] { return state.launcher->first_path(); }));
+}
+
 LoaderState make_state(PyTypeObject* type) {
   const auto* module_state = static_cast<ModuleState*>(PyType_GetModuleState(type));
   LoaderState state;
   state.launcher = make_launcher(chosen_launches());
   state.kernels = make_kernels(module_state->kernel_type, state.launcher);
   state.arch = text(("sm_" + state.launcher->first_device().capability.digits()).c_str());
-  state.cubin_path = make_path(state.launcher->first_path());
   return state;
 }
 
@@ -126,15 +129,19 @@ PyObject* loader_get_kernel(PyObject* self, PyObject* name) {
 
 PyObject* loader_repr(PyObject* self) {
   const LoaderState& state = state_of(self);
-  return PyUnicode_FromFormat("<NativeCubinLoader %U %S>", state.arch.handle(),
-                              state.cubin_path.handle());
+  const auto body = [&] {
+    const Object path = first_path_of(state);
+    return PyUnicode_FromFormat("<NativeCubinLoader %U %S>", state.arch.handle(), path.handle());
+  };
+  return guarded<PyObject*>(nullptr, body);
 }
 
 PyObject* get_arch(PyObject* self, void* /*closure*/) {
   return Object(state_of(self).arch).release();
 }
 PyObject* get_cubin_path(PyObject* self, void* /*closure*/) {
-  return Object(state_of(self).cubin_path).release();
+  const auto body = [&] { return first_path_of(state_of(self)).release(); };
+  return guarded<PyObject*>(nullptr, body);
 }
 
 PyGetSetDef attributes[] = {
@@ -142,7 +149,10 @@ PyGetSetDef attributes[] = {
      "Architecture of the device that was current when the loader was made, as in 'sm_90'.",
      nullptr},
     {"cubin_path", get_cubin_path, nullptr,
-     "pathlib.Path of the file whose kernels run on that device.", nullptr},
+     "pathlib.Path of the file whose kernels run on that device; before the first launch there, "
+     "of\n"
+     "the one that is tried first.",
+     nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
 

@@ -12,6 +12,7 @@ not what their methods answer. The messages are the loader's.
 
 from __future__ import annotations
 
+import math
 import re
 from typing import Any, NamedTuple, Protocol
 
@@ -24,6 +25,7 @@ _MOST_EXTENT = {
 }
 _MOST_STRIDING_GRID = (_MOST_BLOCKS, _MOST_BLOCKS, 65535)
 _MOST_THREADS = 1024
+_MOST_THREADS_OF_FUNCTION = 256  # of a block that the caller chooses: korvex/kernels/table.h
 _PARAMETER = re.compile(r"(\w+):(?:(i64)|(f64)(?:\[([\w*]+)\])?)")
 
 
@@ -172,6 +174,32 @@ def check_grid(kernel: str, grid: Any, strides_along_y: bool) -> tuple[int, int,
         return check_extent(kernel, "grid", grid)
     x, y, z = check_extent(kernel, "grid", grid, _MOST_STRIDING_GRID)
     return x, min(y, _MOST_BLOCKS_ALONG_Y), z
+
+
+def check_block(kernel: str, block: Any, own: int) -> tuple[int, int, int]:
+    """Check a block, and return its numbers.
+
+    Parameters
+    ----------
+    kernel : str
+        Its name, for messages.
+    block : tuple of three int
+    own : int
+        The threads of the kernel's own block; 0 for a kernel whose callers choose.
+
+    Raises
+    ------
+    TypeError
+        As `check_extent`.
+    ValueError
+        If it is out of range, has more threads than a caller may choose, or is not the kernel's.
+    """
+    extent = check_extent(kernel, "block", block)
+    if own == 0 and math.prod(extent) > _MOST_THREADS_OF_FUNCTION:
+        raise ValueError(f"{kernel}: block {block!r} is out of range")
+    if own != 0 and extent != (own, 1, 1):
+        raise ValueError(f"{kernel}: block must be ({own}, 1, 1), not {block!r}")
+    return extent
 
 
 def check_extent(

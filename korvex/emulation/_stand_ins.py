@@ -10,7 +10,7 @@ from typing import Any
 import torch
 
 from korvex.emulation._library import HostLibrary, KernelRow
-from korvex.emulation._signature import check_arguments, check_extent, check_grid, items_of
+from korvex.emulation._signature import check_arguments, check_block, check_grid, items_of
 from korvex.emulation._tensor import Tensor, host_alias
 
 _C_TYPES: dict[str, Any] = {
@@ -92,9 +92,7 @@ class Kernel:
     def _run(self, grid: Any, block: Any, arguments: Any) -> None:
         row = self._row
         grid_extent = check_grid(row.name, grid, row.strides_along_y)
-        block_extent = check_extent(row.name, "block", block)
-        if row.form == "launch" and block_extent != (row.block, 1, 1):
-            raise ValueError(f"{row.name}: block must be ({row.block}, 1, 1), not {block!r}")
+        block_extent = check_block(row.name, block, row.block)
         items = items_of(arguments)
         if items is None:
             raise TypeError(f"{row.name}: args must be a tuple, not {type(arguments).__name__}")

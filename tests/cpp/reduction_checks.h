@@ -52,6 +52,8 @@ class BlockOfThreads {
 
   const double* x() const { return x_; }
   std::int64_t n() const { return n_; }
+  bool is_first() const { return true; }
+  void sync() const {}
 
  private:
   const double* x_;

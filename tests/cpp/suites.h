@@ -18,5 +18,6 @@ void test_pairs();
 void test_elementary();
 void test_host_doubles();
 void test_reductions();
+void test_wide_numbers();
 
 }  // namespace korvex::test

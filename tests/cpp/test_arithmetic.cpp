@@ -18,5 +18,6 @@ int main() {
   korvex::test::test_elementary();
   korvex::test::test_host_doubles();
   korvex::test::test_reductions();
+  korvex::test::test_wide_numbers();
   return korvex::test::Tally::all().finish();
 }

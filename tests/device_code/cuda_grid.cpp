@@ -36,7 +36,9 @@ uint3 place_in(std::uint64_t number, const std::array<unsigned, 3>& extent) {
 }
 
 std::size_t shared_bytes() {
-  return static_cast<std::size_t>(__stop_korvex_shared - __start_korvex_shared);
+  // As addresses: to the language these are two arrays.
+  return reinterpret_cast<std::uintptr_t>(__stop_korvex_shared) -
+         reinterpret_cast<std::uintptr_t>(__start_korvex_shared);
 }
 
 // By one instruction, as AddressSanitizer forbids memcpy what lies between two variables.
@@ -249,14 +251,25 @@ std::string CudaGrid::who_waits() const {
 
 // --- Meetings
 
-void CudaGrid::sync_block() {
+bool CudaGrid::sync_block(Barrier barrier, bool vote) {
+  if (block_->at_barrier.empty()) {
+    block_->barrier = barrier;
+    block_->any_at_barrier = false;
+  } else if (block_->barrier != barrier) {
+    fail("barrier divergence: threads of a block wait at different barriers");
+  }
+  block_->any_at_barrier = block_->any_at_barrier || vote;
   block_->at_barrier.push_back(thread_->index);
   if (block_->at_barrier.size() == shape_.threads()) {
+    for (const unsigned index : block_->at_barrier) {
+      block_->threads[index].outcome = block_->any_at_barrier ? 1 : 0;
+    }
     block_->runnable.insert(block_->runnable.end(), block_->at_barrier.begin(),
                             block_->at_barrier.end());
     block_->at_barrier.clear();
   }
   leave();
+  return thread_->outcome != 0;
 }
 
 std::uint64_t CudaGrid::meet(Meet call, unsigned mask, std::uint64_t value, int distance) {
@@ -354,6 +367,7 @@ void CudaGrid::wait_for_copies(std::size_t groups_that_may_fly) {
 
 namespace {
 
+using korvex::test::Barrier;
 using korvex::test::CudaGrid;
 using korvex::test::Meet;
 
@@ -367,7 +381,10 @@ Number change(Number* target, const Change& change_it) {
 
 }  // namespace
 
-void __syncthreads() { CudaGrid::running().sync_block(); }
+void __syncthreads() { CudaGrid::running().sync_block(Barrier::kPlain, false); }
+int __syncthreads_or(int condition) {
+  return CudaGrid::running().sync_block(Barrier::kVote, condition != 0) ? 1 : 0;
+}
 void __syncwarp(unsigned mask) { CudaGrid::running().meet(Meet::kSyncWarp, mask, 0); }
 void __threadfence() { CudaGrid::running().maybe_pause(); }
 void __trap() { CudaGrid::running().fail("a trap"); }

@@ -30,6 +30,7 @@ constexpr unsigned kWarp = 32;
 
 // Where lanes of a warp, or threads of a block, wait for each other.
 enum class Meet { kAny, kMax, kShuffle, kSyncWarp };
+enum class Barrier { kPlain, kVote };
 
 struct WarpMeeting {
   Meet call = Meet::kAny;
@@ -60,6 +61,8 @@ struct GridBlock {
   std::vector<GridThread> threads;
   std::vector<unsigned> runnable;
   std::vector<unsigned> at_barrier;
+  Barrier barrier = Barrier::kPlain;
+  bool any_at_barrier = false;  // whether a thread that waits there votes yes
   std::vector<WarpMeeting> warps;
   unsigned alive = 0;
   std::vector<char> shared;  // its memory while another block runs
@@ -83,7 +86,7 @@ class CudaGrid {
   // The grid whose kernel runs. What follows is for the thread that runs.
   static CudaGrid& running();
   std::uint64_t meet(Meet call, unsigned mask, std::uint64_t value, int distance = 0);
-  void sync_block();
+  bool sync_block(Barrier barrier, bool vote);  // whether any thread votes yes
   void start_copy(const void* from, void* to, std::size_t bytes);
   void end_group_of_copies();
   void wait_for_copies(std::size_t groups_that_may_fly);

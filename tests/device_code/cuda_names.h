@@ -13,6 +13,7 @@
 #include <limits>
 #include <new>
 
+// NOLINTBEGIN(bugprone-reserved-identifier)
 #define __global__
 #define __device__
 #define __shared__ static __attribute__((section("korvex_shared")))
@@ -37,6 +38,7 @@ struct alignas(16) double2 {
 inline double2 __ldg(const double2* from) { return *from; }
 
 void __syncthreads();
+int __syncthreads_or(int condition);
 void __syncwarp(unsigned mask = 0xffffffff);
 void __threadfence();
 [[noreturn]] void __trap();
@@ -51,3 +53,4 @@ unsigned atomicOr(unsigned* target, unsigned bits);
 unsigned long long atomicOr(unsigned long long* target, unsigned long long bits);
 unsigned long long atomicAdd(unsigned long long* target, unsigned long long value);
 unsigned long long atomicExch(unsigned long long* target, unsigned long long value);
+// NOLINTEND(bugprone-reserved-identifier)

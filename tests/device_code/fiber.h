@@ -18,8 +18,16 @@
 #endif
 #endif
 #ifdef KORVEX_UNDER_ADDRESS_SANITIZER
-#include <sanitizer/asan_interface.h>
-#include <sanitizer/common_interface_defs.h>
+// As <sanitizer/asan_interface.h> and <sanitizer/common_interface_defs.h> declare them, which not
+// every tool that reads this has.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" {
+void __asan_poison_memory_region(const volatile void* from, std::size_t bytes);
+void __asan_unpoison_memory_region(const volatile void* from, std::size_t bytes);
+void __sanitizer_start_switch_fiber(void** fake_stack, const void* bottom, std::size_t bytes);
+void __sanitizer_finish_switch_fiber(void* fake_stack, const void** bottom, std::size_t* bytes);
+}
+// NOLINTEND(bugprone-reserved-identifier)
 #endif
 
 namespace korvex::test {

@@ -2,6 +2,9 @@
 // Shapes that a launch may have, and sizes around every border of the kernels' work.
 #include "tests/device_code/grid_cases.h"
 
+#include <algorithm>
+#include <string>
+
 namespace korvex::test {
 namespace {
 
@@ -66,6 +69,9 @@ constexpr std::int64_t kSizes[] = {
 #include "tests/launches/sizes.inc"
 };
 
+// Steps through the shapes of a size, to none of whose counts it has a common factor.
+constexpr std::size_t kStepOfShapes = 17;
+
 constexpr std::int64_t kMatrices[][3] = {{0, 3, 3},   {3, 0, 2},   {1, 1, 0},    {1, 1, 1},
                                          {5, 17, 33}, {17, 3, 70}, {16, 16, 16}, {33, 2, 129},
                                          {2, 40, 7},  {1, 65, 31}, {20, 20, 65}, {3, 3, 513}};
@@ -128,17 +134,67 @@ std::vector<Case> grid_cases_of(const Subject& subject, bool is_long, std::uint6
     // All shapes of the long run; else a few, others for each size.
     const std::size_t count = is_long ? shapes.size() : n > 5000 ? 2 : n > 600 ? 3 : 6;
     for (std::size_t i = 0; i < count; ++i) {
-      add(n, shapes[turn++ * 7 % shapes.size()]);
+      add(n, shapes[turn++ * kStepOfShapes % shapes.size()]);
     }
   }
   for (std::size_t notable = 0; notable < launches::notable_count(); ++notable) {
     const auto n = static_cast<std::int64_t>(launches::notable_size(notable));
     const std::vector<launches::Shape> shapes = shapes_for(subject, n);
-    Case& one = add(n, shapes[turn++ * 7 % shapes.size()]);
+    Case& one = add(n, shapes[turn++ * kStepOfShapes % shapes.size()]);
     one.data = Data::kNotable;
     one.notable = notable;
   }
   return cases;
+}
+
+std::vector<Case> trapping_cases_of(const Subject& subject, std::uint64_t seed) {
+  std::vector<Case> cases;
+  for (const unsigned threads : kThreads) {
+    if (needs_a_warp(subject) && threads < 32) {
+      Case one = new_case(subject, seed++);
+      one.sizes = {{"n", 513}};
+      one.shape = {{1, 1, 1}, {threads, 1, 1}};
+      cases.push_back(one);
+    }
+  }
+  return cases;
+}
+
+std::string what_is_missing(const Subject& subject, const std::vector<Case>& cases) {
+  if (launches::is_matrix_product(*subject.row)) {
+    return "";
+  }
+  std::string missing;
+  const auto want = [&](const std::string& what, const auto& condition) {
+    missing += std::ranges::any_of(cases, condition) ? "" : " " + what + ";";
+  };
+  for (const unsigned threads : threads_for(subject)) {
+    want("blocks of " + std::to_string(threads), [&](const Case& one) {
+      return one.shape.block[0] == threads && one.shape.blocks() != 0 && one.sizes.at("n") > 1;
+    });
+  }
+  for (const std::int64_t n : kSizes) {
+    want("n of " + std::to_string(n),
+         [&](const Case& one) { return one.sizes.at("n") == n && one.shape.blocks() != 0; });
+  }
+  for (unsigned array = 0; array < 3; ++array) {
+    for (const std::uint64_t past : {0U, 8U}) {
+      want("array " + std::to_string(array) + " at " + std::to_string(past), [&](const Case& one) {
+        return one.bytes_past_16(array) == past && one.sizes.at("n") >= 2047;
+      });
+    }
+  }
+  const auto threads_of = [](const Case& one) {
+    return std::int64_t{one.shape.blocks()} * one.shape.threads();
+  };
+  want("no blocks", [](const Case& one) { return one.shape.blocks() == 0; });
+  want("more threads than elements", [&](const Case& one) {
+    return one.sizes.at("n") > 0 && threads_of(one) > one.sizes.at("n") + 1024;
+  });
+  want("several elements a thread", [&](const Case& one) {
+    return threads_of(one) != 0 && 4 * threads_of(one) < one.sizes.at("n");
+  });
+  return missing;
 }
 
 }  // namespace korvex::test

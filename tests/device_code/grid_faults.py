@@ -6,7 +6,7 @@ usage: grid_faults.py plant FOLDER           write the device code with all faul
 
 A fault that is not planted in exactly one place is an error. Two of them undo mendings: var and
 norm once read pairs of doubles from runs that start anywhere, and rms_norm once let parts of a warp
-vote.
+vote. In this code every element takes its last try (last_tries.py), where threads take turns.
 """
 
 import re
@@ -15,6 +15,8 @@ import sys
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 from typing import NamedTuple
+
+import last_tries
 
 SOURCE_TREE = Path(__file__).resolve().parents[2]
 DEVICE = Path("korvex/kernels/device")
@@ -155,6 +157,25 @@ FAULTS = (
         "result differs|buffer-overflow|out of bounds|too many steps",
     ),
     Fault(
+        "two threads use the memory of a last try at a time",
+        "tqx_sigmoid_kernel",
+        "unary.cuh",
+        "if (turn == thread.index() && i < n) {",
+        "if ((First == arithmetic::first_sigmoid ? turn / 2 == thread.index() / 2\n"
+        "                                            : turn == thread.index()) &&\n"
+        "          i < n) {",
+        "result differs|too many steps",
+    ),
+    Fault(
+        "a thread that has had its turn does not wait for the others",
+        "tqx_tanh_kernel",
+        "unary.cuh",
+        "      thread.sync_block();\n    }\n",
+        "      if (First != arithmetic::first_tanh || turn <= thread.index()) {\n"
+        "        thread.sync_block();\n      }\n    }\n",
+        "barrier divergence",
+    ),
+    Fault(
         "operands change places",
         "tqx_sub_kernel",
         "pairs.cuh",
@@ -166,6 +187,7 @@ FAULTS = (
 
 
 def plant(folder: Path) -> int:
+    last_tries.plant(folder)
     (folder / DEVICE).mkdir(parents=True, exist_ok=True)
     for source in sorted((SOURCE_TREE / DEVICE).iterdir()):
         if source.suffix not in (".h", ".cuh", ".cu"):

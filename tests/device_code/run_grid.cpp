@@ -3,6 +3,7 @@
 // whole device, and compares the results with those of the host kernels, bit for bit.
 //
 // usage: run_grid HOST_LIBRARY [--long] [--seed N] [--kernel NAME] [--hard-cases JSON] [--jobs N]
+//                 [--most-elements N]
 //
 // Each kernel has a process of its own, so what ends it, a sanitizer's report above all, is the
 // failure of one launch of one kernel, and named. Arrays lie between guards that may not be read,
@@ -17,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <limits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,6 +43,7 @@ struct Options {
   std::string kernel;
   std::uint64_t seed = 1;
   bool is_long = false;
+  std::int64_t most_elements = std::numeric_limits<std::int64_t>::max();
   unsigned jobs = std::thread::hardware_concurrency();
 };
 
@@ -145,9 +148,9 @@ void run_case(CudaGrid& grid, const launches::HostLibrary& host, const Case& one
       arrays.push_back(std::make_unique<GuardedArray>(
           arguments[i].values, one.bytes_past_16(static_cast<unsigned>(arrays.size()))));
       pointers[i] = arrays.back()->data();
-      values.push_back(&pointers[i]);
+      values.push_back(static_cast<void*>(&pointers[i]));
     } else {
-      values.push_back(&arguments[i].bits);
+      values.push_back(static_cast<void*>(&arguments[i].bits));
     }
   }
   fill_workspaces();
@@ -166,6 +169,20 @@ void run_case(CudaGrid& grid, const launches::HostLibrary& host, const Case& one
   }
 }
 
+// A block that a kernel cannot work with ends in a trap, which a caller sees as an error: not in a
+// wrong result, and not in a wait without end.
+void require_trap(CudaGrid& grid, const launches::HostLibrary& host, const Case& one) {
+  try {
+    run_case(grid, host, one);
+  } catch (const Failure& failure) {
+    if (std::string(failure.what()).find("a trap") != std::string::npos) {
+      return;
+    }
+    throw;
+  }
+  throw Failure("the kernel does not refuse this block");
+}
+
 // The process of one kernel.
 [[noreturn]] void run_kernel(const Options& options, const Subject& subject, Progress& progress) {
   const auto start = std::chrono::steady_clock::now();
@@ -173,7 +190,19 @@ void run_case(CudaGrid& grid, const launches::HostLibrary& host, const Case& one
   try {
     const launches::HostLibrary host(options.library.c_str());
     CudaGrid grid;
-    for (const Case& one : grid_cases_of(subject, options.is_long, options.seed)) {
+    const std::vector<Case> cases = grid_cases_of(subject, options.is_long, options.seed);
+    if (const std::string missing = what_is_missing(subject, cases); !missing.empty()) {
+      throw Failure("the cases lack:" + missing);
+    }
+    for (const Case& one : trapping_cases_of(subject, options.seed)) {
+      std::snprintf(progress.launch, sizeof progress.launch, "%s", launches::name_of(one).c_str());
+      require_trap(grid, host, one);
+      ++progress.launches;
+    }
+    for (const Case& one : cases) {
+      if (launches::most_elements(one) > options.most_elements) {
+        continue;
+      }
       std::snprintf(progress.launch, sizeof progress.launch, "%s", launches::name_of(one).c_str());
       run_case(grid, host, one);
       ++progress.launches;
@@ -274,6 +303,8 @@ Options options_of(int count, char** words) {
       options.kernel = value();
     } else if (word == "--hard-cases") {
       launches::read_hard_cases(value());
+    } else if (word == "--most-elements") {
+      options.most_elements = std::strtoll(value(), nullptr, 10);
     } else if (word == "--jobs") {
       options.jobs = static_cast<unsigned>(std::strtoul(value(), nullptr, 10));
     } else {

@@ -43,6 +43,14 @@ std::string name_of(const Case& one) {
   return name.str();
 }
 
+std::int64_t most_elements(const Case& one) {
+  std::int64_t most = 0;
+  for (const auto& [size, value] : one.sizes) {
+    most = std::max(most, value);
+  }
+  return most;
+}
+
 std::vector<Step> steps_of(const Case& one) {
   if (one.whole_device == nullptr) {
     return {{one.row->name, one.row->workspace}};

@@ -61,6 +61,7 @@ struct Case {
 };
 
 std::string name_of(const Case& one);
+std::int64_t most_elements(const Case& one);  // of its sizes the largest
 
 // What a loader does for a case, one after another: it clears some static memory and launches a
 // kernel, which takes the arguments of the row.

@@ -63,6 +63,8 @@ const Fault kFaults[] = {
     {"a barrier that a part of the block reaches", "tqx_neg_kernel", R"(ret;)", 0,
      "{ .reg .pred %few; .reg .b32 %at; mov.u32 %at, %tid.x; setp.lt.u32 %few, %at, 200; @%few bar.sync 0; } ret;",
      "tqx_neg_kernel", 257, 1, Data::kModerate, "barrier divergence"},
+    {"a vote of the block that is not held", "tqx_tanh_kernel", R"(bar\.red\.or\.pred\s.*;)", 0,
+     "", "tqx_tanh_kernel", 257, 1, Data::kModerate, "was never written|nobody wrote"},
     // --- Votes and shuffles
     {"a vote without lane 31", "tqx_sum_kernel", R"((vote\.sync\.any\.pred\s+%p\d+, %p\d+, )%r\d+)", 0,
      "$1 2147483647", "tqx_sum_kernel", 4609, 1, Data::kModerate, "wrong mask"},

@@ -165,6 +165,7 @@ class Machine {
   void leave(Warp& warp, Frame& frame, std::uint32_t mask);
   void exit_lanes(Warp& warp, std::uint32_t mask, std::int32_t pc);
   void arrive_at_barrier(Warp& warp, std::uint32_t mask, std::int32_t pc);
+  void vote_of_block(const Block& block, const Instruction& instruction, std::int32_t pc);
   void arrive_at_meeting(Warp& warp, std::uint32_t mask, std::int32_t pc);
   std::uint32_t mask_of_meeting(const Warp& warp, int lane, const Instruction& instruction) const;
   void meet(Warp& warp, std::uint32_t named, const Instruction& instruction, std::int32_t pc);

@@ -240,7 +240,8 @@ const Operation* Parser::resolve(std::string_view name, Instruction& instruction
 void Parser::assign(Instruction& instruction, const std::vector<Written>& operands) {
   const Kind kind = instruction.operation->kind;
   const bool has_result = kind == Kind::kCompute || kind == Kind::kLoad || kind == Kind::kAtomic ||
-                          (kind == Kind::kMeeting && operands.size() > 1);
+                          (kind == Kind::kMeeting && operands.size() > 1) ||
+                          (kind == Kind::kBarrier && operands.size() > 2);  // of a vote
   bool is_second = false;
   for (std::size_t i = 0; i < operands.size(); ++i) {
     const Written& written = operands[i];

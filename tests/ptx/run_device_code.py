@@ -4,12 +4,13 @@
 usage: run_device_code.py TOOL HOST_LIBRARY FOLDER [--long] [--part PART] [--nvrtc LIBRARY]
                           [--grid FOLDER]
 
-The ordinary run takes the PTX of one architecture, small arrays and all planted faults. The long
-one takes larger arrays and more seeds, and the PTX of further architectures, by NVRTC too where its
-library is given. With --grid the programs of the simulated grid in that folder run as well, which
-need no compiler for devices; the last line then has the figures of both. PART is compile, kernels
-or faults; without it all are done. PTX is kept in FOLDER and made anew when a source, a flag or the
-compiler has changed. Exit status 77: no nvcc on PATH, and no --grid.
+The ordinary run takes the PTX of one architecture, small arrays and all planted faults, and short
+arrays of which every element takes its last try (last_tries.py). The long one takes larger arrays
+and more seeds, and the PTX of further architectures, by NVRTC too where its library is given. With
+--grid the programs of the simulated grid in that folder run as well, which need no compiler for
+devices; the last line then has the figures of both. PART is compile, kernels or faults; without it
+all are done. PTX is kept in FOLDER and made anew when a source, a flag or the compiler has changed.
+Exit status 77: no nvcc on PATH, and no --grid.
 """
 
 import argparse
@@ -24,9 +25,12 @@ from pathlib import Path
 from typing import NamedTuple
 
 SOURCE_TREE = Path(__file__).resolve().parents[2]
+DEVICE_CODE = SOURCE_TREE / "tests" / "device_code"
 SOURCE = SOURCE_TREE / "korvex" / "kernels" / "device" / "kernels.cu"
 HARD_CASES = SOURCE_TREE / "tests" / "elementwise" / "hard_cases.json"
-GRID_FAULTS = SOURCE_TREE / "tests" / "device_code" / "grid_faults.py"
+GRID_FAULTS = DEVICE_CODE / "grid_faults.py"
+LAST_TRIES = DEVICE_CODE / "last_tries.py"
+WITH_LAST_TRIES = ("tqx_sigmoid_kernel", "tqx_tanh_kernel", "tqx_logsumexp_kernel")
 FIGURES = ("PTX machine:", "Simulated grid:")
 SKIPPED = 77
 ORDINARY = (("nvcc", 90),)
@@ -40,6 +44,8 @@ LONG = (
     ("nvrtc", 90),
 )
 LONG_SEEDS = (1, 1001, 2001)
+# Elements of an array, each of which takes a last try, in the ordinary run and in the long one.
+MOST_LAST_TRIES = ("33", "513")
 
 
 def flags_of(compiler: str) -> list[str]:
@@ -49,8 +55,10 @@ def flags_of(compiler: str) -> list[str]:
     return flags.split()
 
 
-def compile_command(compiler: str, architecture: int, target: Path, nvrtc: str) -> list[str]:
-    includes = [f"-I{SOURCE_TREE}", f"-I{SOURCE.parent}"]
+def compile_command(
+    compiler: str, architecture: int, target: Path, nvrtc: str, trees: tuple[Path, ...]
+) -> list[str]:
+    includes = [f"-I{folder}" for folder in (*trees, SOURCE_TREE, SOURCE.parent)]
     if compiler == "nvcc":
         command = ["nvcc", "-ptx", str(SOURCE), "-o", str(target), f"-arch=compute_{architecture}"]
     else:
@@ -60,9 +68,9 @@ def compile_command(compiler: str, architecture: int, target: Path, nvrtc: str) 
     return command + flags_of(compiler) + includes
 
 
-def fingerprint(command: list[str]) -> str:
+def fingerprint(command: list[str], trees: tuple[Path, ...]) -> str:
     """Of everything that the PTX is made from."""
-    folders = (SOURCE_TREE / "korvex" / "arithmetic", SOURCE_TREE / "korvex" / "kernels")
+    folders = (SOURCE_TREE / "korvex" / "arithmetic", SOURCE_TREE / "korvex" / "kernels", *trees)
     digest = hashlib.sha256("\0".join(command).encode())
     version = subprocess.run(["nvcc", "--version"], capture_output=True, check=True)
     digest.update(version.stdout)
@@ -72,12 +80,15 @@ def fingerprint(command: list[str]) -> str:
     return digest.hexdigest()
 
 
-def make_ptx(compiler: str, architecture: int, folder: Path, nvrtc: str) -> Path:
+def make_ptx(
+    compiler: str, architecture: int, folder: Path, nvrtc: str, trees: tuple[Path, ...] = ()
+) -> Path:
+    """The kernels, of which headers in `trees` stand before the tree's."""
     folder.mkdir(parents=True, exist_ok=True)
     target = folder / f"{compiler}_compute_{architecture}.ptx"
     stamp = target.with_suffix(".made-from")
-    command = compile_command(compiler, architecture, target, nvrtc)
-    made_from = fingerprint(command)
+    command = compile_command(compiler, architecture, target, nvrtc, trees)
+    made_from = fingerprint(command, trees)
     if not (target.exists() and stamp.exists() and stamp.read_text() == made_from):
         stamp.unlink(missing_ok=True)
         subprocess.run(command, check=True)
@@ -85,7 +96,19 @@ def make_ptx(compiler: str, architecture: int, folder: Path, nvrtc: str) -> Path
     return target
 
 
-def runs_of(arguments: argparse.Namespace, files: list[Path]) -> list[list[str]]:
+def make_last_tries(folder: Path, nvrtc: str) -> Path:
+    tree = folder / "last_tries"
+    subprocess.run([sys.executable, str(LAST_TRIES), str(tree)], check=True)
+    return make_ptx(*ORDINARY[0], tree, nvrtc, (tree,))
+
+
+def last_tries_runs(command: list[str], is_long: bool) -> list[list[str]]:
+    """A program on the kernels whose every element takes its last try."""
+    most = ["--most-elements", MOST_LAST_TRIES[is_long]]
+    return [[*command, *most, "--kernel", kernel] for kernel in WITH_LAST_TRIES]
+
+
+def runs_of(arguments: argparse.Namespace, files: list[Path], last: Path) -> list[list[str]]:
     """The command lines of the tool."""
     tool = [arguments.tool, arguments.library]
     hard = ["--hard-cases", str(HARD_CASES)]
@@ -98,6 +121,7 @@ def runs_of(arguments: argparse.Namespace, files: list[Path]) -> list[list[str]]
             for seed in LONG_SEEDS
         ]
         kernels += [[*tool, str(path), *hard, "--kernels-only"] for path in files[1:]]
+    kernels += last_tries_runs([*tool, str(last), "--kernels-only"], arguments.long)
     return {"kernels": kernels, "faults": faults, None: faults + kernels}[arguments.part]
 
 
@@ -110,7 +134,9 @@ def grid_runs(arguments: argparse.Namespace) -> list[list[str]]:
     faulty = [sys.executable, str(GRID_FAULTS), "check", str(arguments.grid / "run_faulty_grid")]
     seeds = LONG_SEEDS if arguments.long else (1,)
     long = ["--long"] if arguments.long else []
-    return [[program, *common, *long, "--seed", str(seed)] for seed in seeds] + [[*faulty, *common]]
+    runs = [[program, *common, *long, "--seed", str(seed)] for seed in seeds]
+    last = [str(arguments.grid / "run_last_tries_grid"), arguments.library]
+    return runs + last_tries_runs(last, arguments.long) + [[*faulty, *common]]
 
 
 class Outcome(NamedTuple):
@@ -151,9 +177,10 @@ def main() -> int:
             files = list(
                 pool.map(lambda each: make_ptx(*each, arguments.folder, arguments.nvrtc), wanted)
             )
+            last = make_last_tries(arguments.folder, arguments.nvrtc)
             if arguments.part == "compile":
                 return 0
-            runs = runs_of(arguments, files) + runs
+            runs = runs_of(arguments, files, last) + runs
         outcomes = list(pool.map(run, runs))
     if arguments.grid is not None:
         print("Device code: " + "; ".join(line for each in outcomes for line in each.figures))

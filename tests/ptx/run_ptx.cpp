@@ -3,12 +3,13 @@
 // plants faults in the PTX and wants each of them noticed.
 //
 // usage: run_ptx HOST_LIBRARY PTX... [--long] [--seed N] [--kernel NAME] [--hard-cases JSON]
-//                [--faults-only | --kernels-only] [--unreached]
+//                [--faults-only | --kernels-only] [--unreached] [--most-elements N]
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <fstream>
+#include <limits>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -24,6 +25,7 @@ struct Options {
   std::vector<std::string> files;
   std::string kernel;
   std::uint64_t seed = 1;
+  std::int64_t most_elements = std::numeric_limits<std::int64_t>::max();
   bool is_long = false;
   bool with_kernels = true;
   bool with_faults = true;
@@ -54,6 +56,8 @@ Options options_of(int count, char** words) {
       options.kernel = value();
     } else if (word == "--hard-cases") {
       launches::read_hard_cases(value());
+    } else if (word == "--most-elements") {
+      options.most_elements = std::strtoll(value(), nullptr, 10);
     } else if (word == "--faults-only") {
       options.with_kernels = false;
     } else if (word == "--kernels-only") {
@@ -110,6 +114,9 @@ void run_kernels(const Options& options, const HostLibrary& host, const std::str
     const auto start = std::chrono::steady_clock::now();
     const Figures before = machine.figures();
     for (const Case& one : cases_of(subject, options.is_long, options.seed)) {
+      if (launches::most_elements(one) > options.most_elements) {
+        continue;
+      }
       try {
         run_case(machine, host, one);
       } catch (const Failure& failure) {

@@ -163,6 +163,7 @@ void add_warp_operations(Table& table) {
   add_meeting(table, "redux.sync.xor.b32", &reduce<Reduction::kXor, std::uint32_t>);
   add_meeting(table, "bar.warp.sync", &sync_warp);
   add_control(table, "bar.sync", Kind::kBarrier);
+  add_control(table, "bar.red.or.pred", Kind::kBarrier);
   add_control(table, "bra", Kind::kBranch);
   add_control(table, "call", Kind::kCall);
   add_control(table, "ret", Kind::kReturn);

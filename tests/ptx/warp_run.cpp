@@ -375,6 +375,8 @@ void Machine::arrive_at_barrier(Warp& warp, std::uint32_t mask, std::int32_t pc)
     throw Failure("barrier divergence: others wait at PTX line " +
                   std::to_string(module_->code[static_cast<std::size_t>(block.barrier_pc)].line));
   }
+  const Instruction& instruction = module_->code[static_cast<std::size_t>(pc)];
+  check_operands(Group{*this, warp, *warp.frames[first_of(mask)], mask, pc}, instruction);
   block.barrier_pc = pc;
   block.waiting += static_cast<std::uint32_t>(std::popcount(mask));
   put(warp, mask, pc);
@@ -385,6 +387,9 @@ void Machine::arrive_at_barrier(Warp& warp, std::uint32_t mask, std::int32_t pc)
     return;
   }
   block.waiting = 0;
+  if (instruction.to_count != 0) {
+    vote_of_block(block, instruction, pc);
+  }
   for (const auto& each : block.warps) {
     each->running = each->lanes;
     put(*each, each->lanes, pc + 1);
@@ -393,6 +398,22 @@ void Machine::arrive_at_barrier(Warp& warp, std::uint32_t mask, std::int32_t pc)
     });
   }
   clocks_.barrier(block.index);
+}
+
+// All threads of the block are here: each gets whether the condition is true in any.
+void Machine::vote_of_block(const Block& block, const Instruction& instruction, std::int32_t pc) {
+  const auto for_each_thread = [&](const auto& body) {
+    for (const auto& warp : block.warps) {
+      for_each_lane(warp->lanes, [&](int lane) {
+        Frame& frame = *warp->frames[static_cast<std::size_t>(lane)];
+        body(Group{*this, *warp, frame, 1U << lane, pc}, lane);
+      });
+    }
+  };
+  std::uint64_t any = 0;
+  for_each_thread(
+      [&](const Group& group, int lane) { any |= group.in(instruction.from[1])[lane]; });
+  for_each_thread([&](const Group& group, int lane) { group.out(instruction.to[0])[lane] = any; });
 }
 
 std::uint32_t Machine::mask_of_meeting(const Warp& warp, int lane,

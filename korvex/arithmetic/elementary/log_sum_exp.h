@@ -163,12 +163,10 @@ KORVEX_COLD SignedFixed<W> fixed_log(const Fixed<W>& a) {
          fixed_log1p(signed_difference(product, one));
 }
 
-// largest + log(sum) with W words. Precondition: |largest| < 2^62; a larger one is decided before.
+// A logarithm of a sum of n exponentials, with its sign, rounded.
 template <int W>
-KORVEX_COLD Rounded accurate_log_sum(double largest, const Fixed<W>& sum, std::int64_t n) {
-  const SignedFixed<W> start{fixed_magnitude<W>(largest), is_negative(largest)};
-  const SignedFixed<W> y = start + fixed_log(sum);
-  if (is_zero(y.magnitude)) {
+KORVEX_COLD Rounded rounded_log_sum(const Fixed<W>& magnitude, bool is_negative, std::int64_t n) {
+  if (is_zero(magnitude)) {
     return {0.0, false};
   }
   // Units: 2^24 of the sum, 2^25 of its logarithm, 2 for each term, 1 for the largest element.
@@ -176,8 +174,16 @@ KORVEX_COLD Rounded accurate_log_sum(double largest, const Fixed<W>& sum, std::i
   while (std::int64_t{1} << (uncertain_bits - 3) < n) {
     ++uncertain_bits;
   }
-  const Rounded result = rounded(y.magnitude, 0, uncertain_bits);
-  return {with_sign(result.value, y.is_negative), result.is_decided};
+  const Rounded result = rounded(magnitude, 0, uncertain_bits);
+  return {with_sign(result.value, is_negative), result.is_decided};
+}
+
+// largest + log(sum) with W words. Precondition: |largest| < 2^62; a larger one is decided before.
+template <int W>
+KORVEX_COLD Rounded accurate_log_sum(double largest, const Fixed<W>& sum, std::int64_t n) {
+  const SignedFixed<W> start{fixed_magnitude<W>(largest), is_negative(largest)};
+  const SignedFixed<W> y = start + fixed_log(sum);
+  return rounded_log_sum(y.magnitude, y.is_negative, n);
 }
 
 template <int W, class Runner>
@@ -194,18 +200,24 @@ KORVEX_HD Rounded accurate_try(const Runner& runner, double largest, std::int64_
 constexpr int kSecondTryWords = 5;         // 256 bits after the point
 constexpr int kThirdTryWords = kLn2Words;  // 1472
 
-// Of n elements: -infinity for none, or where all are -infinity; NaN where one is; +infinity where
-// one is; a single finite element itself, -0 as +0.
+// What the first try gives, and the largest element, for the wider ones.
+struct LogSumTry {
+  Rounded result;
+  double largest;
+};
+
+// Without the wider tries. Of n elements: -infinity for none, or where all are -infinity; NaN where
+// one is; +infinity where one is; a single finite element itself, -0 as +0.
 template <class Runner>
-KORVEX_HD double log_sum_exp(const Runner& runner, std::int64_t n) {
+KORVEX_HD LogSumTry first_log_sum_exp(const Runner& runner, std::int64_t n) {
   const LargestElement head = runner.template over<LargestElement>(
       [](const double* x, std::int64_t count, LargestElement& part) { part.add_range(x, count); });
   const double largest = head.value;
   if (head.has_nan) {
-    return canonical_nan();
+    return {{canonical_nan(), true}, largest};
   }
   if (!is_finite(largest) || head.finite_count == 1) {
-    return add_rn(largest, 0.0);
+    return {{add_rn(largest, 0.0), true}, largest};
   }
   const ExpSum sum =
       runner.template over<ExpSum>([=](const double* x, std::int64_t count, ExpSum& part) {
@@ -213,15 +225,20 @@ KORVEX_HD double log_sum_exp(const Runner& runner, std::int64_t n) {
           part.add_term(x[i], largest);
         }
       });
-  const Rounded first = fast_log_sum(largest, sum, n);
-  if (first.is_decided) {
-    return first.value;
+  return {fast_log_sum(largest, sum, n), largest};
+}
+
+template <class Runner>
+KORVEX_HD double log_sum_exp(const Runner& runner, std::int64_t n) {
+  const LogSumTry first = first_log_sum_exp(runner, n);
+  if (first.result.is_decided) {
+    return first.result.value;
   }
-  const Rounded second = accurate_try<kSecondTryWords>(runner, largest, n);
+  const Rounded second = accurate_try<kSecondTryWords>(runner, first.largest, n);
   if (second.is_decided) {
     return second.value;
   }
-  return accurate_try<kThirdTryWords>(runner, largest, n).value;
+  return accurate_try<kThirdTryWords>(runner, first.largest, n).value;
 }
 
 }  // namespace korvex::arithmetic

@@ -65,21 +65,26 @@ KORVEX_INLINE ScaledPairOf<Real> sigmoid_pair(Real x) {
   return {ratio.value, ratio.error, selected(is_positive, 0, e.exponent)};
 }
 
-// RN(1 / (1 + exp(-x))) for every x.
-KORVEX_INLINE double sigmoid(double x) {
+// What needs no exponential, and the fast phase.
+KORVEX_INLINE Rounded fast_sigmoid(double x) {
   if (is_nan(x)) {
-    return canonical_nan();
+    return {canonical_nan(), true};
   }
   if (x > kSigmoidOne) {
-    return 1.0;
+    return {1.0, true};
   }
   if (x < kSigmoidUnderflow) {
-    return 0.0;
+    return {0.0, true};
   }
   if (absolute(x) < 0x1p-53) {
-    return 0.5;
+    return {0.5, true};
   }
-  const Rounded fast = round_pair(sigmoid_pair(x), kSigmoidError);
+  return round_pair(sigmoid_pair(x), kSigmoidError);
+}
+
+// RN(1 / (1 + exp(-x))) for every x.
+KORVEX_INLINE double sigmoid(double x) {
+  const Rounded fast = fast_sigmoid(x);
   return fast.is_decided ? fast.value : widened_sigmoid(x);
 }
 
@@ -147,15 +152,15 @@ KORVEX_INLINE RoundedOf<Real> fast_tanh(Real x) {
   return rounding_test(ratio.value, ratio.error, error);
 }
 
-KORVEX_INLINE double tanh_of_magnitude(double x) {
+// What needs no exponential, and the fast phase. Precondition: x >= 0.
+KORVEX_INLINE Rounded tanh_of_magnitude(double x) {
   if (x > kTanhOne) {
-    return 1.0;
+    return {1.0, true};
   }
   if (x < kTanhLeast) {
-    return x;
+    return {x, true};
   }
-  const Rounded fast = fast_tanh(x);
-  return fast.is_decided ? fast.value : widened_tanh(x);
+  return fast_tanh(x);
 }
 
 // RN(tanh(x)) for every x.
@@ -163,7 +168,9 @@ KORVEX_INLINE double hyperbolic_tangent(double x) {
   if (is_nan(x)) {
     return canonical_nan();
   }
-  const double result = tanh_of_magnitude(absolute(x));  // once in the code, for both signs
+  const double magnitude = absolute(x);  // once in the code, for both signs
+  const Rounded fast = tanh_of_magnitude(magnitude);
+  const double result = fast.is_decided ? fast.value : widened_tanh(magnitude);
   return is_negative(x) ? -result : result;
 }
 

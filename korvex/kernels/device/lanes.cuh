@@ -36,7 +36,8 @@ struct DeviceBits {
   friend __device__ __forceinline__ DeviceBits& operator|=(DeviceBits& a, const DeviceBits& b) {
 #pragma unroll
     for (int i = 0; i < kDeviceLanes / 2; ++i) {
-      a.at[i] |= b.at[2 * i] | b.at[2 * i + 1];
+      const int first = 2 * i;
+      a.at[i] |= b.at[first] | b.at[first + 1];
     }
     return a;
   }

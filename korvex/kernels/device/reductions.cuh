@@ -14,7 +14,7 @@
 #include <new>
 
 #include "korvex/arithmetic/base/lanes.h"
-#include "korvex/arithmetic/elementary/log_sum_exp.h"
+#include "korvex/arithmetic/elementary/log_sum_exp_wide.h"
 #include "korvex/arithmetic/exact/element_product.h"
 #include "korvex/arithmetic/exact/norm.h"
 #include "korvex/arithmetic/exact/prefix_sums.h"
@@ -34,7 +34,7 @@ constexpr std::size_t larger(std::size_t a, std::size_t b) { return a > b ? a : 
 constexpr std::size_t kPartBytes =
     larger(larger(sizeof(arithmetic::Moments), sizeof(SegmentSum)),
            larger(sizeof(arithmetic::FastProduct),
-                  sizeof(arithmetic::FixedExpSum<arithmetic::kThirdTryWords>)));
+                  sizeof(arithmetic::WideExpSum<arithmetic::kThirdTryWords>)));
 
 struct alignas(16) PartMemory {
   unsigned char bytes[kPartBytes];
@@ -54,7 +54,7 @@ alignas(16) __device__
 
 class BlockRunner {
  public:
-  __device__ __forceinline__ BlockRunner(const double* x, std::int64_t n) : x_(x), n_(n) {
+  __device__ __forceinline__ BlockRunner(const double* x, std::int64_t n) : x_(x) {
     const std::int64_t count = thread_.threads();
     const std::int64_t index = thread_.index();
     const std::int64_t rest = n % count;
@@ -100,7 +100,6 @@ class BlockRunner {
  private:
   DeviceThread thread_;
   const double* x_;
-  std::int64_t n_;
   std::int64_t begin_;  // the run of this thread
   std::int64_t end_;
 };
@@ -216,7 +215,7 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kSingleBlock, 1)
     return;
   }
   const kernels::BlockRunner runner(x, n);
-  const double result = arithmetic::log_sum_exp(runner, n);
+  const double result = arithmetic::log_sum_exp_in_memory(runner, n);
   if (runner.is_first()) {
     out[0] = result;
   }

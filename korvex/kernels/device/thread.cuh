@@ -100,6 +100,10 @@ class DeviceThread {
   // What threads of the warp, of the block, did before this comes before what they do after.
   __device__ __forceinline__ void sync_warp() const { __syncwarp(); }
   __device__ __forceinline__ void sync_block() const { __syncthreads(); }
+  // The same, and whether it is true in any of them.
+  __device__ __forceinline__ bool any_of_block(bool condition) const {
+    return __syncthreads_or(condition ? 1 : 0) != 0;
+  }
 
  private:
   static constexpr unsigned kAllLanes = 0xffffffff;

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Kernels of one operand and one result per element: one thread an element, or several elements a
-// thread where the grid is too small for that.
+// thread where the grid is too small for that. The last tries of sigmoid and tanh have numbers of
+// 17 words, so a block has them once, 544 bytes, and its threads take turns.
 #pragma once
 
 #include "korvex/arithmetic/elementary/logarithm.h"
-#include "korvex/arithmetic/elementary/logistic.h"
+#include "korvex/arithmetic/elementary/logistic_wide.h"
 #include "korvex/arithmetic/elementary/unary.h"
 #include "korvex/kernels/device/thread.cuh"
 #include "korvex/kernels/table.h"
@@ -20,6 +21,38 @@ __device__ __forceinline__ void map_by_grid(const double* x, double* out, std::i
 #pragma unroll 1
   for (std::int64_t i = thread.block() * thread.threads() + thread.index(); i < n; i += stride) {
     out[i] = operation(x[i]);
+  }
+}
+
+// out[i] for a function whose last try works on memory of the block. A thread stops at an element
+// that the first tries leave open; when all threads have stopped or are done, those with such an
+// element take turns, and all go on. Whole blocks at a time, of any size.
+template <arithmetic::Rounded (*First)(double), double (*Last)(double, arithmetic::LastLogistic&)>
+__device__ __forceinline__ void map_in_tries(const double* x, double* out, std::int64_t n,
+                                             arithmetic::LastLogistic& memory) {
+  const DeviceThread thread;
+  const std::int64_t stride = thread.blocks() * thread.threads();
+  std::int64_t i = thread.block() * thread.threads() + thread.index();
+  for (;;) {
+#pragma unroll 1
+    for (; i < n; i += stride) {
+      const arithmetic::Rounded tried = First(x[i]);
+      if (!tried.is_decided) {
+        break;
+      }
+      out[i] = tried.value;
+    }
+    if (!thread.any_of_block(i < n)) {
+      return;
+    }
+#pragma unroll 1
+    for (int turn = 0; turn < thread.threads(); ++turn) {
+      if (turn == thread.index() && i < n) {
+        out[i] = Last(x[i], memory);
+        i += stride;
+      }
+      thread.sync_block();
+    }
   }
 }
 
@@ -78,7 +111,8 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock,
                                              korvex::kernels::kResidentElementaryBlocks)
     tqx_sigmoid_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
-  kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::sigmoid>());
+  __shared__ arithmetic::LastLogistic memory;
+  kernels::map_in_tries<arithmetic::first_sigmoid, arithmetic::last_sigmoid>(x, out, n, memory);
 }
 
 // out[i]: tanh(x[i]), correctly rounded.
@@ -86,7 +120,8 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kElementBlock,
                                              korvex::kernels::kResidentElementaryBlocks)
     tqx_tanh_kernel(const double* x, double* out, long long n) {
   using namespace korvex;
-  kernels::map_by_grid(x, out, n, kernels::Unary<arithmetic::hyperbolic_tangent>());
+  __shared__ arithmetic::LastLogistic memory;
+  kernels::map_in_tries<arithmetic::first_tanh, arithmetic::last_tanh>(x, out, n, memory);
 }
 
 // out[i]: x[i] where it is positive, else negative_slope * x[i].

@@ -21,6 +21,7 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -328,6 +329,9 @@ STUB_API int cuGetErrorName(int result, const char** text) {
       {kNotInitialized, "CUDA_ERROR_NOT_INITIALIZED"},
       {kNoDevice, "CUDA_ERROR_NO_DEVICE"},
       {kInvalidImage, "CUDA_ERROR_INVALID_IMAGE"},
+      {209, "CUDA_ERROR_NO_BINARY_FOR_GPU"},
+      {218, "CUDA_ERROR_INVALID_PTX"},
+      {222, "CUDA_ERROR_UNSUPPORTED_PTX_VERSION"},
       {kInvalidContext, "CUDA_ERROR_INVALID_CONTEXT"},
       {kNotFound, "CUDA_ERROR_NOT_FOUND"},
       {kIllegalAddress, "CUDA_ERROR_ILLEGAL_ADDRESS"},
@@ -496,8 +500,11 @@ STUB_API int cuModuleLoadDataEx(StubModule** module, const void* image, unsigned
                                 int* options, void** values) {
   const std::string text(static_cast<const char*>(image));
   const std::string first_line = text.substr(0, text.find('\n'));
-  const int failed =
-      enter("cuModuleLoadDataEx", first_line.starts_with("stub") ? first_line : "ELF");
+  int failed = enter("cuModuleLoadDataEx", first_line.starts_with("stub") ? first_line : "ELF");
+  constexpr std::string_view kRefused = "stub refused ";  // and the result
+  if (failed == kSuccess && first_line.starts_with(kRefused)) {
+    failed = std::stoi(first_line.substr(kRefused.size()));
+  }
   if (failed != kSuccess || first_line == "stub broken") {
     for (unsigned i = 0; i + 1 < option_count; ++i) {
       if (options[i] == 5 && options[i + 1] == 6) {

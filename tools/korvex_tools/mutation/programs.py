@@ -40,7 +40,7 @@ TEST_LEVEL, EQUIVALENCE_LEVEL = "-O1", "-O2"
 
 SUITES = (
     "eft bignum long_accumulator canonical exact_sum exact_state sum dot matrix_product pairs "
-    "elementary host_doubles reductions"
+    "elementary host_doubles reductions wide_numbers"
 ).split()
 HOST = "korvex/kernels/host"
 HOST_SOURCES = sorted(
