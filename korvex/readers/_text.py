@@ -224,10 +224,14 @@ class _FastParser:
         names = [str(index) for index in range(layout.width)]
         chosen = [names[index] for index in layout.indices]
         self._names = names
-        self._parse = csv.ParseOptions(
-            delimiter=delimiter or _NO_DELIMITER,
-            quote_char=False if delimiter is None else '"',
-            newlines_in_values=delimiter is not None,
+        # Looking for ends of lines in quotes costs a pass over the block, in vain without quotes.
+        self._parse_lines, self._parse_quoted = (
+            csv.ParseOptions(
+                delimiter=delimiter or _NO_DELIMITER,
+                quote_char=False if delimiter is None else '"',
+                newlines_in_values=quotes,
+            )
+            for quotes in (False, delimiter is not None)
         )
         self._convert = csv.ConvertOptions(
             include_columns=chosen,
@@ -239,10 +243,9 @@ class _FastParser:
         read = self._csv.ReadOptions(
             use_threads=False, block_size=len(block) + 1, column_names=self._names
         )
+        parse = self._parse_quoted if b'"' in block else self._parse_lines
         try:
-            table = self._csv.read_csv(
-                self._pyarrow.py_buffer(block), read, self._parse, self._convert
-            )
+            table = self._csv.read_csv(self._pyarrow.py_buffer(block), read, parse, self._convert)
         except self._pyarrow.ArrowInvalid:
             return None
         parsed = [_numbers_of(column) for column in table.columns]
