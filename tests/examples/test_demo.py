@@ -30,7 +30,7 @@ def example(monkeypatch):
 
 
 def figures(demo, title):
-    [block] = [b for b in demo.split("\n\n") if b.startswith(title + ": ")]
+    [block] = [b for b in demo.split("\n\n") if re.match(rf"{title}: \d+ values\n", b)]
     rows = {"title": block.partition("\n")[0]}
     return rows | {line[2:18].strip(): line[19:].strip() for line in block.splitlines()[1:]}
 
