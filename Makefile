@@ -54,7 +54,7 @@ help: ## this list
 	@sed -n 's/^\([a-z-]*\):.*## /make \1\t/p' Makefile | expand -t 16
 
 demo: install ## build, install and run the demonstration
-	@$(PY) examples/exact_sum.py --demo
+	@$(PY) examples/demo.py
 
 # TIMES=--write puts the table of times into docs/testing.md.
 TIMES ?=

@@ -21,6 +21,8 @@ myst_heading_anchors = 3
 html_theme = "furo"
 html_title = f"korvex {release}"
 html_show_sourcelink = False
+# Lies at the root of the site under the name that it has in the package.
+html_extra_path = ["../korvex/provenance/record-1.schema.json"]
 html_copy_source = False
 # Doc strings have lines of up to 100 characters, and should fit without scrolling.
 html_theme_options = {"light_css_variables": {"code-font-size": "75%"}, "footer_icons": []}

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The device that the sums run on: a CUDA device if this machine has one, else the emulated one."""
+"""The device of the demonstration: a CUDA device if this machine has one, else the emulated one."""
 
 import importlib
 import warnings

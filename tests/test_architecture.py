@@ -267,6 +267,36 @@ def imported_names(path: Path) -> set[str]:
     return found
 
 
+# Packages of Python alone, and the packages of ours that each may import beside its own.
+PYTHON_LAYERS = {
+    "exact": set(),
+    "readers": set(),
+    "provenance": {"exact", "readers"},
+    "command": {"exact", "readers", "provenance"},
+}
+
+
+def imported_parts(path: Path) -> set[str]:
+    """The packages of ours that a file imports from, at any depth of the file."""
+    found = set()
+    for node in ast.walk(ast.parse(path.read_text())):
+        names = [alias.name for alias in node.names] if isinstance(node, ast.Import) else []
+        if isinstance(node, ast.ImportFrom) and node.module == "korvex":
+            names = [f"korvex.{alias.name}" for alias in node.names]
+        elif isinstance(node, ast.ImportFrom) and node.module:
+            names = [node.module]
+        found |= {name.split(".")[1] for name in names if name.startswith("korvex.")}
+    return found
+
+
+@pytest.mark.parametrize("package", PYTHON_LAYERS)
+def test_package_imports_only_what_lies_below_it(package):
+    files = sorted((SOURCE_TREE / "korvex" / package).glob("*.py"))
+    assert files
+    wrong = {path.name: imported_parts(path) - PYTHON_LAYERS[package] - {package} for path in files}
+    assert {name: parts for name, parts in wrong.items() if parts} == {}
+
+
 def changes_of_the_search_path(text: str) -> list[str]:
     return re.findall(r"sys\.path\s*(?:\.\s*(?:insert|append|extend)\b|\+=)|addsitedir\(", text)
 

@@ -34,8 +34,11 @@ def test_only_python_files_and_built_objects_are_installed():
 
 
 def test_nothing_is_installed_outside_the_package():
-    folders = {path.parts[0] for path in distribution().files}
-    assert folders == {"korvex", "korvex_tqx-3.4.8.dist-info"}
+    """Save for the command, which lies where the interpreter's own programs do."""
+    files = distribution().files
+    inside = {"korvex", "korvex_tqx-3.4.8.dist-info"}
+    assert {path.name for path in files if path.parts[0] not in inside} <= {"korvex"}
+    assert {path.parts[0] for path in files} >= inside
 
 
 def test_licence_text_is_installed():
@@ -85,6 +88,17 @@ def test_tag_is_that_of_this_interpreter():
     assert tags and all(
         re.fullmatch(rf"{version}-{version}-(many)?linux\w*_x86_64", tag) for tag in tags
     )
+
+
+def test_command_is_a_console_script():
+    [entry_point] = distribution().entry_points.select(group="console_scripts")
+    assert (entry_point.name, entry_point.value) == ("korvex", "korvex.command:run")
+
+
+@pytest.mark.parametrize("package", ["pyarrow", "rich", "tqdm"])
+def test_extra_brings_what_the_command_needs(package):
+    required = [text.replace("'", '"') for text in distribution().requires]
+    assert [t for t in required if t.startswith(package) and t.endswith('extra == "cli"')]
 
 
 def test_pytest_finds_the_emulated_device():

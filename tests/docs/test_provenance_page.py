@@ -1,8 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-"""docs/provenance.md, line by line: its code is run, its odds and its record are worked out."""
+"""docs/provenance.md, line by line: its code is run, its odds are worked out."""
 
 import doctest
-import json
 import math
 import re
 from fractions import Fraction
@@ -25,7 +24,7 @@ def prose():
 
 def test_code_on_the_page_gives_what_stands_there(module):
     """All blocks in order, with the names of those before."""
-    assert len(blocks("pycon")) == 12
+    assert len(blocks("pycon")) == 13
     parser, runner, names = doctest.DocTestParser(), doctest.DocTestRunner(), {}
     report = []
     for number, text in enumerate(blocks("pycon")):
@@ -74,14 +73,3 @@ def test_tensor_that_requires_grad_is_refused(module):
 def test_checksum_does_not_depend_on_the_device(module):
     host = torch.arange(5, dtype=torch.float64)
     assert module.tqx_checksum(host) == module.tqx_checksum(host.to("cuda"))
-
-
-def test_record_on_the_page_is_computed(module, monkeypatch):
-    monkeypatch.syspath_prepend(TREE / "examples")
-    import audited_results
-    import sum_device
-
-    [text] = blocks("json")
-    _, results = audited_results.of_seed(sum_device.SumDevice(module, ""), 7)
-    [(name, entry)] = json.loads("{" + text + "}").items()
-    assert results[name] == entry

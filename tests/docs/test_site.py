@@ -148,6 +148,18 @@ def test_exact_sums_of_any_array_stand_there(entries):
     assert entries["korvex.exact.sum"][0].startswith("korvex.exact.sum(x:Any,/,*,axis:")
 
 
+def test_records_and_their_schema_stand_there(site, entries):
+    from korvex import provenance
+
+    prefix = "korvex.provenance."
+    for name in provenance.__all__:
+        assert_documented(entries[prefix + name], getattr(provenance, name))
+    for method in ("add", "add_file", "dumps", "write", "verify", "environment_changes"):
+        assert f"{prefix}Record.{method}" in entries
+    schema = TREE / "korvex" / "provenance" / "record-1.schema.json"
+    assert (site / schema.name).read_bytes() == schema.read_bytes()
+
+
 def test_names_stand_on_the_page_of_their_folder():
     for page in API.glob("*.md"):
         own = "tqx_runtime" if page.stem == "runtime" else f"functions/{page.stem}"

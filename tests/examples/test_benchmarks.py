@@ -15,6 +15,7 @@ SCRIPTS = sorted(path.stem for path in BENCHMARKS.glob("bench_*.py"))
 # The others time a GPU, and have no quick run.
 HOST_SCRIPTS = [name for name in SCRIPTS if not name.startswith("bench_gpu_")]
 RECORDS = sorted(BENCHMARKS.glob("results/bench_*.json"))
+NEEDED = {"bench_command": ("pyarrow", "rich", "tqdm")}
 TIMES = ("ns_", "ms", "milliseconds", "module_us", "plain_us", "seconds", "torch_seconds")
 
 
@@ -31,6 +32,8 @@ def run(script, *arguments):
 @pytest.fixture(scope="module", params=HOST_SCRIPTS)
 def quick(request, tmp_path_factory):
     """The name of a script, what a quick run prints and what it records."""
+    for package in NEEDED.get(request.param, ()):
+        pytest.importorskip(package)
     folder = tmp_path_factory.mktemp("results")
     output = run(request.param, "--quick", "--output", folder)
     [path] = folder.iterdir()

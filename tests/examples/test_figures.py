@@ -48,6 +48,7 @@ def test_documents_agree_with_the_records():
 def test_documents_quote_figures_in_several_places():
     assert {path.name for path, _ in blocks()} == {
         "README.md",
+        "command_line.md",
         "exact.md",
         "performance.md",
         "series.md",

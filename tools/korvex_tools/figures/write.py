@@ -284,6 +284,33 @@ def exact_cells(found: dict[str, Any]) -> list[str]:
     return [f"{short(found['kilobytes_held'])} kB beside the operands", ""]
 
 
+def command(records: Records) -> Lines:
+    record = records["bench_command"]
+    rows = [
+        [
+            part["data"],
+            f"`{r['candidate'].rpartition(': ')[2]}`",
+            short(r["ns_per_value_processor"]),
+            short(r["ns_per_value"]),
+        ]
+        for part in record["runs"]
+        for r in part["results"]
+    ]
+    settings = record["settings"]
+    return [
+        f"{settings['n']:,} values in {settings['columns']} columns, nanoseconds a value, pyarrow",
+        f"{settings['pyarrow']} ({machine(records, 'bench_command')}):",
+        "",
+        *table(["file", "candidate", "processor time", "on the clock"], rows),
+        "",
+        *(
+            f"- `{target['candidate']}`: {target['times']:.2f} times its time, "
+            f"at most {target['times_at_most']:g} wanted"
+            for target in record["runs"][0]["targets"]
+        ),
+    ]
+
+
 def series_errors(records: Records) -> Lines:
     return records["series_errors"]["table"]
 
@@ -322,6 +349,7 @@ BLOCKS: dict[str, Callable[[Records], Lines]] = {
         refined_solves,
         series_overhead,
         exact,
+        command,
     )
 }
 
