@@ -152,7 +152,7 @@ class Product {
     if (arithmetic::absolute(first) == arithmetic::kLargest) {
       return true;
     }
-    return narrow != nullptr && second == 0 &&
+    return narrow != nullptr && second == 0 && arithmetic::is_finite(first) &&
            rounded_once(first, 1, narrow) != rounded_once(first, -1, narrow);
   }
 
