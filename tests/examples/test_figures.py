@@ -49,6 +49,7 @@ def test_documents_quote_figures_in_several_places():
     assert {path.name for path, _ in blocks()} == {
         "README.md",
         "exact.md",
+        "larger_than_one_machine.md",
         "performance.md",
         "series.md",
         "solvers.md",
