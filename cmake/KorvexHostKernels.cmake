@@ -20,6 +20,7 @@ function(korvex_add_host_kernels target)
   add_library(${target} SHARED
     "${folder}/dot.cpp"
     "${folder}/exact.cpp"
+    "${folder}/exact_column_sums.cpp"
     "${folder}/exact_matrix_product.cpp"
     "${folder}/exact_prefix_sums.cpp"
     "${folder}/launch.cpp"

@@ -10,7 +10,9 @@ Importing this package imports NumPy and nothing else of that size.
 """
 
 from korvex.exact._accumulator import loads
+from korvex.exact._collectives import all_reduce, reduce_scatter_tensor
 from korvex.exact._functions import mean, std, sum, var, vector_norm
+from korvex.exact._gradients import GradientAccumulator
 from korvex.exact._moments import Moments
 from korvex.exact._products import cumulative_sum, matmul, vecdot
 from korvex.exact._sums import Dot, Sum
@@ -18,13 +20,16 @@ from korvex.exact._threads import get_threads, set_threads
 
 __all__ = [
     "Dot",
+    "GradientAccumulator",
     "Moments",
     "Sum",
+    "all_reduce",
     "cumulative_sum",
     "get_threads",
     "loads",
     "matmul",
     "mean",
+    "reduce_scatter_tensor",
     "set_threads",
     "std",
     "sum",

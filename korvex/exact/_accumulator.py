@@ -10,7 +10,7 @@ from __future__ import annotations
 
 from typing import TYPE_CHECKING, Any, ClassVar, Self
 
-from korvex.exact import _serial
+from korvex.exact import _processes, _serial
 from korvex.exact._state import State, Words
 
 if TYPE_CHECKING:
@@ -87,6 +87,66 @@ class Accumulator:
         if not isinstance(other, Accumulator) or type(other) is not type(self):
             return NotImplemented
         return self._state == other._state
+
+    # --- Of several processes
+
+    def all_reduce(self, group: Any = None, async_op: bool = False) -> Any:
+        """Take what the accumulators of all processes of a group were given, in each of them.
+
+        One message a process: `state` as a tensor of int64, which `torch.distributed` adds up. So
+        the result has the same bits for any number of processes and any cut of the data.
+
+        Parameters
+        ----------
+        group : ProcessGroup, optional
+            None is the default group of `torch.distributed`.
+        async_op : bool
+            Whether to return at once. Leave the accumulator alone then until the work is waited
+            for. Otherwise a call that fails leaves it as it was.
+
+        Returns
+        -------
+        None, or the Work of `torch.distributed` if asynchronous
+
+        Examples
+        --------
+        >>> import numpy as np
+        >>> import torch.distributed as dist
+        >>> from korvex import exact
+        >>> dist.init_process_group("gloo", store=dist.HashStore(), rank=0, world_size=1)
+        >>> total = exact.Sum()
+        >>> total.add(np.array([1e16, 1.0, -1e16]))
+        >>> total.all_reduce()
+        >>> total
+        Sum(count=3, value=1.0)
+        >>> dist.destroy_process_group()
+        """
+        return _processes.all_reduce_state(self._state, group, async_op)
+
+    def reduce(self, dst: int, group: Any = None) -> None:
+        """Take the same in one process; the accumulators of the others stay as they are.
+
+        Parameters
+        ----------
+        dst : int
+            The number of the process in the default group, as `torch.distributed.reduce` has it.
+        group : ProcessGroup, optional
+            None is the default group of `torch.distributed`.
+
+        Examples
+        --------
+        >>> import numpy as np
+        >>> import torch.distributed as dist
+        >>> from korvex import exact
+        >>> dist.init_process_group("gloo", store=dist.HashStore(), rank=0, world_size=1)
+        >>> total = exact.Sum()
+        >>> total.add(np.array([1e16, 1.0, -1e16]))
+        >>> total.reduce(0)
+        >>> total
+        Sum(count=3, value=1.0)
+        >>> dist.destroy_process_group()
+        """
+        _processes.reduce_state(self._state, dst, group)
 
     # --- What was added
 

@@ -13,14 +13,23 @@ import numpy as np
 from numpy import float64, ndarray
 
 from korvex.exact import _native, _statistics, _threads
-from korvex.exact._arrays import REAL_CHARACTERS, Operand, as_operand
+from korvex.exact._arrays import REAL_CHARACTERS
 from korvex.exact._homes import format_of, give_values
+from korvex.exact._spread import Spread, as_spread
 from korvex.exact._state import DOT, MOMENTS, SUM, accumulated
 
 Axis = int | tuple[int, ...] | None
 
 
-def sum(x: Any, /, *, axis: Axis = None, dtype: Any = None, keepdims: bool = False) -> Any:
+def sum(
+    x: Any,
+    /,
+    *,
+    axis: Axis = None,
+    dtype: Any = None,
+    keepdims: bool = False,
+    group: Any = None,
+) -> Any:
     """Return the sum of all elements, correctly rounded.
 
     Parameters
@@ -35,6 +44,10 @@ def sum(x: Any, /, *, axis: Axis = None, dtype: Any = None, keepdims: bool = Fal
         For complex arrays complex128 (default) or complex64.
     keepdims : bool
         Whether the result has as many axes as `x`, each of length 1.
+    group : ProcessGroup, optional
+        Of `torch.distributed`: the sum is over the arrays that all of its processes give, real ones
+        of any shapes and dtypes, and is returned in each. ``torch.distributed.group.WORLD`` is the
+        default group; None stands for this process alone.
 
     Returns
     -------
@@ -52,26 +65,39 @@ def sum(x: Any, /, *, axis: Axis = None, dtype: Any = None, keepdims: bool = Fal
     9007199254740994.0 (0.5+2j)
     """
     # The whole call should cost little more than numpy.sum of a few elements: such arrays first.
-    if type(x) is ndarray and axis is None and dtype is None and keepdims is False:
+    if type(x) is ndarray and axis is dtype is group is None and keepdims is False:
         if x.dtype.char in REAL_CHARACTERS and x.dtype.isnative:
             return float64(_native.sum(x, "float64", _threads.count))
-    operand = as_operand(x, "x")
+    spread = as_spread(x, "x", group)
+    operand = spread.operand
     form = format_of(dtype, operand.is_complex)
     shape = _reduced_shape(operand.shape, axis, keepdims)
-    values = [
-        _native.sum(half.values, form, _threads.count, half.format) for half in operand.halves()
-    ]
+    if spread.groups:
+        states = [spread.combined(accumulated(SUM, half)) for half in operand.halves()]
+        values = [state.limbs(form=form)[0] for state in states]
+    else:
+        values = [
+            _native.sum(half.values, form, _threads.count, half.format) for half in operand.halves()
+        ]
     return give_values(operand.home, values, form, shape)
 
 
-def mean(x: Any, /, *, axis: Axis = None, dtype: Any = None, keepdims: bool = False) -> Any:
+def mean(
+    x: Any,
+    /,
+    *,
+    axis: Axis = None,
+    dtype: Any = None,
+    keepdims: bool = False,
+    group: Any = None,
+) -> Any:
     """Return the mean of all elements, correctly rounded: the exact sum over their number.
 
     Parameters
     ----------
     x : array
         Real or complex, of any shape; of no elements the mean is NaN.
-    axis, dtype, keepdims
+    axis, dtype, keepdims, group
         As of `sum`.
 
     Returns
@@ -86,10 +112,11 @@ def mean(x: Any, /, *, axis: Axis = None, dtype: Any = None, keepdims: bool = Fa
     >>> print(exact.mean(np.array([1e308, 1e308, 1e308])))
     1e+308
     """
-    operand = as_operand(x, "x")
+    spread = as_spread(x, "x", group)
+    operand = spread.operand
     form = format_of(dtype, operand.is_complex)
     shape = _reduced_shape(operand.shape, axis, keepdims)
-    states = [accumulated(SUM, half) for half in operand.halves()]
+    states = [spread.combined(accumulated(SUM, half)) for half in operand.halves()]
     values = [_statistics.mean_of(state, form) for state in states]
     return give_values(operand.home, values, form, shape)
 
@@ -102,6 +129,7 @@ def var(
     correction: float = 0,
     dtype: Any = None,
     keepdims: bool = False,
+    group: Any = None,
 ) -> Any:
     """Return the variance of all elements, correctly rounded.
 
@@ -112,7 +140,7 @@ def var(
     correction : real number
         The divisor is the number of elements less this: 0 for the variance of the elements, 1 for
         the usual estimate from a sample. NaN where the divisor is not positive.
-    axis, dtype, keepdims
+    axis, dtype, keepdims, group
         As of `sum`.
 
     Returns
@@ -128,11 +156,12 @@ def var(
     >>> print(exact.var(x), exact.var(x, correction=1))
     22.5 30.0
     """
-    operand = _real_operand(x, "x", "var")
+    spread = _real_spread(x, "x", "var", group)
+    operand = spread.operand
     form = format_of(dtype)
     shape = _reduced_shape(operand.shape, axis, keepdims)
     taken = _statistics.checked_correction(correction)
-    state = accumulated(MOMENTS, *operand.halves())
+    state = spread.combined(accumulated(MOMENTS, *operand.halves()))
     return give_values(operand.home, [_statistics.variance_of(state, taken, form)], form, shape)
 
 
@@ -144,6 +173,7 @@ def std(
     correction: float = 0,
     dtype: Any = None,
     keepdims: bool = False,
+    group: Any = None,
 ) -> Any:
     """Return the standard deviation, correctly rounded: the root of the exact variance.
 
@@ -153,7 +183,7 @@ def std(
         Real, of any shape.
     correction : real number
         As of `var`.
-    axis, dtype, keepdims
+    axis, dtype, keepdims, group
         As of `sum`.
 
     Returns
@@ -168,16 +198,24 @@ def std(
     >>> print(exact.std(np.array([1.0, 2.0, 3.0, 4.0])))
     1.118033988749895
     """
-    operand = _real_operand(x, "x", "std")
+    spread = _real_spread(x, "x", "std", group)
+    operand = spread.operand
     form = format_of(dtype)
     shape = _reduced_shape(operand.shape, axis, keepdims)
     taken = _statistics.checked_correction(correction)
-    state = accumulated(MOMENTS, *operand.halves())
+    state = spread.combined(accumulated(MOMENTS, *operand.halves()))
     return give_values(operand.home, [_statistics.deviation_of(state, taken, form)], form, shape)
 
 
 def vector_norm(
-    x: Any, /, *, axis: Axis = None, keepdims: bool = False, ord: float = 2, dtype: Any = None
+    x: Any,
+    /,
+    *,
+    axis: Axis = None,
+    keepdims: bool = False,
+    ord: float = 2,
+    dtype: Any = None,
+    group: Any = None,
 ) -> Any:
     """Return the Euclidean norm of all elements, correctly rounded.
 
@@ -187,7 +225,7 @@ def vector_norm(
         Real, of any shape; of no elements the norm is 0.
     ord : 2
         No other norm is there.
-    axis, dtype, keepdims
+    axis, dtype, keepdims, group
         As of `sum`.
 
     Returns
@@ -202,21 +240,22 @@ def vector_norm(
     >>> print(exact.vector_norm(np.array([3e-200, 4e-200])))
     5e-200
     """
-    operand = _real_operand(x, "x", "vector_norm")
+    spread = _real_spread(x, "x", "vector_norm", group)
+    operand = spread.operand
     if isinstance(ord, bool) or ord != 2:
         raise ValueError(f"ord must be 2, not {ord!r}")
     form = format_of(dtype)
     shape = _reduced_shape(operand.shape, axis, keepdims)
     [half] = operand.halves()
-    value = _statistics.norm_of(accumulated(DOT, half, half), form=form)
-    return give_values(operand.home, [value], form, shape)
+    state = spread.combined(accumulated(DOT, half, half))
+    return give_values(operand.home, [_statistics.norm_of(state, form=form)], form, shape)
 
 
-def _real_operand(x: Any, name: str, function: str) -> Operand:
-    operand = as_operand(x, name)
-    if operand.is_complex:
+def _real_spread(x: Any, name: str, function: str, group: Any) -> Spread:
+    spread = as_spread(x, name, group)
+    if spread.operand.is_complex:
         raise TypeError(f"{name} is complex, and {function} takes real arrays only")
-    return operand
+    return spread
 
 
 # --- The axis

@@ -42,6 +42,9 @@ def vecdot(
 def cumulative_sum(
     x: object, out: Buffer, format: str, threads: int, x_format: str | None = None
 ) -> None: ...
+def column_sums(
+    x: object, out: Buffer, format: str, threads: int, x_format: str | None = None
+) -> None: ...
 def matmul(
     a: object,
     b: object,

@@ -10,10 +10,12 @@ import numpy as np
 from korvex.exact import _native, _threads
 from korvex.exact._arrays import Operand, Real, as_operand, check_same_home
 from korvex.exact._homes import Array, empty, format_of, give_parts, give_values
+from korvex.exact._sharded_product import sharded_product
+from korvex.exact._spread import as_spread
 from korvex.exact._state import COUNTS, DOT, State, accumulated
 
 
-def vecdot(x: Any, y: Any, /, *, axis: int = -1, dtype: Any = None) -> Any:
+def vecdot(x: Any, y: Any, /, *, axis: int = -1, dtype: Any = None, group: Any = None) -> Any:
     """Return the dot product of two vectors, correctly rounded. A complex `x` is conjugated.
 
     Parameters
@@ -22,8 +24,8 @@ def vecdot(x: Any, y: Any, /, *, axis: int = -1, dtype: Any = None) -> Any:
         With one axis, of equal length, in one library and on one device. Their dtypes may differ.
     axis : int
         The axis of the vectors, 0 or -1.
-    dtype : dtype or str, optional
-        As of `sum`.
+    dtype, group
+        As of `sum`. The two vectors of one process have one length.
 
     Returns
     -------
@@ -38,7 +40,8 @@ def vecdot(x: Any, y: Any, /, *, axis: int = -1, dtype: Any = None) -> Any:
     >>> print(exact.vecdot(x, y), exact.vecdot(np.array([1j, 2]), np.array([1j, 2j])))
     0.5 (1+4j)
     """
-    first, second = as_operand(x, "x"), as_operand(y, "y")
+    x_spread, y_spread = as_spread(x, "x", group), as_spread(y, "y", group)
+    first, second = x_spread.operand, y_spread.operand
     home = check_same_home([("x", first), ("y", second)])
     for name, operand in (("x", first), ("y", second)):
         if len(operand.shape) != 1:
@@ -50,9 +53,12 @@ def vecdot(x: Any, y: Any, /, *, axis: int = -1, dtype: Any = None) -> Any:
     if axis not in (0, -1):
         raise ValueError(f"axis {axis} is out of range for vectors, which have one")
     _check_equal(first.shape[0], second.shape[0])
+    if x_spread.layout != y_spread.layout:
+        raise ValueError("x and y are DTensors that are cut in different ways: redistribute one")
     form = format_of(dtype, first.is_complex or second.is_complex)
-    if first.is_complex or second.is_complex:
-        return give_values(home, _complex_dot(first, second, form), form, ())
+    if first.is_complex or second.is_complex or x_spread.groups:
+        states = map(x_spread.combined, _dot_states(first, second))
+        return give_values(home, [state.limbs(form=form)[0] for state in states], form, ())
     a, b = first.values, second.values
     value = _native.vecdot(a, b, form, _threads.count, first.format, second.format)
     return give_values(home, [value], form, ())
@@ -63,10 +69,12 @@ def _check_equal(first: int, second: int) -> None:
         raise ValueError(f"x has {first} elements, and y has {second}")
 
 
-def _complex_dot(x: Operand, y: Operand, form: str) -> list[float]:
-    """The halves of the sum of conj(x) * y, each the exact sum of its products of halves."""
+def _dot_states(x: Operand, y: Operand) -> list[State]:
+    """The sum of conj(x) * y, or its halves, each the exact sum of its products of halves."""
     x_halves, y_halves = x.halves(), y.halves()
     real = accumulated(DOT, x_halves[0], y_halves[0])
+    if not (x.is_complex or y.is_complex):
+        return [real]
     imaginary = State(DOT)
     if y.is_complex:
         imaginary.accumulate(x_halves[0], y_halves[1])
@@ -74,7 +82,7 @@ def _complex_dot(x: Operand, y: Operand, form: str) -> list[float]:
         if y.is_complex:
             real.accumulate(x_halves[1], y_halves[1])
         _merge_negated(imaginary, accumulated(DOT, x_halves[1], y_halves[0]))
-    return [state.limbs(form=form)[0] for state in (real, imaginary)]
+    return [real, imaginary]
 
 
 def _merge_negated(state: State, other: State) -> None:
@@ -87,7 +95,7 @@ def _merge_negated(state: State, other: State) -> None:
 # --- Matrices
 
 
-def matmul(a: Any, b: Any, /, *, dtype: Any = None) -> Any:
+def matmul(a: Any, b: Any, /, *, dtype: Any = None, group: Any = None) -> Any:
     """Return the matrix product, each element correctly rounded from its exact value.
 
     Parameters
@@ -97,6 +105,10 @@ def matmul(a: Any, b: Any, /, *, dtype: Any = None) -> Any:
         has no axis for it. In one library and on one device; their dtypes may differ.
     dtype : dtype or str, optional
         As of `sum`.
+    group : ProcessGroup, optional
+        Of `torch.distributed`: each of its processes gives some columns of a real `a` and the same
+        rows of `b`, or none of them, and gets the product of the whole matrices. None stands for
+        this process alone.
 
     Returns
     -------
@@ -127,6 +139,11 @@ def matmul(a: Any, b: Any, /, *, dtype: Any = None) -> Any:
     shape = first.shape[:-1] + second.shape[1:]
     left = [_matrix(half, row=True) for half in first.halves()]
     right = [_matrix(half, row=False) for half in second.halves()]
+    if group is not None:
+        if first.is_complex or second.is_complex:
+            raise TypeError("with a group a and b must be real")
+        part = sharded_product(left[0], right[0], form, group)
+        return give_parts(home, [part.reshape(shape)], form)
     parts = [_product(x, y, form).reshape(shape) for x, y in _factors(left, right)]
     return give_parts(home, parts, form)
 

@@ -70,6 +70,10 @@ class State:
         with self._lock:
             _native.settle(self.kind, self.words)
 
+    def replace(self, words: Words) -> None:
+        with self._lock:
+            self.words[:] = words
+
     def copy(self) -> State:
         with self._lock:
             return State(self.kind, self.words.copy())

@@ -71,6 +71,27 @@ PyObject* cumulative_sum(PyObject*, PyObject* const* values, Py_ssize_t count, P
   });
 }
 
+// ---- column_sums(x, out, format, threads, x_format=None)
+
+constexpr Parameters<5> kColumnSums = {
+    "column_sums", {"x", "out", "format", "threads", "x_format"}, 4};
+
+PyObject* column_sums(PyObject*, PyObject* const* values, Py_ssize_t count, PyObject* keywords) {
+  return guarded([&] {
+    const auto [x_value, out_value, format_value, threads_value, x_format] =
+        bind(kColumnSums, values, count, keywords);
+    const ArrayArgument x("x", x_value, x_format);
+    x.require_rank(2);
+    const int format = result_format_option(format_value);
+    const OutArgument out(out_value, format);
+    out.require_shape(tuple(integer(x.array().extents[1])));
+    const int threads = threads_option(threads_value);
+    call_host(x.size(), "",
+              [&] { return host().column_sums(&x.array(), format, threads, out.data()); });
+    return none();
+  });
+}
+
 // ---- matmul(a, b, out, format, threads, a_format=None, b_format=None)
 
 constexpr Parameters<7> kMatmul = {
@@ -108,6 +129,7 @@ PyMethodDef methods[] = {
     method_row("sum", sum, "The sum of all elements, rounded once to a format."),
     method_row("vecdot", vecdot, "The sum of all products, rounded once to a format."),
     method_row("cumulative_sum", cumulative_sum, "Writes each sum so far, rounded once, to out."),
+    method_row("column_sums", column_sums, "Writes the sum of each column, rounded once, to out."),
     method_row("matmul", matmul, "Writes the product of two matrices, rounded once, to out."),
     {nullptr, nullptr, 0, nullptr},
 };

@@ -136,7 +136,7 @@ def test_exact_sums_of_any_array_stand_there(entries):
     found = {name.removeprefix(prefix) for name in entries if name.startswith(prefix)}
     methods = {
         f"{name}.{member}"
-        for name in ("Sum", "Dot", "Moments")
+        for name in ("Sum", "Dot", "Moments", "GradientAccumulator")
         for member in dir(getattr(exact, name))
         if not member.startswith("_")
     }

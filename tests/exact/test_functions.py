@@ -106,6 +106,17 @@ def test_matmul(form, rows, inner, columns, data):
     assert [*map(bits, numbers_of(result))] == [*map(bits, expected)]
 
 
+@EACH_FORMAT
+def test_matmul_of_specials(form):
+    a = float64(
+        [[1.0, math.inf, 2.0, math.nan], [1.0, math.inf, 2.0, 0.0], [0.0, -math.inf, 0.0, 1.0]]
+    )
+    b = np.ones((4, 2))
+    b[3, 1] = math.inf
+    expected = [math.nan, math.nan, math.inf, math.nan, -math.inf, math.nan]
+    assert [*map(bits, numbers_of(exact.matmul(a, b, dtype=form)))] == [*map(bits, expected)]
+
+
 # --- Every dtype, with its ends
 
 

@@ -98,8 +98,9 @@ def test_public_names():
         sorted(exact.__all__)
         == exact.__all__
         == [
-            *("Dot", "Moments", "Sum", "cumulative_sum", "get_threads", "loads", "matmul", "mean"),
-            *("set_threads", "std", "sum", "var", "vecdot", "vector_norm"),
+            *("Dot", "GradientAccumulator", "Moments", "Sum", "all_reduce", "cumulative_sum"),
+            *("get_threads", "loads", "matmul", "mean", "reduce_scatter_tensor", "set_threads"),
+            *("std", "sum", "var", "vecdot", "vector_norm"),
         ]
     )
     assert all(getattr(exact, name).__module__ == "korvex.exact" for name in exact.__all__)

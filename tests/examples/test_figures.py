@@ -50,6 +50,7 @@ def test_documents_quote_figures_in_several_places():
         "README.md",
         "command_line.md",
         "exact.md",
+        "larger_than_one_machine.md",
         "performance.md",
         "series.md",
         "solvers.md",

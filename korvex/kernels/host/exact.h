@@ -81,6 +81,10 @@ typedef struct {
   // have two dimensions, and b has as many rows as a has columns.
   int (*matrix_product)(const korvex_exact_array* a, const korvex_exact_array* b, int format,
                         int threads, void* out);
+
+  // Writes the sum of each column of a matrix, rounded once, as cumulative_sum does. Precondition:
+  // x has two dimensions.
+  int (*column_sums)(const korvex_exact_array* x, int format, int threads, void* out);
 } korvex_exact_functions;
 
 __attribute__((visibility("default"))) const korvex_exact_functions* korvex_host_exact(void);

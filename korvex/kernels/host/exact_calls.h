@@ -36,6 +36,9 @@ inline int usable_threads(int threads) {
 // exact_prefix_sums.cpp
 int cumulative_sum(const korvex_exact_array* x, int format, int threads, void* out);
 
+// exact_column_sums.cpp
+int column_sums(const korvex_exact_array* x, int format, int threads, void* out);
+
 // exact_matrix_product.cpp
 int matrix_product(const korvex_exact_array* a, const korvex_exact_array* b, int format,
                    int threads, void* out);

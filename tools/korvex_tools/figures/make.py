@@ -92,6 +92,7 @@ def main() -> None:
         record_parts(parts, results)
     if not options.quick or not options.only:
         run("-P", "-m", "korvex_tools.figures.draw", "--results", results, "--output", docs)
+        run("-P", "-m", "korvex_tools.figures.processes_picture", "--output", docs)
         run("-P", "-m", "korvex_tools.figures.write", "--results", results, "--root", tree)
     for name, seconds in parts.items():
         print(f"{name:20} {seconds:7.1f} s")

@@ -284,6 +284,33 @@ def exact_cells(found: dict[str, Any]) -> list[str]:
     return [f"{short(found['kilobytes_held'])} kB beside the operands", ""]
 
 
+def processes(records: Records) -> Lines:
+    record = records["bench_processes"]
+    rows = [
+        [
+            f"`{r['candidate']}`",
+            f"{r['message_bytes']:,}",
+            f"{short(r['ms'])} ms",
+            f"{short(r['times_plain'])}",
+            f"{short(r['loopback_bytes'] / 1e3)} kB",
+            f"{short(r['loopback_bytes_plain'] / 1e3)} kB",
+        ]
+        for part in record["runs"]
+        for r in part["results"]
+    ]
+    hashes = record["settings"]["hashes_of_weights"]
+    columns = ["call", "bytes of a message", "time", "times a plain call", "moved", "moved by it"]
+    return [
+        f"Tensors of {record['settings']['n']:,} elements, processes on "
+        f"{record['host']['processors']} processors ({machine(records, 'bench_processes')}):",
+        "",
+        *table(columns, rows),
+        "",
+        "After the same training in 2, 3 and 4 processes the weights had so many different hashes:",
+        f"{hashes['exact']} with `GradientAccumulator`, {hashes['plain']} with plain gradients.",
+    ]
+
+
 def command(records: Records) -> Lines:
     record = records["bench_command"]
     rows = [
@@ -350,6 +377,7 @@ BLOCKS: dict[str, Callable[[Records], Lines]] = {
         series_overhead,
         exact,
         command,
+        processes,
     )
 }
 
