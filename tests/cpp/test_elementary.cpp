@@ -38,6 +38,8 @@ void phases_agree() {
     }
     CHECK_SAME_BITS(exponential(-700 - 46 * unit * 0.98), accurate_exp(-700 - 46 * unit * 0.98));
     CHECK_SAME_BITS(logarithm(x), accurate_log(x, log_pair(x).value));
+    const double near_one = 1 + std::ldexp(unit - 0.5, -6 - random.below(24));
+    CHECK_SAME_BITS(logarithm(near_one), accurate_log(near_one, log_pair(near_one).value));
     const double tiny = std::ldexp(unit + 0.5, -1030 - random.below(40));
     if (tiny != 0) {
       CHECK_SAME_BITS(logarithm(tiny), accurate_log(tiny, log_pair(tiny).value));
@@ -158,6 +160,9 @@ void special_arguments() {
   CHECK_SAME_BITS(leaky_relu(0.5, 0.25), 0.5);
   CHECK_SAME_BITS(leaky_relu(-0.5, 0.25), -0.125);
   CHECK_SAME_BITS(leaky_relu(0x1p-1074, 0.25), 0x1p-1074);
+  CHECK_SAME_BITS(leaky_relu(0.0, -0.25), -0.0);
+  CHECK_SAME_BITS(leaky_relu(-0.0, -0.25), 0.0);
+  CHECK_SAME_BITS(leaky_relu(0.0, kInf), canonical_nan());
   CHECK_SAME_BITS(negated(canonical_nan()), double_of(0xfff8000000000000));
 }
 
