@@ -12,7 +12,7 @@ import pytest
 from korvex_tools.mutation import command, record, trial
 from korvex_tools.mutation.mutants import mutants_of, spread
 from korvex_tools.mutation.prepared import EQUAL, Prepared, Request
-from korvex_tools.mutation.programs import PROGRAMS, FailsUnchanged, Tree
+from korvex_tools.mutation.programs import PROGRAMS, FailsUnchanged, Program, Tree
 from korvex_tools.mutation.workers import Workers
 
 TREE = Path(__file__).resolve().parent.parent
@@ -126,6 +126,21 @@ def test_workers_try_mutants_and_keep_objects_of_the_originals(tmp_path, monkeyp
     assert found[killed] == {"outcome": "killed", "by": "bignum base"}
     assert found[left]["outcome"] == "survived its own tests"
     assert len([*(tmp_path / "originals").glob("*.o")]) == len(PROGRAMS["bignum"].sources)
+
+
+def test_a_survivor_is_compared_as_object_code_and_then_meets_all_other_tests(trials, monkeypatch):
+    programs = {name: PROGRAMS[name] for name in ("bignum", "eft")}
+    programs["golden"] = Program("golden", programs["bignum"].sources, is_library=True)
+    monkeypatch.setattr(trial, "PROGRAMS", programs)
+    monkeypatch.setattr(trial, "LIBRARY_CHECKS", ())
+    monkeypatch.setitem(trial.OWN_TESTS, FILE, "bignum golden")
+    same, other = planted(SIZE, "count - excess", "count  -  excess"), planted(AT, "0;", "1;")
+    assert trials.other_tests(FILE) == []
+    assert trials.try_all_tests(same) == {"outcome": "equivalent"}
+    assert trials.try_all_tests(other) == {"outcome": "survived", "passed": []}
+    killed = planted(CARRY, "word[size] = carry", "")
+    monkeypatch.setattr(trials, "other_tests", lambda _: ["bignum"])
+    assert trials.try_all_tests(killed) == {"outcome": "killed", "by": "bignum base"}
 
 
 # --- What fails on the tree as it is tells nothing of mutants

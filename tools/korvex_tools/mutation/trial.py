@@ -128,7 +128,8 @@ class Trials:
         """The same for one that has passed its own tests."""
         if self.is_equivalent(mutant):
             return {"outcome": "equivalent"}
-        return self.try_tests(mutant, self.other_tests(mutant.file))
+        found = self.try_tests(mutant, self.other_tests(mutant.file))
+        return {**found, "outcome": "survived"} if found["outcome"] == "equivalent" else found
 
     def try_tests(self, mutant: Mutant, names: list[str]) -> dict[str, Any]:
         tried, is_changed = [], False
