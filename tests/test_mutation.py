@@ -11,7 +11,9 @@ import pytest
 
 from korvex_tools.mutation import command, record, trial
 from korvex_tools.mutation.mutants import mutants_of, spread
-from korvex_tools.mutation.programs import Tree
+from korvex_tools.mutation.prepared import EQUAL, Prepared, Request
+from korvex_tools.mutation.programs import PROGRAMS, FailsUnchanged, Program, Tree
+from korvex_tools.mutation.workers import Workers
 
 TREE = Path(__file__).resolve().parent.parent
 FILE = "korvex/arithmetic/bignum/truncated_float.h"
@@ -90,6 +92,14 @@ def trials(tmp_path_factory):
     made.close()
 
 
+def planted(line, before, after):
+    """A mutant of FILE."""
+    source = (TREE / FILE).read_text()
+    assert source.count(line) == 1
+    begin = source.index(line) + line.index(before)
+    return type(mutants_of(FILE, source)[0])(FILE, 0, 0, "planted", before, after, line, begin)
+
+
 @pytest.mark.parametrize(
     "line, before, after, outcome",
     [
@@ -99,15 +109,114 @@ def trials(tmp_path_factory):
         (SIZE, "count - excess", "count  -  excess", "equivalent"),
     ],
 )
-def test_a_planted_fault_is_told_from_a_survivor(trials, monkeypatch, line, before, after, outcome):
+def test_a_planted_fault_is_told_from_a_survivor(trials, line, before, after, outcome):
+    mutant = planted(line, before, after)
+    assert trials.try_tests(mutant, ["bignum"])["outcome"] == outcome
+    assert (trials.tree.folder / FILE).read_text() == (TREE / FILE).read_text()
+
+
+def test_workers_try_mutants_and_keep_objects_of_the_originals(tmp_path, monkeypatch):
     monkeypatch.setitem(trial.OWN_TESTS, FILE, "bignum")
-    source = (TREE / FILE).read_text()
-    assert source.count(line) == 1
-    mutant = mutants_of(FILE, source)[0]
-    begin = source.index(line) + line.index(before)
-    planted = type(mutant)(FILE, 0, 0, "planted", before, after, line, begin)
-    assert trials.try_mutant(planted, only_own=True)["outcome"] == outcome
-    assert (trials.tree.folder / FILE).read_text() == source
+    killed, left = planted(CARRY, "word[size] = carry", ""), planted(AT, "index < kWords &&", "")
+    workers = Workers(tmp_path, command.compiler(), 2)
+    try:
+        found = {mutant: outcome for mutant, outcome, _ in workers.own_tests([killed, left])}
+    finally:
+        workers.close()
+    assert found[killed] == {"outcome": "killed", "by": "bignum base"}
+    assert found[left]["outcome"] == "survived its own tests"
+    assert len([*(tmp_path / "originals").glob("*.o")]) == len(PROGRAMS["bignum"].sources)
+
+
+def test_a_survivor_is_compared_as_object_code_and_then_meets_all_other_tests(trials, monkeypatch):
+    programs = {name: PROGRAMS[name] for name in ("bignum", "eft")}
+    programs["golden"] = Program("golden", programs["bignum"].sources, is_library=True)
+    monkeypatch.setattr(trial, "PROGRAMS", programs)
+    monkeypatch.setattr(trial, "LIBRARY_CHECKS", ())
+    monkeypatch.setitem(trial.OWN_TESTS, FILE, "bignum golden")
+    same, other = planted(SIZE, "count - excess", "count  -  excess"), planted(AT, "0;", "1;")
+    assert trials.other_tests(FILE) == []
+    assert trials.try_all_tests(same) == {"outcome": "equivalent"}
+    assert trials.try_all_tests(other) == {"outcome": "survived", "passed": []}
+    killed = planted(CARRY, "word[size] = carry", "")
+    monkeypatch.setattr(trials, "other_tests", lambda _: ["bignum"])
+    assert trials.try_all_tests(killed) == {"outcome": "killed", "by": "bignum base"}
+
+
+# --- What fails on the tree as it is tells nothing of mutants
+
+
+def test_a_program_that_fails_unchanged_ends_the_run(trials):
+    source = trials.tree.folder / "tests/cpp/test_eft.cpp"
+    before = source.read_text()
+    source.write_text("#include <cstdlib>\nnamespace korvex::test { void test_eft() { exit(3); } }")
+    try:
+        with pytest.raises(FailsUnchanged, match="eft base fails on the tree as it is: status 3"):
+            trials.try_own_tests(mutants_of("korvex/arithmetic/base/eft.h", SOURCE)[0])
+    finally:
+        source.write_text(before)
+        trials.tree.objects.clear()
+
+
+@pytest.mark.parametrize("name", ["golden", "exact"])
+def test_a_python_check_that_fails_unchanged_ends_the_run(trials, monkeypatch, name):
+    answers = ["ModuleNotFoundError: No module named 'korvex'", EQUAL]
+    monkeypatch.setattr(trials.tree, "original", lambda *_: b"")
+    monkeypatch.setattr(trials.tree, "link", lambda *_: Path("library.so"))
+    monkeypatch.setattr(trials.checks[name], "answer", lambda _: (answers.pop(0), 1.5))
+    with pytest.raises(FailsUnchanged, match=f"{name} base fails.*No module named 'korvex'"):
+        trials.prepare(PROGRAMS[name], "base")
+    trials.prepare(PROGRAMS[name], "base")
+    assert answers == [] and trials.tree.seconds.pop(f"{name} base") == 1.5
+    trials.tree.folder.with_name(f"seconds of {name} base").unlink()
+
+
+@pytest.mark.parametrize("name", ["golden", "exact"])
+def test_a_library_that_is_none_does_not_pass_a_python_check(tmp_path, name):
+    library = tmp_path / "library.so"
+    library.write_text("no library")
+    check = Prepared(f"korvex_tools.mutation.{name}_cases")
+    try:
+        said, _ = check.answer(Request("", str(library), "base", 100))
+    finally:
+        check.close()
+    assert said == "pytest ended with 4" if name == "exact" else "library.so" in said
+
+
+def test_command_says_what_fails_unchanged(monkeypatch, capsys, tmp_path):
+    def fail(*_):
+        raise FailsUnchanged("golden base fails on the tree as it is: because")
+
+    monkeypatch.setattr(command.Workers, "own_tests", fail)
+    arguments = ["mutation", "--files", "*/unary.h", "--output", str(tmp_path / "outcomes.jsonl")]
+    monkeypatch.setattr(sys, "argv", [*arguments, "--folder", str(tmp_path)])
+    with pytest.raises(SystemExit, match="mutation: golden base fails on the tree as it is"):
+        command.main()
+
+
+# --- The own tests of a file
+
+
+def test_every_file_that_is_mutated_has_own_tests_that_include_it(trials):
+    with_mutants = {n for n in command.target_files([]) if mutants_of(n, (TREE / n).read_text())}
+    assert with_mutants == set(trial.OWN_TESTS)
+    for file in with_mutants:
+        for name in trials.own_tests(file):
+            assert trials.tree.covers(PROGRAMS[name], file), f"{name} does not include {file}"
+
+
+def test_an_outcome_holds_while_its_line_stands(tmp_path):
+    mutants = mutants_of("f.h", SOURCE)
+    rows = [{"mutant": m.name, "line": m.line_before, "outcome": "killed"} for m in mutants]
+    rows[0]["line"] += "  // other code"
+    rows[1]["mutant"] = rows[1]["mutant"].replace("f.h:", "f.h:9")
+    output = tmp_path / "outcomes.jsonl"
+    output.write_text("".join(json.dumps(row) + "\n" for row in rows))
+    assert command.read(output, mutants) == {row["mutant"]: row for row in rows[2:]}
+    assert command.read(tmp_path / "none", mutants) == {}
+
+
+# --- Record
 
 
 def test_an_unexplained_survivor_is_counted_and_an_explained_one_is_shown():

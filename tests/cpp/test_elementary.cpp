@@ -38,6 +38,8 @@ void phases_agree() {
     }
     CHECK_SAME_BITS(exponential(-700 - 46 * unit * 0.98), accurate_exp(-700 - 46 * unit * 0.98));
     CHECK_SAME_BITS(logarithm(x), accurate_log(x, log_pair(x).value));
+    const double near_one = 1 + std::ldexp(unit - 0.5, -6 - random.below(24));
+    CHECK_SAME_BITS(logarithm(near_one), accurate_log(near_one, log_pair(near_one).value));
     const double tiny = std::ldexp(unit + 0.5, -1030 - random.below(40));
     if (tiny != 0) {
       CHECK_SAME_BITS(logarithm(tiny), accurate_log(tiny, log_pair(tiny).value));
@@ -109,6 +111,13 @@ void first_tries_agree() {
       x, kCount, [](double v) { return v >= 0x1p-1022 && v <= kLargest; });
 }
 
+// Results so near to the midpoint of two doubles that the pair of the fast phase rounds to the
+// wrong one: only its error bound tells. Found among random arguments.
+void the_fast_phase_knows_its_error() {
+  CHECK_SAME_BITS(hyperbolic_tangent(0x1.b73fae7d45a85p-9), 0x1.b73f42ba04de7p-9);
+  CHECK_SAME_BITS(widened_tanh(0x1.b73fae7d45a85p-9), 0x1.b73f42ba04de7p-9);
+}
+
 void widths_agree() {
   Random random(77);
   for (int i = 0; i < 30; ++i) {
@@ -140,9 +149,20 @@ void special_arguments() {
   CHECK_SAME_BITS(relu(0.5), 0.5);
   CHECK_SAME_BITS(relu(-0.5), 0.0);
   CHECK_SAME_BITS(relu(kInf), kInf);
+  constexpr std::uint64_t kNans[] = {0x7ff8000000000000, 0x7ff0000000000001, 0xfff8000000000001};
+  for (const std::uint64_t nan : kNans) {
+    CHECK_SAME_BITS(relu(double_of(nan)), canonical_nan());
+    CHECK_SAME_BITS(leaky_relu(double_of(nan), 0.25), canonical_nan());
+    CHECK_SAME_BITS(square_root(double_of(nan)), canonical_nan());
+    CHECK_SAME_BITS(sigmoid(double_of(nan)), canonical_nan());
+    CHECK_SAME_BITS(hyperbolic_tangent(double_of(nan)), canonical_nan());
+  }
   CHECK_SAME_BITS(leaky_relu(0.5, 0.25), 0.5);
   CHECK_SAME_BITS(leaky_relu(-0.5, 0.25), -0.125);
   CHECK_SAME_BITS(leaky_relu(0x1p-1074, 0.25), 0x1p-1074);
+  CHECK_SAME_BITS(leaky_relu(0.0, -0.25), -0.0);
+  CHECK_SAME_BITS(leaky_relu(-0.0, -0.25), 0.0);
+  CHECK_SAME_BITS(leaky_relu(0.0, kInf), canonical_nan());
   CHECK_SAME_BITS(negated(canonical_nan()), double_of(0xfff8000000000000));
 }
 
@@ -227,6 +247,7 @@ void test_elementary() {
   tables_of_log_hold_logarithms();
   phases_agree();
   first_tries_agree();
+  the_fast_phase_knows_its_error();
   widths_agree();
   special_arguments();
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The running sum element by element: what four limbs take, what they refuse, and special values.
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <memory>
 #include <vector>
@@ -16,6 +17,7 @@ namespace {
 
 using arithmetic::Accumulator4;
 using arithmetic::ExactSum;
+using arithmetic::LongAccumulator;
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr double kMax = std::numeric_limits<double>::max();
@@ -112,6 +114,26 @@ void scaled_counts_are_exact_at_both_ends() {
   }
 }
 
+// Indices of digits within the range of scaled counts and beyond it, at both ends.
+void digits_are_added_at_their_places() {
+  for (const int index : {0, 1, 17, 33, 62, 63, 64}) {
+    for (const std::int64_t count : {std::int64_t{1}, std::int64_t{-1}, std::int64_t{0xffffffff},
+                                     std::int64_t{-0x100000001}, std::int64_t{0x123456789a}}) {
+      ExactSum sum;
+      sum.add_digit(index, count);
+      LongAccumulator wide;
+      wide.clear();
+      wide.add_digit(index, count);
+      double limbs[4];
+      wide.round(limbs, 4);
+      const double expected = std::ldexp(static_cast<double>(count), 32 * index - 1074);
+      expect_rounds_to(sum, {expected, 0.0, 0.0, 0.0});
+      CHECK_SAME_BITS(limbs[0], expected);
+      CHECK_SAME_BITS(limbs[1], 0.0);
+    }
+  }
+}
+
 void expect_special(const std::vector<double>& x, double first) {
   ExactSum one_by_one;
   ExactSum joined;
@@ -155,6 +177,7 @@ void test_exact_sum() {
   each_shape_sums_exactly_in_both_ways();
   joining_sums_is_adding();
   scaled_counts_are_exact_at_both_ends();
+  digits_are_added_at_their_places();
   special_values_decide();
   a_decided_sum_says_so();
 }

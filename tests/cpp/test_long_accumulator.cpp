@@ -2,6 +2,8 @@
 // The long accumulator against exact bits: additions, merging, rounding, overflow.
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <limits>
 #include <vector>
@@ -147,10 +149,41 @@ void clearing_leaves_nothing_of_what_was_there() {
   }
 }
 
+using Digits = std::vector<std::int64_t>;
+
+// Digits of zero but for one.
+Digits one_digit(std::size_t place, std::int64_t digit) {
+  Digits digits(LongAccumulator::kDigits, 0);
+  digits[place] = digit;
+  return digits;
+}
+
+void digits_are_loaded_up_to_their_border() {
+  constexpr std::int64_t kBorder = 0x7fffffff00000000;
+  constexpr std::int64_t kTopBorder = 0xffffffff;
+  constexpr std::size_t kTop = LongAccumulator::kDigits - 1;
+  LongAccumulator accumulator;
+  for (const std::int64_t sign : {-1, 1}) {
+    for (const std::size_t place : {std::size_t{0}, std::size_t{30}, kTop - 1, kTop}) {
+      const std::int64_t border = sign * (place == kTop ? kTopBorder : kBorder);
+      CHECK(accumulator.load(one_digit(place, border).data()));
+      CHECK(accumulator.sign() == sign);
+      CHECK(!accumulator.load(one_digit(place, border + sign).data()));
+    }
+  }
+  CHECK(accumulator.load(one_digit(0, kBorder).data()));
+  Digits stored = one_digit(0, 7);
+  accumulator.store(stored.data());
+  CHECK(stored == one_digit(1, 0x7fffffff));
+  CHECK(accumulator.load(one_digit(5, 0).data()));
+  CHECK(accumulator.sign() == 0);
+}
+
 }  // namespace
 
 void test_long_accumulator() {
   clearing_leaves_nothing_of_what_was_there();
+  digits_are_loaded_up_to_their_border();
   a_single_double_comes_back();
   limbs_are_the_canonical_ones();
   ties_go_to_even_and_the_smallest_addend_breaks_them();

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The matrix product, element by element and in tiles on the host, against exact bits.
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <vector>
@@ -127,11 +128,24 @@ void a_zero_makes_an_infinity_nan() {
 }
 
 // Equal products of one sign: the slices and the counts of their units grow as fast as they can.
+// The sum of those at 2^506 overflows, though none of their slices would.
 void equal_products_over_many_chunks() {
   for (const double x : {0x1.fffffffffffffp+0, 0x1.fffffffffffffp+494, 0x1.fffffffffffffp+505,
-                         0x1.fffffffffffffp+511, 0x1.fffffffffffffp-470}) {
+                         0x1.fffffffffffffp+506, 0x1.fffffffffffffp+511, 0x1.fffffffffffffp-470}) {
     expect_exact({1, 4, 3000, std::vector<double>(3000, x), std::vector<double>(12000, -x)});
   }
+}
+
+// The errors of the small products are half of the smallest double, so no double holds them; both
+// together are one. The large products only widen the element to six slices, and cancel.
+void errors_that_no_double_holds_are_kept() {
+  const double x = (1 + 0x1p-52) * 0x1p-485;
+  const double y = (1 + 0x1p-52) * 0x1p-486;
+  Matrices matrices = {1, 4, 4, {0x1p-400, -0x1p-400, x, x}, std::vector<double>(16, 0x1p-400)};
+  std::fill(matrices.b.begin() + 8, matrices.b.end(), y);
+  const ProductLimbs product = multiply(matrices, 1);
+  CHECK(is_element(matrices, product, 0, 0, {(1 + 0x1p-51) * 0x1p-970, 0x1p-1074, 0.0}));
+  expect_exact(matrices);
 }
 
 // Beyond the longest element for slices.
@@ -170,6 +184,7 @@ void test_matrix_product() {
   an_infinity_in_one_row_leaves_other_rows_alone();
   a_zero_makes_an_infinity_nan();
   equal_products_over_many_chunks();
+  errors_that_no_double_holds_are_kept();
   a_long_element_is_exact();
   any_number_of_threads_gives_the_same_bits();
 }

@@ -280,6 +280,32 @@ void log_of_sums_of_exponentials() {
   expect_log_sum(many, 2 * kTiny);
 }
 
+// Two elements near -log 2: the sum of their exponentials is near 1 and the logarithm of it small,
+// so that the last bits of the sum decide. Expected values from MPFR at 4000 bits.
+void log_of_sums_near_one() {
+  constexpr double kCases[][3] = {
+      {-0x1.5ca33c36338aep-1, -0x1.6954c1955956ap-1, -0x1.b7a1abf0c73c4p-14},
+      {-0x1.60dfd98fe4dadp-1, -0x1.650f7391f7b54p-1, -0x1.25e46de34bc06p-13},
+      {-0x1.5e1d6107739a8p-1, -0x1.677f9e84645fbp-1, 0x1.b31050a18cfd2p-13},
+      {-0x1.629b7e0f4d7e4p-1, -0x1.62f5272dd91d5p-1, 0x1.bdf4780bfedc7p-13},
+      {-0x1.5cf0402b6cff7p-1, -0x1.689d9cf92bb8bp-1, 0x1.2e383a030d744p-12},
+      {-0x1.5ea7df60011e0p-1, -0x1.6748a4715e53ep-1, -0x1.ed5d04efe282bp-14},
+      {-0x1.5e5c4c5b740ebp-1, -0x1.6737e7eeda36bp-1, 0x1.efd2846ab71d3p-13},
+      {-0x1.5e1f37bde65d2p-1, -0x1.67e1f86b456fep-1, -0x1.673cf8e83dd02p-13},
+      {-0x1.604b2692ca99dp-1, -0x1.65a9b1d2c59a1p-1, -0x1.46efdfe182f0ap-13},
+      {-0x1.5f855249fe13dp-1, -0x1.661474a39a202p-1, 0x1.9fcd1dc8ae273p-13},
+      {-0x1.623eb1d1d6694p-1, -0x1.63bed1ab59433p-1, -0x1.a6dc8fc079d0ep-13},
+      {-0x1.5ca2ea56778d1p-1, -0x1.696103a70ca31p-1, -0x1.3a127b6360535p-13},
+      {-0x1.5e4afe54b58fep-1, -0x1.67b5c67e83c6fp-1, -0x1.6a79542cb6e56p-13},
+      {-0x1.5b797cf3fe081p-1, -0x1.6a13ceeeb68bcp-1, 0x1.56ee048c5c9a4p-12},
+      {-0x1.5bb7378249019p-1, -0x1.6a449320ac314p-1, -0x1.8f27ba567fb92p-14},
+      {-0x1.60d9253e9f66dp-1, -0x1.64c43d01d37f0p-1, 0x1.67476763f6fabp-13},
+  };
+  for (const auto& each : kCases) {
+    expect_log_sum({each[0], each[1]}, each[2]);
+  }
+}
+
 void blocks_of_any_size_agree() {
   Random random(62);
   for (int shape = 0; shape < static_cast<int>(Shape::kCount); ++shape) {
@@ -310,6 +336,7 @@ void test_reductions() {
   running_sums_are_canonical_for_every_shape();
   running_sums_of_special_values();
   log_of_sums_of_exponentials();
+  log_of_sums_near_one();
   blocks_of_any_size_agree();
 }
 

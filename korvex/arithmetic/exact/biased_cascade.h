@@ -54,6 +54,7 @@ class BiasedCascade {
 
   template <int kSlice>
   KORVEX_INLINE void start(int bias_exponent) {
+    static_assert(kSlice < kSlices);
     bias_[kSlice] = Value(slice_bias(bias_exponent - kSlice * kBits));
     for (int stream = 0; stream < kStreams; ++stream) {
       slice_[kSlice][stream] = bias_[kSlice];
@@ -73,6 +74,7 @@ class BiasedCascade {
 
   template <int kSlice, int kStream>
   KORVEX_INLINE void cascade(Value x) {
+    static_assert(kSlice < kSlices && kStream < kStreams);
     const Value rest = add_to_slice(slice_[kSlice][kStream], x);
     if constexpr (kSlice == 0) {
       moved_ |= to_bits(slice_[0][kStream]) ^ to_bits(bias_[0]);

@@ -112,6 +112,7 @@ class ElementSlices {
  private:
   template <int kSlice>
   KORVEX_INLINE void start(Value bias) {
+    static_assert(kSlice < kSlices);
     bias_[kSlice] = bias;
     slice_[kSlice] = bias;
     if constexpr (kSlice + 1 < kSlices) {
@@ -121,6 +122,7 @@ class ElementSlices {
 
   template <int kSlice>
   KORVEX_INLINE void cascade(Value addend) {
+    static_assert(kSlice < kSlices);
     const Value rest = add_to_slice(slice_[kSlice], addend);
     if constexpr (kSlice + 1 < kSlices) {
       cascade<kSlice + 1>(rest);
@@ -195,6 +197,7 @@ struct ElementCounts {
 template <int kSlice, class Lanes, int kSlices>
 KORVEX_INLINE void keep_counts(const ElementSlices<Lanes, kSlices>& slices, int index,
                                ElementCounts& counts) {
+  static_assert(kSlice < kSlices);
   const auto before = static_cast<std::uint64_t>(counts.count[kSlice]);
   const std::uint64_t units = lane(slices.template count<kSlice>(), index);
   counts.count[kSlice] = static_cast<std::int64_t>(before + units);

@@ -176,6 +176,9 @@ bool reduce_few(StateKind kind, const korvex_exact_array* x, const korvex_exact_
 }
 
 StateKind kind_of(int kind) { return static_cast<StateKind>(kind); }
+static_assert(static_cast<int>(StateKind::kSum) == KORVEX_EXACT_SUM);
+static_assert(static_cast<int>(StateKind::kDot) == KORVEX_EXACT_DOT);
+static_assert(static_cast<int>(StateKind::kMoments) == KORVEX_EXACT_MOMENTS);
 
 void write_limbs(ExactState& state, bool of_products, int count, int format, double* limbs) {
   const arithmetic::NarrowFormat* narrow = narrow_format(format);

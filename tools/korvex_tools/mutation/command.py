@@ -3,9 +3,10 @@
 
 Each mutant is tried on the tests of its own file first. What passes these is compared with the
 original as -O2 object code, where a change that no result can show mostly vanishes, and then meets
-every other test program that includes it and the golden cases. The tree itself is never touched:
-all happens in a copy. Every outcome is appended to a file at once, so a run that was ended goes on
-where it was. Ends with status 1 where a survivor is left that nothing explains.
+every other test program that includes it, the golden cases and the tests of `korvex.exact`. The
+tree itself is never touched: all happens in copies. Every outcome is appended to a file at once, so
+a run that was ended goes on where it was. Ends with status 1 where a survivor is left that nothing
+explains, and at once where a test fails on the tree as it is.
 """
 
 import argparse
@@ -13,14 +14,13 @@ import fnmatch
 import json
 import subprocess
 import sys
-import time
 from pathlib import Path
 from typing import Any
 
 from korvex_tools.mutation import record
 from korvex_tools.mutation.mutants import Mutant, mutants_of, spread
-from korvex_tools.mutation.programs import Tree, usable_sets
-from korvex_tools.mutation.trial import Trials
+from korvex_tools.mutation.programs import FailsUnchanged
+from korvex_tools.mutation.workers import Workers
 from korvex_tools.source_tree import SOURCE_TREE
 
 BUILD = SOURCE_TREE / "build" / "mutation"
@@ -47,24 +47,25 @@ def compiler() -> str:
     return found.stdout.strip() or sys.exit(found.stderr)
 
 
-def read(output: Path) -> dict[str, dict[str, Any]]:
-    """The last outcome of each mutant."""
+def read(output: Path, mutants: list[Mutant]) -> dict[str, dict[str, Any]]:
+    """The last outcome of each mutant; not of those whose line is another by now."""
     lines = output.read_text().splitlines() if output.exists() else []
-    return {row["mutant"]: row for row in map(json.loads, lines)}
+    rows = {row["mutant"]: row for row in map(json.loads, lines)}
+    now = {mutant.name: mutant.line_before for mutant in mutants}
+    return {name: row for name, row in rows.items() if now.get(name) == row["line"]}
 
 
 class Run:
-    """Tries mutants, and keeps each outcome in memory and at the end of the file."""
+    """Keeps the outcomes, in memory and at the end of the file."""
 
-    def __init__(self, trials: Trials, output: Path) -> None:
-        self.trials = trials
+    def __init__(self, mutants: list[Mutant], output: Path) -> None:
         self.output = output
-        self.rows = read(output)
+        self.rows = read(output, mutants)
 
-    def has_survived(self, mutant: Mutant) -> bool:
+    def has_survived(self, mutant: Mutant, outcome: str = "survived") -> bool:
         """Tried, not killed, and for no known reason."""
         row = self.rows.get(mutant.name)
-        return bool(row and row["outcome"].startswith("survived") and not record.reason_of(row))
+        return bool(row and row["outcome"].startswith(outcome) and not record.reason_of(row))
 
     def keep(self, mutant: Mutant, outcome: dict[str, Any], seconds: float) -> None:
         row = {
@@ -83,50 +84,30 @@ class Run:
         by = f" by {row['by']}" if "by" in row else ""
         print(f"{seconds:6.1f} s  {row['outcome']}{by}  {mutant.name}", flush=True)
 
-    def try_own_tests(self, mutant: Mutant) -> None:
-        begin = time.monotonic()
-        outcome = self.trials.try_mutant(mutant, only_own=True)
-        if outcome["outcome"] in ("survived", "equivalent"):
-            outcome = {"outcome": "survived its own tests"}
-        self.keep(mutant, outcome, time.monotonic() - begin)
-
-    def try_all_tests(self, mutant: Mutant) -> None:
-        begin = time.monotonic()
-        if self.trials.is_equivalent(mutant):
-            outcome: dict[str, Any] = {"outcome": "equivalent"}
-        else:
-            outcome = self.trials.try_mutant(mutant, only_own=False)
-        self.keep(mutant, outcome, time.monotonic() - begin)
-
-
-def planned(options: argparse.Namespace) -> list[Mutant]:
-    files = target_files(options.files)
-    mutants = [m for file in files for m in mutants_of(file, (SOURCE_TREE / file).read_text())]
-    return spread(mutants, options.seed, None if options.all else options.sample)
-
 
 def run(options: argparse.Namespace) -> dict[str, dict[str, Any]]:
     options.output.parent.mkdir(parents=True, exist_ok=True)
+    files = target_files(options.files)
+    every = [m for file in files for m in mutants_of(file, (SOURCE_TREE / file).read_text())]
     if options.tried:
-        return read(options.output)
-    mutants = planned(options)
-    tree = Tree(options.folder / "tree", compiler())
-    tree.fill()
-    trials = Trials(tree, usable_sets())
-    current = Run(trials, options.output)
+        return read(options.output, every)
+    mutants = spread(every, options.seed, None if options.all else options.sample)
+    current = Run(every, options.output)
     left = [m for m in mutants if m.name not in current.rows]
     if options.again:
-        left = [m for m in mutants if current.has_survived(m)] + left
+        left = [m for m in every if current.has_survived(m)] + left
     print(f"{len(mutants)} mutants, {len(left)} of them to try", flush=True)
+    workers = Workers(options.folder.resolve(), compiler(), options.jobs)
     try:
-        for mutant in left:
-            current.try_own_tests(mutant)
-        for mutant in mutants:
-            if current.rows[mutant.name]["outcome"] == "survived its own tests":
-                if not options.only_own:
-                    current.try_all_tests(mutant)
+        for tried in workers.own_tests(left):
+            current.keep(*tried)
+        if not options.only_own:
+            wanted = dict.fromkeys([*mutants, *left])
+            passed = [m for m in wanted if current.has_survived(m, "survived its own tests")]
+            for tried in workers.all_tests(passed):
+                current.keep(*tried)
     finally:
-        trials.close()
+        workers.close()
     return {m.name: current.rows[m.name] for m in mutants}
 
 
@@ -145,13 +126,17 @@ def main() -> int:
     parser.add_argument("--output", type=Path, default=BUILD / "outcomes.jsonl")
     parser.add_argument("--folder", type=Path, default=BUILD, help="for the copy of the tree")
     parser.add_argument("--again", action="store_true", help="try survivors of that file anew")
+    parser.add_argument("--jobs", type=int, default=1, metavar="N", help="mutants at a time")
     parser.add_argument(
         "--only-own", action="store_true", help="only the tests of its own file each"
     )
     parser.add_argument("--tried", action="store_true", help="no trials: what that file holds")
     parser.add_argument("--record", action="store_true", help="keep the result for docs/testing.md")
     options = parser.parse_args()
-    found = record.make(run(options), options.seed)
+    try:
+        found = record.make(run(options), options.seed)
+    except FailsUnchanged as error:
+        sys.exit(f"mutation: {error}")
     if options.record:
         record.write(found)
     print(record.figures(found))

@@ -7,7 +7,9 @@ program whose objects are all as before is not run.
 """
 
 import contextlib
+import hashlib
 import math
+import os
 import re
 import resource
 import shutil
@@ -46,12 +48,21 @@ HOST = "korvex/kernels/host"
 HOST_SOURCES = sorted(
     str(path.relative_to(SOURCE_TREE)) for path in (SOURCE_TREE / HOST).glob("*.cpp")
 )
-LIBRARY_CHECKS = ("host_kernels", "golden")
-SECONDS_TO_COMPILE = 300
+LIBRARY_CHECKS = ("host_kernels", "golden", "exact")
+PYTHON_CHECKS = {
+    "golden": "korvex_tools.mutation.golden_cases",
+    "exact": "korvex_tools.mutation.exact_cases",
+}
+SECONDS_TO_COMPILE = 1800  # where other work leaves it little of the machine
+PASSED = "passed"
 
 
 class NotCompiled(Exception):
     """What the compiler said."""
+
+
+class FailsUnchanged(Exception):
+    """A program or check that fails on the tree as it is, so it can tell nothing of mutants."""
 
 
 @dataclass(frozen=True)
@@ -92,6 +103,11 @@ int main() {{
 """
 
 
+def limit(seconds: float) -> int:
+    """Seconds of the processor for what takes so many unchanged."""
+    return math.ceil(2 + 5 * seconds)
+
+
 def usable_sets() -> list[str]:
     text = Path("/proc/cpuinfo").read_text()
     found = re.search(r"^flags\s*:(.*)$", text, re.MULTILINE)
@@ -105,6 +121,7 @@ class Tree:
 
     folder: Path
     compiler: str
+    kept: Path | None = None  # objects of the originals, from run to run
     objects: dict[tuple[str, str, str], bytes] = field(default_factory=dict)  # of the originals
     of_mutant: dict[tuple[str, str, str], bytes] = field(default_factory=dict)
     includes: dict[str, set[str]] = field(default_factory=dict)
@@ -170,8 +187,29 @@ class Tree:
         """The object of the source as it is. Precondition: no file is a mutant."""
         key = (source, instruction_set, level)
         if key not in self.objects:
-            self.objects[key] = self.compiled(source, instruction_set, level)
+            kept = self.kept and self.kept / f"{self.digest(*key)}.o"
+            if kept and kept.exists():
+                self.objects[key] = kept.read_bytes()
+            else:
+                self.objects[key] = self.compiled(source, instruction_set, level)
+            if kept and not kept.exists():
+                written = kept.with_suffix(f".{os.getpid()}")
+                written.write_bytes(self.objects[key])
+                written.replace(kept)
         return self.objects[key]
+
+    def digest(self, source: str, instruction_set: str, level: str) -> str:
+        """Of all that the object is made from, but for the compiler's own headers."""
+        made_from = [self.version(), level, *FLAGS, *INSTRUCTION_SETS[instruction_set], source]
+        digest = hashlib.sha256("\n".join(made_from).encode())
+        for name in sorted(self.includes_of(source)):
+            digest.update((self.folder / name).read_bytes())
+        return digest.hexdigest()
+
+    def version(self) -> str:
+        """The compiler's."""
+        command = [self.compiler, "--version"]
+        return subprocess.run(command, capture_output=True, text=True, check=True).stdout
 
     def includes_of(self, source: str) -> set[str]:
         """The files that the source is made of. Precondition: no file is a mutant."""
@@ -234,10 +272,10 @@ class Tree:
             shutil.move(self.link(source, instruction_set, {}), made)
         return made
 
-    def passes(self, program: Program, made: Path, instruction_set: str) -> bool:
-        """Whether its tests pass in a few times the processor time that they take unchanged."""
-        key = f"{program.name} {instruction_set}"
-        limit = math.ceil(2 + 5 * self.seconds.get(key, 60))
+    def said(
+        self, program: Program, made: Path, instruction_set: str, seconds: int
+    ) -> tuple[str, float]:
+        """What came of its tests in so many seconds of the processor, and how many they took."""
         before = resource.getrusage(resource.RUSAGE_CHILDREN)
         try:
             ended = subprocess.run(
@@ -245,21 +283,12 @@ class Tree:
                 stdin=subprocess.DEVNULL,
                 stdout=subprocess.DEVNULL,
                 stderr=subprocess.DEVNULL,
-                timeout=60 + 10 * limit,  # where it waits for ever
+                timeout=60 + 10 * seconds,  # where it waits for ever
                 cwd=self.folder,
-                preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_CPU, (limit, limit)),
+                preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_CPU, (seconds, seconds)),
             )
         except subprocess.TimeoutExpired:
-            return False
+            return "did not end", 0.0
         after = resource.getrusage(resource.RUSAGE_CHILDREN)
-        self.seconds.setdefault(key, after.ru_utime - before.ru_utime)
-        return ended.returncode == 0
-
-    def prepare(self, program: Program, instruction_set: str) -> None:
-        """Compiles and runs it unchanged, once: it must pass, and its time sets the limit."""
-        key = f"{program.name} {instruction_set}"
-        if key not in self.seconds:
-            made = self.link(program, instruction_set, {})
-            if not self.passes(program, made, instruction_set):
-                del self.seconds[key]
-                raise RuntimeError(f"{program.name} fails on the tree as it is")
+        used = after.ru_utime - before.ru_utime
+        return (PASSED if ended.returncode == 0 else f"status {ended.returncode}"), used
