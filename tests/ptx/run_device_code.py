@@ -24,7 +24,8 @@ from pathlib import Path
 from typing import NamedTuple
 
 SOURCE_TREE = Path(__file__).resolve().parents[2]
-SOURCE = SOURCE_TREE / "korvex" / "kernels" / "device" / "kernels.cu"
+DEVICE = SOURCE_TREE / "korvex" / "kernels" / "device"
+SOURCES = ("kernels", "states")
 HARD_CASES = SOURCE_TREE / "tests" / "elementwise" / "hard_cases.json"
 GRID_FAULTS = SOURCE_TREE / "tests" / "device_code" / "grid_faults.py"
 FIGURES = ("PTX machine:", "Simulated grid:")
@@ -49,13 +50,15 @@ def flags_of(compiler: str) -> list[str]:
     return flags.split()
 
 
-def compile_command(compiler: str, architecture: int, target: Path, nvrtc: str) -> list[str]:
-    includes = [f"-I{SOURCE_TREE}", f"-I{SOURCE.parent}"]
+def compile_command(
+    source: Path, compiler: str, architecture: int, target: Path, nvrtc: str
+) -> list[str]:
+    includes = [f"-I{SOURCE_TREE}", f"-I{DEVICE}"]
     if compiler == "nvcc":
-        command = ["nvcc", "-ptx", str(SOURCE), "-o", str(target), f"-arch=compute_{architecture}"]
+        command = ["nvcc", "-ptx", str(source), "-o", str(target), f"-arch=compute_{architecture}"]
     else:
         script = SOURCE_TREE / "cmake" / "compile_with_nvrtc.py"
-        command = [sys.executable, str(script), nvrtc, str(SOURCE), str(target)]
+        command = [sys.executable, str(script), nvrtc, str(source), str(target)]
         command += [f"--gpu-architecture=compute_{architecture}"]
     return command + flags_of(compiler) + includes
 
@@ -72,11 +75,11 @@ def fingerprint(command: list[str]) -> str:
     return digest.hexdigest()
 
 
-def make_ptx(compiler: str, architecture: int, folder: Path, nvrtc: str) -> Path:
+def make_ptx(source: str, compiler: str, architecture: int, folder: Path, nvrtc: str) -> Path:
     folder.mkdir(parents=True, exist_ok=True)
-    target = folder / f"{compiler}_compute_{architecture}.ptx"
+    target = folder / f"{source}_{compiler}_compute_{architecture}.ptx"
     stamp = target.with_suffix(".made-from")
-    command = compile_command(compiler, architecture, target, nvrtc)
+    command = compile_command(DEVICE / f"{source}.cu", compiler, architecture, target, nvrtc)
     made_from = fingerprint(command)
     if not (target.exists() and stamp.exists() and stamp.read_text() == made_from):
         stamp.unlink(missing_ok=True)
@@ -86,18 +89,19 @@ def make_ptx(compiler: str, architecture: int, folder: Path, nvrtc: str) -> Path
 
 
 def runs_of(arguments: argparse.Namespace, files: list[Path]) -> list[list[str]]:
-    """The command lines of the tool."""
+    """The command lines of the tool; the first files are those of the ordinary run."""
     tool = [arguments.tool, arguments.library]
     hard = ["--hard-cases", str(HARD_CASES)]
-    ordinary = [str(path) for path in files[:1]]
-    kernels = [[*tool, *ordinary, *hard, "--kernels-only"]]
-    faults = [[*tool, *ordinary, *hard, "--faults-only"]]
+    ordinary, others = files[: len(SOURCES)], files[len(SOURCES) :]
+    kernels = [[*tool, str(path), *hard, "--kernels-only"] for path in ordinary]
+    faults = [[*tool, str(ordinary[0]), *hard, "--faults-only"]]
     if arguments.long:
         kernels = [
-            [*tool, *ordinary, *hard, "--kernels-only", "--long", "--seed", str(seed)]
+            [*tool, str(path), *hard, "--kernels-only", "--long", "--seed", str(seed)]
             for seed in LONG_SEEDS
+            for path in ordinary
         ]
-        kernels += [[*tool, str(path), *hard, "--kernels-only"] for path in files[1:]]
+        kernels += [[*tool, str(path), *hard, "--kernels-only"] for path in others]
     return {"kernels": kernels, "faults": faults, None: faults + kernels}[arguments.part]
 
 
@@ -148,8 +152,9 @@ def main() -> int:
     with ThreadPoolExecutor(os.cpu_count()) as pool:
         runs = grid_runs(arguments)
         if has_nvcc:
+            jobs = [(source, *each) for each in wanted for source in SOURCES]
             files = list(
-                pool.map(lambda each: make_ptx(*each, arguments.folder, arguments.nvrtc), wanted)
+                pool.map(lambda each: make_ptx(*each, arguments.folder, arguments.nvrtc), jobs)
             )
             if arguments.part == "compile":
                 return 0
