@@ -58,6 +58,8 @@ def sum(x: Any, /, *, axis: Axis = None, dtype: Any = None, keepdims: bool = Fal
     operand = as_operand(x, "x")
     form = format_of(dtype, operand.is_complex)
     shape = _reduced_shape(operand.shape, axis, keepdims)
+    if operand.device is not None:
+        return _on_device(operand, form, shape)
     values = [
         _native.sum(half.values, form, _threads.count, half.format) for half in operand.halves()
     ]
@@ -210,6 +212,14 @@ def vector_norm(
     [half] = operand.halves()
     value = _statistics.norm_of(accumulated(DOT, half, half), form=form)
     return give_values(operand.home, [value], form, shape)
+
+
+def _on_device(operand: Operand, form: str, shape: tuple[int, ...]) -> Any:
+    from korvex.exact._device_state import rounded
+
+    assert operand.device is not None
+    jobs = [(SUM, half, None) for half in operand.halves()]
+    return rounded(operand.device, jobs, form, shape)
 
 
 def _real_operand(x: Any, name: str, function: str) -> Operand:

@@ -8,7 +8,7 @@ from typing import Any
 import numpy as np
 
 from korvex.exact import _native, _threads
-from korvex.exact._arrays import Operand, Real, as_operand, check_same_home
+from korvex.exact._arrays import Operand, Real, as_operand, check_same_home, refuse_cuda
 from korvex.exact._homes import Array, empty, format_of, give_parts, give_values
 from korvex.exact._state import COUNTS, DOT, State, accumulated
 
@@ -53,6 +53,11 @@ def vecdot(x: Any, y: Any, /, *, axis: int = -1, dtype: Any = None) -> Any:
     form = format_of(dtype, first.is_complex or second.is_complex)
     if first.is_complex or second.is_complex:
         return give_values(home, _complex_dot(first, second, form), form, ())
+    if first.device is not None:
+        from korvex.exact._device_state import rounded
+
+        [x_real], [y_real] = first.halves(), second.halves()
+        return rounded(first.device, [(DOT, x_real, y_real)], form, ())
     a, b = first.values, second.values
     value = _native.vecdot(a, b, form, _threads.count, first.format, second.format)
     return give_values(home, [value], form, ())
@@ -69,10 +74,10 @@ def _complex_dot(x: Operand, y: Operand, form: str) -> list[float]:
     real = accumulated(DOT, x_halves[0], y_halves[0])
     imaginary = State(DOT)
     if y.is_complex:
-        imaginary.accumulate(x_halves[0], y_halves[1])
+        imaginary.merge(accumulated(DOT, x_halves[0], y_halves[1]))
     if x.is_complex:
         if y.is_complex:
-            real.accumulate(x_halves[1], y_halves[1])
+            real.merge(accumulated(DOT, x_halves[1], y_halves[1]))
         _merge_negated(imaginary, accumulated(DOT, x_halves[1], y_halves[0]))
     return [state.limbs(form=form)[0] for state in (real, imaginary)]
 
@@ -113,6 +118,7 @@ def matmul(a: Any, b: Any, /, *, dtype: Any = None) -> Any:
     """
     first, second = as_operand(a, "a"), as_operand(b, "b")
     home = check_same_home([("a", first), ("b", second)])
+    refuse_cuda("matmul", ("a", first), ("b", second))
     for name, operand in (("a", first), ("b", second)):
         if len(operand.shape) not in (1, 2):
             raise ValueError(
@@ -195,6 +201,7 @@ def cumulative_sum(
     array([1.e+16, 1.e+16, 1.e+16, 2.e+00])
     """
     operand = as_operand(x, "x")
+    refuse_cuda("cumulative_sum", ("x", operand))
     if operand.is_complex:
         raise TypeError("x is complex, and cumulative_sum takes real arrays only")
     form = format_of(dtype)
