@@ -77,11 +77,11 @@ class DeviceState(State):
         x_arguments, y_arguments = x_run.arguments(), y_run.arguments()
 
         def add_elements(sign: int) -> None:
-            self._launch("korvex_add_elements", x_run.count, *x_arguments, sign, digits, counts)
+            self._launch("korvex_add_elements", x_run.elements, *x_arguments, sign, digits, counts)
 
         def add_products(digits: int, counts: int) -> None:
             self._launch(
-                "korvex_add_products", x_run.count, *x_arguments, *y_arguments, sign, digits, counts
+                "korvex_add_products", x_run.elements, *x_arguments, *y_arguments, sign, digits, counts
             )
 
         with self._lock:
@@ -144,7 +144,7 @@ class DeviceState(State):
     def __eq__(self, other: object) -> bool:
         return self.on_host() == other
 
-    __hash__ = None  # type: ignore[assignment]
+    __hash__ = None
 
     def raw_counts(self) -> Counts:
         return self.on_host().raw_counts()

@@ -28,7 +28,7 @@ FORMAT_NUMBERS = {
 class Run(NamedTuple):
     """Elements at equal distances, as kernels read them."""
 
-    count: int
+    elements: int
     address: int
     byte_stride: int
     format: int
