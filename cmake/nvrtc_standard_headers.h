@@ -7,6 +7,8 @@
 
 namespace std {
 
+using uint8_t = unsigned char;
+using uint16_t = unsigned short;
 using int32_t = int;
 using uint32_t = unsigned;
 using int64_t = long long;

@@ -34,6 +34,7 @@ LAYERS = (
     "korvex/tqx_runtime",
     "korvex/cubin_loader_native",
     "korvex/exact",
+    "korvex/exact_cuda",
 )
 CPP_SUFFIXES = (".cpp", ".h", ".cu", ".cuh")
 
@@ -52,6 +53,15 @@ APART = {
         "korvex/runtime",
         "korvex/functions",
         "korvex/tqx_runtime",
+    ),
+    "korvex/exact_cuda": (
+        "korvex/arithmetic",
+        "korvex/kernels/host",
+        "korvex/kernels/device",
+        "korvex/runtime",
+        "korvex/functions",
+        "korvex/tqx_runtime",
+        "korvex/exact",
     ),
     "korvex/exact": (
         "korvex/arithmetic",

@@ -1,8 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """Exact sums, products and moments of any array, with one rounding at the end or none.
 
-The arithmetic is that of `korvex.tqx_runtime`, behind other doors: arrays of NumPy, torch and
+The arithmetic is that of `korvex.tqx_runtime`, behind other doors: arrays of NumPy, torch, CuPy and
 whatever has DLPack on the CPU, of any real dtype, whole or in parts; nothing needs to be activated.
+On a GPU they are read where they are, but for `matmul` and `cumulative_sum`, which refuse them.
 A result is the exact value correctly rounded, so it depends on the elements alone: not on their
 order, their layout, threads, processors, or how they were cut into parts.
 

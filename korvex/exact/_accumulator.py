@@ -8,10 +8,13 @@ accumulator wait for each other; where they should not, give each thread its own
 
 from __future__ import annotations
 
+import threading
 from typing import TYPE_CHECKING, Any, ClassVar, Self
 
 from korvex.exact import _processes, _serial
-from korvex.exact._state import State, Words
+from korvex.exact._arrays import Real
+from korvex.exact._devices import Device, device_of
+from korvex.exact._state import State, Words, new_state
 
 if TYPE_CHECKING:
     from korvex.exact._moments import Moments
@@ -19,33 +22,57 @@ if TYPE_CHECKING:
 
 _CLASSES: dict[int, Any] = {}  # by the kind of their states
 
+_placing = threading.Lock()  # while an accumulator gets its place
+
 
 class Accumulator:
     """What the three kinds have in common."""
 
-    __slots__ = ("__weakref__", "_state")
+    __slots__ = ("__weakref__", "_is_placed", "_state")
     __array_ufunc__: ClassVar[None] = None  # `accumulator + array` is an error, not an array
     __hash__: ClassVar[None] = None  # type: ignore[assignment]
     _KIND: ClassVar[int]
 
     _state: State
+    _is_placed: bool  # or the first array decides where the state is
 
     def __init_subclass__(cls) -> None:
         if "_KIND" in vars(cls):
             _CLASSES[cls._KIND] = cls
 
-    def __init__(self, *, device: None | str = None) -> None:
-        if device not in (None, "cpu"):
-            raise ValueError(
-                f"device must be None or 'cpu', not {device!r}: the state is on the host"
-            )
-        self._state = State(self._KIND)
+    def __init__(self, *, device: Any = None) -> None:
+        self._state = new_state(self._KIND, device_of(device))
+        self._is_placed = device is not None
 
     @classmethod
-    def _of(cls, state: State) -> Self:
+    def _of(cls, state: State, is_placed: bool = True) -> Self:
         made = cls()
         made._state = state
+        made._is_placed = is_placed
         return made
+
+    # --- The place of the state
+
+    def _accumulate(self, x: Real, y: Real | None = None, sign: int = 1) -> None:
+        if y is not None and x.device != y.device:
+            raise TypeError(
+                f"x is {_place(x.device)} and y is {_place(y.device)}: both must be in one place"
+            )
+        self._take_place(x.device, "x")
+        self._state.accumulate(x, y, sign)
+
+    def _take_place(self, device: Device | None, name: str) -> None:
+        """Decide for a device where nothing has been added yet, or check that it is the one."""
+        if not self._is_placed:
+            with _placing:
+                if not self._is_placed and self._state.device != device:
+                    self._state = new_state(self._KIND, device)
+                self._is_placed = True
+        if self._state.device != device:
+            raise TypeError(
+                f"{name} is {_place(device)}, and the state of this {type(self).__name__} "
+                f"{_place(self._state.device)}: what is added must be in one place"
+            )
 
     # --- Of several
 
@@ -65,6 +92,9 @@ class Accumulator:
         """
         if type(other) is not type(self):
             raise TypeError(f"other must be a {type(self).__name__}, not {type(other).__name__}")
+        if not other._is_placed:  # nor has it been given anything
+            return
+        self._take_place(other._state.device, "other")
         self._state.merge(other._state)
 
     def __iadd__(self, other: Self) -> Self:
@@ -83,7 +113,7 @@ class Accumulator:
         return result
 
     def __eq__(self, other: object) -> bool:
-        """Whether both have the same class, exact values and counts."""
+        """Whether both have the same class, exact values and counts, wherever they are."""
         if not isinstance(other, Accumulator) or type(other) is not type(self):
             return NotImplemented
         return self._state == other._state
@@ -168,11 +198,11 @@ class Accumulator:
         >>> total.count
         12
         """
-        return self._state.counts().elements
+        return self._state.on_host().counts().elements
 
     @property
     def state(self) -> Words:
-        """The accumulator's own words, as a writable array of int64.
+        """The accumulator's own words, as a writable array of int64; on a GPU, of its library.
 
         Reading it settles the digits, so equal accumulators have equal arrays. The array is no
         copy: what is added to its words is added to the accumulator. A sum of the arrays of up to
@@ -191,8 +221,8 @@ class Accumulator:
         >>> float(a), a.count, a.state.shape, a.state.dtype
         (3.0, 4, (72,), dtype('int64'))
         """
-        self._state.settle()
-        return self._state.words.view()
+        self._is_placed = True
+        return self._state.handed_out()
 
     def checksum(self) -> str:
         """Return SHA-256 of the class and the settled state, as 64 hexadecimal digits.
@@ -229,7 +259,7 @@ class Accumulator:
         >>> before, total
         (Sum(count=0, value=0.0), Sum(count=1, value=1.0))
         """
-        return self._of(self._state.copy())
+        return self._of(self._state.copy(), self._is_placed)
 
     def __copy__(self) -> Self:
         return self.copy()
@@ -256,6 +286,10 @@ class Accumulator:
 
     def _values(self) -> str:
         raise NotImplementedError
+
+
+def _place(device: Device | None) -> str:
+    return "on the host" if device is None else device.description
 
 
 def loads(data: bytes | bytearray | memoryview, /) -> Sum | Dot | Moments:

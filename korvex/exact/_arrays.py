@@ -15,7 +15,8 @@ from typing import Any, NamedTuple, NoReturn
 
 import numpy as np
 
-from korvex.exact._homes import NUMPY, Home, NamespaceHome, TorchHome
+from korvex.exact._devices import CupyDevice, Device, TorchDevice
+from korvex.exact._homes import NUMPY, CupyHome, Home, NamespaceHome, TorchHome
 
 # Characters of NumPy's dtypes: bool, integers, float16, float32, float64; complex64, complex128.
 REAL_CHARACTERS = frozenset("?bBhHiIlLqQefd")
@@ -32,10 +33,11 @@ _DLPACK_CUDA = (2, 13)  # memory of a device, and managed memory
 
 
 class Real(NamedTuple):
-    """Real numbers as the native half takes them."""
+    """Real numbers as the native half takes them; on a device, as its library has them."""
 
     values: Any
     format: str | None = None  # "bfloat16": what values of uint16 stand for
+    device: Device | None = None  # None: the host
 
 
 class Operand(NamedTuple):
@@ -46,12 +48,14 @@ class Operand(NamedTuple):
     shape: tuple[int, ...]
     is_complex: bool
     home: Home
+    device: Device | None = None
 
     def halves(self) -> list[Real]:
         """The array itself, or the real and the imaginary half of a complex one."""
         if self.is_complex:
-            return [Real(self.values.real), Real(self.values.imag)]
-        return [Real(self.values, self.format)]
+            halves = (self.values.real, self.values.imag)
+            return [Real(half, None, self.device) for half in halves]
+        return [Real(self.values, self.format, self.device)]
 
 
 def as_operand(x: object, name: str) -> Operand:
@@ -64,7 +68,7 @@ def as_operand(x: object, name: str) -> Operand:
     if torch is not None and isinstance(x, torch.Tensor):
         return _of_torch(x, name, torch)
     if hasattr(x, "__cuda_array_interface__"):
-        refuse_cuda(name)
+        return _of_cupy(x, name)
     if hasattr(x, "__dlpack__") and hasattr(x, "__dlpack_device__"):
         return _of_dlpack(x, name)
     raise TypeError(
@@ -78,14 +82,23 @@ def as_real(x: object, name: str) -> Real:
     operand = as_operand(x, name)
     if operand.is_complex:
         raise TypeError(f"{name} is complex: give {name}.real and {name}.imag to one each")
-    return Real(operand.values, operand.format)
+    return Real(operand.values, operand.format, operand.device)
 
 
-def refuse_cuda(name: str) -> NoReturn:
-    """Say that device memory cannot be read: the one place where kernels for GPUs come in."""
+def refuse_cuda(function: str, *operands: tuple[str, Operand]) -> None:
+    """Say of a function that has no kernels for GPUs what to do instead."""
+    for name, operand in operands:
+        if operand.device is not None:
+            raise TypeError(
+                f"{name} is in the memory of a GPU, and korvex.exact.{function} has no kernels for "
+                f"GPUs yet: copy it to the host, {name}.cpu() in torch and {name}.get() in CuPy"
+            )
+
+
+def _refuse_unknown_cuda(name: str) -> NoReturn:
     raise TypeError(
-        f"{name} is in the memory of a GPU, and korvex.exact has no kernels for GPUs yet: copy it "
-        f"to the host, {name}.cpu() in torch and {name}.get() in CuPy"
+        f"{name} is in the memory of a GPU, and korvex.exact takes tensors of torch and arrays of "
+        f"CuPy there: give torch.from_dlpack({name}) or cupy.from_dlpack({name})"
     )
 
 
@@ -131,7 +144,7 @@ def _of_torch(x: Any, name: str, torch: Any) -> Operand:
     if emulated:
         x = emulation.host_alias(x)  # type: ignore[union-attr]
     elif x.device.type == "cuda":
-        refuse_cuda(name)
+        return _of_torch_cuda(x, name, torch)
     elif x.device.type != "cpu":
         raise TypeError(f"{name} is on the device {x.device}: give a tensor on the CPU")
     _check_torch_form(x, name, torch)
@@ -142,6 +155,15 @@ def _of_torch(x: Any, name: str, torch: Any) -> Operand:
     if x.dtype == torch.bfloat16:
         return Operand(x.view(torch.uint16).numpy(), "bfloat16", shape, False, home)
     return Operand(x.numpy(), None, shape, x.dtype.is_complex, home)
+
+
+def _of_torch_cuda(x: Any, name: str, torch: Any) -> Operand:
+    _check_torch_form(x, name, torch)
+    if x.is_conj() or x.is_neg():
+        x = x.resolve_conj().resolve_neg()
+    device = TorchDevice(x.device.index)
+    home = TorchHome(False, device.name)
+    return Operand(x, None, tuple(x.shape), x.dtype.is_complex, home, device)
 
 
 @functools.cache
@@ -161,13 +183,28 @@ def _check_torch_form(x: Any, name: str, torch: Any) -> None:
         _refuse_dtype(x.dtype, name)
 
 
+# --- CuPy
+
+
+def _of_cupy(x: Any, name: str) -> Operand:
+    cupy = sys.modules.get("cupy")
+    if cupy is None or not isinstance(x, cupy.ndarray):
+        _refuse_unknown_cuda(name)
+    dtype = x.dtype
+    if dtype.char not in REAL_CHARACTERS and dtype.char not in _COMPLEX_CHARACTERS:
+        _refuse_dtype(dtype, name)
+    is_complex = dtype.char in _COMPLEX_CHARACTERS
+    device = CupyDevice(int(x.device.id))
+    return Operand(x, None, tuple(x.shape), is_complex, CupyHome(device.ordinal), device)
+
+
 # --- DLPack
 
 
 def _of_dlpack(x: Any, name: str) -> Operand:
     kind, _ = x.__dlpack_device__()
     if kind in _DLPACK_CUDA:
-        refuse_cuda(name)
+        _refuse_unknown_cuda(name)
     if kind != _DLPACK_CPU:
         raise TypeError(f"{name} is on a device of DLPack's kind {int(kind)}: give one on the CPU")
     if nulls := getattr(x, "null_count", 0):  # of Arrow

@@ -13,7 +13,7 @@ import numpy as np
 from numpy import float64, ndarray
 
 from korvex.exact import _native, _statistics, _threads
-from korvex.exact._arrays import REAL_CHARACTERS
+from korvex.exact._arrays import REAL_CHARACTERS, Operand
 from korvex.exact._homes import format_of, give_values
 from korvex.exact._spread import Spread, as_spread
 from korvex.exact._state import DOT, MOMENTS, SUM, accumulated
@@ -72,7 +72,9 @@ def sum(
     operand = spread.operand
     form = format_of(dtype, operand.is_complex)
     shape = _reduced_shape(operand.shape, axis, keepdims)
-    if spread.groups:
+    if operand.device is not None and spread.is_one_array:
+        return _on_device(operand, form, shape)
+    if operand.device is not None or spread.groups:
         states = [spread.combined(accumulated(SUM, half)) for half in operand.halves()]
         values = [state.limbs(form=form)[0] for state in states]
     else:
@@ -249,6 +251,14 @@ def vector_norm(
     [half] = operand.halves()
     state = spread.combined(accumulated(DOT, half, half))
     return give_values(operand.home, [_statistics.norm_of(state, form=form)], form, shape)
+
+
+def _on_device(operand: Operand, form: str, shape: tuple[int, ...]) -> Any:
+    from korvex.exact._device_state import rounded
+
+    assert operand.device is not None
+    jobs = [(SUM, half, None) for half in operand.halves()]
+    return rounded(operand.device, jobs, form, shape)
 
 
 def _real_spread(x: Any, name: str, function: str, group: Any) -> Spread:

@@ -63,20 +63,42 @@ def _bfloat16_of_numpy() -> Any:
 
 
 class TorchHome(Home):
-    """torch, on the CPU or on the emulated device."""
+    """torch, on the CPU, on the emulated device or on a GPU."""
 
-    def __init__(self, emulated: bool) -> None:
+    def __init__(self, emulated: bool, device: str | None = None) -> None:
         self.emulated = emulated
+        self.device = device
 
     @property
     def description(self) -> str:  # type: ignore[override]
-        return f"a torch tensor on {'the emulated device' if self.emulated else 'the CPU'}"
+        place = "the emulated device" if self.emulated else self.device or "the CPU"
+        return f"a torch tensor on {place}"
 
     def give(self, values: Array, name: str) -> Any:
         result = sys.modules["torch"].from_numpy(values)
         if name == "bfloat16":
             result = result.view(sys.modules["torch"].bfloat16)
+        if self.device is not None:
+            return result.to(self.device)
         return sys.modules["korvex.emulation._tensor"].adopt(result) if self.emulated else result
+
+
+class CupyHome(Home):
+    """CuPy, on one of its devices."""
+
+    def __init__(self, ordinal: int) -> None:
+        self.ordinal = ordinal
+
+    @property
+    def description(self) -> str:  # type: ignore[override]
+        return f"a CuPy array on cuda:{self.ordinal}"
+
+    def give(self, values: Array, name: str) -> Any:
+        if name == "bfloat16":
+            raise ValueError("dtype bfloat16 does not exist in CuPy")
+        cupy = sys.modules["cupy"]
+        with cupy.cuda.Device(self.ordinal):
+            return cupy.asarray(values)
 
 
 class NamespaceHome(Home):

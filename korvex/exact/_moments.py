@@ -21,8 +21,8 @@ class Moments(Accumulator):
 
     Parameters
     ----------
-    device : None or "cpu"
-        Where the state is kept.
+    device : None, "cpu", "cuda", "cuda:0" and so on, or a device of torch or CuPy
+        Where the state is kept. None: where the first array is. Arrays must be in the same place.
 
     Examples
     --------
@@ -51,7 +51,7 @@ class Moments(Accumulator):
         >>> moments
         Moments(count=4, sum=10.0, sum_of_squares=30.0)
         """
-        self._state.accumulate(as_real(x, "x"))
+        self._accumulate(as_real(x, "x"))
 
     def subtract(self, x: Any, /) -> None:
         """Undo `add` of the same elements: digits, number of elements, infinities and NaN.
@@ -66,7 +66,7 @@ class Moments(Accumulator):
         >>> moments
         Moments(count=2, sum=3.0, sum_of_squares=5.0)
         """
-        self._state.accumulate(as_real(x, "x"), sign=-1)
+        self._accumulate(as_real(x, "x"), sign=-1)
 
     @classmethod
     def from_chunks(cls, chunks: Iterable[Any], /) -> Self:
@@ -124,7 +124,7 @@ class Moments(Accumulator):
         >>> moments.mean()
         1e+308
         """
-        return _statistics.mean_of(self._state)
+        return _statistics.mean_of(self._state.on_host())
 
     def var(self, *, correction: float = 0) -> float:
         """Return the variance with the divisor ``count - correction``, correctly rounded.
@@ -140,7 +140,9 @@ class Moments(Accumulator):
         >>> moments.var(correction=1)
         30.0
         """
-        return _statistics.variance_of(self._state, _statistics.checked_correction(correction))
+        return _statistics.variance_of(
+            self._state.on_host(), _statistics.checked_correction(correction)
+        )
 
     def std(self, *, correction: float = 0) -> float:
         """Return the root of the exact variance, correctly rounded.
@@ -154,7 +156,9 @@ class Moments(Accumulator):
         >>> moments.std()
         1.118033988749895
         """
-        return _statistics.deviation_of(self._state, _statistics.checked_correction(correction))
+        return _statistics.deviation_of(
+            self._state.on_host(), _statistics.checked_correction(correction)
+        )
 
     def norm(self) -> float:
         """Return the Euclidean norm, the root of the exact sum of squares, correctly rounded.
@@ -168,7 +172,7 @@ class Moments(Accumulator):
         >>> moments.norm()
         5e+200
         """
-        return _statistics.norm_of(self._state, SQUARES)
+        return _statistics.norm_of(self._state.on_host(), SQUARES)
 
     def _values(self) -> str:
         return f"sum={float(self.sum())!r}, sum_of_squares={float(self.sum_of_squares())!r}"

@@ -93,18 +93,22 @@ class _Message:
 
         state.settle()
         self._state = state
-        own = torch.from_numpy(state.words)
+        own = torch.from_numpy(state.on_host().words)
+        self._is_own = False
         if _sends_from_gpus(group):  # never run: no machine so far had two GPUs
             self.words = own.to(torch.device("cuda", torch.cuda.current_device()))
+        elif copied:
+            self.words = own.clone()
         else:
-            self.words = own.clone() if copied else own
+            self.words = own
+            self._is_own = state.device is None
 
     def put_back(self) -> None:
         self._state.replace(self.words.cpu().numpy())
 
     def work(self, work: Any) -> Any:
         """What the caller waits for: the engine's own where it works on the state itself."""
-        return CompletedBy(work, self.put_back) if self.words.is_cuda else work
+        return work if self._is_own else CompletedBy(work, self.put_back)
 
 
 def _sends_from_gpus(group: Any) -> bool:

@@ -8,7 +8,7 @@ from typing import Any
 import numpy as np
 
 from korvex.exact import _native, _threads
-from korvex.exact._arrays import Operand, Real, as_operand, check_same_home
+from korvex.exact._arrays import Operand, Real, as_operand, check_same_home, refuse_cuda
 from korvex.exact._homes import Array, empty, format_of, give_parts, give_values
 from korvex.exact._sharded_product import sharded_product
 from korvex.exact._spread import as_spread
@@ -55,8 +55,14 @@ def vecdot(x: Any, y: Any, /, *, axis: int = -1, dtype: Any = None, group: Any =
     _check_equal(first.shape[0], second.shape[0])
     if x_spread.layout != y_spread.layout:
         raise ValueError("x and y are DTensors that are cut in different ways: redistribute one")
-    form = format_of(dtype, first.is_complex or second.is_complex)
-    if first.is_complex or second.is_complex or x_spread.groups:
+    is_complex = first.is_complex or second.is_complex
+    form = format_of(dtype, is_complex)
+    if first.device is not None and x_spread.is_one_array and not is_complex:
+        from korvex.exact._device_state import rounded
+
+        [x_real], [y_real] = first.halves(), second.halves()
+        return rounded(first.device, [(DOT, x_real, y_real)], form, ())
+    if is_complex or first.device is not None or x_spread.groups:
         states = map(x_spread.combined, _dot_states(first, second))
         return give_values(home, [state.limbs(form=form)[0] for state in states], form, ())
     a, b = first.values, second.values
@@ -77,10 +83,10 @@ def _dot_states(x: Operand, y: Operand) -> list[State]:
         return [real]
     imaginary = State(DOT)
     if y.is_complex:
-        imaginary.accumulate(x_halves[0], y_halves[1])
+        imaginary.merge(accumulated(DOT, x_halves[0], y_halves[1]))
     if x.is_complex:
         if y.is_complex:
-            real.accumulate(x_halves[1], y_halves[1])
+            real.merge(accumulated(DOT, x_halves[1], y_halves[1]))
         _merge_negated(imaginary, accumulated(DOT, x_halves[1], y_halves[0]))
     return [real, imaginary]
 
@@ -125,6 +131,7 @@ def matmul(a: Any, b: Any, /, *, dtype: Any = None, group: Any = None) -> Any:
     """
     first, second = as_operand(a, "a"), as_operand(b, "b")
     home = check_same_home([("a", first), ("b", second)])
+    refuse_cuda("matmul", ("a", first), ("b", second))
     for name, operand in (("a", first), ("b", second)):
         if len(operand.shape) not in (1, 2):
             raise ValueError(
@@ -212,6 +219,7 @@ def cumulative_sum(
     array([1.e+16, 1.e+16, 1.e+16, 2.e+00])
     """
     operand = as_operand(x, "x")
+    refuse_cuda("cumulative_sum", ("x", operand))
     if operand.is_complex:
         raise TypeError("x is complex, and cumulative_sum takes real arrays only")
     form = format_of(dtype)

@@ -33,7 +33,7 @@ def to_bytes(state: State) -> bytes:
 
 
 def _content(state: State) -> bytes:
-    state = state.copy()
+    state = state.on_host().copy()
     state.settle()
     header = _HEADER.pack(_NAME, _VERSION, state.kind, state.words.size)
     return header + state.words.astype("<i8").tobytes()

@@ -13,7 +13,7 @@ from collections.abc import Sequence
 from typing import Any, NamedTuple
 
 from korvex.exact._arrays import Operand, as_operand
-from korvex.exact._homes import Array, Home, TorchHome
+from korvex.exact._homes import Array, Home
 from korvex.exact._processes import all_reduce_state, ranks_of
 from korvex.exact._state import State
 
@@ -24,6 +24,11 @@ class Spread(NamedTuple):
     operand: Operand  # but its shape and its home are those of the whole
     groups: Sequence[Any]
     layout: object = None  # of a DTensor: equal layouts have elements of one index in one process
+
+    @property
+    def is_one_array(self) -> bool:
+        """Whether there is no more to it than the operand."""
+        return not self.groups and self.layout is None
 
     def combined(self, state: State) -> State:
         """Make the state of the part that of the whole."""
@@ -72,15 +77,16 @@ def _of_dtensor(x: Any, name: str) -> Spread:
         raise ValueError(f"{name} is on a mesh that does not have this process in it")
     local = x.to_local()
     operand = as_operand(local.wait() if hasattr(local, "wait") else local, name)
-    whole = operand._replace(shape=tuple(x.shape), home=_MeshHome(mesh))
+    whole = operand._replace(shape=tuple(x.shape), home=_MeshHome(mesh, operand.home))
     return Spread(whole, groups, (mesh, tuple(x.placements)))
 
 
 class _MeshHome(Home):
     """A DTensor's mesh: a result is the same in all of its processes."""
 
-    def __init__(self, mesh: Any) -> None:
+    def __init__(self, mesh: Any, local: Home) -> None:
         self.mesh = mesh
+        self.local = local
 
     @property
     def description(self) -> str:  # type: ignore[override]
@@ -88,6 +94,6 @@ class _MeshHome(Home):
 
     def give(self, values: Array, name: str) -> Any:
         tensors = sys.modules["torch.distributed.tensor"]
-        local = TorchHome(False).give(values, name)
         placements = [tensors.Replicate()] * self.mesh.ndim
-        return tensors.DTensor.from_local(local, self.mesh, placements, run_check=False)
+        part = self.local.give(values, name)
+        return tensors.DTensor.from_local(part, self.mesh, placements, run_check=False)

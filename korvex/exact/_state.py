@@ -10,17 +10,21 @@ from __future__ import annotations
 
 import math
 import threading
-from typing import Any, NamedTuple, NoReturn
+from typing import TYPE_CHECKING, Any, NamedTuple, NoReturn
 
 import numpy as np
 
 from korvex.exact import _native, _threads
 from korvex.exact._arrays import Real
 
+if TYPE_CHECKING:
+    from korvex.exact._devices import Device
+
 Words = np.ndarray[tuple[int], np.dtype[np.int64]]
 
 SUM, DOT, MOMENTS = _native.SUM, _native.DOT, _native.MOMENTS
 COUNTS = 4  # words at the end
+WORD_BYTES = 8
 
 SUM_DIGITS = _native.words(SUM) - COUNTS
 SQUARES = 1  # the second part of moments
@@ -40,22 +44,23 @@ class Counts(NamedTuple):
 
 
 class State:
-    """The words of one state and what can be done with them.
+    """The words of one state and what can be done with them; here, in host memory.
 
     The native half lets other threads run while it adds, so steps on one state wait for each other:
     otherwise one of two additions at a time would be lost.
     """
 
-    __slots__ = ("_lock", "kind", "words")
+    __slots__ = ("_lock", "device", "kind", "words")
 
-    def __init__(self, kind: int, words: Words | None = None) -> None:
+    def __init__(self, kind: int, words: Words | None = None, device: Device | None = None) -> None:
         self._lock = threading.Lock()
         self.kind = kind
         self.words: Words = np.zeros(_native.words(kind), np.int64) if words is None else words
+        self.device = device  # None: the host
 
     def accumulate(self, x: Real, y: Real | None = None, sign: int = 1) -> None:
         """Add the elements of an array, or the products of two; take away where the sign is -1."""
-        values, format = (None, None) if y is None else y
+        values, format = (None, None) if y is None else (y.values, y.format)
         with self._lock:
             _native.accumulate(
                 self.kind, self.words, x.values, values, sign, _threads.count, x.format, format
@@ -78,9 +83,19 @@ class State:
         with self._lock:
             return State(self.kind, self.words.copy())
 
+    def on_host(self) -> State:
+        """The state itself, or a copy in host memory of one on a device."""
+        return self
+
+    def handed_out(self) -> Words:
+        """The words, settled, for others to read and to add to."""
+        self.settle()
+        return self.words.view()
+
     def __eq__(self, other: object) -> bool:
         if not isinstance(other, State) or self.kind != other.kind:
             return NotImplemented
+        other = other.on_host()
         self.settle()
         other.settle()
         return np.array_equal(self.words, other.words)
@@ -135,14 +150,26 @@ def _refuse_negative(counts: Counts) -> NoReturn:
 
 
 def accumulated(kind: int, x: Real, y: Real | None = None) -> State:
-    """The state of one array, or of the products of two."""
-    state = State(kind)
+    """The state of one array, or of the products of two, to be read on the host."""
+    state = new_state(kind, x.device)
     state.accumulate(x, y)
-    return state
+    return state.on_host()
+
+
+def new_state(kind: int, device: Device | None) -> State:
+    """A state that holds nothing."""
+    return State(kind) if device is None else _device_state(kind, device)
+
+
+def _device_state(kind: int, device: Device) -> State:
+    from korvex.exact._device_state import DeviceState  # for those alone who have a GPU
+
+    return DeviceState(kind, device)
 
 
 def parts_of_moments(state: State) -> tuple[State, State]:
-    """The sum and the sum of squares of moments, as states of their own."""
+    """The sum and the sum of squares of moments, as states of their own on the host."""
+    state = state.on_host()
     state.settle()
     positive, negative, nans, elements = state.raw_counts()
     sum_words = _joined(state.words[:SUM_DIGITS], positive, negative, nans, elements)

@@ -106,13 +106,13 @@ class Sum(_OneValue):
     """The exact sum of all elements that are added to it.
 
     Real arrays of any shape: bool, integers (exact, also beyond 2^53), float16, bfloat16, float32
-    and float64, of NumPy, torch on the CPU or on the emulated device, and anything with DLPack.
-    Complex arrays are a TypeError.
+    and float64, of NumPy, of torch, of CuPy, and anything with DLPack on the CPU. Complex arrays
+    are a TypeError.
 
     Parameters
     ----------
-    device : None or "cpu"
-        Where the state is kept.
+    device : None, "cpu", "cuda", "cuda:0" and so on, or a device of torch or CuPy
+        Where the state is kept. None: where the first array is. Arrays must be in the same place.
 
     Examples
     --------
@@ -140,7 +140,7 @@ class Sum(_OneValue):
         >>> int(total.to_fraction()) == 2**63 + 1
         True
         """
-        self._state.accumulate(as_real(x, "x"))
+        self._accumulate(as_real(x, "x"))
 
     def subtract(self, x: Any, /) -> None:
         """Undo `add` of the same elements: digits, number of elements, infinities and NaN.
@@ -155,7 +155,7 @@ class Sum(_OneValue):
         >>> total
         Sum(count=1, value=1.0)
         """
-        self._state.accumulate(as_real(x, "x"), sign=-1)
+        self._accumulate(as_real(x, "x"), sign=-1)
 
     @classmethod
     def from_chunks(cls, chunks: Iterable[Any], /) -> Self:
@@ -182,8 +182,8 @@ class Dot(_OneValue):
 
     Parameters
     ----------
-    device : None or "cpu"
-        Where the state is kept.
+    device : None, "cpu", "cuda", "cuda:0" and so on, or a device of torch or CuPy
+        Where the state is kept. None: where the first array is. Arrays must be in the same place.
 
     Examples
     --------
@@ -210,7 +210,7 @@ class Dot(_OneValue):
         >>> float(total)
         320.0
         """
-        self._state.accumulate(as_real(x, "x"), as_real(y, "y"))
+        self._accumulate(as_real(x, "x"), as_real(y, "y"))
 
     def subtract(self, x: Any, y: Any, /) -> None:
         """Undo `add` of the same pairs.
@@ -225,7 +225,7 @@ class Dot(_OneValue):
         >>> total
         Dot(count=1, value=20.0)
         """
-        self._state.accumulate(as_real(x, "x"), as_real(y, "y"), sign=-1)
+        self._accumulate(as_real(x, "x"), as_real(y, "y"), sign=-1)
 
     @classmethod
     def from_chunks(cls, pairs: Iterable[tuple[Any, Any]], /) -> Self:

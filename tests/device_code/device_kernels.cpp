@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "korvex/kernels/device/kernels.cu"
+#include "korvex/kernels/device/states.cu"
 #include "tests/device_code/device_kernels.h"
 
 namespace korvex::test {
@@ -62,6 +63,14 @@ const DeviceKernel kKernels[] = {
 };
 // clang-format on
 
+const DeviceKernel kStateKernels[] = {
+    {"korvex_add_elements", call<korvex_add_elements>},
+    {"korvex_add_products", call<korvex_add_products>},
+    {"korvex_settle_state", call<korvex_settle_state>},
+    {"korvex_round_state", call<korvex_round_state>},
+};
+static_assert(std::size(kStateKernels) == kernels::kStateKernelCount);
+
 template <class Memory>
 Workspace workspace(std::string_view name, Memory& memory) {
   return {name, &memory, sizeof memory};
@@ -70,6 +79,7 @@ Workspace workspace(std::string_view name, Memory& memory) {
 }  // namespace
 
 std::span<const DeviceKernel> device_kernels() { return kKernels; }
+std::span<const DeviceKernel> state_kernels() { return kStateKernels; }
 
 std::span<const Workspace> device_workspaces() {
   using namespace kernels;

@@ -14,6 +14,7 @@ struct DeviceKernel {
 };
 
 std::span<const DeviceKernel> device_kernels();
+std::span<const DeviceKernel> state_kernels();  // of korvex/kernels/states.h, in its order
 
 // Static memory of the device code.
 struct Workspace {

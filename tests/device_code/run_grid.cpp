@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Runs every kernel of the device folder on a simulated grid, and what stands for a kernel on the
-// whole device, and compares the results with those of the host kernels, bit for bit.
+// whole device, and compares the results with those of the host kernels, and the states that
+// kernels leave with those of the host library, bit for bit.
 //
 // usage: run_grid HOST_LIBRARY [--long] [--seed N] [--kernel NAME] [--hard-cases JSON] [--jobs N]
 //                 [--most-elements N]
@@ -26,6 +27,7 @@
 #include "tests/device_code/cuda_grid.h"
 #include "tests/device_code/device_kernels.h"
 #include "tests/device_code/grid_cases.h"
+#include "tests/launches/state_case.h"
 
 namespace korvex::test {
 namespace {
@@ -60,10 +62,12 @@ struct Progress {
 class GuardedArray {
  public:
   GuardedArray(const std::vector<double>& values, std::uint64_t bytes_past_16)
-      : before_(kGuard + bytes_past_16), bytes_(values.size() * sizeof(double)) {
+      : GuardedArray(values.data(), values.size() * sizeof(double), bytes_past_16) {}
+  GuardedArray(const void* content, std::size_t bytes, std::uint64_t bytes_past_16)
+      : before_(kGuard + bytes_past_16), bytes_(bytes) {
     memory_.resize(before_ + bytes_ + kGuard, kJunk);
     if (bytes_ != 0) {
-      std::memcpy(memory_.data() + before_, values.data(), bytes_);
+      std::memcpy(memory_.data() + before_, content, bytes_);
     }
     forbid_access(memory_.data(), before_);
     forbid_access(memory_.data() + before_ + bytes_, kGuard);
@@ -183,30 +187,109 @@ void require_trap(CudaGrid& grid, const launches::HostLibrary& host, const Case&
   throw Failure("the kernel does not refuse this block");
 }
 
+// Kernels of states on the grid.
+class GridOfStates : public launches::StateRunner {
+ public:
+  explicit GridOfStates(CudaGrid& grid) : grid_(grid) {}
+
+  void place(launches::StateArray& array) override {
+    arrays_.push_back(
+        std::make_unique<GuardedArray>(array.bytes.data(), array.bytes.size(), array.past_16));
+    array.address = reinterpret_cast<std::uintptr_t>(arrays_.back()->data());
+  }
+  void launch(const kernels::StateKernelRow& kernel, const launches::Shape& shape,
+              const std::vector<std::uint64_t>& values, std::uint64_t seed) override {
+    std::vector<std::uint64_t> own = values;
+    std::vector<void*> pointers;
+    for (std::uint64_t& value : own) {
+      pointers.push_back(&value);
+    }
+    const DeviceKernel& code =
+        state_kernels()[static_cast<std::size_t>(&kernel - kernels::kStateKernels)];
+    const unsigned resident_blocks = 1 + static_cast<unsigned>(seed % 3);
+    grid_.launch(shape, seed, {kMostSteps, resident_blocks}, [&] { code.call(pointers.data()); });
+  }
+  void read(launches::StateArray& array) override {
+    for (auto& placed : arrays_) {
+      if (reinterpret_cast<std::uintptr_t>(placed->data()) == array.address) {
+        if (!array.bytes.empty()) {
+          std::memcpy(array.bytes.data(), placed->data(), array.bytes.size());
+        }
+        placed->require_guards(array.name);
+        return;
+      }
+    }
+  }
+  void forget() override { arrays_.clear(); }
+
+ private:
+  CudaGrid& grid_;
+  std::vector<std::unique_ptr<GuardedArray>> arrays_;
+};
+
+// What one process runs.
+struct Job {
+  Subject subject;
+  const kernels::StateKernelRow* states;  // null: the subject
+
+  const char* name() const { return states == nullptr ? subject.name() : states->name; }
+};
+
+std::vector<Job> all_jobs() {
+  std::vector<Job> jobs;
+  for (const Subject& subject : launches::subjects()) {
+    jobs.push_back({subject, nullptr});
+  }
+  for (const kernels::StateKernelRow& states : kernels::kStateKernels) {
+    jobs.push_back({{}, &states});
+  }
+  return jobs;
+}
+
+void run_cases(CudaGrid& grid, const launches::HostLibrary& host, const Options& options,
+               const Subject& subject, Progress& progress) {
+  const std::vector<Case> cases = grid_cases_of(subject, options.is_long, options.seed);
+  if (const std::string missing = what_is_missing(subject, cases); !missing.empty()) {
+    throw Failure("the cases lack:" + missing);
+  }
+  for (const Case& one : trapping_cases_of(subject, options.seed)) {
+    std::snprintf(progress.launch, sizeof progress.launch, "%s", launches::name_of(one).c_str());
+    require_trap(grid, host, one);
+    ++progress.launches;
+  }
+  for (const Case& one : cases) {
+    if (launches::most_elements(one) > options.most_elements) {
+      continue;
+    }
+    std::snprintf(progress.launch, sizeof progress.launch, "%s", launches::name_of(one).c_str());
+    run_case(grid, host, one);
+    ++progress.launches;
+    progress.steps = grid.steps();
+  }
+}
+
+void run_state_cases(CudaGrid& grid, const launches::HostLibrary& host, const Options& options,
+                     const kernels::StateKernelRow& row, Progress& progress) {
+  GridOfStates states(grid);
+  for (const auto& one : launches::state_cases_of(row, options.is_long, options.seed)) {
+    std::snprintf(progress.launch, sizeof progress.launch, "%s", launches::name_of(one).c_str());
+    launches::run_state_case(states, host.exact(), one);
+    progress.launches += one.additions.size();
+    progress.steps = grid.steps();
+  }
+}
+
 // The process of one kernel.
-[[noreturn]] void run_kernel(const Options& options, const Subject& subject, Progress& progress) {
+[[noreturn]] void run_kernel(const Options& options, const Job& job, Progress& progress) {
   const auto start = std::chrono::steady_clock::now();
   int status = 0;
   try {
     const launches::HostLibrary host(options.library.c_str());
     CudaGrid grid;
-    const std::vector<Case> cases = grid_cases_of(subject, options.is_long, options.seed);
-    if (const std::string missing = what_is_missing(subject, cases); !missing.empty()) {
-      throw Failure("the cases lack:" + missing);
-    }
-    for (const Case& one : trapping_cases_of(subject, options.seed)) {
-      std::snprintf(progress.launch, sizeof progress.launch, "%s", launches::name_of(one).c_str());
-      require_trap(grid, host, one);
-      ++progress.launches;
-    }
-    for (const Case& one : cases) {
-      if (launches::most_elements(one) > options.most_elements) {
-        continue;
-      }
-      std::snprintf(progress.launch, sizeof progress.launch, "%s", launches::name_of(one).c_str());
-      run_case(grid, host, one);
-      ++progress.launches;
-      progress.steps = grid.steps();
+    if (job.states == nullptr) {
+      run_cases(grid, host, options, job.subject, progress);
+    } else {
+      run_state_cases(grid, host, options, *job.states, progress);
     }
     progress.is_done = true;
   } catch (const std::exception& failure) {
@@ -226,7 +309,7 @@ struct Totals {
   std::uint64_t steps = 0;
 };
 
-void report(const Subject& subject, const Progress& progress, Totals& totals) {
+void report(const char* kernel, const Progress& progress, Totals& totals) {
   ++totals.kernels;
   totals.launches += progress.launches;
   totals.steps += progress.steps;
@@ -234,7 +317,7 @@ void report(const Subject& subject, const Progress& progress, Totals& totals) {
     ++totals.failures;
     std::printf("FAILED %s\n", progress.launch);
   }
-  std::printf("%-26s %4llu launches %10.1f million steps %6.1f s\n", subject.name(),
+  std::printf("%-26s %4llu launches %10.1f million steps %6.1f s\n", kernel,
               static_cast<unsigned long long>(progress.launches),
               static_cast<double>(progress.steps) * 1e-6, progress.seconds);
   std::fflush(stdout);
@@ -248,22 +331,22 @@ Progress* shared_progress(std::size_t count) {
 
 int run(const Options& options) {
   const auto start = std::chrono::steady_clock::now();
-  const std::vector<Subject> subjects = launches::subjects();
-  Progress* const progress = shared_progress(subjects.size());
-  std::vector<pid_t> processes(subjects.size(), 0);
+  const std::vector<Job> jobs = all_jobs();
+  Progress* const progress = shared_progress(jobs.size());
+  std::vector<pid_t> processes(jobs.size(), 0);
   Totals totals;
   unsigned running = 0;
   const auto wait_for_one = [&] {
     const pid_t ended = wait(nullptr);
     for (std::size_t i = 0; i < processes.size(); ++i) {
       if (processes[i] == ended) {
-        report(subjects[i], progress[i], totals);
+        report(jobs[i].name(), progress[i], totals);
       }
     }
     --running;
   };
   for (std::size_t i = 0; i < processes.size(); ++i) {
-    if (!options.kernel.empty() && options.kernel != subjects[i].name()) {
+    if (!options.kernel.empty() && options.kernel != jobs[i].name()) {
       continue;
     }
     if (running >= options.jobs) {
@@ -272,7 +355,7 @@ int run(const Options& options) {
     std::fflush(stdout);
     processes[i] = fork();
     if (processes[i] == 0) {
-      run_kernel(options, subjects[i], progress[i]);
+      run_kernel(options, jobs[i], progress[i]);
     }
     ++running;
   }

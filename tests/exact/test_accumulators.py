@@ -373,7 +373,12 @@ def test_repr():
 
 WRONG = [
     (lambda: exact.Sum("cpu"), TypeError, "takes 1 positional argument but 2 were given"),
-    (lambda: exact.Sum(device="cuda"), ValueError, "device must be None or 'cpu', not 'cuda'"),
+    (
+        lambda: exact.Sum(device="gpu"),
+        ValueError,
+        "device must be None, 'cpu', 'cuda', 'cuda:0' and so on, or a device of torch or CuPy, not "
+        "'gpu'",
+    ),
     (lambda: sum_of([1]).limbs(0), ValueError, "count must be from 1 to 4, not 0"),
     (lambda: sum_of([1]).limbs(5), ValueError, "count must be from 1 to 4, not 5"),
     (lambda: sum_of([1]).limbs(True), TypeError, "count must be an int, not bool"),

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "korvex/kernels/host/exact.h"
 #include "korvex/kernels/host/launch.h"
 #include "tests/launches/failure.h"
 
@@ -22,6 +23,10 @@ class HostLibrary {
       throw Failure(dlerror());
     }
     launch_ = find<decltype(korvex_host_launch)>("korvex_host_launch");
+  }
+
+  const korvex_exact_functions& exact() const {
+    return *find<decltype(korvex_host_exact)>("korvex_host_exact")();
   }
 
   int index_of(std::string_view kernel) const {

@@ -26,7 +26,8 @@ from typing import NamedTuple
 
 SOURCE_TREE = Path(__file__).resolve().parents[2]
 DEVICE_CODE = SOURCE_TREE / "tests" / "device_code"
-SOURCE = SOURCE_TREE / "korvex" / "kernels" / "device" / "kernels.cu"
+DEVICE = SOURCE_TREE / "korvex" / "kernels" / "device"
+SOURCES = ("kernels", "states")
 HARD_CASES = SOURCE_TREE / "tests" / "elementwise" / "hard_cases.json"
 GRID_FAULTS = DEVICE_CODE / "grid_faults.py"
 LAST_TRIES = DEVICE_CODE / "last_tries.py"
@@ -56,14 +57,19 @@ def flags_of(compiler: str) -> list[str]:
 
 
 def compile_command(
-    compiler: str, architecture: int, target: Path, nvrtc: str, trees: tuple[Path, ...]
+    source: Path,
+    compiler: str,
+    architecture: int,
+    target: Path,
+    nvrtc: str,
+    trees: tuple[Path, ...],
 ) -> list[str]:
-    includes = [f"-I{folder}" for folder in (*trees, SOURCE_TREE, SOURCE.parent)]
+    includes = [f"-I{folder}" for folder in (*trees, SOURCE_TREE, DEVICE)]
     if compiler == "nvcc":
-        command = ["nvcc", "-ptx", str(SOURCE), "-o", str(target), f"-arch=compute_{architecture}"]
+        command = ["nvcc", "-ptx", str(source), "-o", str(target), f"-arch=compute_{architecture}"]
     else:
         script = SOURCE_TREE / "cmake" / "compile_with_nvrtc.py"
-        command = [sys.executable, str(script), nvrtc, str(SOURCE), str(target)]
+        command = [sys.executable, str(script), nvrtc, str(source), str(target)]
         command += [f"--gpu-architecture=compute_{architecture}"]
     return command + flags_of(compiler) + includes
 
@@ -81,13 +87,19 @@ def fingerprint(command: list[str], trees: tuple[Path, ...]) -> str:
 
 
 def make_ptx(
-    compiler: str, architecture: int, folder: Path, nvrtc: str, trees: tuple[Path, ...] = ()
+    source: str,
+    compiler: str,
+    architecture: int,
+    folder: Path,
+    nvrtc: str,
+    trees: tuple[Path, ...] = (),
 ) -> Path:
-    """The kernels, of which headers in `trees` stand before the tree's."""
+    """The kernels of a source, of which headers in `trees` stand before the tree's."""
     folder.mkdir(parents=True, exist_ok=True)
-    target = folder / f"{compiler}_compute_{architecture}.ptx"
+    target = folder / f"{source}_{compiler}_compute_{architecture}.ptx"
     stamp = target.with_suffix(".made-from")
-    command = compile_command(compiler, architecture, target, nvrtc, trees)
+    path = DEVICE / f"{source}.cu"
+    command = compile_command(path, compiler, architecture, target, nvrtc, trees)
     made_from = fingerprint(command, trees)
     if not (target.exists() and stamp.exists() and stamp.read_text() == made_from):
         stamp.unlink(missing_ok=True)
@@ -99,7 +111,7 @@ def make_ptx(
 def make_last_tries(folder: Path, nvrtc: str) -> Path:
     tree = folder / "last_tries"
     subprocess.run([sys.executable, str(LAST_TRIES), str(tree)], check=True)
-    return make_ptx(*ORDINARY[0], tree, nvrtc, (tree,))
+    return make_ptx(SOURCES[0], *ORDINARY[0], tree, nvrtc, (tree,))
 
 
 def last_tries_runs(command: list[str], is_long: bool) -> list[list[str]]:
@@ -109,18 +121,19 @@ def last_tries_runs(command: list[str], is_long: bool) -> list[list[str]]:
 
 
 def runs_of(arguments: argparse.Namespace, files: list[Path], last: Path) -> list[list[str]]:
-    """The command lines of the tool."""
+    """The command lines of the tool; the first files are those of the ordinary run."""
     tool = [arguments.tool, arguments.library]
     hard = ["--hard-cases", str(HARD_CASES)]
-    ordinary = [str(path) for path in files[:1]]
-    kernels = [[*tool, *ordinary, *hard, "--kernels-only"]]
-    faults = [[*tool, *ordinary, *hard, "--faults-only"]]
+    ordinary, others = files[: len(SOURCES)], files[len(SOURCES) :]
+    kernels = [[*tool, str(path), *hard, "--kernels-only"] for path in ordinary]
+    faults = [[*tool, str(ordinary[0]), *hard, "--faults-only"]]
     if arguments.long:
         kernels = [
-            [*tool, *ordinary, *hard, "--kernels-only", "--long", "--seed", str(seed)]
+            [*tool, str(path), *hard, "--kernels-only", "--long", "--seed", str(seed)]
             for seed in LONG_SEEDS
+            for path in ordinary
         ]
-        kernels += [[*tool, str(path), *hard, "--kernels-only"] for path in files[1:]]
+        kernels += [[*tool, str(path), *hard, "--kernels-only"] for path in others]
     kernels += last_tries_runs([*tool, str(last), "--kernels-only"], arguments.long)
     return {"kernels": kernels, "faults": faults, None: faults + kernels}[arguments.part]
 
@@ -174,8 +187,9 @@ def main() -> int:
     with ThreadPoolExecutor(os.cpu_count()) as pool:
         runs = grid_runs(arguments)
         if has_nvcc:
+            jobs = [(source, *each) for each in wanted for source in SOURCES]
             files = list(
-                pool.map(lambda each: make_ptx(*each, arguments.folder, arguments.nvrtc), wanted)
+                pool.map(lambda each: make_ptx(*each, arguments.folder, arguments.nvrtc), jobs)
             )
             last = make_last_tries(arguments.folder, arguments.nvrtc)
             if arguments.part == "compile":

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Runs the kernels of PTX files on the host and compares their results with the host kernels;
-// plants faults in the PTX and wants each of them noticed.
+// plants faults in the PTX and wants each of them noticed. Of a file with the kernels of exact
+// states it compares the states that they leave, and plants no faults.
 //
 // usage: run_ptx HOST_LIBRARY PTX... [--long] [--seed N] [--kernel NAME] [--hard-cases JSON]
 //                [--faults-only | --kernels-only] [--unreached] [--most-elements N]
@@ -16,6 +17,7 @@
 
 #include "tests/ptx/cases.h"
 #include "tests/ptx/faults.h"
+#include "tests/ptx/state_runner.h"
 
 namespace korvex::ptx {
 namespace {
@@ -102,35 +104,59 @@ void count_reached(const Module& module, bool shows_unreached, Totals& totals) {
   }
 }
 
+// Runs the cases of one kernel, up to the first that fails: the next would show the same.
+template <class OneCase, class Run>
+void run_kernel(const char* kernel, const std::vector<OneCase>& cases, const Run& run_one,
+                Machine& machine, const std::string& file, Totals& totals) {
+  ++totals.kernels;
+  const auto start = std::chrono::steady_clock::now();
+  const Figures before = machine.figures();
+  for (const OneCase& one : cases) {
+    try {
+      run_one(one);
+    } catch (const Failure& failure) {
+      ++totals.failures;
+      std::printf("FAILED %s\n%s\n", file.c_str(), failure.what());
+      break;
+    }
+  }
+  const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+  std::printf("%-26s %4llu launches %10.1f million instructions %6.1f s\n", kernel,
+              static_cast<unsigned long long>(machine.figures().launches - before.launches),
+              static_cast<double>(machine.figures().instructions - before.instructions) * 1e-6,
+              taken.count());
+  std::fflush(stdout);
+}
+
 void run_kernels(const Options& options, const HostLibrary& host, const std::string& text,
                  const std::string& file, Totals& totals) {
   Machine machine(parse(text));
+  MachineOfStates states(machine);
   totals.kernels = 0;
+  const bool has_states = machine.module().find(kernels::kStateKernels[0].name) != nullptr;
+  const auto is_wanted = [&](const char* kernel) {
+    return options.kernel.empty() || options.kernel == kernel;
+  };
   for (const launches::Subject& subject : launches::subjects()) {
-    if (!options.kernel.empty() && options.kernel != subject.name()) {
-      continue;
+    if (!has_states && is_wanted(subject.name())) {
+      std::vector<Case> cases = cases_of(subject, options.is_long, options.seed);
+      std::erase_if(cases, [&](const Case& one) {
+        return launches::most_elements(one) > options.most_elements;
+      });
+      run_kernel(
+          subject.name(), cases, [&](const Case& one) { run_case(machine, host, one); }, machine,
+          file, totals);
     }
-    ++totals.kernels;
-    const auto start = std::chrono::steady_clock::now();
-    const Figures before = machine.figures();
-    for (const Case& one : cases_of(subject, options.is_long, options.seed)) {
-      if (launches::most_elements(one) > options.most_elements) {
-        continue;
-      }
-      try {
-        run_case(machine, host, one);
-      } catch (const Failure& failure) {
-        ++totals.failures;
-        std::printf("FAILED %s\n%s\n", file.c_str(), failure.what());
-        break;  // the next cases of this kernel would show the same
-      }
+  }
+  for (const kernels::StateKernelRow& row : kernels::kStateKernels) {
+    if (has_states && is_wanted(row.name)) {
+      run_kernel(
+          row.name, launches::state_cases_of(row, options.is_long, options.seed),
+          [&](const launches::StateCase& one) {
+            launches::run_state_case(states, host.exact(), one);
+          },
+          machine, file, totals);
     }
-    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
-    std::printf("%-26s %4llu launches %10.1f million instructions %6.1f s\n", subject.name(),
-                static_cast<unsigned long long>(machine.figures().launches - before.launches),
-                static_cast<double>(machine.figures().instructions - before.instructions) * 1e-6,
-                taken.count());
-    std::fflush(stdout);
   }
   totals.figures += machine.figures();
   count_reached(machine.module(), options.shows_unreached, totals);

@@ -129,9 +129,17 @@ def link_faults(wheel: Wheel) -> list[str]:
 
 
 def kernel_faults(wheel: Wheel, folder: Path) -> list[str]:
-    prefix = "korvex/cubins/"
+    """What differs from the kernels of a folder, and from those of states in a folder below it."""
+    found = _kernel_faults(wheel, folder, "korvex/cubins/")
+    states = folder / "states"
+    return found + (
+        _kernel_faults(wheel, states, "korvex/exact/cubins/") if states.is_dir() else []
+    )
+
+
+def _kernel_faults(wheel: Wheel, folder: Path, prefix: str) -> list[str]:
     held = {name.removeprefix(prefix): d for name, d in wheel.files.items() if prefix in name}
-    wanted = {path.name: path.read_bytes() for path in folder.iterdir()}
+    wanted = {path.name: path.read_bytes() for path in folder.iterdir() if path.is_file()}
     if not any(name.endswith(".cubin") for name in wanted):
         return [f"{folder} holds no kernels"]
     return [

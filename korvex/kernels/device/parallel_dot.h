@@ -37,14 +37,18 @@ class WarpProducts : private WarpSum<Thread> {
       : Base(thread, digits, special) {}
 
   // Adds x[i] * y[i] for i = 0 to count - 1, 1 <= count <= kDotTile. All lanes call this alike.
-  KORVEX_INLINE void add_tile(const double* x, const double* y, int count) const {
+  template <class XElements, class YElements>
+  KORVEX_INLINE void add_tile(XElements x, YElements y, int count) const {
+    double x_factors[kPairsPerLane];
+    double y_factors[kPairsPerLane];
+    load_factors(x, count, x_factors);
+    load_factors(y, count, y_factors);
     double part[kPerLane];
     bool can_be_split = true;
     unsigned highest = 0;
     for (int i = 0; i < kPairsPerLane; ++i) {
-      const int place = i * kLanes + thread_.lane();
-      const double x_factor = place < count ? x[place] : 0.0;
-      const double y_factor = place < count ? y[place] : 0.0;
+      const double x_factor = x_factors[i];
+      const double y_factor = y_factors[i];
       const double product = arithmetic::mul_rn(x_factor, y_factor);  // rounded
       double* split = part + std::int64_t{2} * i;
       split[0] = product;
@@ -68,6 +72,26 @@ class WarpProducts : private WarpSum<Thread> {
   static constexpr int kBitsBelowDoubles =
       arithmetic::kUnitExponent - arithmetic::ProductAccumulator::kLowestExponent;
 
+  // Element i of lane l is element 32 i + l of the tile; zeros stand for what lies beyond the
+  // count.
+  KORVEX_INLINE void load_factors(const double* x, int count, double* into) const {
+    for (int i = 0; i < kPairsPerLane; ++i) {
+      const int place = i * kLanes + thread_.lane();
+      into[i] = place < count ? x[place] : 0.0;
+    }
+  }
+  template <class Elements>
+  KORVEX_INLINE void load_factors(const Elements& x, int count, double* into) const {
+    if (count == kDotTile) {
+      x.template load_lane<kPairsPerLane>(thread_.lane(), into);
+      return;
+    }
+    for (int i = 0; i < kPairsPerLane; ++i) {
+      const int place = i * kLanes + thread_.lane();
+      into[i] = place < count ? x[place] : 0.0;
+    }
+  }
+
   KORVEX_INLINE void add_parts(double* part, unsigned highest) const {
     WarpPlan plan;
     plan.bias_exponent = WarpPlan::bias_exponent_for(highest);
@@ -86,7 +110,8 @@ class WarpProducts : private WarpSum<Thread> {
                       arithmetic::is_negative(x));
   }
 
-  KORVEX_COLD void add_each(const double* x, const double* y, int count) const {
+  template <class XElements, class YElements>
+  KORVEX_COLD void add_each(XElements x, YElements y, int count) const {
     for (int place = thread_.lane(); place < count; place += kLanes) {
       add_pair(x[place], y[place]);
     }

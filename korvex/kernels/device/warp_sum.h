@@ -10,6 +10,9 @@
 // then with four slices, and what even those leave goes element by element into the warp's digits.
 // Counts of grid units stay in the lanes for up to kTilesOfPlan tiles; then they are added up by
 // shuffles.
+//
+// Elements, here and in parallel_dot.h: `const double*`, on a border between pairs, or an array of
+// any format as state_elements.h reads it. It can be subscripted and moved on like a pointer.
 #pragma once
 
 #include "korvex/arithmetic/base/binary64.h"
@@ -96,9 +99,9 @@ class WarpSum {
   KORVEX_INLINE WarpSum(const Thread& thread, std::int64_t* digits, unsigned& special)
       : thread_(thread), digits_(digits), special_(special) {}
 
-  // Adds x[0] to x[count - 1], 1 <= count <= kTile. All lanes call this with the same arguments; x
-  // lies on a border between pairs.
-  KORVEX_INLINE void add_tile(const double* x, int count) {
+  // Adds x[0] to x[count - 1], 1 <= count <= kTile. All lanes call this with the same arguments.
+  template <class Elements>
+  KORVEX_INLINE void add_tile(Elements x, int count) {
     const bool is_fast =
         count == kTile && !plan_.is_deep && try_tile<WarpPlan::kFewSlices>(x, kTile, plan_);
     if (!is_fast) {
@@ -145,8 +148,8 @@ class WarpSum {
  protected:
   // Takes the tile through kSlices slices; false in all lanes, with nothing added, where that is
   // not exact.
-  template <int kSlices>
-  KORVEX_INLINE bool try_tile(const double* x, int count, WarpPlan& plan) const {
+  template <int kSlices, class Elements>
+  KORVEX_INLINE bool try_tile(Elements x, int count, WarpPlan& plan) const {
     double rest[kPerLane];
     load(x, count, rest);
     std::int64_t units[kSlices];
@@ -164,7 +167,8 @@ class WarpSum {
     return true;
   }
 
-  KORVEX_COLD void add_tile_slowly(const double* x, int count, WarpPlan& plan) const {
+  template <class Elements>
+  KORVEX_COLD void add_tile_slowly(Elements x, int count, WarpPlan& plan) const {
     if (plan.is_deep ? try_tile<WarpPlan::kManySlices>(x, count, plan)
                      : count < kTile && try_tile<WarpPlan::kFewSlices>(x, count, plan)) {
       return;
@@ -188,7 +192,8 @@ class WarpSum {
   }
 
   // Precondition: the plan was made for this tile, so its first slice stays in its binade.
-  KORVEX_INLINE void add_tile_deeply(const double* x, int count, WarpPlan& plan) const {
+  template <class Elements>
+  KORVEX_INLINE void add_tile_deeply(Elements x, int count, WarpPlan& plan) const {
     double rest[kPerLane];
     load(x, count, rest);
     std::int64_t units[WarpPlan::kManySlices];
@@ -222,13 +227,11 @@ class WarpSum {
     return !arithmetic::moved_out(moved);
   }
 
-  // Pair i of lane l is pair 32 i + l of the tile. Zeros stand for what lies beyond the count.
-  KORVEX_INLINE void load(const double* x, int count, double* into) const {
-    const double* own = x + 2 * thread_.lane();
+  // Zeros stand for what lies beyond the count.
+  template <class Elements>
+  KORVEX_INLINE void load(Elements x, int count, double* into) const {
     if (count == kTile) {
-      for (int i = 0; i < kPerLane; i += 2) {
-        thread_.load_pair(own + std::int64_t{i} * kLanes, into + i);
-      }
+      load_whole_tile(x, into);
       return;
     }
     for (int i = 0; i < kPerLane; ++i) {
@@ -237,7 +240,20 @@ class WarpSum {
     }
   }
 
-  KORVEX_COLD unsigned highest_field(const double* x, int count) const {
+  // Pair i of lane l is pair 32 i + l of the tile.
+  KORVEX_INLINE void load_whole_tile(const double* x, double* into) const {
+    const double* own = x + 2 * thread_.lane();
+    for (int i = 0; i < kPerLane; i += 2) {
+      thread_.load_pair(own + std::int64_t{i} * kLanes, into + i);
+    }
+  }
+  template <class Elements>
+  KORVEX_INLINE void load_whole_tile(const Elements& x, double* into) const {
+    x.template load_lane<kPerLane>(thread_.lane(), into);
+  }
+
+  template <class Elements>
+  KORVEX_COLD unsigned highest_field(Elements x, int count) const {
     unsigned highest = 0;
     for (int place = thread_.lane(); place < count; place += kLanes) {
       const auto field = static_cast<unsigned>(arithmetic::exponent_field(x[place]));
@@ -246,7 +262,8 @@ class WarpSum {
     return thread_.max(highest);
   }
 
-  KORVEX_COLD void add_each(const double* x, int count) const {
+  template <class Elements>
+  KORVEX_COLD void add_each(Elements x, int count) const {
     for (int place = thread_.lane(); place < count; place += kLanes) {
       add_element(x[place]);
     }

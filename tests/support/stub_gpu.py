@@ -1,0 +1,251 @@
+# SPDX-License-Identifier: Apache-2.0
+"""GPUs for korvex.exact in host memory, for tests in a process of their own.
+
+The driver is the stub of tests/exact/stub_cuda, which runs the code of the device. `install` puts
+the launcher beside a folder of dummy kernel files; `cupy_module` is a stand-in for CuPy over NumPy,
+and `pretend_torch_has_a_gpu` makes torch hand out tensors that say that they are on a GPU. Both
+wait for a stream where the real library would: where elements are copied to the host.
+"""
+
+import contextlib
+import ctypes
+import fcntl
+import importlib.machinery
+import importlib.util
+import os
+import shutil
+import subprocess
+import sys
+import types
+from pathlib import Path
+
+import numpy as np
+
+_SOURCE = Path(__file__).resolve().parent.parent / "exact" / "stub_cuda"
+NAME = "korvex.exact._cuda"
+
+
+def build(folder):
+    """Build the stub driver in `folder`, once for all processes of a run; return its folder."""
+    folder.mkdir(exist_ok=True)
+    with open(folder / "lock", "w") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        tools = os.pathsep.join([str(Path(sys.executable).parent), os.environ["PATH"]])
+        cmake = shutil.which("cmake", path=tools)
+        for command in (
+            [cmake, "-S", _SOURCE, "-B", folder / "build", "-DCMAKE_BUILD_TYPE=Release"],
+            [cmake, "--build", folder / "build"],
+        ):
+            run = subprocess.run(command, capture_output=True, text=True)
+            assert run.returncode == 0, run.stdout + run.stderr
+    return folder / "build"
+
+
+def install(folder, *files):
+    """The built launcher beside a `cubins` folder of dummy files, as in `sm_90`: its path."""
+    (folder / "cubins").mkdir(parents=True)
+    installed = Path(importlib.util.find_spec(NAME).origin)
+    (folder / installed.name).symlink_to(installed)
+    for name in files:
+        (folder / "cubins" / f"korvex_{name}.cubin").write_text(f"{name}\n")
+    return folder / installed.name
+
+
+def import_launcher(path):
+    """Import the launcher from the scratch installation."""
+    spec = importlib.util.spec_from_file_location(NAME, path)
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    sys.modules[NAME] = module
+    return module
+
+
+class StubDriver:
+    def __init__(self):
+        self._library = ctypes.CDLL("libcuda.so.1")
+        self._library.stub_take_log.restype = ctypes.c_char_p
+        self._library.stub_wait.argtypes = [ctypes.c_int, ctypes.c_uint64]
+
+    def wait(self, device, stream):
+        assert self._library.stub_wait(device, stream) == 0
+
+    def fail(self, call, result=2):
+        """Make a function fail from now on; no more where the result is 0."""
+        self._library.stub_fail(call.encode(), result)
+
+    def take_log(self):
+        return self._library.stub_take_log().decode().splitlines()
+
+    def take_launches(self):
+        """The launches since the last time, as (kernel, device, stream, blocks)."""
+        words = [line.split() for line in self.take_log()]
+        return [
+            (w[1], int(w[3]), int(w[5]), int(w[7])) for w in words if w[:1] == ["cuLaunchKernel"]
+        ]
+
+    def context_depth(self):
+        return self._library.stub_context_depth()
+
+
+# --- CuPy
+
+
+# Memory of a GPU is given back in the order of a stream, so launches that wait there may use it.
+# The memory here is that of NumPy and torch, so it is kept.
+_kept = []
+
+
+class CupyArray:
+    """A NumPy array that only a stand-in for CuPy lets others see."""
+
+    def __init__(self, values, device=0):
+        _kept.append(values)
+        self.values = values
+        self.device = types.SimpleNamespace(id=device)
+        self.data = types.SimpleNamespace(ptr=values.__array_interface__["data"][0])
+
+    def __getattr__(self, name):
+        if name in ("dtype", "shape", "strides", "itemsize", "ndim"):
+            return getattr(self.values, name)
+        raise AttributeError(name)
+
+    def _like(self, values):
+        return CupyArray(values, self.device.id)
+
+    @property
+    def __cuda_array_interface__(self):
+        return self.values.__array_interface__
+
+    real = property(lambda self: self._like(self.values.real))
+    imag = property(lambda self: self._like(self.values.imag))
+
+    def __len__(self):
+        return len(self.values)
+
+    def __getitem__(self, key):
+        return self._like(self.values[key])
+
+    def __iadd__(self, other):
+        self.values += other.values
+        return self
+
+    def __isub__(self, other):
+        self.values -= other.values
+        return self
+
+    def copy(self):
+        return self._like(self.values.copy())
+
+    def reshape(self, shape):
+        return self._like(self.values.reshape(shape))
+
+    def view(self, dtype):
+        return self._like(self.values.view(dtype))
+
+    def ravel(self):
+        return self._like(self.values.ravel())
+
+
+class CupyStream:
+    def __init__(self, driver, ptr, device=0):
+        self.driver, self.ptr, self.device = driver, ptr, device
+
+    def record(self):
+        return ("event of", self)
+
+    def wait_event(self, event):
+        self.driver.wait(self.device, event[1].ptr)
+
+
+def cupy_module(driver):
+    """A module that looks like cupy, with `streams`: the current stream of each device."""
+    cupy = types.ModuleType("cupy")
+    cupy.ndarray = CupyArray
+    current = [0]
+    cupy.streams = {0: CupyStream(driver, 0, 0), 1: CupyStream(driver, 0, 1)}
+
+    class Device:
+        def __init__(self, number=None):
+            self.id = current[-1] if number is None else number
+
+        def __enter__(self):
+            current.append(self.id)
+
+        def __exit__(self, *_):
+            current.pop()
+
+    def made(values):
+        return CupyArray(values, current[-1])
+
+    def on_host(array):
+        stream = cupy.streams[current[-1]]
+        driver.wait(current[-1], stream.ptr)
+        return array.values.copy()
+
+    cupy.cuda = types.SimpleNamespace(
+        Device=Device, get_current_stream=lambda: cupy.streams[current[-1]]
+    )
+    cupy.zeros = lambda count, dtype: made(np.zeros(count, dtype))
+    cupy.empty = lambda count, dtype: made(np.full(count, 7, dtype))
+    cupy.asarray = lambda values: made(np.array(values))
+    cupy.ascontiguousarray = lambda array: array._like(np.ascontiguousarray(array.values))
+    cupy.asnumpy = on_host
+    sys.modules["cupy"] = cupy
+    return cupy
+
+
+# --- torch
+
+
+@contextlib.contextmanager
+def _no_overrides(torch):
+    with torch._C.DisableTorchFunctionSubclass():
+        yield
+
+
+def pretend_torch_has_a_gpu(driver):
+    """Let torch make tensors of a class that claims to be on cuda:0; return torch and the class."""
+    import torch
+
+    class CudaTensor(torch.Tensor):
+        device = torch.device("cuda", 0)
+
+        def cpu(self):
+            driver.wait(0, torch.cuda.current_stream(0).cuda_stream)
+            with _no_overrides(torch):
+                return self.clone().as_subclass(torch.Tensor)
+
+        def record_stream(self, stream):
+            stream.recorded += 1
+
+    class Stream:
+        def __init__(self, cuda_stream):
+            self.cuda_stream, self.recorded = cuda_stream, 0
+
+        def wait_stream(self, earlier):
+            driver.wait(0, earlier.cuda_stream)
+
+    def maker(function):
+        def make(*arguments, device=None, **keywords):
+            result = function(*arguments, **keywords)
+            _kept.append(result)
+            return result if device is None else result.as_subclass(CudaTensor)
+
+        return make
+
+    torch.zeros, torch.empty = maker(torch.zeros), maker(torch.empty)
+    streams = [Stream(0)]
+    torch.cuda.current_stream = lambda device=None: streams[-1]
+    torch.cuda.current_device = lambda: 0
+    torch.Tensor.to = maker_of_to(torch.Tensor.to, CudaTensor)
+    torch.streams, torch.Stream = streams, Stream
+    return torch, CudaTensor
+
+
+def maker_of_to(function, kind):
+    def to(self, where, *arguments, **keywords):
+        if where == "cuda:0":
+            return self.as_subclass(kind)
+        return function(self, where, *arguments, **keywords)
+
+    return to
