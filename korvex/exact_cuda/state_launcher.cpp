@@ -39,26 +39,19 @@ std::string StateLauncher::why_none_fits(const DeviceSlot& slot) const {
          "; build korvex where a compiler for device code is installed";
 }
 
-// Once a device; after a failure the next launch tries again.
-void StateLauncher::load(DeviceSlot& slot) {
+// Loads once a device; after a failure the next launch tries again.
+cubin_loader::DeviceKernels& StateLauncher::kernels_on(DeviceSlot& slot) {
   const std::lock_guard guard(mutex_);
-  if (slot.module != nullptr) {
-    return;
+  if (slot.kernels == nullptr) {
+    const auto files = files_.fitting(slot.info.capability);
+    if (files.empty()) {
+      throw DeviceFailure(why_none_fits(slot));
+    }
+    auto kernels = std::make_unique<cubin_loader::DeviceKernels>(driver_, slot.info);
+    kernels->load(files);
+    slot.kernels = std::move(kernels);
   }
-  const auto file = files_.choose(slot.info.capability);
-  if (!file) {
-    throw DeviceFailure(why_none_fits(slot));
-  }
-  auto context = std::make_unique<cubin_loader::PrimaryContext>(driver_, slot.info.handle);
-  CurrentContext current(driver_, context->handle());
-  auto module = std::make_unique<cubin_loader::LoadedModule>(driver_, *file);
-  for (int kernel = 0; kernel < kernels::kStateKernelCount; ++kernel) {
-    driver_.module_function(&slot.functions[static_cast<std::size_t>(kernel)], module->handle(),
-                            kStateKernels[kernel].name);
-  }
-  current.leave();
-  slot.context = std::move(context);
-  slot.module = std::move(module);
+  return *slot.kernels;
 }
 
 // As many as there are elements for, and as the device has room for at a time.
@@ -79,15 +72,16 @@ unsigned StateLauncher::blocks_of(const StateLaunch& launch, const DeviceSlot& s
 void StateLauncher::launch(const StateLaunch& launch) {
   cubin_loader::require_initialised_process();
   DeviceSlot& slot = slot_of(launch.ordinal);
-  load(slot);
-  CurrentContext current(driver_, slot.context->handle());
+  cubin_loader::DeviceKernels& kernels = kernels_on(slot);
+  CurrentContext current(driver_, kernels.context());
   auto values = launch.values;
   std::array<void*, kernels::kMostStateParameters> arguments{};
   for (std::size_t i = 0; i < values.size(); ++i) {
     arguments[i] = &values[i];
   }
-  driver_.launch(slot.functions[static_cast<std::size_t>(launch.kernel)], blocks_of(launch, slot),
-                 1, 1, kernels::kGridBlock, 1, 1, 0, launch.stream, arguments.data(), nullptr);
+  const Function function = kernels.function(kStateKernels[launch.kernel].name);
+  driver_.launch(function, blocks_of(launch, slot), 1, 1, korvex::kernels::kGridBlock, 1, 1, 0,
+                 launch.stream, arguments.data(), nullptr);
   current.leave();
 }
 

@@ -49,14 +49,11 @@ class StateLauncher {
     explicit DeviceSlot(const cubin_loader::DeviceInfo& device) : info(device) {}
 
     cubin_loader::DeviceInfo info;
-    // Made by the first launch on the device, in this order.
-    std::unique_ptr<cubin_loader::PrimaryContext> context;
-    std::unique_ptr<cubin_loader::LoadedModule> module;
-    std::array<Function, kernels::kStateKernelCount> functions{};
+    std::unique_ptr<cubin_loader::DeviceKernels> kernels;  // made by the first launch there
   };
 
   DeviceSlot& slot_of(int ordinal);
-  void load(DeviceSlot& slot);
+  cubin_loader::DeviceKernels& kernels_on(DeviceSlot& slot);
   std::string why_none_fits(const DeviceSlot& slot) const;
   static unsigned blocks_of(const StateLaunch& launch, const DeviceSlot& slot);
 
