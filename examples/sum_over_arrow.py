@@ -37,7 +37,10 @@ def merged_sums(parts: Iterable[pa.Table], key: str) -> dict[object, exact.Sum]:
     totals: dict[object, exact.Sum] = {}
     for part in parts:
         for row in part.to_pylist():
-            totals.setdefault(row[key], exact.Sum()).merge(exact.loads(row["sum"]))
+            partial = exact.loads(row["sum"])
+            if not isinstance(partial, exact.Sum):
+                raise TypeError(f"a {type(partial).__name__} stands among the sums")
+            totals.setdefault(row[key], exact.Sum()).merge(partial)
     return totals
 
 

@@ -48,7 +48,7 @@ def on_a_terminal(command, *arguments, output=False):
         [*command, *map(str, arguments)],
         stdout=of_process if output else subprocess.PIPE,
         stderr=of_process,
-        env=os.environ | {"TERM": "xterm"},
+        env=os.environ | {"TERM": "xterm", "TQDM_MININTERVAL": "0"},  # shows each step
     )
     os.close(of_process)
     shown = read_terminal(terminal)
@@ -173,6 +173,8 @@ def test_an_interrupted_run_leaves_nothing(command, tmp_path, number, code, line
         stdin=subprocess.PIPE,
         stdout=subprocess.PIPE,
         stderr=subprocess.PIPE,
+        # Tests that run in the background ignore interrupts, and so would what they start.
+        preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL),
     )
     process.stdin.write(b"1\n" * 5_000_000)
     process.stdin.flush()

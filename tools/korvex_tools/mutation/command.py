@@ -28,7 +28,8 @@ TARGETS = (
     "korvex/arithmetic/*/*.h",
     "korvex/kernels/host/*.h",
     "korvex/kernels/host/*.cpp",
-    "korvex/kernels/device/*.h",
+    "korvex/kernels/device/parallel_*.h",
+    "korvex/kernels/device/warp_*.h",
 )
 
 

@@ -87,6 +87,7 @@ OWN_TESTS = {
     H + "threads.h": "host_kernels out_of_memory",
     H + "dot.cpp": KERNELS,
     H + "exact.cpp": CALLS,
+    H + "exact_column_sums.cpp": "exact",
     H + "exact_matrix_product.cpp": CALLS,
     H + "exact_prefix_sums.cpp": CALLS,
     H + "launch.cpp": "host_kernels out_of_memory",
