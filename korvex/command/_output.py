@@ -7,7 +7,7 @@ import os
 import stat
 import sys
 from collections.abc import Callable, Iterator
-from contextlib import contextmanager
+from contextlib import AbstractContextManager, contextmanager
 
 from rich.console import Console
 from rich.text import Text
@@ -85,17 +85,24 @@ def folder_of_standard_output() -> str:
     return os.path.dirname(os.readlink(f"/proc/self/fd/{descriptor}")) or "."
 
 
-@contextmanager
-def progress(path: str) -> Iterator[Callable[[int], None]]:
-    """Gives a function to be called with numbers of bytes; shows them where that is a terminal."""
+def progress_of_file(path: str) -> AbstractContextManager[Callable[[int], None]]:
     name = "standard input" if path == "-" else os.path.basename(path)
+    return progress(f"reading {name}", size_of(path))
+
+
+@contextmanager
+def progress(description: str, total: int | None = None) -> Iterator[Callable[[int], None]]:
+    """Gives a function to be called with numbers of bytes; shows them where that is a terminal.
+
+    tqdm's own environment variables count, `TQDM_DELAY` too.
+    """
     with tqdm(
-        total=size_of(path),
-        desc=f"reading {name}",
+        total=total,
+        desc=description,
         unit="B",
         unit_scale=True,
         leave=False,
-        delay=SHOWN_FROM_SECONDS,
+        delay=float(os.environ.get("TQDM_DELAY", SHOWN_FROM_SECONDS)),
         disable=None,  # where standard error is no terminal
     ) as bar:
 

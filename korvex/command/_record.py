@@ -10,7 +10,7 @@ from collections.abc import Callable
 from korvex.command._codes import DONE, NOT_WRITTEN, UNUSABLE, Stop
 from korvex.command._output import (
     folder_of_standard_output,
-    progress,
+    progress_of_file,
     write_whole_text,
     written,
 )
@@ -22,7 +22,7 @@ def run(options: argparse.Namespace) -> int:
     """Everything is computed before anything is written."""
     record = Record(_folder(options.output))
     for path, columns in grouped(map(source_of, options.files)).items():
-        with progress(path) as on_read:
+        with progress_of_file(path) as on_read:
             _add(record, path, columns, options, on_read)
     if options.output is None:
         with written():

@@ -20,7 +20,7 @@ from korvex.command._figures import (
     ulps_off,
 )
 from korvex.command._float_sums import BLOCK, FloatSums
-from korvex.command._output import Output, error_line, progress, write_whole_text, written
+from korvex.command._output import Output, error_line, progress_of_file, write_whole_text, written
 from korvex.readers import InputError, MissingPackage, ReadOptions, grouped, open_table, source_of
 
 _FIFTH_LIMB = "Four limbs do not hold this sum: the fourth is rounded. The exact sum is whole."
@@ -73,7 +73,7 @@ def run(options: argparse.Namespace) -> int:
 
 
 def _sum_file(path: str, columns: list[str | None], form: ReadOptions) -> FileResult:
-    with progress(path) as on_read, open_table(path, columns, form, on_read) as table:
+    with progress_of_file(path) as on_read, open_table(path, columns, form, on_read) as table:
         totals = [exact.Sum() for _ in table.columns]
         floats = [FloatSums() for _ in table.columns]
         for place, values in table.chunks():

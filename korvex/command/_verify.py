@@ -5,15 +5,11 @@ from __future__ import annotations
 
 import argparse
 import sys
-from collections.abc import Callable, Iterator
-from contextlib import contextmanager
 from pathlib import Path
-
-from tqdm import tqdm
 
 from korvex import provenance
 from korvex.command._codes import DIFFERENT, DONE, UNUSABLE, Stop
-from korvex.command._output import SHOWN_FROM_SECONDS, Output
+from korvex.command._output import Output, progress
 from korvex.provenance import Fault, Record
 
 
@@ -21,7 +17,7 @@ def run(options: argparse.Namespace) -> int:
     record = _read(options)
     output = Output()
     output.title(f"record: {options.record}, made {record.made}")
-    with _progress() as on_read:
+    with progress("verifying") as on_read:
         faults = record.verify(files=not options.no_files, on_read=on_read)
     _show_environment(output, record)
     results = record.results.values()
@@ -68,20 +64,3 @@ def _show_environment(output: Output, record: Record) -> None:
     for name, before, now in changes:
         output.line(f"  {name:{width}}  recorded {before or '(absent)'}")
         output.line(f"  {'':{width}}  now      {now or '(absent)'}")
-
-
-@contextmanager
-def _progress() -> Iterator[Callable[[int], None]]:
-    with tqdm(
-        desc="verifying",
-        unit="B",
-        unit_scale=True,
-        leave=False,
-        delay=SHOWN_FROM_SECONDS,
-        disable=None,
-    ) as bar:
-
-        def advance(count: int) -> None:
-            bar.update(count)
-
-        yield advance

@@ -48,7 +48,7 @@ def on_a_terminal(command, *arguments, output=False):
         [*command, *map(str, arguments)],
         stdout=of_process if output else subprocess.PIPE,
         stderr=of_process,
-        env=os.environ | {"TERM": "xterm", "TQDM_MININTERVAL": "0"},  # shows each step
+        env=os.environ | {"TERM": "xterm", "TQDM_MININTERVAL": "0", "TQDM_DELAY": "0"},
     )
     os.close(of_process)
     shown = read_terminal(terminal)

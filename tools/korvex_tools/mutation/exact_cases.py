@@ -84,6 +84,7 @@ def first_difference(_file: str, library: str, instruction_set: str) -> str:
     plugin = Plugin(instruction_set)
     tests = [str(SOURCE_TREE / "tests" / "exact" / name) for name in TESTS]
     options = ["-x", "-q", "-m", NOT_DRAWN, "-p", "no:cacheprovider", "--rootdir", str(SOURCE_TREE)]
+    options += ["-W", "ignore::pytest.PytestAssertRewriteWarning"]  # korvex is imported already
     status = pytest.main([*options, *tests], plugins=[plugin])
     return EQUAL if status == 0 else plugin.failure or f"pytest ended with {status}"
 
