@@ -201,6 +201,7 @@ class GridOfStates : public launches::StateRunner {
               const std::vector<std::uint64_t>& values, std::uint64_t seed) override {
     std::vector<std::uint64_t> own = values;
     std::vector<void*> pointers;
+    pointers.reserve(own.size());
     for (std::uint64_t& value : own) {
       pointers.push_back(&value);
     }
