@@ -163,6 +163,7 @@ void digits_are_loaded_up_to_their_border() {
   constexpr std::int64_t kTopBorder = 0xffffffff;
   constexpr std::size_t kTop = LongAccumulator::kDigits - 1;
   LongAccumulator accumulator;
+  accumulator.clear();
   for (const std::int64_t sign : {-1, 1}) {
     for (const std::size_t place : {std::size_t{0}, std::size_t{30}, kTop - 1, kTop}) {
       const std::int64_t border = sign * (place == kTop ? kTopBorder : kBorder);
