@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Whether a record agrees with itself: what can be told of it without computing anything anew."""
+"""Whether a record agrees with itself: what shows without computing anything anew."""
 
 from __future__ import annotations
 

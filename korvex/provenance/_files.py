@@ -37,14 +37,14 @@ def entries_of_file(
 
 
 def _options_told(options: Any) -> dict[str, Any]:
-    told: dict[str, Any] = {}
+    given: dict[str, Any] = {}
     if options.format is not None:
-        told["format"] = options.format
+        given["format"] = options.format
     if options.header is not None:
-        told["header"] = options.header
+        given["header"] = options.header
     if options.missing:
-        told["missing"] = list(options.missing)
-    return told
+        given["missing"] = list(options.missing)
+    return given
 
 
 def _sums_of_file(

@@ -162,7 +162,7 @@ def restarts_from_bytes(rank, ranks):
 
 
 def part_of_the_processes(rank, ranks):
-    """A group of some: the others are told that they are not in it, and nothing else happens."""
+    """A group of some: an error in the others says that they are not in it."""
     some = dist.new_group(sorted({0, ranks - 1}))
     total = filled(exact.Sum, [np.array([0.5])])
     if rank in (0, ranks - 1):

@@ -6,7 +6,7 @@ usage: python -P -m korvex_tools.occupancy KERNEL,... ROW GOLDEN [GOLDEN]
 One line for each kernel, from a row of the golden table of korvex_tools.record_machine_code, as in
 "sm_90, nvcc 13.0"; from two tables, before and after a change. Blocks and warps are those that a
 multiprocessor holds at a time, by registers, shared memory and its own limits (CUDA C++ Programming
-Guide, technical specifications). All stacks are what a driver reserves for a whole device, one with
+Guide, technical limits). All stacks are what a driver reserves for a whole device, one with
 132 multiprocessors.
 """
 

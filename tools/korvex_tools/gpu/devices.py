@@ -8,7 +8,7 @@ from korvex_tools.machine_code import DOUBLES_A_CYCLE
 
 
 class Multiprocessor(NamedTuple):
-    """What one holds (CUDA C++ Programming Guide, technical specifications)."""
+    """What one holds (CUDA C++ Programming Guide, table of technical limits)."""
 
     threads: int
     blocks: int

@@ -172,16 +172,16 @@ class Trials:
 
     def seconds_unchanged(self, key: str, program: Program, instruction_set: str) -> float:
         """Of the processor. One worker finds them out for all."""
-        told = self.tree.folder.with_name(f"seconds of {key}")
-        if told.exists():
-            return float(told.read_text())
+        kept = self.tree.folder.with_name(f"seconds of {key}")
+        if kept.exists():
+            return float(kept.read_text())
         made = self.tree.link(program, instruction_set, {})
         said, seconds = self.said(program, made, "", instruction_set, UNCHANGED_SECONDS)
         if said != PASSED:
             raise FailsUnchanged(f"{key} fails on the tree as it is: {said}")
-        written = told.with_suffix(f".{os.getpid()}")
+        written = kept.with_suffix(f".{os.getpid()}")
         written.write_text(str(seconds))
-        written.replace(told)
+        written.replace(kept)
         return seconds
 
     def said(
