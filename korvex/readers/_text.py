@@ -193,8 +193,8 @@ def _columns_of(
 def _has_names(
     path: str, wanted: Sequence[str | None], cells: list[str], options: ReadOptions
 ) -> bool:
-    """Whether the first row holds names: as asked for, or where a wanted column is found by its name,
-    or where none of the cells that matter is a number."""
+    """Whether the first row holds names: as asked for, or where a wanted column is found by its
+    name, or where none of the cells that matter is a number."""
     if options.header is not None:
         return options.header
     named = [column for column in wanted if column is not None]

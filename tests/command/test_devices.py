@@ -54,7 +54,7 @@ def test_packages_that_are_not_there_are_named_as_reasons():
     assert runs["korvex.emulation"].startswith("not here: torch is not installed")
 
 
-def test_no_driver_is_told(monkeypatch):
+def test_a_missing_driver_is_named(monkeypatch):
     monkeypatch.setattr(_gpus, "_LIBRARY", "libcuda-that-is-not-there.so")
     assert _gpus.driver() == _gpus.Driver(
         None, [], "no NVIDIA driver: libcuda-that-is-not-there.so does not open"
@@ -100,6 +100,6 @@ def test_gpus_are_listed(monkeypatch):
 
 
 @pytest.mark.parametrize("call", ["cuInit", "cuDeviceGetCount", "cuDeviceGetName"])
-def test_a_driver_that_fails_is_told_with_the_call(monkeypatch, call):
+def test_a_driver_that_fails_is_named_with_the_call(monkeypatch, call):
     monkeypatch.setattr(_gpus.ctypes, "CDLL", lambda name: StandIn(call))
     assert _gpus.driver().problem == f"the NVIDIA driver cannot be used: {call} failed with code 3"

@@ -106,7 +106,7 @@ def test_the_folder_can_be_named(korvex, copied, tmp_path):
     assert run.code == 0
 
 
-def test_another_environment_is_told_and_verifies(korvex, copied):
+def test_another_environment_is_shown_and_verifies(korvex, copied):
     from korvex.provenance._check import document_sha256
 
     document = json.loads((copied / "record.json").read_text())
