@@ -329,6 +329,31 @@ def test_a_change_of_streams_is_ordered(run):
     )
 
 
+def test_states_on_a_device_are_added_up_over_processes(run):
+    """A group of one: what is sent comes back, by way of the host."""
+    run(
+        CUPY,
+        """
+        import torch.distributed as dist
+
+        dist.init_process_group("gloo", store=dist.HashStore(), rank=0, world_size=1)
+        world = dist.group.WORLD
+        gpu = exact.Moments()
+        gpu.add(on(x))
+        assert gpu.all_reduce() is None and gpu == exact.Moments.from_chunks([x])
+        gpu.all_reduce(async_op=True).wait()
+        gpu.reduce(0)
+        gpu.add(on(y))
+        assert gpu == exact.Moments.from_chunks([x, y]) and gpu.count == 6000
+        for total, expected in ((exact.sum(on(x), group=world), exact.sum(x)),
+                                (exact.vecdot(on(x), on(y), group=world), exact.vecdot(x, y)),
+                                (exact.std(on(x), group=world), exact.std(x))):
+            assert type(total) is cupy.ndarray and bits(value(total)) == bits(expected)
+        dist.destroy_process_group()
+        """,
+    )
+
+
 def test_kernels_are_loaded_once_a_device_by_the_first_launch(run):
     run(
         CUPY,

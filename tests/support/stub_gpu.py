@@ -136,6 +136,9 @@ class CupyArray:
     def copy(self):
         return self._like(self.values.copy())
 
+    def set(self, values):
+        self.values[...] = values
+
     def reshape(self, shape):
         return self._like(self.values.reshape(shape))
 
