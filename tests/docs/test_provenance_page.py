@@ -7,6 +7,7 @@ import re
 from fractions import Fraction
 from pathlib import Path
 
+import page_code
 import pytest
 import torch
 
@@ -15,7 +16,7 @@ PAGE = (TREE / "docs" / "provenance.md").read_text()
 
 
 def blocks(language):
-    return re.findall(rf"^```{language}\n(.*?)^```$", PAGE, re.MULTILINE | re.DOTALL)
+    return page_code.blocks_of(PAGE, language)
 
 
 def prose():
@@ -25,14 +26,8 @@ def prose():
 def test_code_on_the_page_gives_what_stands_there(module):
     """All blocks in order, with the names of those before."""
     assert len(blocks("pycon")) == 13
-    parser, runner, names = doctest.DocTestParser(), doctest.DocTestRunner(), {}
-    report = []
-    for number, text in enumerate(blocks("pycon")):
-        test = parser.get_doctest(text, names, f"block {number}", None, 0)
-        runner.run(test, out=report.append, clear_globs=False)
-        names = test.globs
-    assert runner.failures == 0, "".join(report)
-    assert runner.tries > 40
+    names, examples = page_code.run_code(PAGE)
+    assert examples > 40
     assert names["tqx"] is module
 
 
