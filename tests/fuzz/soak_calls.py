@@ -149,6 +149,9 @@ class Soak:
 
     def work(self, is_main):
         decimal.getcontext().prec = 1000  # as in the thread that imported the module
+        # torch applies the number to a new thread at its first parallel loop: a transform ahead of
+        # that would run on several of MKL's threads, whose last bits differ.
+        torch.set_num_threads(1)
         while time.monotonic() < self.end:
             place = next(self.places)
             try:
