@@ -8,7 +8,6 @@ down the columns, and sends the rounded share to all. That moves as many bytes a
 from __future__ import annotations
 
 import itertools
-import threading
 import weakref
 from collections.abc import Callable, Iterator, MutableMapping
 from typing import Any
@@ -42,8 +41,8 @@ def all_reduce(t: Any, /, group: Any = None, async_op: bool = False) -> Any:
 
     Returns
     -------
-    None, or an object with `wait` and `is_completed` if asynchronous
-        What went wrong in the engine is raised by the call, or by `wait`.
+    None, or a Work of `torch.distributed` if asynchronous
+        What went wrong in the engine is raised by the call, or by its `wait`.
 
     Examples
     --------
@@ -67,7 +66,7 @@ def all_reduce(t: Any, /, group: Any = None, async_op: bool = False) -> Any:
         if flat.data_ptr() != t.data_ptr():
             t.detach().copy_(flat.view(t.shape))
 
-    return _run(finish, async_op)
+    return _run(finish, t, async_op)
 
 
 def reduce_scatter_tensor(out: Any, t: Any, /, group: Any = None, async_op: bool = False) -> Any:
@@ -85,7 +84,7 @@ def reduce_scatter_tensor(out: Any, t: Any, /, group: Any = None, async_op: bool
 
     Returns
     -------
-    None, or an object with `wait` and `is_completed` if asynchronous
+    None, or a Work of `torch.distributed` if asynchronous
 
     Examples
     --------
@@ -115,7 +114,7 @@ def reduce_scatter_tensor(out: Any, t: Any, /, group: Any = None, async_op: bool
         work.wait()
         out.detach().copy_(_column_sums([rows], form).view(out.shape))
 
-    return _run(finish, async_op)
+    return _run(finish, out, async_op)
 
 
 # --- The three steps
@@ -215,37 +214,10 @@ def _exchange_shares(shares: Any, group: Any, rank: int, tag: int) -> None:
 # --- Asynchronous calls
 
 
-def _run(finish: Callable[[], None], async_op: bool) -> Any:
+def _run(finish: Callable[[], None], value: Any, async_op: bool) -> Any:
     if async_op:
-        return _Work(finish)
+        from korvex.exact._works import WorkOnThread
+
+        return WorkOnThread(finish, value)
     finish()
     return None
-
-
-class _Work:
-    """The rest of a call, on a thread of its own."""
-
-    def __init__(self, finish: Callable[[], None]) -> None:
-        self._finish = finish
-        self._error: BaseException | None = None
-        self._thread = threading.Thread(target=self._call, daemon=True)
-        self._thread.start()
-
-    def _call(self) -> None:
-        try:
-            self._finish()
-        except BaseException as error:  # raised by wait(), where the caller can see it
-            self._error = error
-
-    def is_completed(self) -> bool:
-        """Whether `wait` would return, or raise, at once."""
-        return not self._thread.is_alive()
-
-    def wait(self, timeout: Any = None) -> bool:
-        """Wait until the tensor holds the sums; a timeout is a `datetime.timedelta`."""
-        self._thread.join(timeout.total_seconds() if timeout is not None else None)
-        if self._thread.is_alive():
-            raise RuntimeError(f"the work is not completed after {timeout}")
-        if self._error is not None:
-            raise self._error
-        return True

@@ -108,27 +108,13 @@ class _Message:
 
     def work(self, work: Any) -> Any:
         """What the caller waits for: the engine's own where it works on the state itself."""
-        return work if self._is_own else CompletedBy(work, self.put_back)
+        if self._is_own:
+            return work
+        from korvex.exact._works import WorkWithStep
+
+        return WorkWithStep(work, self.put_back)
 
 
 def _sends_from_gpus(group: Any) -> bool:
     """Whether the group's engine takes tensors in the memory of GPUs only, as NCCL does."""
     return bool(distributed().get_backend(group) == "nccl")
-
-
-class CompletedBy:
-    """An engine's work with one more step, which is made when it is waited for."""
-
-    def __init__(self, work: Any, step: Any) -> None:
-        self._work = work
-        self._step = step
-
-    def is_completed(self) -> bool:
-        return self._step is None
-
-    def wait(self, *arguments: Any) -> bool:
-        self._work.wait(*arguments)
-        step, self._step = self._step, None
-        if step is not None:
-            step()
-        return True

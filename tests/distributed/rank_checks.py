@@ -8,6 +8,8 @@ the whole is. A check gets its number and how many processes there are.
 import hashlib
 import os
 from fractions import Fraction
+from functools import partial
+from pathlib import Path
 
 import exact_oracle as oracle
 import numpy as np
@@ -220,6 +222,7 @@ def element_sums(rank, ranks):
             assert equal(t, expected), (dtype, count)
             first, second = rows[rank].clone(), rows[rank].clone()
             works = [exact.all_reduce(each, async_op=True) for each in (first, second)]
+            assert all(isinstance(work, dist.Work) for work in works)
             plain = torch.ones(1)
             dist.all_reduce(plain)  # another one may begin meanwhile
             assert all(work.wait() for work in reversed(works)) and works[0].is_completed()
@@ -255,7 +258,44 @@ def scattered_sums(rank, ranks):
             assert equal(out, own)
             out = torch.empty(count, dtype=dtype)
             work = exact.reduce_scatter_tensor(out, rows[rank].view(ranks, count), async_op=True)
+            assert work.get_future().wait()[0] is out or count == 0
             assert work.wait() and equal(out, own)
+
+
+def bytes_moved(rank, ranks):
+    """At most twice what a plain collective of the same tensor moves over the loopback device."""
+    reduce_scatter = getattr(dist, "reduce_scatter_single", None) or dist.reduce_scatter_tensor
+    for dtype in (torch.float64, torch.float32, torch.bfloat16):
+        t, out = torch.ones(200_000 * ranks, dtype=dtype), torch.empty(200_000, dtype=dtype)
+        pairs = [
+            (partial(exact.all_reduce, t), partial(dist.all_reduce, t)),
+            (partial(exact.reduce_scatter_tensor, out, t), partial(reduce_scatter, out, t)),
+        ]
+        for ours, plain in pairs:
+            moved, moved_by_plain = loopback_bytes_of(ours), loopback_bytes_of(plain)
+            # Each process hears something of every other one at least.
+            assert moved_by_plain >= (ranks - 1) * out.nbytes
+            assert moved <= 2 * moved_by_plain, (ours, moved, moved_by_plain)
+
+
+def loopback_bytes_of(call):
+    """The least of three calls: others may use the device meanwhile."""
+    found = []
+    for _ in range(3):
+        dist.barrier()
+        before = loopback_bytes()
+        dist.barrier()
+        call()
+        dist.barrier()
+        found.append(loopback_bytes() - before)
+        dist.barrier()
+    return min(found)
+
+
+def loopback_bytes():
+    lines = Path("/proc/self/net/dev").read_text().splitlines()
+    [fields] = [line.split(":")[1].split() for line in lines if line.strip().startswith("lo:")]
+    return int(fields[0])
 
 
 # --- DTensor

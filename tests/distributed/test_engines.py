@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The examples for MPI, Dask and Arrow, run as a user runs them: one sum, however it was cut."""
+"""The examples for engines, run as a user runs them: one sum, however it was cut."""
 
 import runpy
 import shutil
@@ -9,6 +9,7 @@ from pathlib import Path
 
 import numpy as np
 import pytest
+import torch.distributed
 
 from korvex import exact
 
@@ -108,3 +109,27 @@ def test_arrow_groups_are_the_sums_of_their_rows():
         3: (7.0, 1),
     }
     assert parts[0].schema.field("sum").type == pa.binary()
+
+
+# --- torch.distributed
+
+
+@pytest.mark.skipif(not torch.distributed.is_available(), reason="this torch has no processes")
+def test_training_on_any_number_of_processes():
+    def checksums(*options):
+        program = [sys.executable, "-P", EXAMPLES / "train_over_processes.py", *options]
+        finished = subprocess.run(
+            [*map(str, program), "--steps", "6"], capture_output=True, text=True, timeout=300
+        )
+        assert finished.returncode == 0, finished.stdout + finished.stderr
+        found = {"exact": [], "plain": []}
+        for line in finished.stdout.splitlines():
+            kind, checksum, _ = line.split(maxsplit=2)
+            found[kind].append(checksum)
+        return found
+
+    found = checksums("--processes", 1, 2, 3)
+    assert [len(each) for each in found.values()] == [3, 3]
+    assert len(set(found["exact"])) == 1 and len(set(found["plain"])) > 1
+    single = checksums("--processes", 2, "--micro-batch", 1)
+    assert single["exact"] != found["exact"][:1]  # another cut has other addends

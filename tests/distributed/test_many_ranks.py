@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """As many processes as no machine here has: their messages are states, added up word by word."""
 
+import threading
 from fractions import Fraction
 
 import numpy as np
@@ -139,3 +140,62 @@ def test_a_process_outside_of_the_group(monkeypatch):
     monkeypatch.setattr(_processes, "distributed", Outside)
     with pytest.raises(ValueError, match="group does not have this process in it"):
         exact.Sum().all_reduce()
+
+
+# --- Works of asynchronous calls
+
+
+def test_the_step_after_an_engines_work_is_made_once():
+    import torch.distributed as dist
+
+    from korvex.exact._works import WorkWithStep
+
+    class EnginesWork(dist.Work):
+        is_over, error = False, None
+
+        def is_completed(self):
+            return self.is_over
+
+        def wait(self, *arguments):
+            if self.error:
+                raise self.error
+            self.is_over = True
+            return True
+
+    steps = []
+    work = WorkWithStep(EnginesWork(), lambda: steps.append(1))
+    assert isinstance(work, dist.Work) and not work.is_completed() and not steps
+    assert work.wait() and work.wait() and work.is_completed() and steps == [1]
+
+    failing = EnginesWork()
+    failing.error = RuntimeError("the peer is gone")
+    work = WorkWithStep(failing, lambda: steps.append(2))
+    for _ in range(2):
+        with pytest.raises(RuntimeError, match="the peer is gone"):
+            work.wait()
+    assert steps == [1]
+
+
+def test_a_call_that_fails_on_its_thread_says_so_where_it_is_waited_for():
+    import datetime
+
+    import torch
+
+    from korvex.exact._works import WorkOnThread
+
+    begin = threading.Event()
+
+    def fail():
+        begin.wait(60)
+        raise ConnectionError("the peer is gone")
+
+    work = WorkOnThread(fail, torch.zeros(1))
+    assert not work.is_completed()
+    with pytest.raises(RuntimeError, match="not completed after 0:00:00.01"):
+        work.wait(datetime.timedelta(seconds=0.01))
+    begin.set()
+    with pytest.raises(ConnectionError, match="the peer is gone"):
+        work.wait()
+    assert work.is_completed()
+    with pytest.raises(ConnectionError, match="the peer is gone"):
+        work.get_future().wait()

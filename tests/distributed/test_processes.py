@@ -17,7 +17,7 @@ SECONDS = 300
 CHECKS = [
     *("accumulators", "accumulators_async", "reduce_to_one", "different_dtypes", "specials"),
     *("functions", "restarts_from_bytes", "part_of_the_processes"),
-    *("element_sums", "element_sums_of_many", "scattered_sums"),
+    *("element_sums", "element_sums_of_many", "scattered_sums", "bytes_moved"),
     *("dtensors", "products_in_shards", "training", "gradients"),
 ]
 

@@ -341,7 +341,8 @@ def test_states_on_a_device_are_added_up_over_processes(run):
         gpu = exact.Moments()
         gpu.add(on(x))
         assert gpu.all_reduce() is None and gpu == exact.Moments.from_chunks([x])
-        gpu.all_reduce(async_op=True).wait()
+        work = gpu.all_reduce(async_op=True)
+        assert isinstance(work, dist.Work) and work.wait() and work.is_completed()
         gpu.reduce(0)
         gpu.add(on(y))
         assert gpu == exact.Moments.from_chunks([x, y]) and gpu.count == 6000
