@@ -29,14 +29,14 @@ def entries_of_file(
     shown = None if is_pipe else os.path.relpath(path, folder)
     entries = []
     for column, total in sums.items():
-        source = {"file": shown, "column": column, **facts, **_options_told(options)}
+        source = {"file": shown, "column": column, **facts, **_options_given(options)}
         name = path if is_pipe else str(shown)
         entry = {"name": name if column is None else f"{name}:{column}"}
         entries.append(entry | entry_of(total) | {"source": source})
     return entries
 
 
-def _options_told(options: Any) -> dict[str, Any]:
+def _options_given(options: Any) -> dict[str, Any]:
     given: dict[str, Any] = {}
     if options.format is not None:
         given["format"] = options.format
