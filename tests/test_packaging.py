@@ -353,12 +353,12 @@ def test_a_sound_wheel_passes(wheel, kernels):
         ),
     ],
 )
-def test_a_fault_of_a_wheel_is_told(wheel, kernels, changes, fault):
+def test_a_fault_of_a_wheel_is_reported(wheel, kernels, changes, fault):
     run = check_wheel(wheel(**changes), "--kernels", kernels)
     assert run.returncode == 1 and fault in run.stderr
 
 
-def test_a_library_that_a_wheel_may_not_need_is_told(wheel):
+def test_a_library_that_a_wheel_may_not_need_is_reported(wheel):
     """The interpreter's own modules link to more than ours may."""
     import _ctypes
 

@@ -147,7 +147,7 @@ struct Expected {
   double x, y, value, error;
 };
 
-void special_operands_give_the_told_pairs() {
+void special_operands_give_the_defined_pairs() {
   const double nan = arithmetic::canonical_nan();
   const Expected table[] = {
       // The six operations, whatever comes out of them.
@@ -224,7 +224,7 @@ void test_pairs() {
   quotients_leave_the_nearest_rest();
   a_tiny_dividend_leaves_the_rest_of_a_large_one();
   quotients_at_the_bound_are_nearest();
-  special_operands_give_the_told_pairs();
+  special_operands_give_the_defined_pairs();
   any_operands_give_the_same_bits_on_every_build();
 }
 

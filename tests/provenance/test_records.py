@@ -157,7 +157,7 @@ def test_driver_that_fails_is_an_error(monkeypatch):
         _environment.driver_version()
 
 
-def test_another_environment_is_told_and_is_no_fault(record):
+def test_another_environment_is_reported_and_is_no_fault(record):
     document = json.loads(record.dumps())
     document["environment"] |= {"numpy": "1.0", "x": "y"}
     read = resealed(document)
