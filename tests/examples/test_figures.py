@@ -6,6 +6,7 @@ import re
 import shutil
 import subprocess
 import sys
+import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
 import pytest
@@ -98,15 +99,57 @@ def test_pictures_are_drawn_from_the_records(tmp_path):
     pytest.importorskip("matplotlib")
     drawn = run("draw", "--output", tmp_path)
     assert drawn.returncode == 0, drawn.stderr
-    names = {path.name for path in tmp_path.glob("*.png")}
+    names = {path.name for path in tmp_path.glob("*.svg")}
     pages = [
         (ROOT / "docs" / f"{name}.md").read_text() for name in ("performance", "solvers", "exact")
     ]
-    shown = {name for page in pages for name in re.findall(r"\((\w+\.png)\)", page)}
+    shown = {name for page in pages for name in re.findall(r"\((\w+\.svg)\)", page)}
     assert names == shown and len(names) == 6
     assert all((ROOT / "docs" / name).exists() for name in names)
-    for path in tmp_path.glob("*.png"):
-        assert path.read_bytes().startswith(b"\x89PNG\r\n\x1a\n")
+    for path in tmp_path.glob("*.svg"):
+        assert texts_of(path) == texts_of(ROOT / "docs" / path.name)
+
+
+def texts_of(path):
+    """All that is written in a picture, the machine and the day among it."""
+    root = ElementTree.fromstring(path.read_text())
+    assert root.get("class") == "korvex-figure" and root.get("aria-label")
+    texts = root.iter("{http://www.w3.org/2000/svg}text")
+    found = ["".join("".join(each.itertext()).split()) for each in texts]
+    assert len(found) > 10
+    return found
+
+
+def test_colours_of_a_picture_have_a_light_and_a_dark_value():
+    from korvex_tools.figures import svg
+
+    body = '<rect fill="#ffffff" stroke="#c1121f"/><text style="fill: #212529">a &amp; b</text>\n'
+    text = svg.themed(body, 20, 10, 'a "picture" < b')
+    root = ElementTree.fromstring(text)
+    rect, words = list(root)[-2:]
+    assert rect.attrib == {"style": "fill: var(--paper); stroke: var(--c0)"}
+    assert words.attrib == {"style": "fill: var(--ink)"}
+    assert root.get("aria-label") == root[0].text == 'a "picture" < b'
+    rules = re.findall(r"--(\w+): (#\w+);", root[1].text)
+    assert len(rules) == 4 * len(svg.PALETTE) and "prefers-color-scheme: dark" in root[1].text
+    with pytest.raises(ValueError, match="does not have: #123456"):
+        svg.themed('<rect fill="#123456"/>', 1, 1, "")
+
+
+@pytest.mark.parametrize("scheme", [0, 1])
+def test_colours_stand_out_from_the_paper(scheme):
+    """By the contrast of WCAG: 4.5 for text, 3 for what is drawn."""
+    from korvex_tools.figures import svg
+
+    def luminance(colour):
+        parts = [int(colour[n : n + 2], 16) / 255 for n in (1, 3, 5)]
+        linear = [p / 12.92 if p <= 0.04045 else ((p + 0.055) / 1.055) ** 2.4 for p in parts]
+        return 0.2126 * linear[0] + 0.7152 * linear[1] + 0.0722 * linear[2]
+
+    paper = luminance(svg.PALETTE["paper"][scheme])
+    for name in svg.PALETTE.keys() - {"paper", "grid"}:
+        low, high = sorted((luminance(svg.PALETTE[name][scheme]), paper))
+        assert (high + 0.05) / (low + 0.05) >= (4.5 if name in ("ink", "quiet") else 3), name
 
 
 def test_one_part_can_be_tried_without_a_change_to_the_tree():

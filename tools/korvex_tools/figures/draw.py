@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Draws the pictures of docs/ from records: times, errors, what refinement gains.
+"""Draws the pictures of docs/ from records, as SVG: times, errors, what refinement gains.
 
 Each caption names the machine and the day. Needs matplotlib.
 """
@@ -13,6 +13,7 @@ import matplotlib
 matplotlib.use("Agg")
 import matplotlib.pyplot as plt
 
+from korvex_tools.figures import svg
 from korvex_tools.figures.records import RESULTS_FOLDER, Records
 from korvex_tools.source_tree import SOURCE_TREE
 
@@ -22,29 +23,29 @@ ROUNDING = 2.0**-53
 
 # By candidate: its colour and its mark. What is exact is drawn in full, what rounds dashed.
 LOOKS = {
-    "tqx_sum": ("#c1121f", "o"),
-    "tqx_dot": ("#c1121f", "o"),
-    "tqx_matmul": ("#c1121f", "o"),
-    "exact.sum": ("#c1121f", "."),
-    "exact.vecdot": ("#c1121f", "."),
-    "tqx_sum_seq_kernel": ("#e07a5f", "s"),
-    "tqx_dot_seq_kernel": ("#e07a5f", "s"),
-    "tqx_matmul_kernel": ("#e07a5f", "s"),
-    "math.fsum, list": ("#1d3557", "^"),
-    "math.fsum": ("#1d3557", "^"),
-    "math.fsum of products": ("#6d597a", "^"),
-    "math.sumprod, lists": ("#1d3557", "^"),
-    "math.sumprod": ("#1d3557", "^"),
-    "Fraction": ("#457b9d", "D"),
-    "double-double sum": ("#457b9d", "D"),
-    "two doubles in torch": ("#2a9d8f", "v"),
-    "compensated sum": ("#2a9d8f", "v"),
-    "compensated dot": ("#2a9d8f", "v"),
-    "torch.sum": ("#6c757d", "x"),
-    "torch.dot": ("#6c757d", "x"),
-    "torch.matmul": ("#6c757d", "x"),
-    "numpy.sum": ("#adb5bd", "+"),
-    "numpy.dot": ("#adb5bd", "+"),
+    "tqx_sum": ("c0", "o"),
+    "tqx_dot": ("c0", "o"),
+    "tqx_matmul": ("c0", "o"),
+    "exact.sum": ("c0", "."),
+    "exact.vecdot": ("c0", "."),
+    "tqx_sum_seq_kernel": ("c1", "s"),
+    "tqx_dot_seq_kernel": ("c1", "s"),
+    "tqx_matmul_kernel": ("c1", "s"),
+    "math.fsum, list": ("c2", "^"),
+    "math.fsum": ("c2", "^"),
+    "math.fsum of products": ("c3", "^"),
+    "math.sumprod, lists": ("c2", "^"),
+    "math.sumprod": ("c2", "^"),
+    "Fraction": ("c4", "D"),
+    "double-double sum": ("c4", "D"),
+    "two doubles in torch": ("c5", "v"),
+    "compensated sum": ("c5", "v"),
+    "compensated dot": ("c5", "v"),
+    "torch.sum": ("c6", "x"),
+    "torch.dot": ("c6", "x"),
+    "torch.matmul": ("c6", "x"),
+    "numpy.sum": ("c7", "+"),
+    "numpy.dot": ("c7", "+"),
 }
 ROUNDS = ("torch.", "numpy.", "two doubles", "compensated", "double-double", "math.sumprod")
 ROUNDS += ("math.fsum of products",)
@@ -59,7 +60,13 @@ TITLES = {
 def style(name: str) -> dict[str, Any]:
     colour, mark = LOOKS[name]
     line = "--" if name.startswith(ROUNDS) else "-"
-    look = {"color": colour, "marker": mark, "linestyle": line, "markersize": 5, "linewidth": 1.6}
+    look = {
+        "color": svg.LIGHT[colour],
+        "marker": mark,
+        "linestyle": line,
+        "markersize": 5,
+        "linewidth": 1.6,
+    }
     # As exact as ours for sums: drawn wide, so that it shows beneath.
     return look | ({"markersize": 10, "markerfacecolor": "none"} if name == "math.fsum" else {})
 
@@ -79,13 +86,11 @@ def machine_of(record: dict[str, Any]) -> str:
     )
 
 
-def finish(figure: Any, caption: str, path: Path) -> None:
-    figure.text(0.5, 0.012, caption, ha="center", fontsize=8, color="#495057")
+def finish(figure: Any, caption: str, path: Path, description: str) -> None:
+    figure.text(0.5, 0.012, caption, ha="center", fontsize=8, color=svg.QUIET)
     figure.tight_layout(rect=(0, 0.035, 1, 1))
-    # No date of drawing in the file: equal records give equal pictures.
-    figure.savefig(path, dpi=110, metadata={"Software": None})
+    svg.save(figure, path, description)
     plt.close(figure)
-    print(f"drawn: {path.name}")
 
 
 def draw_times(record: dict[str, Any], folder: Path) -> None:
@@ -100,11 +105,11 @@ def draw_times(record: dict[str, Any], folder: Path) -> None:
             axes.set_xticks(sides, map(str, sides))
             axes.minorticks_off()
         axes.set(title=f"{title}: time against size", xlabel=x_label, ylabel=y_label)
-        axes.grid(which="major", color="#dee2e6", linewidth=0.7)
+        axes.grid(which="major", linewidth=0.7)
         axes.set_axisbelow(True)
         axes.legend(title="full line: exact; dashed: rounds", fontsize=9, title_fontsize=9)
         caption = f"one thread, emulated device · {machine_of(record)}"
-        finish(figure, caption, folder / f"time_of_{name}.png")
+        finish(figure, caption, folder / f"time_of_{name}.svg", f"{title}: time against size")
 
 
 # The page about the module shows the kernels' functions; that about `korvex.exact` its own beside
@@ -123,17 +128,18 @@ def draw_errors(
                 continue
             shown = [(x, min(max(y, LEAST_ERROR), 1.0)) for x, y in points]
             axes.loglog(*zip(*shown, strict=True), label=candidate, **style(candidate))
-        axes.axhline(ROUNDING, color="#212529", linewidth=0.8, linestyle=":")
+        axes.axhline(ROUNDING, color=svg.INK, linewidth=0.8, linestyle=":")
         axes.text(1e100, ROUNDING * 1.6, "one rounding, $2^{-53}$", ha="right", fontsize=8)
         title = {"sum": "Sums of 200 numbers", "dot": "Dot products of 100 pairs"}
         axes.set(title=title[run["operation"]], xlabel="condition number")
         axes.set_ylim(LEAST_ERROR / 3, 10)
         axes.set_xticks([10.0**exponent for exponent in range(0, 101, 20)])
-        axes.grid(which="major", color="#dee2e6", linewidth=0.7)
+        axes.grid(which="major", linewidth=0.7)
         axes.set_axisbelow(True)
         axes.legend(fontsize=9, loc="center right")
     panels[0].set_ylabel("largest relative error of ten (1 stands for all above)")
-    finish(figure, machine_of(record), folder / f"{name}.png")
+    words = "errors of sums and of dot products by condition number"
+    finish(figure, machine_of(record), folder / f"{name}.svg", words)
 
 
 def draw_refined_solves(record: dict[str, Any], folder: Path) -> None:
@@ -142,17 +148,19 @@ def draw_refined_solves(record: dict[str, Any], folder: Path) -> None:
     conditions = [float(cells[0]) for cells in lines[2:]]
     figure, axes = plt.subplots(figsize=(8, 5.5))
     passes = range(len(lines[0]) - 2)
-    colours = plt.get_cmap("viridis")([0.9 * n / len(passes) for n in passes])
-    for n, colour in zip(passes, colours, strict=True):
+    for n in passes:
         label = {0: "0 passes: torch.linalg.solve", 3: "3 (default)"}.get(n, str(n))
         errors = [float(cells[n + 2]) for cells in lines[2:]]
+        colour = svg.LIGHT[f"c{n}"]
         axes.loglog(conditions, errors, "o-", color=colour, label=label, markersize=4)
-    axes.axhline(1.0, color="#666666", linewidth=0.8, linestyle="--")
+    axes.axhline(1.0, color=svg.INK, linewidth=0.8, linestyle="--")
     axes.set(xlabel="condition number", ylabel="largest error, ulps of the largest element")
-    axes.set_title("Error of tqx_solve by passes of refinement (dashed: 1 ulp)")
-    axes.grid(True, linewidth=0.3, color="#bbbbbb")
+    title = "Error of tqx_solve by passes of refinement"
+    axes.set_title(f"{title} (dashed: 1 ulp)")
+    axes.grid(True, linewidth=0.5)
     axes.legend(title="passes", loc="upper left", fontsize=9)
-    finish(figure, f"emulated device · {machine_of(record)}", folder / "refined_solves.png")
+    caption = f"emulated device · {machine_of(record)}"
+    finish(figure, caption, folder / "refined_solves.svg", title)
 
 
 def main() -> None:
@@ -161,6 +169,7 @@ def main() -> None:
     parser.add_argument("--output", type=Path, default=DOCS, help="folder for the pictures")
     options = parser.parse_args()
     records = Records(options.results)
+    matplotlib.rcParams.update(svg.SETTINGS)
     options.output.mkdir(parents=True, exist_ok=True)
     draw_times(records["bench_curves"], options.output)
     draw_errors(records["bench_errors"], OF_THE_MODULE, options.output, "errors_by_condition")

@@ -56,7 +56,7 @@ def run_example(name: str, results: Path, docs: Path, quick: bool) -> None:
     lines = [line for line in output.splitlines() if line.startswith("|")]
     write_results(name, results, {"settings": {"options": options}, "table": lines})
     if name == "series_errors":
-        picture = ["--output", docs / "series_errors.png", *options]
+        picture = ["--output", docs / "series_errors.svg", *options]
         run("-P", "-m", "korvex_tools.figures.series_picture", *picture)
 
 

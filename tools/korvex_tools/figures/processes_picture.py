@@ -1,8 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """Draws who sends what: the picture of docs/larger_than_one_machine.md, as SVG.
 
-The picture has a ground of its own, so it reads the same on a light page and on a dark one.
-
 usage: python -P -m korvex_tools.figures.processes_picture [--output FOLDER]
 """
 
@@ -11,12 +9,11 @@ from pathlib import Path
 from xml.sax.saxutils import escape
 
 from korvex.exact import _native
+from korvex_tools.figures.svg import GRID, INK, LINE, OURS, PAPER, QUIET, themed
 from korvex_tools.source_tree import SOURCE_TREE
 
 NAME = "who_sends_what.svg"
 WIDTH, HEIGHT = 860, 430
-INK, QUIET, OURS, LINE = "#212529", "#495057", "#c1121f", "#457b9d"
-GROUND, BOX = "#f8f9fa", "#ffffff"
 RANKS = 4
 
 
@@ -29,7 +26,7 @@ def text(x: float, y: float, words: str, size: int = 13, colour: str = INK, more
 
 def box(x: float, y: float, width: float, height: float, edge: str = QUIET) -> str:
     return (
-        f'<rect x="{x:g}" y="{y:g}" width="{width:g}" height="{height:g}" rx="6" fill="{BOX}" '
+        f'<rect x="{x:g}" y="{y:g}" width="{width:g}" height="{height:g}" rx="6" fill="{PAPER}" '
         f'stroke="{edge}" stroke-width="1.5"/>'
     )
 
@@ -90,17 +87,13 @@ def elements(left: float) -> list[str]:
 
 
 def picture() -> str:
-    head = (
-        f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {HEIGHT}" '
-        f'width="{WIDTH}" height="{HEIGHT}" font-family="sans-serif" role="img" '
-        'aria-label="what processes send each other">'
-    )
     marker = (
         '<defs><marker id="head" viewBox="0 0 8 8" refX="7" refY="4" markerWidth="7" '
         f'markerHeight="7" orient="auto"><path d="M0,0 L8,4 L0,8 z" fill="{LINE}"/></marker></defs>'
     )
-    ground = f'<rect width="{WIDTH}" height="{HEIGHT}" rx="10" fill="{GROUND}"/>'
-    return "\n".join([head, marker, ground, *accumulators(15), *elements(445), "</svg>\n"])
+    ground = f'<rect width="{WIDTH}" height="{HEIGHT}" rx="10" fill="{PAPER}" stroke="{GRID}"/>'
+    body = "\n".join([marker, ground, *accumulators(15), *elements(445), ""])
+    return themed(body, WIDTH, HEIGHT, "what processes send each other")
 
 
 def main() -> None:

@@ -18,6 +18,7 @@ import numpy as np
 import torch
 
 from korvex import emulation
+from korvex_tools.figures import svg
 from korvex_tools.source_tree import SOURCE_TREE
 
 matplotlib.use("Agg")
@@ -27,7 +28,7 @@ from matplotlib.axes import Axes  # noqa: E402
 
 UNIT = 2.0**-53  # the largest relative error of a correctly rounded result
 _FLOOR = 1e-18  # an error of nothing is drawn here: its logarithm has no place
-_COLOURS = ("#1f6feb", "#d1570a", "#2a8f4c")
+_COLOURS = (svg.LIGHT["c4"], svg.LIGHT["c1"], svg.LIGHT["c5"])
 
 
 @dataclass(frozen=True)
@@ -142,19 +143,22 @@ PANELS = [
 
 
 def draw(tqx: Any, path: Path, points: int) -> None:
+    matplotlib.rcParams.update(svg.SETTINGS)
     figure, grid = pyplot.subplots(4, 2, figsize=(11, 14.5), layout="constrained")
     for axes, panel in zip(grid.flat, PANELS, strict=True):
         _draw_panel(axes, panel, tqx, points)
-    figure.suptitle("Errors of the series functions against MPFR (dashed: $2^{-53}$)", fontsize=14)
-    figure.savefig(path, dpi=100, metadata={"Software": None})
+    title = "Errors of the series functions against MPFR"
+    figure.suptitle(f"{title} (dashed: $2^{{-53}}$)", fontsize=14)
+    svg.save(figure, path, title)
     pyplot.close(figure)
 
 
 def _draw_panel(axes: Axes, panel: Panel, tqx: Any, points: int) -> None:
     for curve, colour in zip(panel.curves, _COLOURS, strict=False):
         axis, errors = curve.errors(tqx, points)
-        axes.plot(axis, errors.clip(_FLOOR), ".", markersize=2.5, color=colour, label=curve.label)
-    axes.axhline(UNIT, color="#666666", linewidth=0.8, linestyle="--")
+        marks = axes.plot(axis, errors.clip(_FLOOR), ".", color=colour, label=curve.label)
+        marks[0].set(markersize=2.5, rasterized=True)  # a mark for each point is a large file
+    axes.axhline(UNIT, color=svg.INK, linewidth=0.8, linestyle="--")
     axes.set_yscale("log")
     axes.set_ylim(_FLOOR / 2, 1e4)
     if panel.logarithmic:
@@ -162,7 +166,7 @@ def _draw_panel(axes: Axes, panel: Panel, tqx: Any, points: int) -> None:
     axes.set_title(panel.title, fontsize=11)
     axes.set_xlabel(panel.axis_label)
     axes.set_ylabel(panel.error_label)
-    axes.grid(True, linewidth=0.3, color="#bbbbbb")
+    axes.grid(True, linewidth=0.5)
     axes.legend(loc="upper left", ncols=3, markerscale=4, fontsize=9, framealpha=0.9)
 
 
@@ -170,14 +174,13 @@ def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--points", type=int, default=1000, help="points of a curve (1000)")
     parser.add_argument(
-        "--output", type=Path, default=SOURCE_TREE / "docs" / "series_errors.png", help="PNG file"
+        "--output", type=Path, default=SOURCE_TREE / "docs" / "series_errors.svg", help="SVG file"
     )
     options = parser.parse_args()
     emulation.activate()
     from korvex import tqx_runtime
 
     draw(tqx_runtime, options.output, options.points)
-    print(f"drawn: {options.output}")
 
 
 if __name__ == "__main__":
