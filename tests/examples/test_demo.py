@@ -107,8 +107,6 @@ def test_tensors_on_the_device_have_the_same_limbs(demo):
 def test_an_answer_that_is_not_met_is_reported_with_exit_code_1(
     example, module, monkeypatch, capsys
 ):
-    example, module, monkeypatch, capsys
-):
     import sum_device
 
     device = sum_device.SumDevice(module, "of the tests")
