@@ -16,6 +16,9 @@ import pytest
 
 SOURCE_TREE = Path(__file__).resolve().parent.parent
 SCRIPTS = SOURCE_TREE / "scripts"
+VERSION = importlib.metadata.version("korvex-tqx")
+INFORMATION = f"korvex_tqx-{VERSION}.dist-info"
+OTHER_NAME = f"Name: other\nVersion: {VERSION}\n"
 INSTALLED_SUFFIXES = {".cubin", ".json", ".ptx", ".py", ".pyi", ".so", ".typed"}
 
 
@@ -36,7 +39,7 @@ def test_only_python_files_and_built_objects_are_installed():
 def test_nothing_is_installed_outside_the_package():
     """Save for the command, which lies where the interpreter's own programs do."""
     files = distribution().files
-    inside = {"korvex", "korvex_tqx-3.4.8.dist-info"}
+    inside = {"korvex", INFORMATION}
     assert {path.name for path in files if path.parts[0] not in inside} <= {"korvex"}
     assert {path.parts[0] for path in files} >= inside
 
@@ -284,18 +287,17 @@ def wheel(tmp_path):
         library = next(module.glob("tqx_runtime.*.so")).read_bytes()
         files |= {f"korvex/{n}.cpython-312-x86_64-linux-gnu.so": library for n in BUILT}
         files["korvex/cubins/korvex_sm_90.cubin"] = b"kernels"
-        information = "korvex_tqx-3.4.8.dist-info"
-        files[f"{information}/METADATA"] = distribution().read_text("METADATA").encode()
-        files[f"{information}/WHEEL"] = (
+        files[f"{INFORMATION}/METADATA"] = distribution().read_text("METADATA").encode()
+        files[f"{INFORMATION}/WHEEL"] = (
             b"Wheel-Version: 1.0\nRoot-Is-Purelib: false\nTag: cp312-cp312-linux_x86_64\n"
         )
         added = changes.pop("added", {})
         files |= {name: library if data is None else data for name, data in added.items()}
         record = [f"{name},sha256={digest(data)},{len(data)}" for name, data in files.items()]
         files |= changes.pop("after_the_record", {})
-        record.append(f"{information}/RECORD,,")
-        files[f"{information}/RECORD"] = "\n".join(record).encode()
-        path = tmp_path / f"korvex_tqx-3.4.8-{tags}.whl"
+        record.append(f"{INFORMATION}/RECORD,,")
+        files[f"{INFORMATION}/RECORD"] = "\n".join(record).encode()
+        path = tmp_path / f"korvex_tqx-{VERSION}-{tags}.whl"
         with zipfile.ZipFile(path, "w") as archive:
             for name, data in files.items():
                 archive.writestr(name, data)
@@ -348,7 +350,11 @@ def test_a_sound_wheel_passes(wheel, kernels):
             "korvex_sm_90.cubin: not as in",
         ),
         (
-            {"added": {"korvex_tqx-3.4.8.dist-info/METADATA": b"Name: other\nVersion: 3.4.8\n"}},
+            {
+                "added": {
+                    f"{INFORMATION}/METADATA": b"Name: other\nVersion: %s\n" % VERSION.encode()
+                }
+            },
             "METADATA: Name is other, and korvex-tqx in pyproject.toml",
         ),
     ],

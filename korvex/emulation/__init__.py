@@ -57,8 +57,10 @@ def activate(
     RuntimeError
         If `korvex.tqx_runtime` was already imported with another loader, if torch already has the
         emulated device of a `korvex` that was since taken out of `sys.modules`, if this process
-        already uses a real CUDA device, if the processor lacks the instructions asked for, or if an
-        earlier call chose another `instruction_set` or `library`.
+        already uses a real CUDA device, if the processor lacks the instructions asked for, if an
+        earlier call chose another `instruction_set` or `library`, or if the emulated device was not
+        tried with this release of torch; with ``KORVEX_EMULATION_ANY_TORCH=1`` in the environment
+        it goes on nevertheless.
     TypeError
         If an argument is not of its type; `threads` is an `int` itself, not of a class below it.
     ValueError

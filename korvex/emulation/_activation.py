@@ -24,6 +24,8 @@ from korvex.emulation._patches import Patches
 
 _RUNTIME = "korvex.tqx_runtime"
 _LOADER = "korvex.cubin_loader_native"
+TRIED_TORCH = ("2.13",)  # the releases of which the tests of the emulated device have passed
+ANY_TORCH = "KORVEX_EMULATION_ANY_TORCH"
 # An attribute of `torch.cuda` while it is changed: torch outlives what is deleted of sys.modules.
 _MARK = "_korvex_emulated_device"
 
@@ -53,6 +55,20 @@ def activate(
     if threads is not None:
         active._library.threads = threads
     return active
+
+
+def _check_torch() -> None:
+    """Of another release some operations may be missing here, or have other bits."""
+    release = ".".join(torch.__version__.split(".")[:2])
+    if release in TRIED_TORCH or os.environ.get(ANY_TORCH) == "1":
+        return
+    *others, last = TRIED_TORCH
+    tried = f"{', '.join(others)} and {last}" if others else last
+    raise RuntimeError(
+        f"the emulated device has been tried with torch {tried}, and this is torch "
+        f'{torch.__version__}: install "torch=={last}.*", or set {ANY_TORCH}=1 in the environment '
+        "to go on with this one"
+    )
 
 
 def _check_threads(threads: object) -> None:
@@ -103,6 +119,7 @@ def _activate_first(
         )
     if torch.cuda.is_initialized():
         raise RuntimeError("this process already uses a real CUDA device")
+    _check_torch()
     if instruction_set is None:
         instruction_set = (
             _library.best_instruction_set() if path is None else _library.instruction_set_of(path)

@@ -21,7 +21,7 @@ def test_it_names_versions_host_and_what_would_run(korvex):
     run = korvex("devices", "--json")
     assert (run.code, run.errors) == (0, "")
     found = json.loads(run.output)
-    assert found["versions"]["korvex-tqx"] == "3.4.8"
+    assert found["versions"]["korvex-tqx"] == importlib.metadata.version("korvex-tqx")
     assert found["versions"]["torch"] == importlib.metadata.version("torch")
     assert found["processors"] == len(os.sched_getaffinity(0))
     active = _native.instruction_set()

@@ -19,9 +19,9 @@ def citation():
     return yaml.safe_load((TREE / "CITATION.cff").read_text())
 
 
-def test_version_and_licence_are_those_of_the_package(citation, module):
+def test_version_and_licence_are_those_of_the_package(citation):
     project = tomllib.loads((TREE / "pyproject.toml").read_text())["project"]
-    assert citation["version"] == project["version"] == module.__version__
+    assert citation["version"] == project["version"]
     assert citation["license"] == project["license"]
 
 

@@ -9,6 +9,7 @@ import shutil
 from pathlib import Path
 
 import pytest
+import torch
 from subprocess_run import run_python
 
 import korvex.emulation
@@ -295,3 +296,59 @@ def test_failed_import_of_the_runtime_puts_everything_back():
         korvex.emulation.activate()
         assert torch.zeros(1, device="cuda").is_cuda
     """)
+
+
+# --- Releases of torch
+
+ANOTHER_TORCH = """
+        import torch
+
+        torch.__version__ = "2.99.1+cu999"
+        from korvex import emulation
+"""
+
+
+def test_a_torch_that_was_not_tried_is_refused_before_anything_changes():
+    run_python(
+        ANOTHER_TORCH
+        + """
+        import sys
+
+        before = torch.cuda.is_available
+        try:
+            emulation.activate()
+        except RuntimeError as error:
+            assert str(error) == (
+                "the emulated device has been tried with torch 2.13, and this is torch "
+                '2.99.1+cu999: install "torch==2.13.*", or set KORVEX_EMULATION_ANY_TORCH=1 in '
+                "the environment to go on with this one"
+            )
+        else:
+            raise AssertionError("no error")
+        assert emulation.active_device() is None and "korvex.tqx_runtime" not in sys.modules
+        assert torch.cuda.is_available is before
+        """
+    )
+
+
+def test_a_torch_that_was_not_tried_can_be_used_all_the_same():
+    run_python(
+        ANOTHER_TORCH
+        + """
+        import os
+
+        os.environ["KORVEX_EMULATION_ANY_TORCH"] = "1"
+        emulation.activate()
+        from korvex import tqx_runtime
+
+        assert tqx_runtime.tqx_sum(torch.ones(3, device="cuda", dtype=torch.float64)).item() == 3
+        """
+    )
+
+
+def test_the_tests_run_with_a_torch_that_was_tried():
+    from korvex.emulation import _activation
+
+    assert ".".join(torch.__version__.split(".")[:2]) in _activation.TRIED_TORCH
+    page = (Path(__file__).resolve().parents[2] / "docs" / "emulation.md").read_text()
+    assert all(f"torch {release}" in page for release in _activation.TRIED_TORCH)
