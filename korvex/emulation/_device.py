@@ -41,6 +41,10 @@ class EmulatedDevice:
         """What `torch.cuda.get_device_name` returns."""
         return f"korvex emulated CUDA device ({self.instruction_set})"
 
+    def __repr__(self) -> str:
+        plural = "" if self.threads == 1 else "s"
+        return f"<EmulatedDevice: {self.instruction_set} kernels, {self.threads} thread{plural}>"
+
     def __str__(self) -> str:
         return f"{self.name}, {self.threads} threads, {self.library}"
 

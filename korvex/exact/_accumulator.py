@@ -14,6 +14,7 @@ from typing import TYPE_CHECKING, Any, ClassVar, Self
 from korvex.exact import _processes, _serial
 from korvex.exact._arrays import Real
 from korvex.exact._devices import Device, device_of
+from korvex.exact._html import table
 from korvex.exact._state import State, Words, new_state
 
 if TYPE_CHECKING:
@@ -279,12 +280,26 @@ class Accumulator:
     def __repr__(self) -> str:
         elements = self._state.raw_counts().elements
         try:
-            values = self._values()
+            values = ", ".join(f"{name}={value}" for name, value in self._values().items())
         except ValueError:  # more was subtracted than added, which a debugger may well look at
             values = "value undefined"
         return f"{type(self).__name__}(count={elements}, {values})"
 
-    def _values(self) -> str:
+    def _repr_html_(self) -> str:
+        """The same as a table, with the checksum, for notebooks."""
+        rows = {"count": f"{self._state.raw_counts().elements:,}"}
+        try:
+            rows |= self._values() | self._details() | {"checksum": self.checksum()}
+        except ValueError:
+            rows["value"] = "undefined: more was subtracted than added"
+        return table(f"korvex.exact.{type(self).__name__}", rows.items())
+
+    def _values(self) -> dict[str, str]:
+        """What it stands for, by name, each rounded to float64."""
+        raise NotImplementedError
+
+    def _details(self) -> dict[str, str]:
+        """More that a notebook has room for."""
         raise NotImplementedError
 
 

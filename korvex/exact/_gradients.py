@@ -78,6 +78,9 @@ class GradientAccumulator:
         self._counts: Array = words[2 * self._ends[-1] :]
         self._wide: dict[int, State] = {}  # by element
 
+    def __repr__(self) -> str:
+        return f"GradientAccumulator(count={self.count}, parameters={len(self._parameters)})"
+
     @property
     def count(self) -> int:
         """How many micro-batches were added, in all processes once `all_reduce` was called.

@@ -174,5 +174,9 @@ class Moments(Accumulator):
         """
         return _statistics.norm_of(self._state.on_host(), SQUARES)
 
-    def _values(self) -> str:
-        return f"sum={float(self.sum())!r}, sum_of_squares={float(self.sum_of_squares())!r}"
+    def _values(self) -> dict[str, str]:
+        sums = {"sum": self.sum(), "sum_of_squares": self.sum_of_squares()}
+        return {name: repr(float(value)) for name, value in sums.items()}
+
+    def _details(self) -> dict[str, str]:
+        return {"mean": repr(self.mean()), "std": repr(self.std())}

@@ -98,8 +98,11 @@ class _OneValue(Accumulator):
         """
         return _decimals.decimal_of(self._state, precision)
 
-    def _values(self) -> str:
-        return f"value={float(self)!r}"
+    def _values(self) -> dict[str, str]:
+        return {"value": repr(float(self))}
+
+    def _details(self) -> dict[str, str]:
+        return {"limbs": " + ".join(map(repr, self.limbs()))}
 
 
 class Sum(_OneValue):

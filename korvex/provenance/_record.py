@@ -10,6 +10,7 @@ from collections.abc import Callable, Mapping, Sequence
 from pathlib import Path
 from typing import Any, Self
 
+from korvex.exact._html import table
 from korvex.provenance import _files
 from korvex.provenance._check import document_sha256, faults_of_document
 from korvex.provenance._document import FORMAT, VERSION, parsed
@@ -165,6 +166,24 @@ class Record:
         self._document["results"] += entries
 
     # --- Text
+
+    def __repr__(self) -> str:
+        entries = self._document["results"]
+        plural = "" if len(entries) == 1 else "s"
+        return f"<Record of {self.made}: {len(entries)} result{plural}>"
+
+    def _repr_html_(self) -> str:
+        """What it holds as a table, for notebooks."""
+        rows = [
+            (
+                entry["name"],
+                f"{entry['kind']} {entry['dtype']} {tuple(entry['shape'])}",
+                entry.get("value", ""),
+                entry["sha256"],
+            )
+            for entry in self._document["results"]
+        ]
+        return table(f"Record of {self.made}", rows, ("name", "what", "value", "SHA-256"))
 
     def dumps(self) -> str:
         """Return the record as JSON, with the SHA-256 of all of it."""

@@ -93,3 +93,11 @@ def test_parameters_are_a_bounded_state():
     parameters[1].grad = torch.tensor([1.0, 2.0**-40, 2.0**-53, 2.0**-60, 2.0**11, 2.0**13, 0.0])
     gradients.add()
     assert gradients.nbytes - (16 * 1007 + 8 * 3) == 1 * 72 * 8  # 2^13 alone has a wide state
+
+
+def test_gradients_show_how_many_they_are():
+    weights = torch.zeros(3)
+    gradients = exact.GradientAccumulator([weights, torch.zeros(2)])
+    weights.grad = torch.ones(3)
+    gradients.add()
+    assert repr(gradients) == "GradientAccumulator(count=1, parameters=2)"

@@ -83,3 +83,11 @@ def test_first_activation_refuses_the_same_and_can_be_repeated():
         assert "korvex.tqx_runtime" not in sys.modules
         assert korvex.emulation.activate(threads=2).threads == 2
     """)
+
+
+def test_the_device_shows_what_it_is(module):
+    active = emulation.active_device()
+    plural = "" if active.threads == 1 else "s"
+    assert repr(active) == (
+        f"<EmulatedDevice: {active.instruction_set} kernels, {active.threads} thread{plural}>"
+    )

@@ -6,6 +6,7 @@ import decimal
 import hashlib
 import math
 import pickle
+import xml.etree.ElementTree as ElementTree
 from decimal import Decimal
 from fractions import Fraction
 
@@ -367,6 +368,36 @@ def test_repr():
     assert repr(sum_of([NAN])) == "Sum(count=1, value=nan)"
     assert repr(moments_of([INF])) == "Moments(count=1, sum=inf, sum_of_squares=inf)"
     assert repr(moments_of([-INF])) == "Moments(count=1, sum=-inf, sum_of_squares=inf)"
+
+
+def cells_of(html):
+    """Rows of a table by their first cell; the text must be well formed."""
+    root = ElementTree.fromstring(html)
+    rows = [["".join(cell.itertext()) for cell in row] for row in root.iter("tr")]
+    return root[0].text, {name: cells for name, *cells in rows}
+
+
+def test_tables_for_notebooks():
+    total = sum_of([0.5, 0.5, 2.0**-60])
+    assert cells_of(total._repr_html_()) == (
+        "korvex.exact.Sum",
+        {
+            "count": ["3"],
+            "value": ["1.0"],
+            "limbs": [f"1.0 + {2.0**-60!r} + 0.0 + 0.0"],
+            "checksum": [total.checksum()],
+        },
+    )
+    assert cells_of(dot_of([3.0], [2.0])._repr_html_())[1]["value"] == ["6.0"]
+    caption, rows = cells_of(moments_of([1.0, 3.0])._repr_html_())
+    assert caption == "korvex.exact.Moments" and rows["std"] == ["1.0"] and rows["mean"] == ["2.0"]
+    assert "nan" in cells_of(sum_of([NAN])._repr_html_())[1]["value"]
+    empty = sum_of([])
+    empty.subtract(np.ones(2))
+    assert cells_of(empty._repr_html_())[1] == {
+        "count": ["-2"],
+        "value": ["undefined: more was subtracted than added"],
+    }
 
 
 # --- Wrong arguments

@@ -5,10 +5,12 @@ import copy
 import ctypes
 import doctest
 import hashlib
+import importlib.metadata
 import json
 import re
 import subprocess
 import sys
+import xml.etree.ElementTree as ElementTree
 from fractions import Fraction
 from pathlib import Path
 
@@ -122,7 +124,7 @@ def test_tensors_of_several_libraries_are_one_result():
 
 def test_environment_names_versions_and_the_files_that_ran(record):
     environment = record.environment
-    assert environment["korvex-tqx"] == "3.4.8"
+    assert environment["korvex-tqx"] == importlib.metadata.version("korvex-tqx")
     assert environment["numpy"] == np.__version__
     assert environment["python"].endswith(sys.version.split()[0])
     library = _environment.host_library()
@@ -485,3 +487,22 @@ def test_importing_and_verifying_need_numpy_alone(record, tmp_path):
         [sys.executable, "-P", "-c", program], cwd=tmp_path, capture_output=True, text=True
     )
     assert (run.returncode, run.stderr) == (0, "")
+
+
+# --- How a record shows
+
+
+def test_a_record_shows_what_it_holds(values):
+    record = provenance.Record()
+    assert repr(record) == f"<Record of {record.made}: 0 results>"
+    record.add("a < b", values["total"])
+    assert repr(record) == f"<Record of {record.made}: 1 result>"
+    record.add("weights", values["weights"])
+    root = ElementTree.fromstring(record._repr_html_())
+    rows = [["".join(cell.itertext()) for cell in row] for row in root.iter("tr")]
+    digests = [record.results[name]["sha256"] for name in ("a < b", "weights")]
+    assert rows == [
+        ["name", "what", "value", "SHA-256"],
+        ["a < b", "Sum float64 ()", "1.0000000000000002e+16", digests[0]],
+        ["weights", "array float64 (2, 3)", "", digests[1]],
+    ]
