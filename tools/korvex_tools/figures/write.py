@@ -27,10 +27,6 @@ def table(columns: list[str], rows: list[list[Any]]) -> Lines:
     ]
 
 
-def best_set(records: Records) -> str:
-    return records["bench_threads"]["settings"]["instruction_set"]
-
-
 def machine(records: Records, name: str) -> str:
     record = records[name]
     return f"{record['host']['processor']}, {record['date'][:10]}"
@@ -41,51 +37,36 @@ def short(number: float) -> str:
     return f"{number:.3g}" if number < 100 else f"{number:,.0f}"
 
 
-def compared(ratio: float) -> str:
-    """A ratio of times as people say it, to be followed by "than"."""
-    percent = round(100 * abs(ratio - 1))
-    return f"{percent} % {'longer' if ratio >= 1 else 'less time'}"
-
-
 # --- Blocks of README.md
 
 
 def costs(records: Records) -> Lines:
-    parts = records["bench_sum"]["runs"]
-    best = best_set(records)
-    candidates = {
-        "`math.fsum` over a list (exact, rounded once)": "math.fsum, list",
-        "`tqx_sum`, four exact limbs": f"tqx_sum, {best}, 1 thread",
-        "`tqx_sum_seq_kernel` alone": f"tqx_sum_seq_kernel, {best}, 1 thread",
-        "`numpy.sum` (rounds at every step)": "numpy.sum",
-        "`torch.sum` (rounds at every step)": "torch.sum, 1 thread",
-    }
-    rows = [
-        [label, *(costs_cell(part, name) for part in parts)] for label, name in candidates.items()
+    """Of `korvex.exact` on one thread, each beside the usual function of the same data."""
+    parts = {part["data"]: part for part in records["bench_exact"]["runs"]}
+    pairs = [
+        ("sum of float64", "sum", "exact.sum", "numpy.sum"),
+        ("the same", "sum", "exact.sum", "math.fsum, list"),
+        ("sum of float32", "formats", "exact.sum, float32", "numpy.sum, float32"),
+        ("dot product", "dot", "exact.vecdot", "numpy.dot"),
+        ("variance", "moments", "exact.var", "numpy.var"),
     ]
-    count = records["bench_sum"]["settings"]["n"]
-    call, limbs = (
-        row(records["bench_overhead"], case)["ratio"]
-        for case in ("tqx_sum(x)", "tqx_sum(x, return_tqx=True)")
-    )
+    rows = []
+    for label, data, ours, other in pairs:
+        times = [row(parts[data], name)["ns_per_element_processor"] for name in (ours, other)]
+        rows.append([label, f"{times[0]:.2f}", f"`{other}` {times[1]:.2f}", ratio_of(*times)])
+    count = records["bench_exact"]["settings"]["n"]
     return [
-        f"{count:,} float64 values on the emulated device, nanoseconds of processor time an",
-        f"element on one thread ({machine(records, 'bench_sum')}):",
+        f"{count:,} numbers of N(0,1), nanoseconds of processor time an element on one thread",
+        f"({machine(records, 'bench_exact')}):",
         "",
-        *table(["", "N(0,1)", "N(0,1) · 2^U(-60,60)"], rows),
-        "",
-        f"A call of `tqx_sum` takes {compared(call)} than the same torch calls made from Python,",
-        f"and {compared(limbs)} with `return_tqx=True`, which makes fewer of them",
-        "(`benchmarks/bench_overhead.py`, kernels that do nothing).",
+        *table(["", "`korvex.exact`", "beside it", ""], rows),
     ]
 
 
-def costs_cell(part: dict[str, Any], name: str) -> str:
-    found = row(part, name)
-    time = f"{found['ns_per_element_processor']:.2f}"
-    if not name.startswith("tqx"):
-        return time
-    return f"{time}, {found['times_faster_than_fsum_processor']:.0f} times faster"
+def ratio_of(ours: float, other: float) -> str:
+    if ours > other:
+        return f"{ours / other:.2f} times its time"
+    return f"{other / ours:.{0 if other > 10 * ours else 2}f} times faster"
 
 
 # --- Blocks of docs/performance.md
