@@ -47,7 +47,7 @@ TIDY_STAMPS := $(patsubst %,build/tidy/%.ok,$(filter %.cpp,$(CXX_FILES)))
 .PHONY: help demo interface test check environment install cpp-tests python-tests test-long leaks fuzz soak \
   mutation mutation-long \
   sanitize device-code device-code-long device-code-tools verify verify-long verify-elementary \
-  figures gpu site lint format-check tidy configure \
+  figures gpu site lint extras constraints format-check tidy configure \
   format wheel wheels clean distclean
 
 help: ## this list
@@ -96,6 +96,15 @@ wheel: environment ## a wheel in dist/, with the kernels for all GPUs
 	  --config-settings cmake.define.KORVEX_CUDA_COMPILERS=$(CURDIR)/build/cuda-compilers \
 	  --wheel-dir dist .
 	@ls dist/*.whl
+
+# Without device code, which no extra has to do with.
+extras: install ## each extra of the wheel, from the file, in an environment of its own (minutes, gigabytes)
+	@CXX=$$(scripts/find_compiler.sh) $(PY) -m pip wheel --quiet --no-deps --no-build-isolation --no-index \
+	  --config-settings build-dir=$(BUILD) --wheel-dir build/extras .
+	@$(TOOL).try_extras build/extras/*.whl $(EXTRAS)
+
+constraints: environment ## constraints.txt from the environment: the versions that set-up installs
+	@scripts/write_constraints.sh $(PY)
 
 wheels: environment ## wheels for CPython 3.12 and 3.13 in dist/, each installed and tested
 	@scripts/make_wheels.sh $(PY) $(PYTEST_ARGS)

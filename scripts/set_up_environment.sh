@@ -5,6 +5,9 @@
 # needs: the requirements of these extras of the distribution, or, if none is named, of test, dev and
 # docs.
 #
+# The versions are those of constraints.txt, with which continuous integration runs; with
+# CONSTRAINTS=none the newest that there are.
+#
 # A .pth file in it names the folder tools/, where the tree's own tools are found.
 #
 # Quiet and quick when nothing changed: the list of requirements that pip last installed is kept
@@ -40,14 +43,19 @@ if [ "$tools" != "$(cat "$site_packages/korvex-tools.pth" 2>/dev/null)" ]; then
   echo "$tools" >"$site_packages/korvex-tools.pth"
 fi
 
+constraints=()
+if [ "${CONSTRAINTS:-}" != none ]; then
+  constraints=(--constraint "$here/../constraints.txt")
+fi
 wanted_list=$("$python" "$here/list_requirements.py" "${extras[@]}")
-if [ "$wanted_list" != "$(cat "$installed_list" 2>/dev/null)" ]; then
+installed=$wanted_list$'\n'$(cat "${constraints[@]:1}" </dev/null)
+if [ "$installed" != "$(cat "$installed_list" 2>/dev/null)" ]; then
   echo "installing the requirements into $environment (the first time takes minutes: torch is big)"
   rm -f "$installed_list"
   if ! "$python" -m pip install -qq --disable-pip-version-check \
-    --requirement /dev/stdin <<<"$wanted_list"; then
+    "${constraints[@]}" --requirement /dev/stdin <<<"$wanted_list"; then
     echo "pip could not install the requirements; its reason stands above." >&2
     exit 1
   fi
-  echo "$wanted_list" >"$installed_list"
+  echo "$installed" >"$installed_list"
 fi

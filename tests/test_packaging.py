@@ -74,6 +74,42 @@ def test_extra_brings_torch(extra):
     assert [t for t in required if t.startswith("torch") and t.endswith(f'extra == "{extra}"')]
 
 
+def test_no_release_of_torch_is_asked_for():
+    """`korvex.emulation.activate` says which were tried, and how to go on with others."""
+    for extra in ("torch", "cuda11", "cuda12", "cuda13"):
+        required = [
+            text
+            for text in distribution().requires
+            if f"extra == '{extra}'" in text.replace('"', "'")
+        ]
+        assert [text.partition(";")[0].strip() for text in required if "torch" in text] == ["torch"]
+
+
+def test_constraints_name_a_version_of_each_requirement():
+    """And those that this environment has, if it was set up with them."""
+    lines = (SOURCE_TREE / "constraints.txt").read_text().splitlines()[1:]
+    versions = {canonical(name): version for name, version in (line.split("==") for line in lines)}
+    listed = subprocess.run(
+        [sys.executable, SCRIPTS / "list_requirements.py", "test", "dev", "docs"],
+        capture_output=True,
+        text=True,
+        check=True,
+    ).stdout.split("\n")
+    names = [canonical(re.match(r"[\w.-]+", line)[0]) for line in listed if line]
+    assert set(names) <= set(versions) and len(names) > 20
+    assert "korvex-tqx" not in versions
+
+
+def canonical(name):
+    return re.sub(r"[-_.]+", "-", name).lower()
+
+
+def test_each_extra_has_a_trial():
+    from korvex_tools import try_extras
+
+    assert set(try_extras.TRIALS) == {"", *distribution().metadata.get_all("Provides-Extra")}
+
+
 def test_working_tree_has_torch():
     """By the extras that the set-up installs where none is named: test, dev and docs."""
     listed = subprocess.run(
@@ -251,7 +287,8 @@ def test_environment_finds_the_tools_without_a_search_path(tmp_path):
         text=True,
         check=True,
     ).stdout
-    (environment / "korvex-requirements.txt").write_text(listed)
+    constraints = (SOURCE_TREE / "constraints.txt").read_text()
+    (environment / "korvex-requirements.txt").write_text(listed + constraints)
     bare = {"PATH": os.environ["PATH"], "HOME": str(tmp_path)}
     run = run_script("set_up_environment.sh", environment, environment=bare)
     assert (run.returncode, run.stdout, run.stderr) == (0, "", "")
