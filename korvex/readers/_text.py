@@ -112,20 +112,29 @@ class _Blocks(Iterator[bytes]):
         while data := self._stream.read(BLOCK_BYTES):
             if self._is_first:
                 data, self._is_first = data.removeprefix(_BYTE_ORDER_MARK), False
-            block = self._rest + data
-            end = self._end_of_lines(block)
-            self._rest = block[end:]
+            if block := self._whole_lines(data):
+                return block
             if len(self._rest) > MOST_BYTES_OF_A_LINE:
                 raise InputError(
                     f"{self._path}: no line ends within {MOST_BYTES_OF_A_LINE >> 20} MiB: no text, "
                     "or a quote that is not closed"
                 )
-            if end:
-                return block[:end]
         if not self._rest:
             raise StopIteration
         block, self._rest = self._rest, b""
         return block
+
+    def _whole_lines(self, data: bytes) -> bytes:
+        """The lines that end in what was read; empty where none does. What is behind them waits."""
+        end = data.rfind(b"\n") + 1
+        if end and not (self._quotes and (b'"' in data or b'"' in self._rest)):
+            block = b"".join((self._rest, memoryview(data)[:end]))  # copies once
+            self._rest = data[end:]
+            return block
+        block = self._rest + data
+        end = self._end_of_lines(block)
+        self._rest = block[end:]
+        return block[:end]
 
     def _end_of_lines(self, block: bytes) -> int:
         """Behind the last end of a line that lies outside quotes; 0 where there is none."""
