@@ -23,6 +23,7 @@ function(korvex_add_host_kernels target)
     "${folder}/exact_column_sums.cpp"
     "${folder}/exact_matrix_product.cpp"
     "${folder}/exact_prefix_sums.cpp"
+    "${folder}/exact_segments.cpp"
     "${folder}/launch.cpp"
     "${folder}/matrix_product.cpp"
     "${folder}/pairs.cpp"

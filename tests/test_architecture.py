@@ -227,6 +227,7 @@ def test_host_and_device_files_of_a_family_have_the_same_name():
         if "__global__" in path.read_text()
     }
     calls = {"launch", "exact", "exact_column_sums", "exact_matrix_product", "exact_prefix_sums"}
+    calls.add("exact_segments")
     on_the_whole_device = {"whole_device", "whole_product"}  # what stands for kernels of families
     assert on_the_whole_device < kernels
     assert shells - calls == kernels - on_the_whole_device

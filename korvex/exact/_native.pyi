@@ -54,4 +54,16 @@ def matmul(
     a_format: str | None = None,
     b_format: str | None = None,
 ) -> None: ...
+def segment_sums(
+    x: object,
+    axis: int,
+    ids: object,
+    segments: int,
+    initial: object | None,
+    out: Buffer,
+    format: str,
+    threads: int,
+    x_format: str | None = None,
+    initial_format: str | None = None,
+) -> int: ...
 def exact_integer(kind: int, state: Buffer, part: int, /) -> int: ...

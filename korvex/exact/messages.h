@@ -43,6 +43,12 @@ inline constexpr char kOutShape[] = "out must have shape %R, but has %R";
 inline constexpr char kOutLayout[] = "out must be contiguous and aligned";
 inline constexpr char kInnerExtents[] =
     "a has %zd columns and b has %zd rows: they must be as many";
+inline constexpr char kAxis[] = "axis must be from 0 to less than %d, not %R";
+inline constexpr char kSegments[] = "segments must be at least 0, not %R";
+inline constexpr char kIds[] = "ids must be integers";
+inline constexpr char kIdCount[] = "ids has %lld elements, and x %lld along the axis";
+inline constexpr char kInitialShape[] =
+    "initial must have shape %R with the axis first, but has %R";
 
 // ---- a state ----
 inline constexpr char kStateFormat[] = "%s must hold 64-bit integers (format 'q'), not '%s'";

@@ -33,6 +33,7 @@ void execute(PyObject* module) {
   checked(PyModule_AddIntConstant(module, "MOMENTS", KORVEX_EXACT_MOMENTS));
   checked(PyModule_AddFunctions(module, state_functions()));
   checked(PyModule_AddFunctions(module, array_functions()));
+  checked(PyModule_AddFunctions(module, segment_functions()));
 }
 
 int exec_slot(PyObject* module) {

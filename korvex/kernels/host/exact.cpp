@@ -253,7 +253,7 @@ int reduce_to_limb(int kind, const korvex_exact_array* x, const korvex_exact_arr
 
 constexpr korvex_exact_functions kFunctions = {
     words,          accumulate,     settle,         merge,       limbs,
-    reduce_to_limb, cumulative_sum, matrix_product, column_sums,
+    reduce_to_limb, cumulative_sum, matrix_product, column_sums, segment_sums,
 };
 
 }  // namespace

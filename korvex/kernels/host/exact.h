@@ -85,6 +85,15 @@ typedef struct {
   // Writes the sum of each column of a matrix, rounded once, as cumulative_sum does. Precondition:
   // x has two dimensions.
   int (*column_sums)(const korvex_exact_array* x, int format, int threads, void* out);
+
+  // Adds up the rows x[i] of one segment ids[i], and those of `initial` unless that is null, and
+  // writes the sums as cumulative_sum does, segment by segment. The first i whose ids[i] is not in
+  // [0, segments) goes to *out_of_range, or -1; nothing is written if there is one. Preconditions:
+  // x has a dimension, ids one dimension as long and integers; initial has that many segments as
+  // its first extent, and else the extents of x.
+  int (*segment_sums)(const korvex_exact_array* x, const korvex_exact_array* ids, int64_t segments,
+                      const korvex_exact_array* initial, int format, int threads, void* out,
+                      int64_t* out_of_range);
 } korvex_exact_functions;
 
 __attribute__((visibility("default"))) const korvex_exact_functions* korvex_host_exact(void);

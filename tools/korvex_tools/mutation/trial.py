@@ -90,6 +90,8 @@ OWN_TESTS = {
     H + "exact_column_sums.cpp": "exact",
     H + "exact_matrix_product.cpp": CALLS,
     H + "exact_prefix_sums.cpp": CALLS,
+    H + "exact_segments.cpp": "exact",
+    H + "exact_segments.h": "exact",
     H + "launch.cpp": "host_kernels out_of_memory",
     H + "matrix_product.cpp": "matrix_product",
     H + "pairs.cpp": KERNELS,
