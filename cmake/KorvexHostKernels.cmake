@@ -20,9 +20,13 @@ function(korvex_add_host_kernels target)
   add_library(${target} SHARED
     "${folder}/dot.cpp"
     "${folder}/exact.cpp"
+    "${folder}/exact_axes.cpp"
     "${folder}/exact_column_sums.cpp"
     "${folder}/exact_matrix_product.cpp"
+    "${folder}/exact_parts.cpp"
     "${folder}/exact_prefix_sums.cpp"
+    "${folder}/exact_result.cpp"
+    "${folder}/exact_tiles.cpp"
     "${folder}/launch.cpp"
     "${folder}/matrix_product.cpp"
     "${folder}/pairs.cpp"
