@@ -12,6 +12,11 @@ inline constexpr char kUnknown[] = "%s() has no argument '%U'";
 inline constexpr char kKind[] = "kind must be SUM, DOT or MOMENTS, not %R";
 inline constexpr char kSign[] = "sign must be 1 or -1, not %R";
 inline constexpr char kThreads[] = "threads must be at least 0, not %R";
+inline constexpr char kFunction[] = "function must be one of the module's, not %R";
+inline constexpr char kOperands[] =
+    "operands and formats must be tuples of 1, or of 2 or 4 for DOT_PRODUCT";
+inline constexpr char kKept[] = "kept must be a number of leading axes, not %R";
+inline constexpr char kFactor[] = "divisor and scale must be at least 0, not %R";
 inline constexpr char kPart[] = "part must be 0, or 1 of MOMENTS, not %R";
 inline constexpr char kLimbCount[] = "count must be 1 to 4, and 1 in a narrow format, not %R";
 inline constexpr char kResultFormat[] =

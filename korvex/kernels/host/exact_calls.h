@@ -39,6 +39,9 @@ int cumulative_sum(const korvex_exact_array* x, int format, int threads, void* o
 // exact_column_sums.cpp
 int column_sums(const korvex_exact_array* x, int format, int threads, void* out);
 
+// exact_axes.cpp
+int reduce_axes(const korvex_exact_reduction* task, int format, int threads, void* out);
+
 // exact_matrix_product.cpp
 int matrix_product(const korvex_exact_array* a, const korvex_exact_array* b, int format,
                    int threads, void* out);
