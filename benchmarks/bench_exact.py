@@ -17,7 +17,6 @@ import sys
 import timeit
 from collections.abc import Callable
 from fractions import Fraction
-from pathlib import Path
 from typing import Any
 
 # One thread: the idle ones of a BLAS spin for a while, in the turns of the other candidates.
@@ -29,6 +28,7 @@ import torch
 from korvex import exact
 from korvex.emulation._library import HostLibrary, best_instruction_set
 from korvex_tools.figures.command import cut_short, host_parser, record
+from korvex_tools.figures.memory import held_by
 from korvex_tools.figures.timing import (
     measure,
     nanoseconds,
@@ -294,19 +294,6 @@ def memory(x: np.ndarray) -> dict[str, Any]:
         [[row["candidate"], str(row["kilobytes_held"])] for row in rows],
     )
     return {"data": "memory", "results": rows, "targets": []}
-
-
-def held_by(call: Callable[[], Any]) -> int:
-    call()
-    Path("/proc/self/clear_refs").write_text("5")  # the peak starts anew
-    before = resident("VmRSS")
-    call()
-    return max(resident("VmHWM") - before, 0)
-
-
-def resident(name: str) -> int:
-    status = Path("/proc/self/status").read_text()
-    return int(re.search(rf"^{name}:\s+(\d+) kB$", status, re.MULTILINE)[1]) * 1024
 
 
 # --- Targets

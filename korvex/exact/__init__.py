@@ -3,7 +3,8 @@
 
 The arithmetic is that of `korvex.tqx_runtime`, behind other doors: arrays of NumPy, torch, CuPy and
 whatever has DLPack on the CPU, of any real dtype, whole or in parts; nothing needs to be activated.
-On a GPU they are read where they are, but for `matmul` and `cumulative_sum`, which refuse them.
+On a GPU they are read where they are, but for `matmul`, `cumulative_sum` and the sums by segment,
+which refuse them.
 A result is the exact value correctly rounded, so it depends on the elements alone: not on their
 order, their layout, threads, processors, or how they were cut into parts.
 
@@ -16,6 +17,7 @@ from korvex.exact._functions import mean, std, sum, var, vector_norm
 from korvex.exact._gradients import GradientAccumulator
 from korvex.exact._moments import Moments
 from korvex.exact._products import cumulative_sum, matmul, vecdot
+from korvex.exact._segments import bincount, index_add, segment_sum
 from korvex.exact._sums import Dot, Sum
 from korvex.exact._threads import get_threads, set_threads
 
@@ -25,12 +27,15 @@ __all__ = [
     "Moments",
     "Sum",
     "all_reduce",
+    "bincount",
     "cumulative_sum",
     "get_threads",
+    "index_add",
     "loads",
     "matmul",
     "mean",
     "reduce_scatter_tensor",
+    "segment_sum",
     "set_threads",
     "std",
     "sum",

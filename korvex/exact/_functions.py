@@ -1,24 +1,23 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Functions over a whole array: exact inside, one correct rounding, a result as the input is.
+"""Functions over a whole array or along axes: exact inside, one correct rounding of each output.
 
-Names and keywords are those of the Python array API standard. What is not there yet, an axis of an
-array with several and batches of products, is an error that says so, never something else silently.
+Names and keywords are those of the Python array API standard; a result is as the input is. What is
+not there, an axis of what lies on a GPU or in several processes, is an error that says so.
 """
 
 from __future__ import annotations
 
+from fractions import Fraction
 from typing import Any
 
-import numpy as np
 from numpy import float64, ndarray
 
 from korvex.exact import _native, _statistics, _threads
 from korvex.exact._arrays import REAL_CHARACTERS, Operand
+from korvex.exact._axes import Axes, Axis, axes_of, reduce_along, reduce_one_by_one, size_of
 from korvex.exact._homes import format_of, give_values
 from korvex.exact._spread import Spread, as_spread
 from korvex.exact._state import DOT, MOMENTS, SUM, accumulated
-
-Axis = int | tuple[int, ...] | None
 
 
 def sum(
@@ -30,29 +29,35 @@ def sum(
     keepdims: bool = False,
     group: Any = None,
 ) -> Any:
-    """Return the sum of all elements, correctly rounded.
+    """Return the sum of all elements, or of those along axes, correctly rounded.
 
     Parameters
     ----------
     x : array
         Real or complex, of any shape; of no elements the sum is 0. Of a complex array the halves
         are summed apart.
-    axis : None, or what stands for all axes
-        0 or -1 for an array with one axis, or a tuple of all axes.
+    axis : None, int or tuple of ints, optional
+        The axes that are summed over, counted from the end where negative; None is all of them, and
+        ``()`` none, so that each element is rounded by itself.
     dtype : dtype or str, optional
         float64 (default), float32, float16 or bfloat16: what the exact value is rounded to, once.
         For complex arrays complex128 (default) or complex64.
     keepdims : bool
-        Whether the result has as many axes as `x`, each of length 1.
+        Whether the axes that are summed over stay in the result, with length 1.
     group : ProcessGroup, optional
         Of `torch.distributed`: the sum is over the arrays that all of its processes give, real ones
         of any shapes and dtypes, and is returned in each. ``torch.distributed.group.WORLD`` is the
-        default group; None stands for this process alone.
+        default group; None stands for this process alone. Only with all axes.
 
     Returns
     -------
     scalar or array
-        In the library and on the device of `x`.
+        In the library and on the device of `x`, with the axes that are left.
+
+    Raises
+    ------
+    AxisError
+        If an axis is out of range: a ValueError and an IndexError.
 
     Examples
     --------
@@ -63,6 +68,12 @@ def sum(
     1.0 0.0
     >>> print(exact.sum(np.array([2**53, 1, 1])), exact.sum(np.array([0.5, 2j])))
     9007199254740994.0 (0.5+2j)
+
+    Along an axis each output is rounded once, with the same bits for every layout:
+
+    >>> m = np.array([[1e16, 1.0, -1e16], [0.1, 0.2, 0.3]])
+    >>> print(exact.sum(m, axis=1), exact.sum(m, axis=0, keepdims=True).shape)
+    [1.  0.6] (1, 3)
     """
     # The whole call should cost little more than numpy.sum of a few elements: such arrays first.
     if type(x) is ndarray and axis is dtype is group is None and keepdims is False:
@@ -71,9 +82,11 @@ def sum(
     spread = as_spread(x, "x", group)
     operand = spread.operand
     form = format_of(dtype, operand.is_complex)
-    shape = _reduced_shape(operand.shape, axis, keepdims)
+    axes = axes_of(operand.shape, axis, keepdims)
+    if not axes.is_whole:
+        return reduce_along(_native.TOTAL, spread, axes, form)
     if operand.device is not None and spread.is_one_array:
-        return _on_device(operand, form, shape)
+        return _on_device(operand, form, axes.shape)
     if operand.device is not None or spread.groups:
         states = [spread.combined(accumulated(SUM, half)) for half in operand.halves()]
         values = [state.limbs(form=form)[0] for state in states]
@@ -81,7 +94,7 @@ def sum(
         values = [
             _native.sum(half.values, form, _threads.count, half.format) for half in operand.halves()
         ]
-    return give_values(operand.home, values, form, shape)
+    return give_values(operand.home, values, form, axes.shape)
 
 
 def mean(
@@ -93,7 +106,7 @@ def mean(
     keepdims: bool = False,
     group: Any = None,
 ) -> Any:
-    """Return the mean of all elements, correctly rounded: the exact sum over their number.
+    """Return the mean of all elements or along axes: the exact sum over their number, rounded once.
 
     Parameters
     ----------
@@ -113,14 +126,18 @@ def mean(
     >>> from korvex import exact
     >>> print(exact.mean(np.array([1e308, 1e308, 1e308])))
     1e+308
+    >>> print(exact.mean(np.array([[1e308, 1e308], [1.0, 2.0]]), axis=-1))
+    [1.0e+308 1.5e+000]
     """
     spread = as_spread(x, "x", group)
     operand = spread.operand
     form = format_of(dtype, operand.is_complex)
-    shape = _reduced_shape(operand.shape, axis, keepdims)
+    axes = axes_of(operand.shape, axis, keepdims)
+    if not axes.is_whole:
+        return reduce_along(_native.MEAN, spread, axes, form)
     states = [spread.combined(accumulated(SUM, half)) for half in operand.halves()]
     values = [_statistics.mean_of(state, form) for state in states]
-    return give_values(operand.home, values, form, shape)
+    return give_values(operand.home, values, form, axes.shape)
 
 
 def var(
@@ -133,7 +150,7 @@ def var(
     keepdims: bool = False,
     group: Any = None,
 ) -> Any:
-    """Return the variance of all elements, correctly rounded.
+    """Return the variance of all elements, or of those along axes, correctly rounded.
 
     Parameters
     ----------
@@ -157,14 +174,19 @@ def var(
     >>> x = np.array([1e9 + 4, 1e9 + 7, 1e9 + 13, 1e9 + 16])
     >>> print(exact.var(x), exact.var(x, correction=1))
     22.5 30.0
+    >>> print(exact.var(x.reshape(2, 2), axis=0))
+    [20.25 20.25]
     """
     spread = _real_spread(x, "x", "var", group)
     operand = spread.operand
     form = format_of(dtype)
-    shape = _reduced_shape(operand.shape, axis, keepdims)
+    axes = axes_of(operand.shape, axis, keepdims)
     taken = _statistics.checked_correction(correction)
+    if not axes.is_whole:
+        return _spread_along(_native.VARIANCE, spread, axes, taken, form)
     state = spread.combined(accumulated(MOMENTS, *operand.halves()))
-    return give_values(operand.home, [_statistics.variance_of(state, taken, form)], form, shape)
+    value = _statistics.variance_of(state, taken, form)
+    return give_values(operand.home, [value], form, axes.shape)
 
 
 def std(
@@ -177,7 +199,9 @@ def std(
     keepdims: bool = False,
     group: Any = None,
 ) -> Any:
-    """Return the standard deviation, correctly rounded: the root of the exact variance.
+    """Return the standard deviation of all elements or along axes, correctly rounded.
+
+    It is the root of the exact variance.
 
     Parameters
     ----------
@@ -199,14 +223,19 @@ def std(
     >>> from korvex import exact
     >>> print(exact.std(np.array([1.0, 2.0, 3.0, 4.0])))
     1.118033988749895
+    >>> print(exact.std(np.array([[1.0, 2.0], [3.0, 9.0]]), axis=1, correction=1))
+    [0.70710678 4.24264069]
     """
     spread = _real_spread(x, "x", "std", group)
     operand = spread.operand
     form = format_of(dtype)
-    shape = _reduced_shape(operand.shape, axis, keepdims)
+    axes = axes_of(operand.shape, axis, keepdims)
     taken = _statistics.checked_correction(correction)
+    if not axes.is_whole:
+        return _spread_along(_native.DEVIATION, spread, axes, taken, form)
     state = spread.combined(accumulated(MOMENTS, *operand.halves()))
-    return give_values(operand.home, [_statistics.deviation_of(state, taken, form)], form, shape)
+    value = _statistics.deviation_of(state, taken, form)
+    return give_values(operand.home, [value], form, axes.shape)
 
 
 def vector_norm(
@@ -219,7 +248,7 @@ def vector_norm(
     dtype: Any = None,
     group: Any = None,
 ) -> Any:
-    """Return the Euclidean norm of all elements, correctly rounded.
+    """Return the Euclidean norm of all elements, or of those along axes, correctly rounded.
 
     Parameters
     ----------
@@ -241,16 +270,20 @@ def vector_norm(
     >>> from korvex import exact
     >>> print(exact.vector_norm(np.array([3e-200, 4e-200])))
     5e-200
+    >>> print(exact.vector_norm(np.array([[3e-200, 4e-200], [3e200, 4e200]]), axis=1))
+    [5.e-200 5.e+200]
     """
     spread = _real_spread(x, "x", "vector_norm", group)
     operand = spread.operand
     if isinstance(ord, bool) or ord != 2:
         raise ValueError(f"ord must be 2, not {ord!r}")
     form = format_of(dtype)
-    shape = _reduced_shape(operand.shape, axis, keepdims)
+    axes = axes_of(operand.shape, axis, keepdims)
+    if not axes.is_whole:
+        return reduce_along(_native.NORM, spread, axes, form)
     [half] = operand.halves()
     state = spread.combined(accumulated(DOT, half, half))
-    return give_values(operand.home, [_statistics.norm_of(state, form=form)], form, shape)
+    return give_values(operand.home, [_statistics.norm_of(state, form=form)], form, axes.shape)
 
 
 def _on_device(operand: Operand, form: str, shape: tuple[int, ...]) -> Any:
@@ -261,41 +294,19 @@ def _on_device(operand: Operand, form: str, shape: tuple[int, ...]) -> Any:
     return rounded(operand.device, jobs, form, shape)
 
 
+def _spread_along(function: int, spread: Spread, axes: Axes, taken: Fraction, form: str) -> Any:
+    """The variance or its root along axes."""
+    count = size_of(spread.operand.shape, axes.reduced)
+    factors = _statistics.divisor_of(count, taken)
+    if factors is not None:
+        return reduce_along(function, spread, axes, form, *factors)
+    is_variance = function == _native.VARIANCE
+    rounded = _statistics.variance_of if is_variance else _statistics.deviation_of
+    return reduce_one_by_one(spread, axes, form, lambda state: rounded(state, taken, form))
+
+
 def _real_spread(x: Any, name: str, function: str, group: Any) -> Spread:
     spread = as_spread(x, name, group)
     if spread.operand.is_complex:
         raise TypeError(f"{name} is complex, and {function} takes real arrays only")
     return spread
-
-
-# --- The axis
-
-
-def _reduced_shape(shape: tuple[int, ...], axis: Axis, keepdims: bool) -> tuple[int, ...]:
-    """The shape of a result over the whole array; any other axis is refused."""
-    if not isinstance(keepdims, (bool, np.bool_)):
-        raise TypeError(f"keepdims must be a bool, not {type(keepdims).__name__}")
-    if axis is not None:
-        _check_whole(len(shape), axis)
-    return (1,) * len(shape) if keepdims else ()
-
-
-def _check_whole(dimensions: int, axis: int | tuple[int, ...]) -> None:
-    axes = axis if isinstance(axis, tuple) else (axis,)
-    for each in axes:
-        if isinstance(each, (bool, np.bool_)) or not isinstance(each, (int, np.integer)):
-            raise TypeError(f"axis must be None, an int or a tuple of them, not {axis!r}")
-        if not -dimensions <= each < dimensions:
-            raise ValueError(f"axis {each} is out of range for {_axes(dimensions)}")
-    positive = sorted(each % dimensions for each in axes)
-    if len(set(positive)) < len(positive):
-        raise ValueError(f"axis {axis} names an axis twice")
-    if len(positive) < dimensions:
-        raise ValueError(
-            f"axis {axis} of {_axes(dimensions)} is not supported yet: korvex.exact reduces whole "
-            "arrays, axis=None"
-        )
-
-
-def _axes(dimensions: int) -> str:
-    return f"an array with {dimensions} {'axis' if dimensions == 1 else 'axes'}"

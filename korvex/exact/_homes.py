@@ -164,11 +164,13 @@ def give_parts(home: Home, parts: Sequence[Array], form: str) -> Any:
 
 def give_values(home: Home, values: Sequence[float], form: str, shape: tuple[int, ...]) -> Any:
     """Return numbers of a format, one or two halves of one, as an array with one element."""
-    return give_parts(home, [_full(value, form, shape) for value in values], form)
+    parts = [np.full(shape, in_format([value], form)) for value in values]
+    return give_parts(home, parts, form)
 
 
-def _full(value: float, form: str, shape: tuple[int, ...]) -> Array:
+def in_format(values: Sequence[float], form: str) -> Array:
+    """Numbers of a format as `empty` makes room for them."""
     if form == "bfloat16":
-        bits = np.asarray(value, np.float32).view(np.uint32) >> 16  # the lower bits are 0
-        return np.full(shape, bits, np.uint16)
-    return np.full(shape, value, form)
+        bits = np.array(values, np.float32).view(np.uint32) >> 16  # the lower bits are 0
+        return bits.astype(np.uint16)
+    return np.array(values, form)

@@ -12,6 +12,13 @@ SUM: int
 DOT: int
 MOMENTS: int
 
+TOTAL: int
+MEAN: int
+VARIANCE: int
+DEVIATION: int
+DOT_PRODUCT: int
+NORM: int
+
 def words(kind: int, /) -> int: ...
 def instruction_set() -> str: ...
 def set_instruction_set(name: str, /) -> None: ...
@@ -45,6 +52,18 @@ def cumulative_sum(
 def column_sums(
     x: object, out: Buffer, format: str, threads: int, x_format: str | None = None
 ) -> None: ...
+def reduce_axes(
+    function: int,
+    operands: tuple[object, ...],
+    formats: tuple[str | None, ...],
+    kept: int,
+    out: Buffer,
+    format: str,
+    threads: int,
+    divisor: int = 1,
+    scale: int = 1,
+    is_negative: bool = False,
+) -> None: ...
 def matmul(
     a: object,
     b: object,
@@ -54,4 +73,16 @@ def matmul(
     a_format: str | None = None,
     b_format: str | None = None,
 ) -> None: ...
+def segment_sums(
+    x: object,
+    axis: int,
+    ids: object,
+    segments: int,
+    initial: object | None,
+    out: Buffer,
+    format: str,
+    threads: int,
+    x_format: str | None = None,
+    initial_format: str | None = None,
+) -> int: ...
 def exact_integer(kind: int, state: Buffer, part: int, /) -> int: ...

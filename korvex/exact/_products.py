@@ -9,6 +9,14 @@ import numpy as np
 
 from korvex.exact import _native, _threads
 from korvex.exact._arrays import Operand, Real, as_operand, check_same_home, refuse_cuda
+from korvex.exact._axes import (
+    checked_axis,
+    is_integer,
+    reduced,
+    refuse_device,
+    refuse_parts,
+    viewable,
+)
 from korvex.exact._homes import Array, empty, format_of, give_parts, give_values
 from korvex.exact._sharded_product import sharded_product
 from korvex.exact._spread import as_spread
@@ -16,21 +24,23 @@ from korvex.exact._state import COUNTS, DOT, State, accumulated
 
 
 def vecdot(x: Any, y: Any, /, *, axis: int = -1, dtype: Any = None, group: Any = None) -> Any:
-    """Return the dot product of two vectors, correctly rounded. A complex `x` is conjugated.
+    """Return dot products along an axis, each correctly rounded. A complex `x` is conjugated.
 
     Parameters
     ----------
     x, y : array
-        With one axis, of equal length, in one library and on one device. Their dtypes may differ.
+        In one library and on one device. Their dtypes may differ. They have one length along the
+        axis; their other axes are broadcast.
     axis : int
-        The axis of the vectors, 0 or -1.
+        The axis of the vectors, in each operand on its own.
     dtype, group
-        As of `sum`. The two vectors of one process have one length.
+        As of `sum`. With a group there is one axis, and the two vectors of one process have one
+        length.
 
     Returns
     -------
     scalar or array
-        In the library and on the device of `x`.
+        In the library and on the device of `x`, with the axes that are left.
 
     Examples
     --------
@@ -39,24 +49,28 @@ def vecdot(x: Any, y: Any, /, *, axis: int = -1, dtype: Any = None, group: Any =
     >>> x, y = np.array([1e200, 1.0, 1e200]), np.array([1e200, 0.5, -1e200])
     >>> print(exact.vecdot(x, y), exact.vecdot(np.array([1j, 2]), np.array([1j, 2j])))
     0.5 (1+4j)
+    >>> print(exact.vecdot(np.stack([x, -x]), y), exact.vecdot(np.ones((3, 2)), x[:, None], axis=0))
+    [ 0.5 -0.5] [2.e+200 2.e+200]
     """
     x_spread, y_spread = as_spread(x, "x", group), as_spread(y, "y", group)
     first, second = x_spread.operand, y_spread.operand
     home = check_same_home([("x", first), ("y", second)])
-    for name, operand in (("x", first), ("y", second)):
-        if len(operand.shape) != 1:
-            raise ValueError(
-                f"{name} has {len(operand.shape)} axes: korvex.exact.vecdot takes vectors, with one"
-            )
-    if isinstance(axis, bool) or not isinstance(axis, (int, np.integer)):
+    if not is_integer(axis):
         raise TypeError(f"axis must be an int, not {type(axis).__name__}")
-    if axis not in (0, -1):
-        raise ValueError(f"axis {axis} is out of range for vectors, which have one")
-    _check_equal(first.shape[0], second.shape[0])
-    if x_spread.layout != y_spread.layout:
-        raise ValueError("x and y are DTensors that are cut in different ways: redistribute one")
+    pair = (("x", first), ("y", second))
+    lengths = [
+        operand.shape[checked_axis(axis, len(operand.shape), name)] for name, operand in pair
+    ]
+    _check_equal(*lengths)
     is_complex = first.is_complex or second.is_complex
     form = format_of(dtype, is_complex)
+    if len(first.shape) > 1 or len(second.shape) > 1:
+        refuse_parts(x_spread, y_spread)
+        for name, operand in pair:
+            refuse_device(name, operand)
+        return give_parts(home, _along(first, second, axis, form), form)
+    if x_spread.layout != y_spread.layout:
+        raise ValueError("x and y are DTensors that are cut in different ways: redistribute one")
     if first.device is not None and x_spread.is_one_array and not is_complex:
         from korvex.exact._device_state import rounded
 
@@ -68,6 +82,43 @@ def vecdot(x: Any, y: Any, /, *, axis: int = -1, dtype: Any = None, group: Any =
     a, b = first.values, second.values
     value = _native.vecdot(a, b, form, _threads.count, first.format, second.format)
     return give_values(home, [value], form, ())
+
+
+def _along(x: Operand, y: Operand, axis: int, form: str) -> list[Array]:
+    """The products along an axis of conj(x) and y, or their halves."""
+    x_halves = [_vectors_last(half, "x", axis) for half in x.halves()]
+    y_halves = [_vectors_last(half, "y", axis) for half in y.halves()]
+    shape = _broadcast(x_halves[0], y_halves[0], axis)
+    xr, *xi = [Real(np.broadcast_to(half.values, shape), half.format) for half in x_halves]
+    yr, *yi = [Real(np.broadcast_to(half.values, shape), half.format) for half in y_halves]
+    kept = len(shape) - 1
+    if xi and yi:
+        return [
+            reduced(_native.DOT_PRODUCT, [xr, yr, *xi, *yi], kept, form),
+            reduced(_native.DOT_PRODUCT, [xr, *yi, *xi, yr], kept, form, is_negative=True),
+        ]
+    parts = [reduced(_native.DOT_PRODUCT, [xr, yr], kept, form)]
+    if yi:
+        parts.append(reduced(_native.DOT_PRODUCT, [xr, *yi], kept, form))
+    if xi:
+        parts.append(reduced(_native.DOT_PRODUCT, [*xi, yr], kept, form, is_negative=True))
+    return parts
+
+
+def _vectors_last(half: Real, name: str, axis: int) -> Real:
+    values, form, _ = viewable(half, name)
+    return Real(np.moveaxis(values, axis, -1), form)
+
+
+def _broadcast(x: Real, y: Real, axis: int) -> tuple[int, ...]:
+    try:
+        return np.broadcast_shapes(x.values.shape, y.values.shape)
+    except ValueError:
+        x_shape, y_shape = (np.moveaxis(each.values, -1, axis).shape for each in (x, y))
+        raise ValueError(
+            f"x has the shape {x_shape} and y has {y_shape}: but for axis {axis} they must be "
+            "equal, or 1 where they are not"
+        ) from None
 
 
 def _check_equal(first: int, second: int) -> None:

@@ -57,6 +57,22 @@ def _variance(state: State, correction: Fraction) -> tuple[int, int] | None:
     return numerator, unit * unit * count * divisor.numerator
 
 
+_MOST_FACTOR = 2**63 - 1
+
+
+def divisor_of(count: int, correction: Fraction) -> tuple[int, int] | None:
+    """The divisor n - correction as integers over each other, the first 0 where it is not positive.
+
+    None where one is too large for the native half.
+    """
+    divisor = count - correction
+    if count == 0 or divisor <= 0:
+        return 0, 1
+    if max(divisor.as_integer_ratio()) > _MOST_FACTOR:
+        return None
+    return divisor.as_integer_ratio()
+
+
 def checked_correction(correction: object) -> Fraction:
     """The exact value of the argument of that name."""
     if isinstance(correction, bool) or not isinstance(correction, numbers.Real):

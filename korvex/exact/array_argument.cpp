@@ -262,7 +262,9 @@ std::int64_t ArrayArgument::size() const {
   return size;
 }
 
-Object ArrayArgument::shape() const { return tuple_of(array_.rank, array_.extents); }
+Object ArrayArgument::shape() const { return shape(array_.rank); }
+
+Object ArrayArgument::shape(int rank) const { return tuple_of(rank, array_.extents); }
 
 void ArrayArgument::require_shape_of(const ArrayArgument& other) const {
   if (array_.rank != other.array_.rank ||

@@ -39,8 +39,9 @@ class ArrayArgument {
 
   const korvex_exact_array& array() const { return array_; }
 
-  std::int64_t size() const;  // elements
-  Object shape() const;       // a tuple
+  std::int64_t size() const;     // elements
+  Object shape() const;          // a tuple
+  Object shape(int rank) const;  // of so many leading dimensions
   void require_shape_of(const ArrayArgument& other) const;
   void require_rank(int rank) const;
 

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Functions of arrays in one call, with no state in Python.
+#include <array>
+#include <optional>
+
 #include "korvex/exact/array_argument.h"
 #include "korvex/exact/call.h"
 #include "korvex/exact/functions.h"
@@ -92,6 +95,69 @@ PyObject* column_sums(PyObject*, PyObject* const* values, Py_ssize_t count, PyOb
   });
 }
 
+// ---- reduce_axes(function, operands, formats, kept, out, format, threads, divisor=1, scale=1,
+//                   is_negative=False)
+
+constexpr Parameters<10> kReduceAxes = {"reduce_axes",
+                                        {"function", "operands", "formats", "kept", "out", "format",
+                                         "threads", "divisor", "scale", "is_negative"},
+                                        7};
+
+// The arrays of a reduction, which must not move.
+class Operands {
+ public:
+  Operands(Handle arrays, Handle formats) {
+    if (PyTuple_Check(arrays) == 0 || PyTuple_Check(formats) == 0 ||
+        PyTuple_GET_SIZE(arrays) != PyTuple_GET_SIZE(formats) || PyTuple_GET_SIZE(arrays) < 1 ||
+        PyTuple_GET_SIZE(arrays) > kMost) {
+      raise(PyExc_TypeError, messages::kOperands);
+    }
+    count_ = static_cast<int>(PyTuple_GET_SIZE(arrays));
+    for (int i = 0; i < count_; ++i) {
+      operand(i).emplace(kNames[i], PyTuple_GET_ITEM(arrays, i), PyTuple_GET_ITEM(formats, i));
+      operand(i)->require_shape_of(*operand(0));
+    }
+  }
+
+  int count() const { return count_; }
+  const ArrayArgument& operator[](int i) const { return *operands_[static_cast<std::size_t>(i)]; }
+
+ private:
+  static constexpr int kMost = 4;
+  static constexpr const char* kNames[kMost] = {"x", "y", "second x", "second y"};
+
+  std::optional<ArrayArgument>& operand(int i) { return operands_[static_cast<std::size_t>(i)]; }
+
+  std::array<std::optional<ArrayArgument>, kMost> operands_;
+  int count_;
+};
+
+PyObject* reduce_axes(PyObject*, PyObject* const* values, Py_ssize_t count, PyObject* keywords) {
+  return guarded([&] {
+    const auto [function_value, arrays, formats, kept_value, out_value, format_value, threads_value,
+                divisor_value, scale_value, is_negative] =
+        bind(kReduceAxes, values, count, keywords);
+    const Operands operands(arrays, formats);
+    korvex_exact_reduction reduction{};
+    reduction.function = function_option(function_value, operands.count());
+    reduction.operand_count = operands.count();
+    for (int i = 0; i < operands.count(); ++i) {
+      reduction.operands[i] = &operands[i].array();
+    }
+    reduction.kept = kept_option(kept_value, operands[0].array().rank);
+    reduction.divisor = factor_option(divisor_value);
+    reduction.scale = factor_option(scale_value);
+    reduction.is_negative = is_negative == Py_True ? 1 : 0;
+    const int format = result_format_option(format_value);
+    const OutArgument out(out_value, format);
+    out.require_shape(operands[0].shape(reduction.kept));
+    const int threads = threads_option(threads_value);
+    call_host(operands[0].size(), "",
+              [&] { return host().reduce_axes(&reduction, format, threads, out.data()); });
+    return none();
+  });
+}
+
 // ---- matmul(a, b, out, format, threads, a_format=None, b_format=None)
 
 constexpr Parameters<7> kMatmul = {
@@ -130,6 +196,8 @@ PyMethodDef methods[] = {
     method_row("vecdot", vecdot, "The sum of all products, rounded once to a format."),
     method_row("cumulative_sum", cumulative_sum, "Writes each sum so far, rounded once, to out."),
     method_row("column_sums", column_sums, "Writes the sum of each column, rounded once, to out."),
+    method_row("reduce_axes", reduce_axes,
+               "Writes a function of the elements along trailing axes, rounded once, to out."),
     method_row("matmul", matmul, "Writes the product of two matrices, rounded once, to out."),
     {nullptr, nullptr, 0, nullptr},
 };

@@ -7,7 +7,8 @@
 namespace korvex::exact {
 
 // Rows for PyModuleDef, up to one with null names.
-PyMethodDef* state_functions();  // states.cpp
-PyMethodDef* array_functions();  // arrays.cpp
+PyMethodDef* state_functions();    // states.cpp
+PyMethodDef* array_functions();    // arrays.cpp
+PyMethodDef* segment_functions();  // segments.cpp
 
 }  // namespace korvex::exact

@@ -12,6 +12,11 @@ inline constexpr char kUnknown[] = "%s() has no argument '%U'";
 inline constexpr char kKind[] = "kind must be SUM, DOT or MOMENTS, not %R";
 inline constexpr char kSign[] = "sign must be 1 or -1, not %R";
 inline constexpr char kThreads[] = "threads must be at least 0, not %R";
+inline constexpr char kFunction[] = "function must be one of the module's, not %R";
+inline constexpr char kOperands[] =
+    "operands and formats must be tuples of 1, or of 2 or 4 for DOT_PRODUCT";
+inline constexpr char kKept[] = "kept must be a number of leading axes, not %R";
+inline constexpr char kFactor[] = "divisor and scale must be at least 0, not %R";
 inline constexpr char kPart[] = "part must be 0, or 1 of MOMENTS, not %R";
 inline constexpr char kLimbCount[] = "count must be 1 to 4, and 1 in a narrow format, not %R";
 inline constexpr char kResultFormat[] =
@@ -43,6 +48,12 @@ inline constexpr char kOutShape[] = "out must have shape %R, but has %R";
 inline constexpr char kOutLayout[] = "out must be contiguous and aligned";
 inline constexpr char kInnerExtents[] =
     "a has %zd columns and b has %zd rows: they must be as many";
+inline constexpr char kAxis[] = "axis must be from 0 to less than %d, not %R";
+inline constexpr char kSegments[] = "segments must be at least 0, not %R";
+inline constexpr char kIds[] = "ids must be integers";
+inline constexpr char kIdCount[] = "ids has %lld elements, and x %lld along the axis";
+inline constexpr char kInitialShape[] =
+    "initial must have shape %R with the axis first, but has %R";
 
 // ---- a state ----
 inline constexpr char kStateFormat[] = "%s must hold 64-bit integers (format 'q'), not '%s'";

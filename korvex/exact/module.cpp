@@ -31,8 +31,15 @@ void execute(PyObject* module) {
   checked(PyModule_AddIntConstant(module, "SUM", KORVEX_EXACT_SUM));
   checked(PyModule_AddIntConstant(module, "DOT", KORVEX_EXACT_DOT));
   checked(PyModule_AddIntConstant(module, "MOMENTS", KORVEX_EXACT_MOMENTS));
+  checked(PyModule_AddIntConstant(module, "TOTAL", KORVEX_EXACT_TOTAL));
+  checked(PyModule_AddIntConstant(module, "MEAN", KORVEX_EXACT_MEAN));
+  checked(PyModule_AddIntConstant(module, "VARIANCE", KORVEX_EXACT_VARIANCE));
+  checked(PyModule_AddIntConstant(module, "DEVIATION", KORVEX_EXACT_DEVIATION));
+  checked(PyModule_AddIntConstant(module, "DOT_PRODUCT", KORVEX_EXACT_DOT_PRODUCT));
+  checked(PyModule_AddIntConstant(module, "NORM", KORVEX_EXACT_NORM));
   checked(PyModule_AddFunctions(module, state_functions()));
   checked(PyModule_AddFunctions(module, array_functions()));
+  checked(PyModule_AddFunctions(module, segment_functions()));
 }
 
 int exec_slot(PyObject* module) {

@@ -60,6 +60,32 @@ int limb_count_option(Handle count, int format) {
   return integer_option(count, 1, format == KORVEX_FORMAT_FLOAT64 ? 4 : 1, messages::kLimbCount);
 }
 
+int function_option(Handle function, int operands) {
+  const int value =
+      integer_option(function, KORVEX_EXACT_TOTAL, KORVEX_EXACT_NORM, messages::kFunction);
+  const bool is_of_pairs = value == KORVEX_EXACT_DOT_PRODUCT;
+  if (is_of_pairs ? operands % 2 != 0 : operands != 1) {
+    raise(PyExc_TypeError, messages::kOperands);
+  }
+  return value;
+}
+
+int kept_option(Handle kept, int rank) { return integer_option(kept, 0, rank, messages::kKept); }
+
+std::uint64_t factor_option(Handle factor) {
+  if (factor == nullptr) {
+    return 1;
+  }
+  const long long value = PyLong_AsLongLong(factor);
+  if (value == -1 && PyErr_Occurred() != nullptr) {
+    throw PythonError{};
+  }
+  if (value < 0) {
+    raise_formatted(PyExc_ValueError, messages::kFactor, factor);
+  }
+  return static_cast<std::uint64_t>(value);
+}
+
 int result_format_option(Handle format) {
   if (format == nullptr) {
     return KORVEX_FORMAT_FLOAT64;

@@ -24,6 +24,27 @@ def test_complex_arrays_with_a_group(function):
         function(np.array([1j]), group=dist.group.WORLD)
 
 
+@pytest.mark.parametrize("function", [exact.sum, exact.mean, exact.var, exact.vector_norm])
+def test_an_axis_with_a_group(function):
+    text = "axis= of what lies in several processes is not built yet: korvex.exact reduces their"
+    with pytest.raises(ValueError, match=text):
+        function(np.ones((2, 3)), axis=0, group=dist.group.WORLD)
+    assert function(np.zeros((2, 3)), axis=(0, 1), group=dist.group.WORLD) == 0
+    with pytest.raises(ValueError, match=text):
+        exact.vecdot(np.ones((2, 3)), np.ones(3), group=dist.group.WORLD)
+
+
+def test_axes_of_a_dtensor_that_every_process_has_whole():
+    from torch.distributed.device_mesh import init_device_mesh
+    from torch.distributed.tensor import DTensor, Replicate, Shard
+
+    mesh, x = init_device_mesh("cpu", (1,)), torch.arange(6.0).reshape(2, 3)
+    whole = exact.sum(DTensor.from_local(x, mesh, [Replicate()]), axis=0)
+    assert whole.placements == (Replicate(),) and whole.to_local().tolist() == [3.0, 5.0, 7.0]
+    with pytest.raises(ValueError, match="axis= of what lies in several processes"):
+        exact.sum(DTensor.from_local(x, mesh, [Shard(0)]), axis=1)
+
+
 def test_complex_matrices_with_a_group():
     with pytest.raises(TypeError, match="with a group a and b must be real"):
         exact.matmul(np.ones((1, 1)), np.array([[1j]]), group=dist.group.WORLD)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Doc strings and docs/exact.md: every example is run, and every public name has one."""
+"""Doc strings and pages: every example is run, and every public name has one."""
 
 import doctest
 import importlib
@@ -14,6 +14,7 @@ import pytest
 from korvex import exact
 
 PAGE = Path(__file__).resolve().parents[2] / "docs" / "exact.md"
+SEGMENTS = PAGE.with_name("segments.md")
 MODULES = ["korvex.exact"] + [
     f"korvex.exact.{found.name}" for found in pkgutil.iter_modules(exact.__path__)
 ]
@@ -47,6 +48,11 @@ def test_examples_of_the_page():
     assert len(page_code.blocks_of(PAGE.read_text(), "pycon")) >= 5
     _, examples = page_code.run_code(PAGE.read_text())
     assert examples > 20
+
+
+def test_examples_of_the_page_about_segments():
+    _, examples = page_code.run_code(SEGMENTS.read_text())
+    assert examples > 10
 
 
 def test_the_first_block_has_ten_lines_of_use():

@@ -450,6 +450,13 @@ def test_functions_without_kernels_are_refused_by_name(run):
             (lambda: exact.cumulative_sum(on(x)),
              "x is in the memory of a GPU, and korvex.exact.cumulative_sum has no kernels for GPUs "
              "yet: copy it to the host, x.cpu() in torch and x.get() in CuPy"),
+            *((call,
+               "x is in the memory of a GPU, and axis= of an array there is not built yet: reduce "
+               "it whole, or copy it to the host, x.cpu() in torch and x.get() in CuPy")
+              for call in (lambda: exact.sum(on(np.ones((2, 3))), axis=0),
+                           lambda: exact.mean(on(np.ones((2, 3))), axis=1),
+                           lambda: exact.var(on(np.ones((2, 3))), axis=1),
+                           lambda: exact.vecdot(on(np.ones((2, 3))), on(np.ones((2, 3)))))),
         ):
             with pytest.raises(TypeError) as error:
                 call()

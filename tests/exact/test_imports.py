@@ -98,9 +98,10 @@ def test_public_names():
         sorted(exact.__all__)
         == exact.__all__
         == [
-            *("Dot", "GradientAccumulator", "Moments", "Sum", "all_reduce", "cumulative_sum"),
-            *("get_threads", "loads", "matmul", "mean", "reduce_scatter_tensor", "set_threads"),
-            *("std", "sum", "var", "vecdot", "vector_norm"),
+            *("Dot", "GradientAccumulator", "Moments", "Sum", "all_reduce", "bincount"),
+            *("cumulative_sum", "get_threads", "index_add", "loads", "matmul", "mean"),
+            *("reduce_scatter_tensor", "segment_sum", "set_threads", "std", "sum", "var"),
+            *("vecdot", "vector_norm"),
         ]
     )
     assert all(getattr(exact, name).__module__ == "korvex.exact" for name in exact.__all__)

@@ -32,6 +32,7 @@ class Subject:
         self.strict = to_strict(self.x)
         self.capsule = DLPackOnly(self.half)
         self.wrong_order = self.x.astype(">f8")
+        self.ids, self.huge = np.array([1, 0, 1]), np.array([1e300, 1.0, 1e-300])
         self.sum, self.dot, self.moments = exact.Sum(), exact.Dot(), exact.Moments()
         self.sum.add(self.x)
         self.moments.add(self.x)
@@ -47,15 +48,25 @@ CALLS = {
     "sum array API": lambda s: exact.sum(s.strict, keepdims=True),
     "sum DLPack": lambda s: exact.sum(s.capsule),
     "sum complex": lambda s: exact.sum(s.z),
+    "sum along an axis": lambda s: exact.sum(s.matrix, axis=0),
+    "sum along an axis, torch": lambda s: exact.sum(s.half[None], axis=0, keepdims=True),
     "mean": lambda s: exact.mean(s.x),
+    "mean along an axis": lambda s: exact.mean(s.z[None], axis=1),
     "var": lambda s: exact.var(s.x, correction=1),
+    "var along an axis": lambda s: exact.var(s.matrix, axis=1, correction=0.1),
     "std": lambda s: exact.std(s.x, dtype="float32"),
     "vector_norm": lambda s: exact.vector_norm(s.x),
     "vecdot": lambda s: exact.vecdot(s.x, s.x),
+    "vecdot along an axis": lambda s: exact.vecdot(s.matrix, s.x.astype("f4")),
+    "vecdot complex, along an axis": lambda s: exact.vecdot(s.z[None], s.z),
     "vecdot complex": lambda s: exact.vecdot(s.z, s.z),
     "matmul": lambda s: exact.matmul(s.matrix, s.matrix.T),
     "matmul complex": lambda s: exact.matmul(s.z, s.z),
     "cumulative_sum": lambda s: exact.cumulative_sum(s.x, include_initial=True),
+    "segment_sum": lambda s: exact.segment_sum(s.x, s.ids, 2),
+    "segment_sum of wide values": lambda s: exact.segment_sum(s.huge, s.ids, 2),
+    "bincount": lambda s: (exact.bincount(s.ids), exact.bincount(s.ids, weights=s.x)),
+    "index_add": lambda s: exact.index_add(s.x, 0, s.ids, s.huge),
     "add and subtract": lambda s: (s.sum.add(s.x), s.sum.subtract(s.x)),
     "add of a pair": lambda s: (s.dot.add(s.x, s.x), s.dot.subtract(s.x, s.x)),
     "moments": lambda s: (s.moments.mean(), s.moments.var(), s.moments.norm(), s.moments.sum()),
@@ -70,7 +81,8 @@ CALLS = {
     "wrong array": lambda s: exact.sum([1.0]),
     "wrong order": lambda s: exact.sum(s.wrong_order),
     "wrong dtype": lambda s: exact.sum(s.x, dtype="x"),
-    "wrong axis": lambda s: exact.sum(s.matrix, axis=0),
+    "wrong axis": lambda s: exact.sum(s.matrix, axis=2),
+    "wrong segment": lambda s: exact.segment_sum(s.x, s.ids, 1),
     "wrong shapes": lambda s: s.dot.add(s.x, s.matrix),
     "wrong lengths": lambda s: exact.vecdot(s.x, s.x[:2]),
     "wrong matrices": lambda s: exact.matmul(s.matrix, s.matrix),

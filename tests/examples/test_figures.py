@@ -53,6 +53,7 @@ def test_documents_quote_figures_in_several_places():
         "exact.md",
         "larger_than_one_machine.md",
         "performance.md",
+        "segments.md",
         "series.md",
         "solvers.md",
     }

@@ -54,7 +54,7 @@ class ArrayWalk {
   // Precondition: all have the extents of the first.
   explicit ArrayWalk(const korvex_exact_array* const (&arrays)[kArrays]) {
     for (int a = 0; a < kArrays; ++a) {
-      base_[a] = static_cast<const char*>(arrays[a]->data);
+      origin_[a] = static_cast<const char*>(arrays[a]->data);
       bytes_[a] = bytes_of(arrays[a]->format);
     }
     for (int d = 0; d < arrays[0]->rank; ++d) {
@@ -70,8 +70,14 @@ class ArrayWalk {
       dimension_[rank_++] = {1, {}};
       std::copy(bytes_, bytes_ + kArrays, dimension_[0].stride);
     }
+    move_to({});
+  }
+
+  // Goes on in arrays of the same layout, so many bytes after those that were given.
+  void move_to(const std::int64_t (&bytes)[kArrays]) {
     is_side_by_side_ = rank_ == 1 || last().extent >= kLongRun;
     for (int a = 0; a < kArrays; ++a) {
+      base_[a] = origin_[a] + bytes[a];
       is_side_by_side_ = is_side_by_side_ && is_in_place(a);
     }
   }
@@ -112,7 +118,7 @@ class ArrayWalk {
     for (int a = 0; a < kArrays; ++a) {
       const std::int64_t stride = arrays[a]->byte_strides[d];
       taken.stride[a] = is_backwards ? -stride : stride;
-      base_[a] += is_backwards ? stride * (extent - 1) : 0;
+      origin_[a] += is_backwards ? stride * (extent - 1) : 0;
     }
   }
 
@@ -212,7 +218,8 @@ class ArrayWalk {
     }
   }
 
-  const char* base_[kArrays];    // of the element where the walk begins
+  const char* origin_[kArrays];  // where the walk begins in the arrays that were given
+  const char* base_[kArrays];    // where it begins now
   std::int64_t bytes_[kArrays];  // of an element
   std::int64_t size_ = 1;        // elements of each array
   int rank_ = 0;

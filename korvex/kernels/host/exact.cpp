@@ -8,72 +8,14 @@
 #include "korvex/arithmetic/exact/exact_state.h"
 #include "korvex/kernels/host/array_walk.h"
 #include "korvex/kernels/host/exact_calls.h"
-#include "korvex/kernels/host/mixed_products.h"
+#include "korvex/kernels/host/exact_parts.h"
 #include "korvex/kernels/host/result_format.h"
-#include "korvex/kernels/host/terms.h"
 #include "korvex/kernels/host/threads.h"
 
 namespace korvex::host {
 namespace {
 
 using arithmetic::ExactState;
-using arithmetic::StateKind;
-
-// What one thread finds.
-struct Part {
-  CountedSum sum;
-  CountedProductSum products;
-};
-
-// Elements of which both sums of the moments are taken while they are in a cache.
-constexpr std::int64_t kMomentsBlock = 8192;
-
-template <class Format>
-void add_sum(const ArrayWalk<1>& walk, std::int64_t begin, std::int64_t end, Part& part) {
-  ElementAdder<Format> elements(part.sum);
-  walk.pieces(begin, end, [&](const char* const* at, std::int64_t count) {
-    elements.add(reinterpret_cast<const typename Format::Storage*>(at[0]), count);
-  });
-}
-
-template <class Format>
-void add_moments(const ArrayWalk<1>& walk, std::int64_t begin, std::int64_t end, Part& part) {
-  ElementAdder<Format> elements(part.sum);
-  ProductAdder<Format> squares(part.products);
-  walk.pieces(begin, end, [&](const char* const* at, std::int64_t count) {
-    const auto* x = reinterpret_cast<const typename Format::Storage*>(at[0]);
-    for (std::int64_t first = 0; first < count; first += kMomentsBlock) {
-      const std::int64_t block = std::min(kMomentsBlock, count - first);
-      elements.add(x + first, block);
-      squares.add(x + first, x + first, block);
-    }
-  });
-}
-
-template <class Format>
-void add_dot(const ArrayWalk<2>& walk, std::int64_t begin, std::int64_t end, Part& part) {
-  using Storage = typename Format::Storage;
-  ProductAdder<Format> products(part.products);
-  walk.pieces(begin, end, [&](const char* const* at, std::int64_t count) {
-    products.add(reinterpret_cast<const Storage*>(at[0]), reinterpret_cast<const Storage*>(at[1]),
-                 count);
-  });
-}
-
-void add_mixed_dot(const ArrayWalk<2>& walk, const int (&formats)[2], std::int64_t begin,
-                   std::int64_t end, Part& part) {
-  ConvertedBlock x;
-  ConvertedBlock y;
-  MixedProductAdder products(part.products);
-  walk.pieces(begin, end, [&](const char* const* at, std::int64_t count) {
-    for (std::int64_t first = 0; first < count; first += kBlock) {
-      const std::int64_t converted = std::min(kBlock, count - first);
-      x.convert(formats[0], at[0] + first * bytes_of(formats[0]), converted);
-      y.convert(formats[1], at[1] + first * bytes_of(formats[1]), converted);
-      products.add(x, y, converted);
-    }
-  });
-}
 
 // Few elements do not wait for the system to count its processors.
 int threads_for(std::int64_t n, int threads) {
@@ -100,26 +42,6 @@ void reduce(std::int64_t n, int threads, StateKind kind, const Work& work, Exact
   state.add(terms);
 }
 
-void add_one(StateKind kind, int format, const ArrayWalk<1>& walk, std::int64_t begin,
-             std::int64_t end, Part& part) {
-  with_format(format, [&](auto each) {
-    if (kind == StateKind::kSum) {
-      add_sum<decltype(each)>(walk, begin, end, part);
-    } else {
-      add_moments<decltype(each)>(walk, begin, end, part);
-    }
-  });
-}
-
-void add_pair(const int (&formats)[2], const ArrayWalk<2>& walk, std::int64_t begin,
-              std::int64_t end, Part& part) {
-  if (formats[0] != formats[1]) {
-    add_mixed_dot(walk, formats, begin, end, part);
-    return;
-  }
-  with_format(formats[0], [&](auto each) { add_dot<decltype(each)>(walk, begin, end, part); });
-}
-
 // Adds what the arrays hold to a state that holds nothing yet.
 void reduce_arrays(StateKind kind, const korvex_exact_array* x, const korvex_exact_array* y,
                    int threads, ExactState& state) {
@@ -128,7 +50,7 @@ void reduce_arrays(StateKind kind, const korvex_exact_array* x, const korvex_exa
     reduce(
         walk.size(), threads, kind,
         [&](std::int64_t begin, std::int64_t end, Part& part) {
-          add_pair({x->format, y->format}, walk, begin, end, part);
+          add_terms(kind, {x->format, y->format}, walk, begin, end, part);
         },
         state);
     return;
@@ -137,7 +59,7 @@ void reduce_arrays(StateKind kind, const korvex_exact_array* x, const korvex_exa
   reduce(
       walk.size(), threads, kind,
       [&](std::int64_t begin, std::int64_t end, Part& part) {
-        add_one(kind, x->format, walk, begin, end, part);
+        add_terms(kind, {x->format}, walk, begin, end, part);
       },
       state);
 }
@@ -162,7 +84,7 @@ bool reduce_few(StateKind kind, const korvex_exact_array* x, const korvex_exact_
     if (range_count(walk.size(), 2) > 1) {
       return false;
     }
-    add_pair({x->format, y->format}, walk, 0, walk.size(), part);
+    add_terms(kind, {x->format, y->format}, walk, 0, walk.size(), part);
     *result = rounded(part.products);
     return true;
   }
@@ -170,7 +92,7 @@ bool reduce_few(StateKind kind, const korvex_exact_array* x, const korvex_exact_
   if (range_count(walk.size(), 2) > 1) {
     return false;
   }
-  add_one(kind, x->format, walk, 0, walk.size(), part);
+  add_terms(kind, {x->format}, walk, 0, walk.size(), part);
   *result = rounded(part.sum);
   return true;
 }
@@ -252,8 +174,8 @@ int reduce_to_limb(int kind, const korvex_exact_array* x, const korvex_exact_arr
 }
 
 constexpr korvex_exact_functions kFunctions = {
-    words,          accumulate,     settle,         merge,       limbs,
-    reduce_to_limb, cumulative_sum, matrix_product, column_sums,
+    words,          accumulate,     settle,      merge,       limbs,        reduce_to_limb,
+    cumulative_sum, matrix_product, column_sums, reduce_axes, segment_sums,
 };
 
 }  // namespace

@@ -51,6 +51,29 @@ typedef struct {
   const int64_t* byte_strides;
 } korvex_exact_array;
 
+// What an output of a reduction is, rounded once.
+enum {
+  KORVEX_EXACT_TOTAL,
+  KORVEX_EXACT_MEAN,
+  KORVEX_EXACT_VARIANCE,
+  KORVEX_EXACT_DEVIATION,
+  KORVEX_EXACT_DOT_PRODUCT,
+  KORVEX_EXACT_NORM,
+};
+
+typedef struct {
+  int function;
+  // Of one shape. One array; two for a dot product, or four, two pairs whose products are added up.
+  const korvex_exact_array* operands[4];
+  int operand_count;
+  int is_negative;  // the products of the last pair are taken away; all are floating-point numbers
+  int kept;         // leading dimensions, with an output for each index
+  // Of a variance of n elements, which has the divisor divisor / scale; NaN where divisor is 0.
+  // Both below 2^63.
+  uint64_t divisor;
+  uint64_t scale;
+} korvex_exact_reduction;
+
 typedef struct {
   int (*words)(int kind);
 
@@ -85,6 +108,18 @@ typedef struct {
   // Writes the sum of each column of a matrix, rounded once, as cumulative_sum does. Precondition:
   // x has two dimensions.
   int (*column_sums)(const korvex_exact_array* x, int format, int threads, void* out);
+
+  // Writes the outputs of a reduction in the order of their indices, as cumulative_sum does.
+  int (*reduce_axes)(const korvex_exact_reduction* reduction, int format, int threads, void* out);
+
+  // Adds up the rows x[i] of one segment ids[i], and those of `initial` unless that is null, and
+  // writes the sums as cumulative_sum does, segment by segment. The first i whose ids[i] is not in
+  // [0, segments) goes to *out_of_range, or -1; nothing is written if there is one. Preconditions:
+  // x has a dimension, ids one dimension as long and integers; initial has that many segments as
+  // its first extent, and else the extents of x.
+  int (*segment_sums)(const korvex_exact_array* x, const korvex_exact_array* ids, int64_t segments,
+                      const korvex_exact_array* initial, int format, int threads, void* out,
+                      int64_t* out_of_range);
 } korvex_exact_functions;
 
 __attribute__((visibility("default"))) const korvex_exact_functions* korvex_host_exact(void);

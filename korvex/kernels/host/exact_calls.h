@@ -39,8 +39,16 @@ int cumulative_sum(const korvex_exact_array* x, int format, int threads, void* o
 // exact_column_sums.cpp
 int column_sums(const korvex_exact_array* x, int format, int threads, void* out);
 
+// exact_axes.cpp
+int reduce_axes(const korvex_exact_reduction* task, int format, int threads, void* out);
+
 // exact_matrix_product.cpp
 int matrix_product(const korvex_exact_array* a, const korvex_exact_array* b, int format,
                    int threads, void* out);
+
+// exact_segments.cpp
+int segment_sums(const korvex_exact_array* x, const korvex_exact_array* ids, int64_t segments,
+                 const korvex_exact_array* initial, int format, int threads, void* out,
+                 int64_t* out_of_range);
 
 }  // namespace korvex::host

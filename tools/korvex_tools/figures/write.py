@@ -265,6 +265,33 @@ def exact_cells(found: dict[str, Any]) -> list[str]:
     return [f"{short(found['kilobytes_held'])} kB beside the operands", ""]
 
 
+def segments(records: Records) -> Lines:
+    record = records["bench_exact_segments"]
+    rows = []
+    for part in record["runs"]:
+        plain = row(part, "torch.index_add_")["ns_per_element_processor"]
+        for found in part["results"]:
+            time = found["ns_per_element_processor"]
+            held = found.get("kilobytes_held")
+            rows.append(
+                [
+                    part["data"],
+                    f"`{found['candidate']}`",
+                    f"{short(time)} ns",
+                    short(time / plain),
+                    "" if held is None else f"{short(held)} kB",
+                ]
+            )
+    columns = ["elements go to", "candidate", "an element", "times `torch.index_add_`", "held"]
+    return [
+        f"{record['settings']['n']:,} float64 of N(0,1), processor time on one thread, and memory",
+        "that a call holds beside the operands, the result included",
+        f"({machine(records, 'bench_exact_segments')}):",
+        "",
+        *table(columns, rows),
+    ]
+
+
 def processes(records: Records) -> Lines:
     record = records["bench_processes"]
     rows = [
@@ -357,6 +384,7 @@ BLOCKS: dict[str, Callable[[Records], Lines]] = {
         refined_solves,
         series_overhead,
         exact,
+        segments,
         command,
         processes,
     )

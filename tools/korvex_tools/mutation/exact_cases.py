@@ -24,6 +24,8 @@ TESTS = (
     "test_functions.py",
     "test_accumulators.py",
     "test_column_sums.py",
+    "test_axes.py",
+    "test_segments.py",
 )
 NOT_DRAWN = "not hypothesis"
 LIBRARIES = "libkorvex_host_kernels_*.so"

@@ -1,0 +1,216 @@
+// SPDX-License-Identifier: Apache-2.0
+// Sums, means, variances and roots of exact sums, each rounded once to a format.
+//
+// The general way is by integers: as of variance.h and norm.h, but for any divisor and any format.
+// Words of zeros at the end are cut off before, and bits of a fraction put there, so that the
+// quotients are short and the bit that decides the rounding is among their bits.
+#include "korvex/kernels/host/exact_result.h"
+
+#include <algorithm>
+
+#include "korvex/arithmetic/bignum/natural.h"
+#include "korvex/arithmetic/bignum/rounding.h"
+
+namespace korvex::host {
+namespace {
+
+using arithmetic::LongAccumulator;
+using arithmetic::Natural;
+using arithmetic::ProductAccumulator;
+
+// ---- A sum
+
+template <class Sum>
+double rounded_sum(Sum& sum, const arithmetic::NarrowFormat* narrow) {
+  if (!sum.counts.is_finite()) {
+    return sum.counts.special();
+  }
+  double limb;
+  if (narrow == nullptr) {
+    sum.template round<1>(&limb);
+    return limb;
+  }
+  typename Sum::Long value;
+  value.clear();
+  sum.add_to(value);
+  value.round(&limb, 1);
+  return rounded_once(limb, arithmetic::is_finite(limb) ? value.sign() : 0, narrow);
+}
+
+// ---- A big number
+
+// Words of zeros below its first bit; all where it is 0.
+template <int kWords>
+int zero_words(const Natural<kWords>& x) {
+  int count = 0;
+  while (count < kWords && x.word[count] == 0) {
+    ++count;
+  }
+  return count;
+}
+
+// (x + t) * 2^exponent rounded once, where 0 < t < 1 if has_more, else t = 0. Precondition where
+// has_more: x has at least 64 bits, and 2^exponent is below half of the least double.
+template <int kWords>
+double rounded(const Natural<kWords>& x, int exponent, bool has_more,
+               const arithmetic::NarrowFormat* narrow) {
+  if (narrow == nullptr) {
+    return arithmetic::nearest(x, exponent, has_more);
+  }
+  const int highest = arithmetic::highest_bit(x);
+  if (highest < 0) {
+    return 0.0;
+  }
+  // To odd, in the encoding of nearest().
+  const int last = arithmetic::last_kept_bit(highest, exponent);
+  const int field = last + exponent - arithmetic::kUnitExponent;
+  if (field >= 2046) {
+    return arithmetic::infinity();
+  }
+  const bool is_cut = has_more || arithmetic::any_below(x, last);
+  const std::uint64_t kept = arithmetic::bits_from(x, last) | (is_cut ? 1 : 0);
+  return arithmetic::round_to_format(arithmetic::from_bits(arithmetic::exponent_bits(field) + kept),
+                                     *narrow);
+}
+
+// The root of (x + t) * 2^exponent, likewise. Preconditions: exponent is even; where has_more, x
+// has at least 130 bits.
+template <int kWords>
+double rounded_root(const Natural<kWords>& x, int exponent, bool has_more,
+                    const arithmetic::NarrowFormat* narrow) {
+  const int highest = arithmetic::highest_bit(x);
+  if (highest < 0) {
+    return 0.0;
+  }
+  // The leading 127 or 128 bits give 64 of the root; from an even bit on, so that the root has a
+  // whole exponent.
+  const int lowest = highest - 126 - (highest & 1);
+  Natural<2> root;
+  const bool is_exact = arithmetic::square_root(arithmetic::shifted_down<2>(x, lowest), 0, root);
+  return rounded(root, (lowest + exponent) / 2,
+                 has_more || !is_exact || arithmetic::any_below(x, lowest), narrow);
+}
+
+}  // namespace
+
+StateKind ExactResult::kind() const {
+  switch (function_) {
+    case KORVEX_EXACT_VARIANCE:
+    case KORVEX_EXACT_DEVIATION:
+      return StateKind::kMoments;
+    case KORVEX_EXACT_DOT_PRODUCT:
+    case KORVEX_EXACT_NORM:
+      return StateKind::kDot;
+    default:
+      return StateKind::kSum;
+  }
+}
+
+double ExactResult::of(Part& part) const {
+  switch (function_) {
+    case KORVEX_EXACT_TOTAL:
+      return rounded_sum(part.sum, narrow_);
+    case KORVEX_EXACT_MEAN:
+      return mean(part.sum);
+    case KORVEX_EXACT_DOT_PRODUCT:
+      return rounded_sum(part.products, narrow_);
+    case KORVEX_EXACT_NORM:
+      return norm(part.products);
+    default:
+      return of_variance(part);
+  }
+}
+
+// ---- Mean
+
+// The quotient q of value by the count has an exact rest r, so the mean is q + (r + error) / count.
+// Where that rounds alike from both ends of what the rest may be, it is known.
+bool ExactResult::of_pair(double value, double error, double* result) const {
+  if (function_ == KORVEX_EXACT_TOTAL || value == 0) {
+    *result = arithmetic::add_rn(rounded_once(value, sign_of(error), narrow_), 0.0);  // -0 to +0
+    return true;
+  }
+  const double magnitude = arithmetic::absolute(value);
+  if (magnitude < 0x1p-900 || magnitude > 0x1p+1000 || count_ >= std::int64_t{1} << 53) {
+    return false;
+  }
+  const auto count = static_cast<double>(count_);                   // exact
+  const double quotient = arithmetic::div_rn(value, count);         // rounded
+  const double rest = arithmetic::fma_rn(-quotient, count, value);  // exact
+  const double correction = (rest + error) / count;                 // three roundings
+  const auto mean = arithmetic::two_sum(quotient, correction);      // exact
+  const double size = arithmetic::absolute(rest) + arithmetic::absolute(error);
+  const double slack = size / count * 0x1p-46;  // above the error of `correction` 100 times
+  const bool is_sure = mean.value + (mean.error + slack) == mean.value &&
+                       mean.value + (mean.error - slack) == mean.value &&
+                       (arithmetic::absolute(mean.error) > slack || size == 0);
+  *result = rounded_once(mean.value, sign_of(mean.error), narrow_);
+  return is_sure;
+}
+
+double ExactResult::mean(CountedSum& sum) const {
+  if (!sum.counts.is_finite()) {
+    return sum.counts.special();
+  }
+  if (count_ == 0) {
+    return arithmetic::canonical_nan();
+  }
+  CountedSum copy = sum;
+  double limbs[2];
+  copy.round<2>(limbs);
+  double result;
+  if (arithmetic::is_finite(limbs[0]) && of_pair(limbs[0], limbs[1], &result)) {
+    return result;
+  }
+  constexpr int kFraction = 128;  // bits: the quotient has more than 64
+  LongAccumulator::Magnitude units;
+  const bool is_negative = sum.magnitude(units);
+  const int cut = 64 * zero_words(units);
+  Natural<LongAccumulator::kWords + kFraction / 64> quotient;
+  arithmetic::shift_down(units, cut - kFraction, quotient);
+  const bool has_more = arithmetic::divide(quotient, static_cast<std::uint64_t>(count_));
+  const int exponent = arithmetic::kUnitExponent + cut - kFraction;
+  return arithmetic::with_sign(rounded(quotient, exponent, has_more, narrow_), is_negative);
+}
+
+// ---- Squares
+
+double ExactResult::norm(CountedProductSum& squares) const {
+  if (!squares.counts.is_finite()) {
+    return squares.counts.special();  // of squares, no infinity is negative
+  }
+  ProductAccumulator::Magnitude units;
+  squares.magnitude(units);
+  return rounded_root(units, 2 * arithmetic::kUnitExponent, false, narrow_);
+}
+
+// With n elements of sum s and sum of squares q it is (n q - s^2) / (n * divisor / scale); its
+// numerator is not negative (Cauchy-Schwarz), and is below 2^4322, as in variance.h, times scale.
+double ExactResult::of_variance(Part& part) const {
+  if (divisor_ == 0 || count_ == 0 || !part.sum.counts.is_finite()) {
+    return arithmetic::canonical_nan();
+  }
+  constexpr int kFraction = 256;  // bits: the quotient has more than 128
+  LongAccumulator::Magnitude sum;
+  ProductAccumulator::Magnitude squares;
+  part.sum.magnitude(sum);
+  part.products.magnitude(squares);
+  const int cut = std::min(zero_words(sum), zero_words(squares) / 2);
+  arithmetic::shift_down(sum, 64 * cut, sum);
+  arithmetic::shift_down(squares, 128 * cut, squares);
+  Natural<70 + kFraction / 64> numerator;
+  Natural<70 + kFraction / 64> square_of_sum;
+  const auto count = static_cast<std::uint64_t>(count_);
+  arithmetic::multiply(squares, count, numerator);
+  arithmetic::square(sum, square_of_sum);
+  arithmetic::subtract(numerator, square_of_sum, numerator);
+  arithmetic::multiply(numerator, scale_, numerator);
+  arithmetic::shift_down(Natural<70 + kFraction / 64>(numerator), -kFraction, numerator);
+  bool has_more = arithmetic::divide(numerator, count);
+  has_more = arithmetic::divide(numerator, divisor_) || has_more;
+  const int exponent = 2 * arithmetic::kUnitExponent + 128 * cut - kFraction;
+  return function_ == KORVEX_EXACT_VARIANCE ? rounded(numerator, exponent, has_more, narrow_)
+                                            : rounded_root(numerator, exponent, has_more, narrow_);
+}
+
+}  // namespace korvex::host
