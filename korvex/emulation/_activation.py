@@ -62,7 +62,7 @@ def _check_torch() -> None:
     release = ".".join(torch.__version__.split(".")[:2])
     if release in TRIED_TORCH or os.environ.get(ANY_TORCH) == "1":
         return
-    *others, last = TRIED_TORCH
+    *others, last = list(TRIED_TORCH)
     tried = f"{', '.join(others)} and {last}" if others else last
     raise RuntimeError(
         f"the emulated device has been tried with torch {tried}, and this is torch "

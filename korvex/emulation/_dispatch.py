@@ -19,6 +19,9 @@ from korvex.emulation._coverage import TABLE
 # Inside it torch treats emulated tensors as the host tensors that they are.
 as_host = torch._C.DisableTorchFunctionSubclass
 
+# The same for one call of torch: it takes the function, types, arguments and keywords.
+call_as_host = torch._C._disabled_torch_function_impl
+
 SAME_DEVICE = "same device"
 
 
@@ -54,8 +57,22 @@ class Call(NamedTuple):
 
 Rule = Callable[[Call], Any]
 
+
+class Found(NamedTuple):
+    """The rule of an operation."""
+
+    rule: Rule
+    name: str
+    in_place: bool
+    # Whether the rule lets torch do it, and adopts the result, wherever all operands are emulated
+    # tensors and numbers.
+    is_plain: bool
+
+
 RULES: dict[str, Rule] = {}  # by the key of the table
+_PLAIN_RULES: set[Rule] = set()
 _ACCESSORS: dict[str, Rule] = {}  # by what Python calls on a property
+ANSWERED_BY_THE_CLASS = {"device", "is_cuda", "is_cpu", "__cuda_array_interface__"}
 
 
 def rule(*keys: str) -> Callable[[Rule], Rule]:
@@ -68,6 +85,12 @@ def accessor(*names: str) -> Callable[[Rule], Rule]:
     return functools.partial(_register, _ACCESSORS, names)
 
 
+def plain(function: Rule) -> Rule:
+    """Mark a rule that has nothing to check or to change where all operands are emulated."""
+    _PLAIN_RULES.add(function)
+    return function
+
+
 def _register(registry: dict[str, Rule], keys: tuple[str, ...], function: Rule) -> Rule:
     registry.update(dict.fromkeys(keys, function))
     return function
@@ -75,8 +98,8 @@ def _register(registry: dict[str, Rule], keys: tuple[str, ...], function: Rule) 
 
 def dispatch(function: Callable[..., Any], args: tuple[Any, ...], kwargs: dict[str, Any]) -> Any:
     """Do one operation that has an operand on the emulated device, by its rule."""
-    rule, name, in_place = _rule_of(function)
-    return rule(Call(name, function, args, kwargs, in_place))
+    found = rule_of(function)
+    return found.rule(Call(found.name, function, args, kwargs, found.in_place))
 
 
 def cover(name: str) -> None:
@@ -85,7 +108,7 @@ def cover(name: str) -> None:
         if name in names and key != SAME_DEVICE:
             raise ValueError(f"the emulated device already has {name!r} under the rule {key!r}")
     TABLE[SAME_DEVICE].add(name)
-    _rule_of.cache_clear()
+    rule_of.cache_clear()
 
 
 def not_covered(operation: str) -> NotImplementedError:
@@ -102,15 +125,16 @@ def refuse(call: Call) -> NoReturn:
 
 
 @functools.cache
-def _rule_of(function: Callable[..., Any]) -> tuple[Rule, str, bool]:
+def rule_of(function: Callable[..., Any]) -> Found:
     name = function.__name__
     if name in _ACCESSORS:
-        return _ACCESSORS[name], _name_of_property(function), False
+        rule, name = _ACCESSORS[name], _name_of_property(function)
+        return Found(rule, name, False, rule in _PLAIN_RULES and name not in ANSWERED_BY_THE_CLASS)
     for form, in_place in _forms(name):
         for key, names in TABLE.items():
             if form in names:
-                return RULES[key], form, in_place
-    return refuse, name, False
+                return Found(RULES[key], form, in_place, RULES[key] in _PLAIN_RULES)
+    return Found(refuse, name, False, False)
 
 
 def _name_of_property(accessor: Callable[..., Any]) -> str:

@@ -12,16 +12,27 @@ from typing import Any, NoReturn
 import torch
 
 from korvex.emulation import _factories, _reciprocals, _rounding
-from korvex.emulation._dispatch import SAME_DEVICE, Call, accessor, as_host, refuse, rule
+from korvex.emulation._dispatch import (
+    ANSWERED_BY_THE_CLASS,
+    SAME_DEVICE,
+    Call,
+    accessor,
+    as_host,
+    plain,
+    refuse,
+    rule,
+)
 from korvex.emulation._tensor import DEVICE, Tensor, adopt, type_as
 
 
+@plain
 @rule("element by element")
 def _element_by_element(call: Call) -> Any:
     check_devices(call, numbers_pass=True)
     return adopt(call.run())
 
 
+@plain
 @rule(SAME_DEVICE)
 def _same_device(call: Call) -> Any:
     check_devices(call, numbers_pass=False)
@@ -68,6 +79,7 @@ def _division(call: Call) -> Any:
         return call.run()  # raises
 
 
+@plain
 @rule("form of another")
 def _form_of_another(call: Call) -> Any:
     result = call.run()
@@ -155,12 +167,10 @@ def _have_compatible_memory(call: Call) -> bool:
 # --- Attributes
 
 
-_ANSWERED_BY_THE_CLASS = {"device", "is_cuda", "is_cpu", "__cuda_array_interface__"}
-
-
+@plain
 @accessor("__get__")
 def _get(call: Call) -> Any:
-    if call.name in _ANSWERED_BY_THE_CLASS:
+    if call.name in ANSWERED_BY_THE_CLASS:
         return getattr(call.args[0], call.name)
     return adopt(call.run())
 

@@ -241,7 +241,7 @@ def test_user_can_cover_more(monkeypatch):
     with pytest.raises(ValueError, match="'to' under the rule 'device'"):
         emulation.cover("to")
     monkeypatch.undo()
-    _dispatch._rule_of.cache_clear()
+    _dispatch.rule_of.cache_clear()
 
 
 def test_fused_product_and_sum_is_covered_where_torch_has_it(monkeypatch):
