@@ -67,7 +67,7 @@ class ApiNames(SphinxDirective):
         prefix = _PREFIXES.get(module.__name__, "")
         labels = {name: f"exactness-of-{prefix}{name}" for name in names}
         with_links = bool(defined.intersection(labels.values()))
-        titles = ["signature", *(["the result"] if with_links else [])]
+        titles = ["signature", *(["result"] if with_links else [])]
         rows = []
         for name in names:
             label = labels[name] if labels[name] in defined else None
