@@ -34,6 +34,7 @@ html_show_sourcelink = False
 # Lies at the root of the site under the name that it has in the package.
 html_extra_path = ["../korvex/provenance/record-1.schema.json"]
 html_copy_source = False
+html_favicon = "_static/icon.svg"
 html_static_path = ["_static"]
 html_css_files = ["site.css"]
 html_theme_options = {"footer_icons": []}

@@ -2,6 +2,8 @@
 """The pages for a first hour: what stands on them runs, and names what there is."""
 
 import re
+import shutil
+import subprocess
 import tomllib
 from pathlib import Path
 
@@ -43,6 +45,22 @@ def test_installation_quotes_the_message_about_compilers():
     message = "No C++20 compiler found"
     assert message in (DOCS / "installation.md").read_text()
     assert message in (TREE / "scripts" / "find_compiler.sh").read_text()
+
+
+def test_without_a_way_to_install_a_browser_nothing_fails(tmp_path):
+    for name in ("bash", "id"):
+        (tmp_path / name).symlink_to(shutil.which(name))
+    run = subprocess.run(
+        [tmp_path / "bash", TREE / "scripts" / "install_browser.sh"],
+        env={"PATH": str(tmp_path)},
+        capture_output=True,
+        text=True,
+    )
+    assert (run.returncode, run.stderr) == (0, "")
+    assert re.fullmatch(
+        "Chromium is not installed, and its tests will be skipped: (not root|no apt-get).\n",
+        run.stdout,
+    )
 
 
 def test_performance_begins_with_three_pictures_and_their_answers():
