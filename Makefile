@@ -47,7 +47,7 @@ TIDY_STAMPS := $(patsubst %,build/tidy/%.ok,$(filter %.cpp,$(CXX_FILES)))
 .PHONY: help demo interface test check environment install cpp-tests python-tests test-long leaks fuzz soak \
   mutation mutation-long \
   sanitize device-code device-code-long device-code-tools verify verify-long verify-elementary \
-  figures gpu site lint extras constraints format-check tidy configure \
+  figures gallery gpu site lint extras constraints format-check tidy configure \
   format wheel wheels clean distclean
 
 help: ## this list
@@ -193,6 +193,9 @@ interface: install ## write __all__, the stub and the names of the reference pag
 
 figures: install ## measure and draw every figure of the documents anew (under 25 minutes)
 	@$(TOOL).figures.make $(FIGURES)
+
+gallery: install ## run the programs of docs/gallery, draw what they print, put programs into pages
+	@$(TOOL).gallery
 
 # One call, under ten minutes, on a machine with a GPU: downloads nothing. GPU_ARGS="--only 'tqx_*'" runs
 # some of the stages.

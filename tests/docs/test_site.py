@@ -5,15 +5,10 @@ import html
 import inspect
 import re
 import shutil
-import subprocess
-import sys
 from pathlib import Path
 
 import pytest
-
-pytest.importorskip("sphinx")
-pytest.importorskip("myst_parser")
-pytest.importorskip("furo")
+from site_builds import build_site
 
 TREE = Path(__file__).resolve().parents[2]
 DOCS = TREE / "docs"
@@ -26,22 +21,6 @@ LOADER = {
     "Kernel": ["block", "blocks_per_multiprocessor", "form", "function", "launch", "name"]
     + ["parameters"],
 }
-
-
-def build(target, source=DOCS):
-    return subprocess.run(
-        [TREE / "scripts" / "build_site.sh", sys.executable, target, source],
-        capture_output=True,
-        text=True,
-    )
-
-
-@pytest.fixture(scope="session")
-def site(tmp_path_factory):
-    folder = tmp_path_factory.mktemp("site") / "site"
-    run = build(folder)
-    assert (run.returncode, run.stderr) == (0, "")
-    return folder
 
 
 @pytest.fixture(scope="session")
@@ -74,9 +53,14 @@ def shown_signature(function, skip_self=False):
     return "".join(shown.replace("->", "→").split())
 
 
+def letters(text):
+    """What has to be shown: all but blanks, backquotes, underlines and the dashes of lists."""
+    return "".join(re.sub(r"^-+$|^\s*- |`", "", text, flags=re.MULTILINE).split())
+
+
 def assert_documented(entry, documented):
     doc = inspect.getdoc(documented)
-    assert doc and doc in text_of(entry[1])
+    assert doc and letters(doc) in "".join(text_of(entry[1]).split())
 
 
 # ---- the reference ----
@@ -171,6 +155,113 @@ def test_names_stand_on_the_page_of_their_folder():
             assert names and all(f'"{name}"' in sources for name in names), page.name
 
 
+# ---- how the reference is set ----
+
+
+def test_doc_strings_are_rendered(site, entries):
+    _, shown = entries["korvex.exact.sum"]
+    assert "<dl" in shown and '<p class="rubric">Parameters</p>' in shown
+    assert '<div class="highlight-pycon' in shown and "----" not in shown and "`" not in shown
+    _, shown = entries[f"{RUNTIME}.tqx_sum"]
+    assert '<p class="rubric">Raises:</p>' in shown and '<code class="docutils literal' in shown
+    _, shown = entries[f"{RUNTIME}.tqx_matmul"]
+    assert shown.count("<li>") == 4
+    _, shown = entries[f"{RUNTIME}.tqx_sin"]
+    assert [text_of(line) for line in re.findall('<div class="line">(.*?)</div>', shown)][:2] == [
+        "TRUE TQX sine using compensated Taylor series.",
+        "sin(x) = x - x³/3! + x⁵/5! - x⁷/7! + ...",
+    ]
+
+
+def rows_of_signatures(site):
+    """Cells of every table of signatures, by the name that is linked in the first one."""
+    rows = {}
+    for page in (site / "api").glob("*.html"):
+        tables = re.findall(r'<table class="signatures.*?</table>', page.read_text(), re.DOTALL)
+        for row in re.findall(r"<tr.*?</tr>", "".join(tables), re.DOTALL):
+            cells = re.findall(r"<td>(.*?)</td>", row, re.DOTALL)
+            if cells:
+                rows[re.search(r'href="#([^"]+)"', cells[0])[1]] = cells
+    return rows
+
+
+def test_every_name_stands_in_a_table_of_signatures(site, module):
+    from korvex import exact
+
+    rows = rows_of_signatures(site)
+    assert {f"{RUNTIME}.{name}" for name in module.__all__} <= rows.keys()
+    assert {f"korvex.exact.{name}" for name in exact.__all__} <= rows.keys()
+    cell = text_of(rows["korvex.exact.cumulative_sum"][0])
+    assert cell == "cumulative_sum(x, /, *, axis=None, dtype=None, include_initial=False)"
+
+
+def test_every_function_links_to_what_defines_its_exactness(site, module):
+    rows = rows_of_signatures(site)
+    other = {"TQXResult", "TQXVerifiedResult", "__version__", "get_backend_info"}
+    for name in set(module.__all__) - other:
+        page, _, row = re.search(r'href="([^"]+)"', rows[f"{RUNTIME}.{name}"][1])[1].partition("#")
+        assert page == "../numerics.html"
+        rows_there = (site / "numerics.html").read_text().split("<tr ")
+        [text] = [text for text in rows_there if text.partition(">")[0].endswith(f'id="{row}"')]
+        assert name in text_of(text), name
+    from korvex import exact
+
+    for name in set(exact.__all__) - {"get_threads", "set_threads", "loads"}:
+        assert "how exact" in text_of(rows[f"korvex.exact.{name}"][1]), name
+
+
+# ---- formulas and pictures ----
+
+
+def test_formulas_are_set_as_formulas(site):
+    page = (site / "numerics_sum.html").read_text()
+    assert "<math" in page and "<msub>" in page
+    assert not re.search("<script[^>]*mathjax", page, re.IGNORECASE)
+    assert "2<sup>−1074</sup>" in page and "k<sub>j+1</sub>" in page and "l<sub>0</sub>" in page
+    assert "2^-" not in re.sub(r"<(code|pre).*?</\1>", "", page, flags=re.DOTALL)
+
+
+@pytest.mark.parametrize(
+    ("text", "shown"),
+    [
+        ("2^-53", "2<sup>−53</sup>"),
+        ("1.5 * 2^k_j - 45", "1.5 · 2<sup>k<sub>j</sub></sup> − 45"),
+        ("2^(k_(j-1) - 53) <= x", "2<sup>k<sub>j−1</sub> − 53</sup> ≤ x"),
+        ("(x_i - m)^2", "(x<sub>i</sub> − m)<sup>2</sup>"),
+        ("RN(S - l0)", "RN(S − l<sub>0</sub>)"),
+        ("2026-11-22, x_flat and a-b", "2026-11-22, x_flat and a-b"),
+    ],
+)
+def test_powers_and_indices(monkeypatch, text, shown):
+    pytest.importorskip("latex2mathml")
+    monkeypatch.syspath_prepend(DOCS)
+    from docutils import nodes
+    from site_parts import formulas
+
+    def written(node):
+        if isinstance(node, nodes.Text):
+            return str(node)
+        tag = "sup" if isinstance(node, nodes.superscript) else "sub"
+        return f"<{tag}>{''.join(map(written, node))}</{tag}>"
+
+    assert "".join(map(written, formulas.set_scripts(text))) == shown
+
+
+def test_pictures_are_part_of_their_pages(site):
+    """With a name for those who do not see them, ids that no other has, and a file to open."""
+    pages = {page: page.read_text() for page in site.rglob("*.html")}
+    shown = {name for page in pages.values() for name in re.findall(r'id="picture-(\w+)"', page)}
+    drawn = {path.stem for path in DOCS.rglob("*.svg")} - {"icon"}
+    assert shown == drawn and len(shown) > 13
+    assert all((site / "_images" / f"{name}.svg").is_file() for name in shown)
+    for page in pages.values():
+        ids = re.findall(r'\bid="([^"]+)"', page)
+        assert len(ids) == len(set(ids))
+        for picture in re.findall(r"<svg [^>]*korvex-figure[^>]*>", page):
+            assert re.search(r'aria-label="[^"]{10,}"', picture) and 'role="img"' in picture
+        assert not re.search(r'<img [^>]*\.svg"', page)
+
+
 # ---- the documents ----
 
 
@@ -193,14 +284,15 @@ def test_faults_of_documents_are_errors(tmp_path):
     """A link that leads nowhere, a heading that is not there, a page in no list, a wrong name."""
     source = tmp_path / "source"
     source.mkdir()
-    for name in ("conf.py", "api_names.py"):
-        shutil.copy(DOCS / name, source)
+    shutil.copy(DOCS / "conf.py", source)
+    for name in ("site_parts", "_static"):
+        shutil.copytree(DOCS / name, source / name)
     (source / "orphan.md").write_text("# Orphan\n")
     (source / "index.md").write_text(
         "# Start\n\n[nowhere](nowhere.md) and [heading](orphan.md#none)\n\n"
         "```{api-names} korvex.tqx_runtime\ntqx_summ\n```\n"
     )
-    run = build(tmp_path / "site", source)
+    run = build_site(tmp_path / "site", source)
     assert run.returncode != 0
     for fault in ("nowhere.md", "'none'", "orphan.md", "korvex.tqx_runtime has no name tqx_summ"):
         assert fault in run.stderr, fault

@@ -41,6 +41,9 @@ def test_there_are_five_of_at_most_sixty_lines():
 @pytest.mark.parametrize("program", PROGRAMS, ids=lambda path: path.stem)
 def test_page_shows_program_and_output(program):
     page = program.with_suffix(".md").read_text()
-    shown = re.findall(r"{literalinclude} (\S+)", page)
+    shown = re.findall(r"<!-- (?:program|output): (\S+) -->", page)
     assert shown == [program.name, program.with_suffix(".txt").name]
+    code = program.read_text().partition("\n")[2].strip()
+    assert f"```python\n{code}\n```\n" in page
+    assert f"```text\n{program.with_suffix('.txt').read_text().strip()}\n```\n" in page
     assert program.stem in (FOLDER / "index.md").read_text().split()

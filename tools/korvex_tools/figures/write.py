@@ -27,6 +27,15 @@ def table(columns: list[str], rows: list[list[Any]]) -> Lines:
     ]
 
 
+def folded(summary: str, lines: Lines) -> Lines:
+    """Behind one line that a click opens: for tables that few readers want whole."""
+    return [f"<details><summary>{summary}</summary>", "", *lines, "", "</details>"]
+
+
+def best_set(records: Records) -> str:
+    return records["bench_threads"]["settings"]["instruction_set"]
+
+
 def machine(records: Records, name: str) -> str:
     record = records[name]
     return f"{record['host']['processor']}, {record['date'][:10]}"
@@ -72,6 +81,67 @@ def ratio_of(ours: float, other: float) -> str:
 # --- Blocks of docs/performance.md
 
 
+def answer_sums(records: Records) -> Lines:
+    return answer(records, "sum", "tqx_sum", "an element", "numpy.sum", "math.fsum, list")
+
+
+def answer_dots(records: Records) -> Lines:
+    return answer(records, "dot", "tqx_dot", "a pair", "torch.dot", "math.sumprod, lists")
+
+
+def answer_products(records: Records) -> Lines:
+    names = ("tqx_matmul", "a multiply-add", "torch.matmul", "two doubles in torch")
+    return answer(records, "matmul", *names)
+
+
+def answer(
+    records: Records, operation: str, ours: str, step: str, plain: str, careful: str
+) -> Lines:
+    """At the largest sizes, beside what rounds at every step and beside what does less so."""
+    [run] = [run for run in records["bench_curves"]["runs"] if run["operation"] == operation]
+    rows = [r for name in (ours, plain, careful) for r in run["results"] if r["candidate"] == name]
+    at = {r["candidate"]: r for r in sorted(rows, key=lambda r: r["n"])}
+    call = min((r for r in rows if r["candidate"] == ours), key=lambda r: r["n"])
+    ns, n = at[ours]["ns_per_step"], at[ours]["n"]
+    times = {name: ns / at[name]["ns_per_step"] for name in (plain, careful)}
+    said = f"{1 / times[careful]:.0f} times faster than" if times[careful] < 1 else "slower than"
+    size = f"n = {n}" if operation == "matmul" else f"{n:,} elements"
+    return [
+        f"**{ns:.2g} ns {step}** at {size}: {times[plain]:.2g} times the time of `{plain}`, which",
+        f"rounds at every step, and {said} `{careful.partition(', ')[0]}`.",
+        f"With n = {call['n']} it is {short(call['ns_per_step'])} ns, nearly all of it the call.",
+    ]
+
+
+def targets_met(records: Records) -> Lines:
+    met = [cells[-1] == "met" for cells in target_rows(records)]
+    missed = "" if all(met) else "; it missed these:"
+    return [f"This run met {sum(met)} of {len(met)} targets{missed or '.'}"]
+
+
+def targets_missed(records: Records) -> Lines:
+    missed = [cells[:-1] for cells in target_rows(records) if cells[-1] != "met"]
+    return table(["script", "data", "candidate", "target"], missed)
+
+
+def memory(records: Records) -> Lines:
+    rows = [r for r in records["bench_large"]["results"] if r["copies_expected"] == 0]
+    names = sorted({f"`{r['candidate']}`" for r in rows})
+    most, largest = (max(r[key] for r in rows) for key in ("copies", "n"))
+    return [
+        f"{', '.join(names)} hold",
+        f"{most:.2f} copies of an operand beside it, with up to {largest:,} elements.",
+    ]
+
+
+def gain_of_threads(records: Records) -> Lines:
+    gains = sorted(r["times_faster"] for r in records["bench_threads"]["results"])
+    return [
+        f"Two threads make the kernels {gains[0]:.2f} to {gains[-1]:.2f} times faster,",
+        f"half of them {gains[len(gains) // 2]:.2f} times or more.",
+    ]
+
+
 def where(records: Records) -> Lines:
     record = records["figures"]
     host, versions = record["host"], record["host"]["versions"]
@@ -101,7 +171,8 @@ def time_table(records: Records, name: str, key: str, unit: str) -> Lines:
         for part in records[name]["runs"]
         for r in part["results"]
     ]
-    return table(["data", "candidate", f"{unit}, processor time", "on the clock"], rows)
+    found = table(["data", "candidate", f"{unit}, processor time", "on the clock"], rows)
+    return folded(f"All {len(rows)} rows", found)
 
 
 def products(records: Records) -> Lines:
@@ -112,7 +183,7 @@ def products(records: Records) -> Lines:
         for r in part["results"]
     ]
     columns = ["n", "candidate", "ns a multiply-add, processor time", "on the clock"]
-    return table(columns, rows)
+    return folded(f"All {len(rows)} rows", table(columns, rows))
 
 
 def threads(records: Records) -> Lines:
@@ -139,7 +210,7 @@ def threads(records: Records) -> Lines:
         "work grows by",
         "torch's operation, times faster",
     ]
-    return table(columns, rows)
+    return folded(f"All {len(rows)} kernels", table(columns, rows))
 
 
 def elementary(records: Records) -> Lines:
@@ -149,7 +220,8 @@ def elementary(records: Records) -> Lines:
             wrong = part["share_misrounded"][r["candidate"]]
             time = short(r["ns_per_element_processor"])
             rows.append([part["input"], f"`{r['candidate']}`", time, f"{wrong:.3%}"])
-    return table(["input", "candidate", "ns an element, processor time", "misrounded"], rows)
+    found = table(["input", "candidate", "ns an element, processor time", "misrounded"], rows)
+    return folded(f"All {len(rows)} rows", found)
 
 
 def elementwise(records: Records) -> Lines:
@@ -162,7 +234,8 @@ def elementwise(records: Records) -> Lines:
         for part in records["bench_elementwise"]["runs"]
         for r in part["results"]
     ]
-    return table(["candidate", "ns an element, processor time", "times torch"], rows)
+    found = table(["candidate", "ns an element, processor time", "times torch"], rows)
+    return folded(f"All {len(rows)} rows", found)
 
 
 def reductions(records: Records) -> Lines:
@@ -170,7 +243,8 @@ def reductions(records: Records) -> Lines:
         [f"`{r['candidate']}`", r["n"], short(r["ns_per_element_processor"])]
         for r in records["bench_reductions"]["results"]
     ]
-    return table(["candidate", "n", "ns an element, processor time"], rows)
+    found = table(["candidate", "n", "ns an element, processor time"], rows)
+    return folded(f"All {len(rows)} rows", found)
 
 
 def linear(records: Records) -> Lines:
@@ -179,7 +253,8 @@ def linear(records: Records) -> Lines:
         for part in records["bench_linalg"]["runs"]
         for r in part["results"]
     ]
-    return table(["candidate", "ms, processor time", "kB held"], rows)
+    found = table(["candidate", "ms, processor time", "kB held"], rows)
+    return folded(f"All {len(rows)} rows", found)
 
 
 def large(records: Records) -> Lines:
@@ -196,10 +271,16 @@ def large(records: Records) -> Lines:
         for r in records["bench_large"]["results"]
     ]
     columns = ["function", "n", "s", "torch, s", "copies held", "copies expected", "torch"]
-    return table(columns, rows)
+    return folded(f"All {len(rows)} rows", table(columns, rows))
 
 
 def targets(records: Records) -> Lines:
+    rows = target_rows(records)
+    found = table(["script", "data", "candidate", "target", ""], rows)
+    return folded(f"All {len(rows)} targets", found)
+
+
+def target_rows(records: Records) -> list[list[str]]:
     rows = []
     for name in records.names():
         record = records[name]
@@ -213,7 +294,7 @@ def targets(records: Records) -> Lines:
                 aim = ", ".join(aims(target))
                 met = "met" if target["met"] else "NOT MET"
                 rows.append([f"`{name}`", place, f"`{what}`", aim, met])
-    return table(["script", "data", "candidate", "target", ""], rows)
+    return rows
 
 
 def aims(target: dict[str, Any]) -> list[str]:
@@ -232,7 +313,7 @@ def aims(target: dict[str, Any]) -> list[str]:
 
 def durations(records: Records) -> Lines:
     rows = [[f"`{part['part']}`", short(part["seconds"])] for part in records["figures"]["parts"]]
-    return table(["part", "s"], rows)
+    return folded(f"All {len(rows)} parts", table(["part", "s"], rows))
 
 
 # --- Blocks of other documents
@@ -368,6 +449,13 @@ BLOCKS: dict[str, Callable[[Records], Lines]] = {
     function.__name__: function
     for function in (
         costs,
+        answer_sums,
+        answer_dots,
+        answer_products,
+        gain_of_threads,
+        memory,
+        targets_met,
+        targets_missed,
         where,
         sums,
         dots,

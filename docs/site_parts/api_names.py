@@ -6,9 +6,10 @@
     TQXResult
     ```
 
-Each name gets its signature, and its doc string word for word: doc strings are plain text, not
-markup. A class brings its members, save those with one leading underscore. The emulated device is
-activated first, so that the runtime imports on every machine; no signature depends on the device.
+First a table of the signatures, each with a link to the sentence that says how exact the result
+is. Then each name with its signature and its doc string, word for word. A class brings its members,
+save those with one leading underscore. The emulated device is activated first, so that the runtime
+imports on every machine; no signature depends on the device.
 """
 
 import importlib
@@ -16,11 +17,14 @@ import inspect
 import types
 import warnings
 from collections.abc import Iterator
+from pathlib import Path
 from typing import Any
 
 from docutils import nodes
 from docutils.parsers.rst import directives
 from docutils.statemachine import StringList
+from site_parts import doc_strings, exactness
+from sphinx import addnodes
 from sphinx.application import Sphinx
 from sphinx.domains import python
 from sphinx.util.docutils import SphinxDirective
@@ -30,6 +34,8 @@ import korvex.emulation
 
 _NO_DOC = ("__init__", "__repr__")  # the signature of the class and the name say it all
 _NOT_MADE_BY_CALLERS = ("Kernel",)
+# What stands before a name in the labels of exactness.py.
+_PREFIXES = {"korvex.exact": "exact."}
 
 
 class ApiNames(SphinxDirective):
@@ -46,11 +52,29 @@ class ApiNames(SphinxDirective):
         made: list[nodes.Node] = []
         if "with-module-doc" in self.options:
             made.append(_doc_block(module))
-        for name in filter(None, map(str.strip, self.content)):
+        names = list(filter(None, map(str.strip, self.content)))
+        for name in names:
             if not hasattr(module, name):
                 raise self.error(f"{module_name} has no name {name}")
+        made.append(self._table(module, names))
+        for name in names:
             made += self._entry(name, getattr(module, name))
         return made
+
+    def _table(self, module: types.ModuleType, names: list[str]) -> nodes.table:
+        """Every name of the page with its signature, and where its exactness is defined."""
+        defined = exactness.labels(Path(self.env.srcdir))
+        prefix = _PREFIXES.get(module.__name__, "")
+        labels = {name: f"exactness-of-{prefix}{name}" for name in names}
+        with_links = bool(defined.intersection(labels.values()))
+        titles = ["signature", *(["result"] if with_links else [])]
+        rows = []
+        for name in names:
+            label = labels[name] if labels[name] in defined else None
+            link = [_reference("ref", label, "how exact")] if label else []
+            signature = _signature_nodes(module, name)
+            rows.append([signature, *([link] if with_links else [])])
+        return _table_of(titles, rows)
 
     def _entry(self, name: str, value: Any) -> list[nodes.Node]:
         if isinstance(value, type):
@@ -104,9 +128,42 @@ def _imported(name: str) -> types.ModuleType:
         return importlib.import_module(name)
 
 
-def _doc_block(documented: Any) -> nodes.literal_block:
-    text = inspect.getdoc(documented)
-    return nodes.literal_block(text, text, language="text", classes=["doc-string"])
+def _doc_block(documented: Any) -> nodes.container:
+    return doc_strings.doc_string(inspect.getdoc(documented) or "")
+
+
+def _reference(kind: str, target: str, shown: str) -> nodes.Node:
+    """A link that is an error while the site is built if nothing has that label."""
+    inner = nodes.inline("", shown)
+    return addnodes.pending_xref(
+        "", inner, refdomain="std", reftype=kind, reftarget=target, refexplicit=True, refwarn=True
+    )
+
+
+def _signature_nodes(module: types.ModuleType, name: str) -> list[nodes.Node]:
+    """The name, linked to its entry below, and its parameters without their types."""
+    value = getattr(module, name)
+    link = nodes.reference("", "", nodes.literal("", name), internal=True)
+    link["refid"] = f"{module.__name__}.{name}"
+    if not callable(value) or name in _NOT_MADE_BY_CALLERS:
+        return [link]
+    parameters = [
+        each.replace(annotation=inspect.Parameter.empty)
+        for each in inspect.signature(value).parameters.values()
+    ]
+    return [link, nodes.literal("", str(inspect.Signature(parameters)))]
+
+
+def _table_of(titles: list[str], rows: list[list[list[nodes.Node]]]) -> nodes.table:
+    group = nodes.tgroup(cols=len(titles))
+    group += [nodes.colspec(colwidth=1) for _ in titles]
+    head = nodes.row("", *(nodes.entry("", nodes.paragraph("", title)) for title in titles))
+    group += nodes.thead("", head)
+    body = nodes.tbody()
+    for cells in rows:
+        body += nodes.row("", *(nodes.entry("", nodes.paragraph("", "", *c)) for c in cells))
+    group += body
+    return nodes.table("", group, classes=["signatures"])
 
 
 def _signature(function: Any, skip_self: bool = False) -> str:
