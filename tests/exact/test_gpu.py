@@ -569,13 +569,17 @@ def test_errors_of_the_driver_say_what_failed(run):
     run(
         CUPY,
         """
-        driver.fail("cuLaunchKernel")
-        with pytest.raises(RuntimeError) as error:
-            exact.sum(on(x))
-        assert str(error.value) == ("korvex.exact cannot use the GPU: cuLaunchKernel failed: "
-                                    "CUDA_ERROR_OUT_OF_MEMORY")
-        assert driver.context_depth() == 0
-        driver.fail("cuLaunchKernel", 0)
+        for result, kind, name in ((2, MemoryError, "CUDA_ERROR_OUT_OF_MEMORY"),
+                                   (719, RuntimeError, "CUDA_ERROR_STUB")):
+            for call in ("cuModuleLoadDataEx", "cuLaunchKernel"):
+                driver.fail(call, result)
+                with pytest.raises(kind) as error:
+                    exact.sum(on(x, int(result == 719)))
+                assert type(error.value) is kind
+                assert str(error.value).startswith("korvex.exact cannot use the GPU: ")
+                assert str(error.value).endswith(f"{call} failed: {name}")
+                assert driver.context_depth() == 0
+                driver.fail(call, 0)
         assert bits(value(exact.sum(on(x)))) == bits(exact.sum(x))
         """,
     )
