@@ -65,6 +65,9 @@ LoadedModule::LoadedModule(const Driver& driver, const KernelFile& file) : drive
     if (is_refusal(result)) {
       throw RefusedFile(text);
     }
+    if (result == kOutOfMemory) {
+      throw DeviceOutOfMemory(text);
+    }
     throw DeviceFailure(text);
   }
 }

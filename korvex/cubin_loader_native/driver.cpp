@@ -25,6 +25,9 @@ void throw_failed_call(const char* name, Result result) {
   if (driver.get_error_string.attempt(result, &meaning) == kSuccess && meaning != nullptr) {
     text += std::string(" (") + meaning + ")";
   }
+  if (result == kOutOfMemory) {
+    throw DeviceOutOfMemory(text);
+  }
   throw DeviceFailure(text);
 }
 

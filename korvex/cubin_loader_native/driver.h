@@ -24,6 +24,7 @@ using Function = struct OpaqueFunction*;
 using Stream = struct OpaqueStream*;
 
 inline constexpr Result kSuccess = 0;
+inline constexpr Result kOutOfMemory = 2;
 
 // The stream that waits for all blocking streams of its context, as they wait for it.
 inline const Stream kLegacyStream = reinterpret_cast<Stream>(std::uintptr_t{1});

@@ -12,6 +12,11 @@ struct DeviceFailure : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// The driver had no memory left for a call. korvex.exact makes it a MemoryError.
+struct DeviceOutOfMemory : DeviceFailure {
+  using DeviceFailure::DeviceFailure;
+};
+
 // The caller's arguments cannot be launched. ValueError in Python.
 struct BadArgument : std::runtime_error {
   using std::runtime_error::runtime_error;

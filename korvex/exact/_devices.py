@@ -13,8 +13,6 @@ import sys
 from collections.abc import Sequence
 from typing import Any, NamedTuple
 
-import numpy as np
-
 # Numbered as in korvex/kernels/states.h.
 FORMAT_NUMBERS = {
     name: number
@@ -62,8 +60,8 @@ class Device:
 
     # --- Memory
 
-    def zeros(self, count: int) -> Any:
-        """An array of int64."""
+    def zeros(self, count: int, form: str = "int64") -> Any:
+        """An array of zeros, of words or of a format."""
         raise NotImplementedError
 
     def empty(self, count: int, form: str) -> Any:
@@ -82,7 +80,7 @@ class Device:
         raise NotImplementedError
 
     def joined(self, halves: Any) -> Any:
-        """The complex array without axes that has these two elements as its halves."""
+        """The complex numbers of which these are the halves, two and two, with one axis."""
         raise NotImplementedError
 
     # --- Streams
@@ -162,8 +160,8 @@ class TorchDevice(Device):
     def _torch(self) -> Any:
         return sys.modules["torch"]
 
-    def zeros(self, count: int) -> Any:
-        return self._torch.zeros(count, dtype=self._torch.int64, device=self.name)
+    def zeros(self, count: int, form: str = "int64") -> Any:
+        return self._torch.zeros(count, dtype=getattr(self._torch, form), device=self.name)
 
     def empty(self, count: int, form: str) -> Any:
         return self._torch.empty(count, dtype=getattr(self._torch, form), device=self.name)
@@ -178,7 +176,7 @@ class TorchDevice(Device):
         words.copy_(self._torch.from_numpy(values))
 
     def joined(self, halves: Any) -> Any:
-        return self._torch.view_as_complex(halves)
+        return self._torch.view_as_complex(halves.reshape(len(halves) // 2, 2))
 
     def stream(self) -> Any:
         return self._torch.cuda.current_stream(self.ordinal)
@@ -212,15 +210,13 @@ class CupyDevice(Device):
     def _cupy(self) -> Any:
         return sys.modules["cupy"]
 
-    def zeros(self, count: int) -> Any:
+    def zeros(self, count: int, form: str = "int64") -> Any:
         with self._cupy.cuda.Device(self.ordinal):
-            return self._cupy.zeros(count, np.int64)
+            return self._cupy.zeros(count, _known_to_cupy(form))
 
     def empty(self, count: int, form: str) -> Any:
-        if form == "bfloat16":
-            raise ValueError("dtype bfloat16 does not exist in CuPy")
         with self._cupy.cuda.Device(self.ordinal):
-            return self._cupy.empty(count, form)
+            return self._cupy.empty(count, _known_to_cupy(form))
 
     def copy(self, words: Any) -> Any:
         with self._cupy.cuda.Device(self.ordinal):
@@ -235,7 +231,7 @@ class CupyDevice(Device):
             words.set(values)
 
     def joined(self, halves: Any) -> Any:
-        return halves.view("complex64" if halves.itemsize == 4 else "complex128").reshape(())
+        return halves.view("complex64" if halves.itemsize == 4 else "complex128")
 
     def stream(self) -> Any:
         with self._cupy.cuda.Device(self.ordinal):
@@ -260,6 +256,12 @@ class CupyDevice(Device):
     def flattened(self, x: Any) -> Any:
         with self._cupy.cuda.Device(self.ordinal):
             return self._cupy.ascontiguousarray(x).ravel()
+
+
+def _known_to_cupy(form: str) -> str:
+    if form == "bfloat16":
+        raise ValueError("dtype bfloat16 does not exist in CuPy")
+    return form
 
 
 # --- The argument `device`

@@ -182,7 +182,8 @@ def matmul(a: Any, b: Any, /, *, dtype: Any = None, group: Any = None) -> Any:
     """
     first, second = as_operand(a, "a"), as_operand(b, "b")
     home = check_same_home([("a", first), ("b", second)])
-    refuse_cuda("matmul", ("a", first), ("b", second))
+    if group is not None:
+        refuse_cuda("matmul with a group", ("a", first), ("b", second))
     for name, operand in (("a", first), ("b", second)):
         if len(operand.shape) not in (1, 2):
             raise ValueError(
@@ -197,6 +198,10 @@ def matmul(a: Any, b: Any, /, *, dtype: Any = None, group: Any = None) -> Any:
     shape = first.shape[:-1] + second.shape[1:]
     left = [_matrix(half, row=True) for half in first.halves()]
     right = [_matrix(half, row=False) for half in second.halves()]
+    if first.device is not None:
+        from korvex.exact import _device_products
+
+        return _device_products.matmul(first.device, left, right, form, shape)
     if group is not None:
         if first.is_complex or second.is_complex:
             raise TypeError("with a group a and b must be real")
@@ -270,11 +275,15 @@ def cumulative_sum(
     array([1.e+16, 1.e+16, 1.e+16, 2.e+00])
     """
     operand = as_operand(x, "x")
-    refuse_cuda("cumulative_sum", ("x", operand))
     if operand.is_complex:
         raise TypeError("x is complex, and cumulative_sum takes real arrays only")
     form = format_of(dtype)
     _check_running(operand.shape, axis, include_initial)
+    if operand.device is not None:
+        from korvex.exact import _device_products
+
+        [x_real] = operand.halves()
+        return _device_products.cumulative_sum(operand.device, x_real, form, include_initial)
     sums = empty((operand.shape[0] + include_initial,), form)
     sums[:1] = 0
     own = sums[1:] if include_initial else sums

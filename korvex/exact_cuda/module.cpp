@@ -16,6 +16,7 @@ namespace korvex::exact_cuda {
 namespace {
 
 using cubin_loader::DeviceFailure;
+using cubin_loader::DeviceOutOfMemory;
 using kernels::kStateKernelCount;
 using kernels::kStateKernels;
 
@@ -77,6 +78,8 @@ PyObject* launch_function(PyObject* /*module*/, PyObject* const* values, Py_ssiz
     const StateLaunch launch = read_launch(values, count);
     try {
       without_lock([&] { launcher().launch(launch); });
+    } catch (const DeviceOutOfMemory& failure) {
+      raise_formatted(PyExc_MemoryError, "%s%s", kUnavailable, failure.what());
     } catch (const DeviceFailure& failure) {
       throw DeviceFailure(kUnavailable + std::string(failure.what()));
     }

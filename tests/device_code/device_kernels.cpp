@@ -68,6 +68,11 @@ const DeviceKernel kStateKernels[] = {
     {"korvex_add_products", call<korvex_add_products>},
     {"korvex_settle_state", call<korvex_settle_state>},
     {"korvex_round_state", call<korvex_round_state>},
+    {"korvex_widen", call<korvex_widen>},
+    {"korvex_multiply", call<korvex_multiply>},
+    {"korvex_sum_segments", call<korvex_sum_segments>},
+    {"korvex_join_segments", call<korvex_join_segments>},
+    {"korvex_running_sums", call<korvex_running_sums>},
 };
 static_assert(std::size(kStateKernels) == kernels::kStateKernelCount);
 

@@ -111,8 +111,8 @@ FAULTS = (
         "one column too many",
         "tqx_matmul_kernel",
         "matrix_product.cuh",
-        "column_ < matrices_.columns;\n",
-        "column_ <= matrices_.columns;\n",
+        "factors{a, b, M, N, K}",
+        "factors{a, b, M, N + 1, K}",
         "use-after-poison|result differs",
     ),
     Fault(
@@ -220,9 +220,25 @@ FAULTS = (
     Fault(
         "a float32 is rounded as a bfloat16",
         "korvex_round_state",
-        "state_sums.h",
+        "state_results.h",
         "format == kBfloat16Format ? kBrain : kSingle;",
         "format == kBfloat16Format ? kSingle : kBrain;",
+        "result differs",
+    ),
+    Fault(
+        "one thread does not wait before the next tile",
+        "korvex_multiply",
+        "state_products.h",
+        "    thread.sync_block();  // before the next tile takes",
+        "    if (thread.index() != 0) {\n      thread.sync_block();\n    }  //",
+        "barrier divergence",
+    ),
+    Fault(
+        "no barrier before the sums of other runs are read",
+        "korvex_join_segments",
+        "state_segments.h",
+        "    thread.sync_block();\n    if (has_more) {\n      arithmetic::ExactSum& next",
+        "    if (has_more) {\n      arithmetic::ExactSum& next",
         "result differs",
     ),
 )

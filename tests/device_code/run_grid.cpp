@@ -275,7 +275,7 @@ void run_state_cases(CudaGrid& grid, const launches::HostLibrary& host, const Op
   for (const auto& one : launches::state_cases_of(row, options.is_long, options.seed)) {
     std::snprintf(progress.launch, sizeof progress.launch, "%s", launches::name_of(one).c_str());
     launches::run_state_case(states, host.exact(), one);
-    progress.launches += one.additions.size();
+    progress.launches += one.arrays ? 3 : one.additions.size();
     progress.steps = grid.steps();
   }
 }

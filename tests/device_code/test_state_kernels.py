@@ -15,8 +15,9 @@ FILES = sorted(FOLDER.glob("*.cubin"), key=machine_code.architecture)
 PTX_FILES = sorted(FOLDER.glob("*.ptx"), key=machine_code.architecture)
 
 MOST_STACK = 512  # bytes of a thread
-# Three blocks of 256 threads share 65536 registers, which come in groups of eight.
+# Three blocks of 256 threads share 65536 registers, which come in groups of eight; or two.
 MOST_REGISTERS = 80
+MOST_REGISTERS_OF_PRODUCTS = {"korvex_multiply": 128}
 
 pytestmark = pytest.mark.skipif(not FILES, reason="the package holds no kernels")
 needs_cuobjdump = pytest.mark.skipif(
@@ -30,7 +31,7 @@ def kernels_of_the_table() -> set[str]:
 
 
 def test_the_table_has_kernels():
-    assert len(kernels_of_the_table()) == 4
+    assert len(kernels_of_the_table()) == 9
 
 
 @needs_cuobjdump
@@ -42,7 +43,11 @@ def test_machine_code_holds_exactly_the_kernels_and_keeps_to_its_room(cubin):
         assert {
             name: taken["stack"] for name, taken in resources.items() if taken["stack"] > MOST_STACK
         } == {}
-        assert max(taken["registers"] for taken in resources.values()) <= MOST_REGISTERS
+        assert {
+            name: taken["registers"]
+            for name, taken in resources.items()
+            if taken["registers"] > MOST_REGISTERS_OF_PRODUCTS.get(name, MOST_REGISTERS)
+        } == {}
 
 
 @pytest.mark.parametrize("cubin", FILES, ids=lambda path: path.stem)
@@ -57,4 +62,7 @@ def test_ptx_rounds_every_operation_as_written_and_calls_no_library(ptx):
     assert machine_code.ptx_problems(ptx.read_text()) == []
     fused = machine_code.fused_operations(ptx.read_text())
     assert fused.keys() == kernels_of_the_table()
-    assert {name for name, count in fused.items() if count > 0} == {"korvex_add_products"}
+    assert {name for name, count in fused.items() if count > 0} == {
+        "korvex_add_products",
+        "korvex_multiply",
+    }

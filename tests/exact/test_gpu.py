@@ -13,7 +13,7 @@ import pytest
 import stub_gpu
 import subprocess_run
 
-from korvex.exact import _devices
+from korvex.exact import _device_products, _devices
 
 PREAMBLE = """
 import os, sys
@@ -179,6 +179,182 @@ def test_special_values(run):
         gpu.subtract(on(np.array([2.0, 3.0])))
         with pytest.raises(ValueError, match="count of elements is -1"):
             float(gpu)
+        """,
+    )
+
+
+# --- Matrix products and running sums
+
+
+MATRICES = (
+    CUPY
+    + """
+def same(found, expected):
+    assert type(found) is cupy.ndarray and found.shape == expected.shape
+    assert found.dtype == expected.dtype and bits(value(found)) == bits(expected)
+
+def check(a, b, **keywords):
+    same(exact.matmul(on(a), on(b), **keywords), np.asarray(exact.matmul(a, b, **keywords)))
+"""
+)
+
+
+def test_matrix_products_of_every_two_dtypes(run):
+    run(
+        MATRICES,
+        """
+        names = "bool int8 int16 int32 int64 uint8 uint16 uint32 uint64 float16 float32 float64"
+        left, right = [], []
+        for name in names.split():
+            for made, count in ((left, 21), (right, 28)):
+                raw = rng.integers(0, 256, count * np.dtype(name).itemsize, dtype=np.uint8)
+                array = (raw.view(name) if name != "bool" else raw > 100)[:count]
+                made.append(array.reshape(3, 7) if made is left else array.reshape(7, 4))
+        for a in left:
+            for b in right:
+                for form in ("float64", "float16"):
+                    check(a, b, dtype=form)
+        """,
+    )
+
+
+def test_shapes_and_layouts_of_matrix_products(run):
+    run(
+        MATRICES,
+        """
+        m = x.reshape(50, 60)
+        for a, b in ((m, m.T), (m.T, m), (m[:, ::2], m[::-1, :30].T), (m[:5], m[:40].T),
+                     (m[0], m[0]), (m[0], m[:, :60].T), (m, m[1]), (m[:1], m[:1].T),
+                     (m[:, :1], m[:1]), (m[:0], m.T), (m[:, :0], m[:0]), (m, m.T[:, :0]),
+                     (m[0, :0], m[0, :0]),
+                     (np.broadcast_to(x[:1], (3, 4)), np.broadcast_to(y[:1], (4, 2))),
+                     (m.astype(np.float32)[::2], m.T), (np.arange(12).reshape(3, 4).T, m[:3])):
+            check(a, b)
+        for a, b, text in ((m, m, "a has rows of 60 elements, and b has columns of 50"),
+                           (m[None], m, "a has 3 axes")):
+            with pytest.raises(ValueError, match=text):
+                exact.matmul(on(a), on(b))
+        """,
+    )
+
+
+def test_halves_of_complex_matrices(run):
+    run(
+        MATRICES,
+        """
+        z = (x[:56] + 1j * y[:56]).reshape(7, 8)
+        w = (y[:40] - 1j * x[:40]).reshape(8, 5)
+        r, i = x[:40].reshape(8, 5), rng.integers(-(2**63), 2**63 - 1, (8, 5))
+        for form in ("complex128", "complex64"):
+            for a, b in ((z, w), (z, r), (r.T, z.T), (z.astype(np.complex64), w), (z, i),
+                         (i.T, z.T), (z[0], w[:, 0]), (z, w[:, 0])):
+                check(a, b, dtype=form)
+        """,
+    )
+
+
+def test_special_values_of_matrix_products(run):
+    """An infinity meets the whole of an integer; what no format holds is rounded from the exact."""
+    run(
+        MATRICES,
+        """
+        inf, nan, most = np.inf, np.nan, np.finfo(float).max
+        wide = np.array([[2**63 - 1, -2**63, -1, 0], [2**32, -2**32, 1, 2**53 + 1]])
+        for column in ([inf, 0.5, 1.0, 2.0], [0.5, -inf, 1.0, inf], [1.0, 1.0, inf, 1.0],
+                       [1.0, 1.0, 1.0, inf], [nan, 1.0, 1.0, 1.0], [-inf, inf, 0.0, 1.0]):
+            f = np.array([column, column[::-1]])
+            for form in ("float64", "float32"):
+                check(wide, f.T, dtype=form)
+                check(f, wide.T, dtype=form)
+                check(wide.astype(np.uint64), f.T, dtype=form)
+        tiny = 2.0**-1000
+        for a, b in (([[most, most]], [[1.0, 2.0], [0.5, -1.0]]),
+                     ([[most, 1.0]], [[1.0, -1.0], [tiny, 1]]),
+                     ([[2049.0, tiny], [2051.0, -tiny]], [[1.0, -1.0], [tiny, tiny]]),
+                     ([[-0.0, 0.0]], [[1.0, 5.0], [-1.0, -0.0]])):
+            for form in ("float64", "float32", "float16"):
+                check(np.array(a), np.array(b), dtype=form)
+        """,
+    )
+
+
+def test_deep_products_are_dot_products_of_their_own(run):
+    run(
+        MATRICES,
+        """
+        from korvex.exact import _device_products
+        a, b = x[:120].reshape(6, 20), rng.integers(-(2**63), 2**63 - 1, (20, 3))
+        z = (x[:60] + 1j * y[:60]).reshape(20, 3)
+        _device_products.MOST_DEPTH = 39  # of the integers, each of which is two doubles
+        driver.take_log()
+        check(a, b)
+        kernels = {k for k, *_ in driver.take_launches()}
+        assert kernels == {"korvex_add_products", "korvex_round_state"}
+        check(z.T, z)
+        assert "korvex_multiply" not in {k for k, *_ in driver.take_launches()}
+        check(a, z[:, :2].real)
+        assert "korvex_multiply" in {k for k, *_ in driver.take_launches()}
+        """,
+    )
+
+
+def test_launches_of_a_matrix_product(run):
+    """Contiguous float64 is read where it is; tiles are 16 x 16, or high or wide."""
+    run(
+        MATRICES,
+        """
+        cupy.streams[0] = stub_gpu.CupyStream(driver, 77)
+        a, b = rng.standard_normal((40, 20)), rng.standard_normal((20, 33))
+        result = exact.matmul(on(a), on(b))
+        assert driver.take_launches() == [("korvex_multiply", 0, 77, 6)]  # 9 tiles, room for 6
+        assert bits(value(result)) == bits(exact.matmul(a, b))
+        driver.take_log()
+        exact.matmul(on(a.astype(np.float32)), on(b.astype(np.int64)))
+        log = driver.take_log()
+        assert not [line for line in log if line.startswith("wait")]
+        kernels = [line.split()[1] for line in log if line.startswith("cuLaunchKernel")]
+        assert kernels == ["korvex_widen"] * 4 + ["korvex_multiply"]
+        exact.matmul(on(a), on(b[0, :20]))
+        assert driver.take_launches() == [("korvex_multiply", 0, 77, 1)]
+        exact.matmul(on(a[:0]), on(b))
+        assert driver.take_launches() == []
+        """,
+    )
+
+
+def test_running_sums(run):
+    run(
+        MATRICES,
+        """
+        from korvex.exact import _device_products
+        inf, most = np.inf, np.finfo(float).max
+        cases = [x, x[::-3], y[:33], x[:1], x[:0], rng.integers(-(2**63), 2**63 - 1, 500),
+                 rng.integers(0, 2**64 - 1, 500, dtype=np.uint64), x[:100] > 0,
+                 y[:300].astype(np.float16), np.repeat([most, -most, 1.0], 40),
+                 np.where(np.arange(200) == 150, inf, 1.0),
+                 np.where(np.arange(90) == 5, np.nan, 1.0)]
+        for segments in (8192, 7):
+            _device_products.MOST_SEGMENTS = segments
+            for array in cases:
+                for form in ("float64", "float32", "float16"):
+                    for initial in (False, True):
+                        keywords = {"dtype": form, "include_initial": initial}
+                        same(exact.cumulative_sum(on(array), **keywords),
+                             exact.cumulative_sum(array, **keywords))
+        cupy.streams[0] = stub_gpu.CupyStream(driver, 5)
+        driver.take_log()
+        exact.cumulative_sum(on(np.ones(3333)))
+        assert driver.take_launches() == [
+            ("korvex_sum_segments", 0, 5, 1), ("korvex_join_segments", 0, 5, 1),
+            ("korvex_running_sums", 0, 5, 1)]
+        _device_products.MOST_SEGMENTS = 8192
+        exact.cumulative_sum(on(np.ones(3333)))  # 105 segments
+        assert [blocks for *_, blocks in driver.take_launches()] == [4, 1, 4]
+        for wrong, text in ((x.reshape(2, -1), "x has 2 axes"),):
+            with pytest.raises(ValueError, match=text):
+                exact.cumulative_sum(on(wrong))
+        with pytest.raises(TypeError, match="x is complex"):
+            exact.cumulative_sum(on(x + 1j))
         """,
     )
 
@@ -394,13 +570,17 @@ def test_errors_of_the_driver_say_what_failed(run):
     run(
         CUPY,
         """
-        driver.fail("cuLaunchKernel")
-        with pytest.raises(RuntimeError) as error:
-            exact.sum(on(x))
-        assert str(error.value) == ("korvex.exact cannot use the GPU: cuLaunchKernel failed: "
-                                    "CUDA_ERROR_OUT_OF_MEMORY")
-        assert driver.context_depth() == 0
-        driver.fail("cuLaunchKernel", 0)
+        for result, kind, name in ((2, MemoryError, "CUDA_ERROR_OUT_OF_MEMORY"),
+                                   (719, RuntimeError, "CUDA_ERROR_STUB")):
+            for call in ("cuModuleLoadDataEx", "cuLaunchKernel"):
+                driver.fail(call, result)
+                with pytest.raises(kind) as error:
+                    exact.sum(on(x, int(result == 719)))
+                assert type(error.value) is kind
+                assert str(error.value).startswith("korvex.exact cannot use the GPU: ")
+                assert str(error.value).endswith(f"{call} failed: {name}")
+                assert driver.context_depth() == 0
+                driver.fail(call, 0)
         assert bits(value(exact.sum(on(x)))) == bits(exact.sum(x))
         """,
     )
@@ -439,17 +619,15 @@ def test_without_a_driver(tmp_path):
     )
 
 
-def test_functions_without_kernels_are_refused_by_name(run):
+def test_what_has_no_kernels_is_refused_by_name(run):
     run(
         CUPY,
         """
+        import torch.distributed as dist
         for call, text in (
-            (lambda: exact.matmul(on(np.ones((2, 3))), on(np.ones(3))),
-             "a is in the memory of a GPU, and korvex.exact.matmul has no kernels for GPUs yet: "
-             "copy it to the host, a.cpu() in torch and a.get() in CuPy"),
-            (lambda: exact.cumulative_sum(on(x)),
-             "x is in the memory of a GPU, and korvex.exact.cumulative_sum has no kernels for GPUs "
-             "yet: copy it to the host, x.cpu() in torch and x.get() in CuPy"),
+            (lambda: exact.matmul(on(np.ones((2, 3))), on(np.ones(3)), group=object()),
+             "a is in the memory of a GPU, and korvex.exact.matmul with a group has no kernels for "
+             "GPUs yet: copy it to the host, a.cpu() in torch and a.get() in CuPy"),
             *((call,
                "x is in the memory of a GPU, and axis= of an array there is not built yet: reduce "
                "it whole, or copy it to the host, x.cpu() in torch and x.get() in CuPy")
@@ -461,8 +639,12 @@ def test_functions_without_kernels_are_refused_by_name(run):
             with pytest.raises(TypeError) as error:
                 call()
             assert str(error.value) == text
-        with pytest.raises(ValueError, match="dtype bfloat16 does not exist in CuPy"):
-            exact.sum(on(x), dtype="bfloat16")
+        for call in (lambda: exact.sum(on(x), dtype="bfloat16"),
+                     lambda: exact.matmul(on(x), on(x), dtype="bfloat16"),
+                     lambda: exact.cumulative_sum(on(x), dtype="bfloat16"),
+                     lambda: exact.cumulative_sum(on(x), dtype="bfloat16", include_initial=True)):
+            with pytest.raises(ValueError, match="dtype bfloat16 does not exist in CuPy"):
+                call()
         assert driver.take_log() == []
         """,
     )
@@ -487,6 +669,21 @@ def test_torch_tensors(run):
         assert found.shape == () and found.cpu() == exact.vecdot(x, y)
         assert exact.sum(half.as_subclass(CudaTensor)).cpu() == exact.sum(half)
         assert type(exact.var(gy)) is CudaTensor and exact.var(gy).cpu() == exact.var(y)
+        m, n = x[:600].reshape(20, 30), y[:600].reshape(30, 20)
+        z = torch.complex(m, n.T.double())
+        for form in ("float64", "float32", "float16", "bfloat16"):
+            for a, b in ((m, n), (m.T.bfloat16(), (1e6 * m).to(torch.int64)), (m[0], n)):
+                ga, gb = a.as_subclass(CudaTensor), b.as_subclass(CudaTensor)
+                found = exact.matmul(ga, gb, dtype=form)
+                assert type(found) is CudaTensor and found.dtype == getattr(torch, form)
+                assert torch.equal(found.cpu(), exact.matmul(a, b, dtype=form))
+            for initial in (False, True):
+                found = exact.cumulative_sum(gy, dtype=form, include_initial=initial)
+                expected = exact.cumulative_sum(y, dtype=form, include_initial=initial)
+                assert type(found) is CudaTensor and torch.equal(found.cpu(), expected)
+        for a, b in ((z, z.T), (z.conj(), n.double()), (m, z.mH), (z[:0], z.T)):
+            found = exact.matmul(a.as_subclass(CudaTensor), b.as_subclass(CudaTensor))
+            assert torch.equal(found.cpu(), exact.matmul(a, b))
         total = exact.Sum(device="cuda")
         total.add(gx)
         torch.streams.append(torch.Stream(9))
@@ -509,6 +706,20 @@ def test_numbers_of_formats_are_those_of_the_kernels():
     names = [name.lower() for name in re.findall(r"k(\w+)Format", enumerators)]
     assert names == list(_devices.FORMAT_NUMBERS)
     assert list(_devices.FORMAT_NUMBERS.values()) == list(range(len(names)))
+
+
+def test_sizes_of_memory_and_parts_are_those_of_the_kernels():
+    tree = Path(__file__).resolve().parents[2]
+    text = (tree / "korvex" / "kernels" / "states.h").read_text()
+    parts = re.search(r"enum ElementPart : int \{(.*?)\};", text, re.DOTALL).group(1)
+    names = re.findall(r"k(\w+)Part", parts)
+    assert [getattr(_device_products, name.upper()) for name in names] == [0, 1, 2]
+    assert f"kSegmentWords = {_device_products.SEGMENT_WORDS};" in text
+    table = (tree / "korvex" / "kernels" / "table.h").read_text()
+    assert f"kGridBlock = {_device_products.BLOCK};" in table
+    element = (tree / "korvex" / "arithmetic" / "exact" / "matrix_product.h").read_text()
+    assert "kLongestElement = std::int64_t{1} << 17;" in element
+    assert _device_products.MOST_DEPTH == 1 << 17
 
 
 def test_device_names(run):

@@ -3,93 +3,17 @@
 #include "tests/launches/state_case.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
 #include <sstream>
+
+#include "tests/launches/array_cases.h"
+#include "tests/launches/state_data.h"
 
 namespace korvex::launches {
 namespace {
 
 using kernels::kStateKernels;
 using kernels::StateKernelRow;
-
-static_assert(int{kernels::kBoolFormat} == int{KORVEX_FORMAT_BOOL});
-static_assert(int{kernels::kInt64Format} == int{KORVEX_FORMAT_INT64});
-static_assert(int{kernels::kUint64Format} == int{KORVEX_FORMAT_UINT64});
-static_assert(int{kernels::kFloat16Format} == int{KORVEX_FORMAT_FLOAT16});
-static_assert(int{kernels::kBfloat16Format} == int{KORVEX_FORMAT_BFLOAT16});
-static_assert(int{kernels::kFloat32Format} == int{KORVEX_FORMAT_FLOAT32});
-static_assert(int{kernels::kFloat64Format} == int{KORVEX_FORMAT_FLOAT64});
-
-const StateKernelRow& kernel_named(std::string_view name) {
-  return *std::ranges::find_if(kStateKernels,
-                               [&](const StateKernelRow& row) { return row.name == name; });
-}
-
-constexpr int kFormats = kernels::kFloat64Format + 1;
-constexpr std::int64_t kBytes[kFormats] = {1, 1, 2, 4, 8, 1, 2, 4, 8, 2, 2, 4, 8};
-// Of floating-point formats: the bits of the exponent, and of the fraction.
-constexpr int kFractionBits[kFormats] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 10, 7, 23, 52};
-
-bool is_floating(int format) { return format >= kernels::kFloat16Format; }
-
-std::uint64_t infinity_of(int format) {
-  const int width = static_cast<int>(8 * kBytes[format]);
-  return (std::uint64_t{1} << (width - 1)) - (std::uint64_t{1} << kFractionBits[format]);
-}
-
-// The bits of one element.
-std::uint64_t draw_bits(test::Random& random, const StateOperand& operand, double value) {
-  const int format = operand.format;
-  std::uint64_t bits = random.bits() >> (64 - 8 * kBytes[format]);
-  if (!is_floating(format)) {
-    return operand.data == StateData::kModerate ? bits & 0x7 : bits;
-  }
-  const std::uint64_t infinity = infinity_of(format);
-  if (operand.data == StateData::kSpecial && random.below(8) == 0) {
-    const std::uint64_t sign = (bits & 1) << (8 * kBytes[format] - 1);
-    const std::uint64_t kinds[] = {infinity, infinity, infinity | 1, 0, 1};
-    return kinds[static_cast<std::size_t>(random.below(5))] | sign;
-  }
-  if (operand.data == StateData::kDoubles && format == kernels::kFloat64Format) {
-    return std::bit_cast<std::uint64_t>(value);
-  }
-  if (operand.data == StateData::kModerate) {  // a few binades around 1
-    const std::uint64_t one = (infinity >> 1) & infinity;
-    const auto lower = static_cast<std::uint64_t>(random.below(4)) << kFractionBits[format];
-    const std::uint64_t fraction = bits & ((std::uint64_t{1} << kFractionBits[format]) - 1);
-    return (one - lower) | fraction |
-           (bits & (infinity + (std::uint64_t{1} << kFractionBits[format])));
-  }
-  return (bits & infinity) == infinity ? bits & ~infinity : bits;
-}
-
-struct DrawnOperand {
-  StateArray array;
-  std::int64_t first = 0;  // byte of element 0
-  std::int64_t byte_stride = 0;
-};
-
-DrawnOperand draw_operand(test::Random& random, const StateOperand& operand, std::int64_t n,
-                          const char* name) {
-  const std::int64_t bytes = kBytes[operand.format];
-  const std::int64_t places = n == 0 ? 0 : std::abs(operand.stride) * (n - 1) + 1;
-  DrawnOperand drawn;
-  drawn.byte_stride = operand.stride * bytes;
-  drawn.first = operand.stride < 0 && n > 0 ? (places - 1) * bytes : 0;
-  drawn.array.name = name;
-  drawn.array.is_input = true;
-  drawn.array.past_16 =
-      static_cast<std::uint64_t>(bytes * random.below(static_cast<int>(16 / bytes)));
-  drawn.array.bytes.resize(static_cast<std::size_t>(places * bytes));
-  const auto shape = static_cast<test::Shape>(random.below(static_cast<int>(test::Shape::kCount)));
-  const auto values = test::draw_many(random, shape, static_cast<std::size_t>(places), false);
-  for (std::int64_t i = 0; i < places; ++i) {
-    const std::uint64_t bits = draw_bits(random, operand, values[static_cast<std::size_t>(i)]);
-    std::memcpy(drawn.array.bytes.data() + i * bytes, &bits, static_cast<std::size_t>(bytes));
-  }
-  return drawn;
-}
 
 // The same array for the host library.
 struct HostArray {
@@ -119,12 +43,6 @@ Words words_of(const StateArray& array) {
   Words words(array.bytes.size() / sizeof(std::int64_t));
   std::memcpy(words.data(), array.bytes.data(), array.bytes.size());
   return words;
-}
-
-void require(bool holds, const std::string& text) {
-  if (!holds) {
-    throw Failure(text);
-  }
 }
 
 void require_same(const Words& found, const Words& expected) {
@@ -243,26 +161,6 @@ void run_settling(StateRunner& device, const korvex_exact_functions& host, const
   require_same(words_of(state), expected);
 }
 
-// The bits that a result array gets for a value of its format.
-std::uint64_t bits_of(double value, int format) {
-  if (format == KORVEX_FORMAT_FLOAT64) {
-    return std::bit_cast<std::uint64_t>(value);
-  }
-  if (value != value) {
-    return format == KORVEX_FORMAT_FLOAT32   ? 0x7fc00000
-           : format == KORVEX_FORMAT_FLOAT16 ? 0x7e00
-                                             : 0x7fc0;
-  }
-  const auto bits = std::bit_cast<std::uint32_t>(static_cast<float>(value));
-  if (format == KORVEX_FORMAT_FLOAT32) {
-    return bits;
-  }
-  if (format == KORVEX_FORMAT_BFLOAT16) {
-    return bits >> 16;
-  }
-  return std::bit_cast<std::uint16_t>(static_cast<_Float16>(value));
-}
-
 void run_rounding(StateRunner& device, const korvex_exact_functions& host, const StateCase& one) {
   test::Random random(one.seed);
   const bool has_specials = random.below(4) == 0;
@@ -311,6 +209,9 @@ std::string name_of(const StateCase& one) {
          << " sign=" << addition.sign << " blocks=" << addition.shape.blocks()
          << " threads=" << addition.shape.threads() << "]";
   }
+  if (one.arrays) {
+    name << name_of(*one.arrays);
+  }
   return name.str();
 }
 
@@ -318,7 +219,9 @@ void run_state_case(StateRunner& device, const korvex_exact_functions& host, con
   device.forget();
   try {
     const std::string_view kernel = one.kernel->name;
-    if (kernel == "korvex_settle_state") {
+    if (one.arrays) {
+      run_array_case(device, host, one);
+    } else if (kernel == "korvex_settle_state") {
       run_settling(device, host, one);
     } else if (kernel == "korvex_round_state") {
       run_rounding(device, host, one);
@@ -428,6 +331,9 @@ class CaseMaker {
 
 std::vector<StateCase> state_cases_of(const StateKernelRow& kernel, bool is_long,
                                       std::uint64_t seed) {
+  if (is_of_arrays(kernel)) {
+    return array_cases_of(kernel, is_long, seed);
+  }
   CaseMaker maker(kernel, is_long, seed);
   const std::string_view name = kernel.name;
   if (name == "korvex_add_elements" || name == "korvex_add_products") {

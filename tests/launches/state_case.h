@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Launches of the kernels of exact states on drawn data, for whatever runs device code on a host:
-// several into one state, which must then be that of the host library, word for word.
+// several into one state, which must then be that of the host library, word for word; those of one
+// matrix product or running sum (array_cases.h), whose results must be the host library's.
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,6 +20,7 @@ struct StateArray {
   std::string name;
   std::vector<unsigned char> bytes;
   bool is_input = false;
+  bool is_unwritten = false;  // junk, until a launch writes it
   std::uint64_t past_16 = 0;  // bytes that it starts after a multiple of 16
   std::uint64_t address = 0;  // set by place()
 };
@@ -33,7 +36,15 @@ class StateRunner {
   virtual void forget() = 0;                 // all arrays
 };
 
-enum class StateData { kAnyBits, kModerate, kSpecial, kDoubles, kCount };
+enum class StateData {
+  kAnyBits,
+  kModerate,
+  kSpecial,
+  kDoubles,  // of the shapes of random_data.h
+  kLarge,    // doubles whose sums are around the largest
+  kTies,     // doubles between two numbers of narrow formats, and some below all of these
+  kCount
+};
 
 // One array of an addition.
 struct StateOperand {
@@ -51,12 +62,27 @@ struct StateAddition {
   std::uint64_t seed = 0;
 };
 
-// Additions to one state, or, of the other two kernels, drawn words.
+// A product of two matrices, or, without b, running sums of a vector.
+struct ArrayCase {
+  std::int64_t rows = 1;
+  std::int64_t columns = 1;
+  std::int64_t depth = 0;
+  StateOperand a;
+  StateOperand b;
+  int format = kernels::kFloat64Format;  // of the result
+  int width = 16;                        // of a tile
+  std::int64_t step = 1;
+  std::int64_t segments = 1;
+  Shape shape;
+};
+
+// Additions to one state; of the kernels that settle and round, drawn words; of the others arrays.
 struct StateCase {
   const kernels::StateKernelRow* kernel = nullptr;
   int kind = 0;  // as in korvex/kernels/host/exact.h
   std::vector<StateAddition> additions;
   std::uint64_t seed = 0;
+  std::optional<ArrayCase> arrays = std::nullopt;
 };
 
 std::string name_of(const StateCase& one);

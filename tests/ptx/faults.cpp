@@ -1,24 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-// The faults: where each is planted, the launch that must fail, and by which message.
+// The faults in the kernels of the table: where each is planted, the launch that must fail, and by
+// which message.
 #include "tests/ptx/faults.h"
 
 #include <cstdio>
-#include <regex>
-#include <vector>
 
+#include "korvex/kernels/states.h"
 #include "tests/ptx/cases.h"
+#include "tests/ptx/planting.h"
+#include "tests/ptx/state_faults.h"
 
 namespace korvex::ptx {
 namespace {
 
-// Where a fault is planted: a line of one function that matches.
 struct Fault {
-  const char* what;
-  const char* function;  // a part of its name
-  const char* line;      // a regular expression
-  int occurrence;        // which of the matching lines, from 0
-  const char* instead;   // of the matching part
-  const char* kernel;    // that is launched
+  Planting at;
+  const char* kernel;  // that is launched
   std::int64_t n;
   unsigned blocks;
   Data data;
@@ -127,59 +124,6 @@ const Fault kFaults[] = {
 };
 // clang-format on
 
-struct Lines {
-  std::size_t first = 0;  // of the function's body, from 1
-  std::size_t last = 0;
-};
-
-Lines lines_of(const Module& module, const Fault& fault) {
-  for (const auto& function : module.functions) {
-    if (function->has_body && function->name.find(fault.function) != std::string::npos) {
-      const auto line = [&](std::int32_t pc) {
-        return static_cast<std::size_t>(module.code[static_cast<std::size_t>(pc)].line);
-      };
-      return {line(function->begin), line(function->end - 1)};
-    }
-  }
-  throw Failure(std::string("no function ") + fault.function);
-}
-
-std::vector<std::string> split(const std::string& text) {
-  std::vector<std::string> lines;
-  for (std::size_t at = 0; at < text.size();) {
-    const std::size_t end = std::min(text.find('\n', at), text.size());
-    lines.push_back(text.substr(at, end - at));
-    at = end + 1;
-  }
-  return lines;
-}
-
-// The text with the fault in it. Changes exactly one line, or throws.
-std::string planted(const Fault& fault, const Module& module, const std::string& text) {
-  std::vector<std::string> lines = split(text);
-  const std::regex wanted(fault.line);
-  const Lines range = lines_of(module, fault);
-  int matching = 0;
-  int changed = 0;
-  for (std::size_t i = range.first - 1; i < range.last; ++i) {
-    if (!std::regex_search(lines[i], wanted) || matching++ != fault.occurrence) {
-      continue;
-    }
-    const std::string before = lines[i];
-    lines[i] =
-        std::regex_replace(before, wanted, fault.instead, std::regex_constants::format_first_only);
-    changed += lines[i] != before ? 1 : 0;
-  }
-  if (changed != 1) {
-    throw Failure("the fault changes " + std::to_string(changed) + " lines");
-  }
-  std::string result;
-  for (const std::string& line : lines) {
-    result += line + '\n';
-  }
-  return result;
-}
-
 Case case_of(const Fault& fault, std::uint64_t seed) {
   Case one;
   const launches::Subject subject = launches::subject_of(fault.kernel);
@@ -216,22 +160,21 @@ bool is_noticed(const Fault& fault, const HostLibrary& host, const Module& modul
                 const std::string& text, std::uint64_t seed, Figures& figures) {
   std::string message;
   try {
-    message = outcome(host, planted(fault, module, text), case_of(fault, seed), figures);
+    message = outcome(host, planted(fault.at, module, text), case_of(fault, seed), figures);
   } catch (const Failure& failure) {
     message = failure.what();
   }
-  const bool noticed = std::regex_search(message, std::regex(fault.noticed_by));
-  std::printf("%s: %s\n  by: %s\n", noticed ? "noticed" : "NOT NOTICED", fault.what,
-              message.c_str());
-  std::fflush(stdout);
-  return noticed;
+  return is_expected(fault.at, message, fault.noticed_by);
 }
 
 }  // namespace
 
 FaultCount plant_faults(const HostLibrary& host, const std::string& text, std::uint64_t seed) {
-  FaultCount count;
   const std::unique_ptr<Module> module = parse(text);
+  if (module->find(kernels::kStateKernels[0].name) != nullptr) {
+    return plant_faults_in_states(host, *module, text, seed);
+  }
+  FaultCount count;
   for (const Fault& fault : kFaults) {
     const std::string untouched = outcome(host, text, case_of(fault, seed), count.figures);
     if (untouched != "nothing") {

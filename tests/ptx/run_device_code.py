@@ -126,7 +126,7 @@ def runs_of(arguments: argparse.Namespace, files: list[Path], last: Path) -> lis
     hard = ["--hard-cases", str(HARD_CASES)]
     ordinary, others = files[: len(SOURCES)], files[len(SOURCES) :]
     kernels = [[*tool, str(path), *hard, "--kernels-only"] for path in ordinary]
-    faults = [[*tool, str(ordinary[0]), *hard, "--faults-only"]]
+    faults = [[*tool, str(path), *hard, "--faults-only"] for path in ordinary]
     if arguments.long:
         kernels = [
             [*tool, str(path), *hard, "--kernels-only", "--long", "--seed", str(seed)]

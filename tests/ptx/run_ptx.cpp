@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Runs the kernels of PTX files on the host and compares their results with the host kernels;
 // plants faults in the PTX and wants each of them noticed. Of a file with the kernels of exact
-// states it compares the states that they leave, and plants no faults.
+// states it compares the states and the arrays that they leave.
 //
 // usage: run_ptx HOST_LIBRARY PTX... [--long] [--seed N] [--kernel NAME] [--hard-cases JSON]
 //                [--faults-only | --kernels-only] [--unreached] [--most-elements N]

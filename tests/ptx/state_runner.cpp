@@ -5,15 +5,11 @@
 #include <algorithm>
 
 namespace korvex::ptx {
-namespace {
-
-constexpr std::uint64_t kMostSteps = 400'000'000;  // of a launch
-
-}  // namespace
 
 void MachineOfStates::place(launches::StateArray& array) {
   Region& region =
-      machine_.add_array(array.name, array.bytes.size(), kWritten, array.is_input, array.past_16);
+      machine_.add_array(array.name, array.bytes.size(), array.is_unwritten ? kUnwritten : kWritten,
+                         array.is_input, array.past_16);
   std::ranges::copy(array.bytes, region.bytes.begin());
   array.address = region.base;
   regions_.push_back(&region);
@@ -21,7 +17,7 @@ void MachineOfStates::place(launches::StateArray& array) {
 
 void MachineOfStates::launch(const kernels::StateKernelRow& kernel, const Shape& shape,
                              const std::vector<std::uint64_t>& values, std::uint64_t seed) {
-  machine_.launch(kernel.name, shape, values, seed, kMostSteps);
+  machine_.launch(kernel.name, shape, values, seed, most_steps_);
 }
 
 void MachineOfStates::read(launches::StateArray& array) {

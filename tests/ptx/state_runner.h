@@ -11,7 +11,9 @@ namespace korvex::ptx {
 
 class MachineOfStates : public launches::StateRunner {
  public:
-  explicit MachineOfStates(Machine& machine) : machine_(machine) {}
+  // most_steps: of a launch.
+  explicit MachineOfStates(Machine& machine, std::uint64_t most_steps = 400'000'000)
+      : machine_(machine), most_steps_(most_steps) {}
 
   void place(launches::StateArray& array) override;
   void launch(const kernels::StateKernelRow& kernel, const Shape& shape,
@@ -21,6 +23,7 @@ class MachineOfStates : public launches::StateRunner {
 
  private:
   Machine& machine_;
+  std::uint64_t most_steps_;
   std::vector<Region*> regions_;
 };
 

@@ -125,6 +125,9 @@ class CupyArray:
     def __getitem__(self, key):
         return self._like(self.values[key])
 
+    def __neg__(self):
+        return self._like(-self.values)
+
     def __iadd__(self, other):
         self.values += other.values
         return self
@@ -212,6 +215,12 @@ def pretend_torch_has_a_gpu(driver):
 
     class CudaTensor(torch.Tensor):
         device = torch.device("cuda", 0)
+
+        @classmethod
+        def __torch_function__(cls, *arguments):
+            result = super().__torch_function__(*arguments)
+            _kept.append(result)
+            return result
 
         def cpu(self):
             driver.wait(0, torch.cuda.current_stream(0).cuda_stream)

@@ -20,6 +20,7 @@
 #include "korvex/kernels/device/parallel_dot.h"
 #include "korvex/kernels/device/parallel_sum.h"
 #include "korvex/kernels/device/state_elements.h"
+#include "korvex/kernels/device/state_results.h"
 #include "korvex/kernels/states.h"
 
 namespace korvex::kernels {
@@ -225,29 +226,6 @@ KORVEX_HD void settle_by_block(const Thread& thread, arithmetic::StateKind kind,
   thread.sync_block();
   for (int i = thread.index(); i < count; i += thread.threads()) {
     words[i] = block.words[i];
-  }
-}
-
-KORVEX_INLINE bool is_narrow_result(int format) { return format != kFloat64Format; }
-// The constants are copied, as device code can name no object of the host.
-KORVEX_INLINE arithmetic::NarrowFormat narrow_result(int format) {
-  constexpr arithmetic::NarrowFormat kHalf = arithmetic::kFloat16;
-  constexpr arithmetic::NarrowFormat kBrain = arithmetic::kBfloat16;
-  constexpr arithmetic::NarrowFormat kSingle = arithmetic::kFloat32;
-  return format == kFloat16Format ? kHalf : format == kBfloat16Format ? kBrain : kSingle;
-}
-
-// Writes a number that the format has.
-KORVEX_INLINE void write_result(double value, int format, void* out) {
-  if (!is_narrow_result(format)) {
-    *static_cast<double*>(out) = value;
-    return;
-  }
-  const NarrowBits bits = NarrowBits::of(format);
-  if (bits.bytes == 2) {
-    *static_cast<std::uint16_t*>(out) = static_cast<std::uint16_t>(bits.encode(value));
-  } else {
-    *static_cast<std::uint32_t*>(out) = static_cast<std::uint32_t>(bits.encode(value));
   }
 }
 

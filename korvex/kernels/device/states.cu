@@ -2,7 +2,10 @@
 // The kernels of exact states for a GPU, in the order of korvex/kernels/states.h.
 //
 // As those of kernels.cu they are thin shells, and run on any grid of at least one block; blocks
-// are whole warps. They keep nothing between launches: what they add, they add to the state.
+// are whole warps. They keep nothing between launches: what they add, they add to the state, and
+// what the launches of one running sum share, the caller brings.
+#include "korvex/kernels/device/state_products.h"
+#include "korvex/kernels/device/state_segments.h"
 #include "korvex/kernels/device/state_sums.h"
 #include "korvex/kernels/device/thread.cuh"
 
@@ -63,4 +66,57 @@ extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock)
     round_by_block(thread, state_kind(kind), words, of_products != 0, static_cast<int>(format), out,
                    block);
   }
+}
+
+// Writes one part of n elements as doubles, in runs of `inner`, each of which has room for
+// `copies`.
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock,
+                                             korvex::kernels::kResidentStateBlocks)
+    korvex_widen(long long n, const void* x, long long x_stride, long long x_format, long long part,
+                 long long inner, long long copies, double* out) {
+  using namespace korvex::kernels;
+  widen_by_grid(DeviceThread(), elements(x, x_stride, x_format), n, static_cast<int>(part), inner,
+                copies, out);
+}
+
+// Writes a times b, each element rounded once to a format; blocks take tiles of a width.
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock,
+                                             korvex::kernels::kResidentProductBlocks)
+    korvex_multiply(long long tiles, long long width, const double* a, const double* b,
+                    long long rows, long long columns, long long depth, void* out, long long step,
+                    long long format) {
+  using namespace korvex::kernels;
+  using Memory = MatrixTile<DeviceThread, RoundedResults>::Memory;
+  alignas(16) __shared__ unsigned char memory[sizeof(Memory)];
+  multiply_by_grid(DeviceThread(), tiles, static_cast<int>(width), {a, b, rows, columns, depth},
+                   {{out, step, static_cast<int>(format)}}, *reinterpret_cast<Memory*>(memory));
+}
+
+// The first of three launches of a running sum: each segment of the n elements by itself.
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock,
+                                             korvex::kernels::kResidentStateBlocks)
+    korvex_sum_segments(long long segments, void* memory, long long n, const void* x,
+                        long long x_stride, long long x_format) {
+  using namespace korvex::kernels;
+  sum_segments_by_grid(DeviceThread(), elements(x, x_stride, x_format), {n, segments, memory});
+}
+
+// The second: gives each segment the sum of all before it; by the first block.
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock)
+    korvex_join_segments(long long segments, void* memory, long long n) {
+  using namespace korvex::kernels;
+  const DeviceThread thread;
+  if (thread.block() == 0) {
+    join_segments_by_block(thread, {n, segments, memory});
+  }
+}
+
+// The third: writes the sum through each element, rounded once to a format.
+extern "C" __global__ void __launch_bounds__(korvex::kernels::kGridBlock,
+                                             korvex::kernels::kResidentStateBlocks)
+    korvex_running_sums(long long segments, void* memory, long long n, const void* x,
+                        long long x_stride, long long x_format, void* out, long long format) {
+  using namespace korvex::kernels;
+  write_running_sums_by_grid(DeviceThread(), elements(x, x_stride, x_format), {n, segments, memory},
+                             {out, 1, static_cast<int>(format)});
 }

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <vector>
 
+#include "korvex/kernels/device/state_products.h"
+#include "korvex/kernels/device/state_segments.h"
 #include "korvex/kernels/device/state_sums.h"
 #include "tests/device_code/simulated_grid.h"
 
@@ -34,6 +36,45 @@ bool add_on_grid(unsigned blocks, const std::uint64_t* sign_and_target, const Ad
       blocks, [&](const auto& thread, auto& block) { add(thread, state, block); });
 }
 
+struct NoMemory {};
+
+// Kernels of products and running sums.
+inline bool run_array_kernel(int row, unsigned blocks, const std::uint64_t* values,
+                             const StateElements& elements) {
+  const auto number = [values](int i) { return static_cast<std::int64_t>(values[i]); };
+  const auto pointer = [values](int i) { return reinterpret_cast<void*>(values[i]); };
+  const Segments segments(number(2), number(0), pointer(1));
+  switch (row) {
+    case 4:
+      return run_on_grid<NoMemory>(blocks, [&](const auto& thread, NoMemory&) {
+        widen_by_grid(thread, elements, number(0), static_cast<int>(number(4)), number(5),
+                      number(6), static_cast<double*>(pointer(7)));
+      });
+    case 5: {
+      using Memory = MatrixTile<test::SimulatedThread, RoundedResults>::Memory;
+      const Factors factors{static_cast<const double*>(pointer(2)),
+                            static_cast<const double*>(pointer(3)), number(4), number(5),
+                            number(6)};
+      const RoundedResults results{{pointer(7), number(8), static_cast<int>(number(9))}};
+      return run_on_grid<Memory>(blocks, [&](const auto& thread, Memory& block) {
+        multiply_by_grid(thread, number(0), static_cast<int>(number(1)), factors, results, block);
+      });
+    }
+    case 6:
+      return run_on_grid<NoMemory>(blocks, [&](const auto& thread, NoMemory&) {
+        sum_segments_by_grid(thread, elements, segments);
+      });
+    case 7:
+      return run_on_grid<NoMemory>(
+          blocks, [&](const auto& thread, NoMemory&) { join_segments_by_block(thread, segments); });
+    default:
+      return run_on_grid<NoMemory>(blocks, [&](const auto& thread, NoMemory&) {
+        write_running_sums_by_grid(thread, elements, segments,
+                                   {pointer(6), 1, static_cast<int>(number(7))});
+      });
+  }
+}
+
 // The kernel of a row of states.h, with its arguments.
 inline bool run_state_kernel(int row, unsigned blocks, const std::uint64_t* values) {
   const auto n = static_cast<std::int64_t>(values[0]);
@@ -59,11 +100,13 @@ inline bool run_state_kernel(int row, unsigned blocks, const std::uint64_t* valu
       return run_on_grid<StateWorkMemory>(blocks, [&](const auto& thread, auto& block) {
         settle_by_block(thread, kind, words, block);
       });
-    default:
+    case 3:
       return run_on_grid<StateWorkMemory>(blocks, [&](const auto& thread, auto& block) {
         round_by_block(thread, kind, words, values[2] != 0, static_cast<int>(values[3]),
                        reinterpret_cast<void*>(values[4]), block);
       });
+    default:
+      return run_array_kernel(row, blocks, values, elements(values + (row == 4 ? 1 : 3)));
   }
 }
 

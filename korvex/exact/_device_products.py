@@ -1,0 +1,188 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Matrix products and running sums on a GPU, each element rounded once there.
+
+The kernel of products reads contiguous float64; other operands are copied to that by a kernel,
+exactly. A 64-bit integer is two doubles, itself rounded and the rest; then each of them meets each
+of the other operand's, one after the other along the dimension that is summed over. The halves of
+complex matrices stand beside each other in the same way. All launches go to the caller's current
+stream, with memory of the arrays' library, and nothing waits for them.
+"""
+
+from __future__ import annotations
+
+from typing import Any
+
+from korvex.exact._arrays import Real
+from korvex.exact._device_state import DeviceState
+from korvex.exact._devices import FORMAT_NUMBERS, Device, Run
+from korvex.exact._state import DOT, WORD_BYTES
+
+# Numbered as in korvex/kernels/states.h, where the next two stand as well.
+WHOLE, REST, FINITE = range(3)
+SEGMENT_WORDS = 224
+BLOCK = 256  # threads
+
+_WIDE = {FORMAT_NUMBERS["int64"], FORMAT_NUMBERS["uint64"]}
+# An element of more products, and a product of one element, is a dot product of its own: the
+# kernel of products has one thread for each, and slices for no more.
+MOST_DEPTH = 1 << 17
+MOST_SEGMENTS = 8192  # 15 MB
+_LEAST_SEGMENT = 32  # elements
+
+# One of the products that are added up: two operands, and which part of each.
+Term = tuple[Run, int, Run, int]
+
+
+def _launch(device: Device, kernel: str, *arguments: int) -> None:
+    from korvex.exact import _cuda
+
+    _cuda.launch(kernel, device.ordinal, device.handle(device.stream()), *arguments)
+
+
+# --- Matrices
+
+
+def matmul(device: Device, left: list[Real], right: list[Real], form: str, shape: Any) -> Any:
+    """The product of two matrices, or of the halves of complex ones."""
+    rows, depth = left[0].values.shape
+    columns = right[0].values.shape[1]
+    sums = _sums_of_products(left, right)
+    out = device.empty(rows * columns * len(sums), form)
+    for half, pairs in enumerate(sums):
+        if rows * columns == 1 or depth * _most_terms(device, pairs) > MOST_DEPTH:
+            _multiply_by_states(device, pairs, out, half, len(sums), form)
+        elif rows * columns:
+            terms = _terms(device, pairs)
+            _multiply(device, terms, (rows, columns, depth), out, half, len(sums), form)
+    return (out if len(sums) == 1 else device.joined(out)).reshape(shape)
+
+
+def _sums_of_products(left: list[Real], right: list[Real]) -> list[list[tuple[Real, Real]]]:
+    """For each half of the result the real products whose sum it is."""
+    if len(left) == len(right) == 1:
+        return [[(left[0], right[0])]]
+    if len(right) == 1:
+        return [[(half, right[0])] for half in left]
+    if len(left) == 1:
+        return [[(left[0], half)] for half in right]
+    (a, ai), (b, bi) = left, right
+    return [[(a, b), (ai._replace(values=-ai.values), bi)], [(a, bi), (ai, b)]]
+
+
+def _most_terms(device: Device, pairs: list[tuple[Real, Real]]) -> int:
+    wide = ("int64", "uint64")
+    halves = [[1 + (device.format_of(x.values) in wide) for x in pair] for pair in pairs]
+    return sum(of_a * of_b for of_a, of_b in halves)
+
+
+def _terms(device: Device, pairs: list[tuple[Real, Real]]) -> list[Term]:
+    terms: list[Term] = []
+    for x, y in pairs:
+        a, b = device.run(x.values, True), device.run(y.values, True)
+        terms.append((a, WHOLE, b, WHOLE))
+        # An infinity or a NaN must meet the whole of an integer, and the rest of none.
+        if a.format in _WIDE:
+            terms.append((a, REST, b, WHOLE if b.format in _WIDE else FINITE))
+        if b.format in _WIDE:
+            terms.append((a, WHOLE if a.format in _WIDE else FINITE, b, REST))
+        if a.format in _WIDE and b.format in _WIDE:
+            terms.append((a, REST, b, REST))
+    return terms
+
+
+def _multiply(
+    device: Device,
+    terms: list[Term],
+    extents: tuple[int, int, int],
+    out: Any,
+    half: int,
+    halves: int,
+    form: str,
+) -> None:
+    rows, columns, depth = extents
+    a = _doubles(device, [(run, part) for run, part, _, _ in terms], 1)
+    b = _doubles(device, [(run, part) for _, _, run, part in terms], columns)
+    width = _tile_width(rows, columns)
+    tiles = -(-columns // width) * -(-rows // (BLOCK // width))
+    _launch(
+        device,
+        "korvex_multiply",
+        tiles,
+        width,
+        a.address,
+        b.address,
+        rows,
+        columns,
+        depth * len(terms),
+        device.address(out) + half * out.itemsize,
+        halves,
+        FORMAT_NUMBERS[form],
+    )
+
+
+def _doubles(device: Device, parts: list[tuple[Run, int]], inner: int) -> Run:
+    """Contiguous float64: the parts in turn, as many elements of each at a time as `inner` says."""
+    [(run, _), *others] = parts
+    number = FORMAT_NUMBERS["float64"]
+    is_contiguous = run.elements < 2 or run.byte_stride == WORD_BYTES
+    if not others and run.format == number and is_contiguous:
+        return run
+    made = device.empty(run.elements * len(parts), "float64")
+    address = device.address(made)
+    for place, (each, part) in enumerate(parts):
+        if each.elements:
+            first = address + place * inner * WORD_BYTES
+            arguments = (*each.arguments(), part, inner, len(parts), first)
+            _launch(device, "korvex_widen", each.elements, *arguments)
+    return Run(run.elements * len(parts), address, WORD_BYTES, number, made)
+
+
+def _tile_width(rows: int, columns: int) -> int:
+    """Columns of a tile: 16, or what leaves few of a block's threads without an element.
+
+    >>> _tile_width(100, 100), _tile_width(100, 1), _tile_width(3, 100)
+    (16, 1, 64)
+    """
+    if columns < 16:
+        return 1 << (columns - 1).bit_length()
+    return BLOCK >> (rows - 1).bit_length() if rows < 16 else 16
+
+
+def _multiply_by_states(
+    device: Device,
+    pairs: list[tuple[Real, Real]],
+    out: Any,
+    half: int,
+    halves: int,
+    form: str,
+) -> None:
+    rows, columns = pairs[0][0].values.shape[0], pairs[0][1].values.shape[1]
+    for row in range(rows):
+        for column in range(columns):
+            state = DeviceState(DOT, device)
+            for a, b in pairs:
+                x, y = a.values[row, :], b.values[:, column]
+                state.accumulate(a._replace(values=x), b._replace(values=y))
+            state.round_into(out, (row * columns + column) * halves + half, form)
+
+
+# --- Running sums
+
+
+def cumulative_sum(device: Device, x: Real, form: str, include_initial: bool) -> Any:
+    """The sums of the first elements of a vector, with that of none where it is asked for."""
+    run = device.run(x.values, True)
+    if not include_initial:
+        out = device.empty(run.elements, form)
+    else:
+        out = device.zeros(run.elements + 1, form)
+    if run.elements:
+        segments = min(-(-run.elements // _LEAST_SEGMENT), MOST_SEGMENTS)
+        memory = device.empty(segments * SEGMENT_WORDS, "int64")
+        shared = (segments, device.address(memory), run.elements)
+        first = device.address(out) + int(include_initial) * out.itemsize
+        _launch(device, "korvex_sum_segments", *shared, *run.arguments())
+        _launch(device, "korvex_join_segments", *shared)
+        arguments = (*shared, *run.arguments(), first, FORMAT_NUMBERS[form])
+        _launch(device, "korvex_running_sums", *arguments)
+    return out
