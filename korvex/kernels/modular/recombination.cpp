@@ -97,12 +97,15 @@ KORVEX_VNNI_INLINE __m512d doubles_of(const std::int32_t* x) {
   return _mm512_cvtepi32_pd(_mm256_load_si256(reinterpret_cast<const __m256i*>(x)));
 }
 
-// Lanes where limb = RN(limb + t) for each |t| <= rest, with room for the roundings in rest: no
-// tie.
-KORVEX_VNNI_INLINE __mmask8 is_nearest(__m512d limb, __m512d rest) {
-  const __m512d more = _mm512_mul_pd(rest, _mm512_set1_pd(1 + 0x1p-40));
-  return _mm512_cmp_pd_mask(_mm512_add_pd(limb, more), limb, _CMP_EQ_OQ) &
-         _mm512_cmp_pd_mask(_mm512_sub_pd(limb, more), limb, _CMP_EQ_OQ);
+// Lanes where limb = RN(limb + next + t) for each |t| <= rest: because rest is zero, ties included;
+// or because next and rest, with room for the roundings in them, are less than half of a gap.
+KORVEX_VNNI_INLINE __mmask8 is_nearest(__m512d limb, __m512d next, __m512d rest) {
+  const __mmask8 is_exact = _mm512_cmp_pd_mask(rest, _mm512_setzero_pd(), _CMP_EQ_OQ) &
+                            _mm512_cmp_pd_mask(_mm512_add_pd(limb, next), limb, _CMP_EQ_OQ);
+  const __m512d more =
+      _mm512_mul_pd(_mm512_add_pd(rest, _mm512_abs_pd(next)), _mm512_set1_pd(1 + 0x1p-40));
+  return is_exact | (_mm512_cmp_pd_mask(_mm512_add_pd(limb, more), limb, _CMP_EQ_OQ) &
+                     _mm512_cmp_pd_mask(_mm512_sub_pd(limb, more), limb, _CMP_EQ_OQ));
 }
 
 // The limbs of the sum of integers * 2^exponent.
@@ -240,16 +243,17 @@ KORVEX_VNNI __mmask8 RecombinedRow::write_lanes(int first) {
   order<kDoubles>(x, 0);
   order<kDoubles>(x, 1);
   order<kDoubles>(x, 2);
-  __m512d rest = _mm512_setzero_pd();
+  __m512d rest = _mm512_setzero_pd();  // of magnitudes, after the next limb
 #pragma GCC unroll 8
-  for (int i = kDoubles - 1; i > 2; --i) {
+  for (int i = kDoubles - 1; i > 3; --i) {
     rest = _mm512_add_pd(rest, _mm512_abs_pd(x[i]));
   }
-  __mmask8 good = is_nearest(x[2], rest);
+  const __m512d after = kDoubles > 3 ? x[kDoubles > 3 ? 3 : 0] : _mm512_setzero_pd();
+  __mmask8 good = is_nearest(x[2], after, rest);
+  rest = _mm512_add_pd(rest, _mm512_abs_pd(after));
+  good &= is_nearest(x[1], x[2], rest);
   rest = _mm512_add_pd(rest, _mm512_abs_pd(x[2]));
-  good &= is_nearest(x[1], rest);
-  rest = _mm512_add_pd(rest, _mm512_abs_pd(x[1]));
-  good &= is_nearest(x[0], rest);
+  good &= is_nearest(x[0], x[1], rest);
   const __m512d exponents =
       _mm512_add_pd(_mm512_set1_pd(row.exponent), _mm512_load_pd(row.column_exponents + first));
   good &= _mm512_cmp_pd_mask(exponents, _mm512_set1_pd(arithmetic::kUnitExponent), _CMP_GE_OQ);
