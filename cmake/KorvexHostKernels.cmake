@@ -14,6 +14,18 @@ set(korvex_options_of_avx512
 
 get_filename_component(korvex_tree "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
 
+# The matrix product, by slices and by residues.
+set(korvex_matrix_product_sources
+  "${korvex_tree}/korvex/kernels/host/matrix_product.cpp"
+  "${korvex_tree}/korvex/kernels/host/modular_lines.cpp"
+  "${korvex_tree}/korvex/kernels/host/modular_plan.cpp"
+  "${korvex_tree}/korvex/kernels/host/modular_product.cpp"
+  "${korvex_tree}/korvex/kernels/host/some_lines.cpp"
+  "${korvex_tree}/korvex/kernels/modular/extents.cpp"
+  "${korvex_tree}/korvex/kernels/modular/products.cpp"
+  "${korvex_tree}/korvex/kernels/modular/recombination.cpp"
+  "${korvex_tree}/korvex/kernels/modular/residues.cpp")
+
 # korvex_add_host_kernels(TARGET OPTION...): needs KorvexFlags and Threads.
 function(korvex_add_host_kernels target)
   set(folder "${korvex_tree}/korvex/kernels/host")
@@ -29,7 +41,7 @@ function(korvex_add_host_kernels target)
     "${folder}/exact_segments.cpp"
     "${folder}/exact_tiles.cpp"
     "${folder}/launch.cpp"
-    "${folder}/matrix_product.cpp"
+    ${korvex_matrix_product_sources}
     "${folder}/pairs.cpp"
     "${folder}/reductions.cpp"
     "${folder}/rms_norm.cpp"

@@ -100,7 +100,8 @@ def test_kernels_that_do_not_load_are_a_failure(tmp_path):
 
 def kernels_from(sources, target, flags=()):
     """The host kernels compiled from a folder of sources."""
-    files = sorted((sources / "korvex" / "kernels" / "host").glob("*.cpp"))
+    folders = (sources / "korvex" / "kernels" / name for name in ("host", "modular"))
+    files = sorted(path for folder in folders for path in folder.glob("*.cpp"))
     command = [configurations.compiler(), *FLAGS, *flags, f"-I{sources}", *files]
     subprocess.run([*command, "-o", target], check=True)
     return target

@@ -9,7 +9,9 @@
 #include <string_view>
 
 #include "korvex/kernels/host/float_environment.h"
+#include "korvex/kernels/host/product_way.h"
 #include "korvex/kernels/host/shells.h"
+#include "korvex/kernels/modular/instructions.h"
 #include "korvex/kernels/table.h"
 
 namespace korvex::host {
@@ -129,6 +131,10 @@ int korvex_host_launch(int index, const unsigned grid[3], const unsigned block[3
   }
   return KORVEX_HOST_DONE;
 }
+
+void korvex_host_set_product_way(int way) { korvex::host::product_settings.way = way; }
+
+int korvex_host_has_products_by_residues(void) { return korvex::modular::can_run() ? 1 : 0; }
 
 const char* korvex_host_instruction_set(void) {
 #if defined(__AVX512F__)

@@ -18,6 +18,8 @@
 #include "korvex/arithmetic/exact/dot.h"
 #include "korvex/arithmetic/exact/matrix_product.h"
 #include "korvex/kernels/host/lanes.h"
+#include "korvex/kernels/host/modular_product.h"
+#include "korvex/kernels/host/product_way.h"
 #include "korvex/kernels/host/shells.h"
 #include "korvex/kernels/host/threads.h"
 
@@ -320,6 +322,18 @@ void add_element(const MatrixProduct& product, std::int64_t i, std::int64_t j,
 }
 
 void multiply_on_host(const MatrixProduct& product, const ProductSink& sink, int threads) {
+  const int way = product_settings.way;
+  ModularOptions options;
+  options.is_wanted = way == KORVEX_HOST_PRODUCTS_BY_RESIDUES;
+  options.is_checked = product_settings.is_checked;
+  options.threads = threads;
+  if (way == KORVEX_HOST_PRODUCTS_BY_SLICES ||
+      !multiply_by_residues(product, sink, options).is_done) {
+    multiply_by_slices(product, sink, threads);
+  }
+}
+
+void multiply_by_slices(const MatrixProduct& product, const ProductSink& sink, int threads) {
   if (product.m <= 0 || product.n <= 0) {
     return;
   }

@@ -85,7 +85,8 @@ struct ProductTile {
   std::int64_t row_stride;  // of the limbs
 };
 
-// Takes the elements, tile by tile; tiles of several threads at once.
+// Takes the elements, tile by tile; tiles of several threads at once. An element may come twice:
+// the last one counts.
 class ProductSink {
  public:
   // May have the limbs written elsewhere than to the thread's memory, to which they point.
@@ -117,7 +118,10 @@ class LimbArrays final : public ProductSink {
   std::int64_t columns_;
 };
 
-// At most `threads` host threads work; the result does not depend on how many.
+// At most `threads` host threads work; the result does not depend on how many, nor on the way that
+// is taken: by residues (modular_product.h) where the processor can and the product is large, else
+// by slices.
 void multiply_on_host(const MatrixProduct& product, const ProductSink& sink, int threads);
+void multiply_by_slices(const MatrixProduct& product, const ProductSink& sink, int threads);
 
 }  // namespace korvex::host

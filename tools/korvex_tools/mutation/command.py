@@ -28,6 +28,8 @@ TARGETS = (
     "korvex/arithmetic/*/*.h",
     "korvex/kernels/host/*.h",
     "korvex/kernels/host/*.cpp",
+    "korvex/kernels/modular/*.h",
+    "korvex/kernels/modular/*.cpp",
     "korvex/kernels/device/parallel_*.h",
     "korvex/kernels/device/warp_*.h",
 )

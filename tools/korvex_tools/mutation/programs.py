@@ -44,10 +44,18 @@ SUITES = (
     "eft bignum long_accumulator canonical exact_sum exact_state sum dot matrix_product pairs "
     "elementary host_doubles reductions wide_numbers"
 ).split()
-HOST = "korvex/kernels/host"
+HOST, MODULAR = "korvex/kernels/host", "korvex/kernels/modular"
 HOST_SOURCES = sorted(
-    str(path.relative_to(SOURCE_TREE)) for path in (SOURCE_TREE / HOST).glob("*.cpp")
+    str(path.relative_to(SOURCE_TREE))
+    for folder in (HOST, MODULAR)
+    for path in (SOURCE_TREE / folder).glob("*.cpp")
 )
+PRODUCT_SOURCES = tuple(
+    name
+    for name in HOST_SOURCES
+    if name.startswith((MODULAR, f"{HOST}/matrix_product", f"{HOST}/modular_", f"{HOST}/some_"))
+)
+WITH_VNNI = "modular_product"  # runs in the build for AVX-512 only
 LIBRARY_CHECKS = ("host_kernels", "golden", "exact")
 PYTHON_CHECKS = {
     "golden": "korvex_tools.mutation.golden_cases",
@@ -75,10 +83,11 @@ class Program:
 def all_programs() -> dict[str, Program]:
     found = {}
     for suite in SUITES:
-        extra = (f"{HOST}/matrix_product.cpp",) if suite == "matrix_product" else ()
+        extra = PRODUCT_SOURCES if suite == "matrix_product" else ()
         found[suite] = Program(suite, (f"tests/cpp/test_{suite}.cpp", f"mains/{suite}.cpp", *extra))
     for name in ("parallel_sum", "parallel_dot"):
         found[name] = Program(name, (f"tests/device_code/test_{name}.cpp",))
+    found[WITH_VNNI] = Program(WITH_VNNI, ("tests/cpp/test_modular_product.cpp", *PRODUCT_SOURCES))
     found["out_of_memory"] = Program(
         "out_of_memory", ("tests/cpp/test_out_of_memory.cpp", *HOST_SOURCES)
     )

@@ -15,6 +15,7 @@ from korvex_tools.mutation.programs import (
     PROGRAMS,
     PYTHON_CHECKS,
     TEST_LEVEL,
+    WITH_VNNI,
     FailsUnchanged,
     NotCompiled,
     Program,
@@ -26,7 +27,7 @@ UNCHANGED_SECONDS = 300  # of the processor, for a program or check as it is
 
 # The own tests of every file that is mutated. All others that include it come afterwards.
 A, B, E, X = (f"korvex/arithmetic/{name}/" for name in ("base", "bignum", "elementary", "exact"))
-H, D = "korvex/kernels/host/", "korvex/kernels/device/"
+H, D, M = (f"korvex/kernels/{name}/" for name in ("host", "device", "modular"))
 KERNELS = "host_kernels golden"
 CALLS = "exact out_of_memory"
 OWN_TESTS = {
@@ -65,6 +66,7 @@ OWN_TESTS = {
     X + "pairs.h": "pairs",
     X + "prefix_sums.h": "reductions",
     X + "products.h": "dot",
+    X + "residue_system.h": WITH_VNNI,
     X + "slice.h": "sum dot parallel_sum",
     X + "sum.h": "sum",
     X + "variance.h": "reductions",
@@ -86,6 +88,10 @@ OWN_TESTS = {
     H + "launch.h": "host_kernels out_of_memory",
     H + "matrix_product.h": "matrix_product",
     H + "mixed_products.h": "exact",
+    H + "modular_lines.h": WITH_VNNI,
+    H + "modular_plan.h": WITH_VNNI,
+    H + "modular_product.h": WITH_VNNI,
+    H + "product_way.h": KERNELS,
     H + "result_format.h": "exact",
     H + "terms.h": "exact",
     H + "threads.h": "host_kernels out_of_memory",
@@ -102,11 +108,25 @@ OWN_TESTS = {
     H + "exact_segments.h": "exact",
     H + "launch.cpp": "host_kernels out_of_memory",
     H + "matrix_product.cpp": "matrix_product",
+    H + "modular_lines.cpp": WITH_VNNI,
+    H + "modular_plan.cpp": WITH_VNNI,
+    H + "modular_product.cpp": WITH_VNNI,
     H + "pairs.cpp": KERNELS,
     H + "reductions.cpp": KERNELS,
     H + "rms_norm.cpp": KERNELS,
+    H + "some_lines.cpp": WITH_VNNI,
     H + "sum.cpp": KERNELS,
     H + "unary.cpp": KERNELS,
+    M + "extents.cpp": WITH_VNNI,
+    M + "extents.h": WITH_VNNI,
+    M + "instructions.h": WITH_VNNI,
+    M + "products.cpp": WITH_VNNI,
+    M + "products.h": WITH_VNNI,
+    M + "recombination.cpp": WITH_VNNI,
+    M + "recombination.h": WITH_VNNI,
+    M + "reduction.h": WITH_VNNI,
+    M + "residues.cpp": WITH_VNNI,
+    M + "residues.h": WITH_VNNI,
 }
 SPLITS = re.compile(r"__AVX|__FMA__|kFmaIsFast")  # source that is not the same for all of them
 
@@ -129,6 +149,8 @@ class Trials:
         return [name for name in others if self.tree.covers(PROGRAMS[name], file)]
 
     def sets_of(self, file: str) -> list[str]:
+        if self.own_tests(file) == [WITH_VNNI]:
+            return ["avx512"]
         text = (self.tree.folder / file).read_text()
         return self.sets if SPLITS.search(text) else self.sets[:1]
 
@@ -149,6 +171,8 @@ class Trials:
         tried, is_changed = [], False
         for instruction_set in self.sets_of(mutant.file):
             for name in names:
+                if name == WITH_VNNI and instruction_set != "avx512":
+                    continue
                 self.prepare(PROGRAMS[name], instruction_set)
                 tried.append(f"{name} {instruction_set}")
                 try:

@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a matrix product by residues is planned from: what it costs beside the one by slices, how
+// many moduli it takes, which lines are left out, and how much of it is in memory at a time.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+
+#include "korvex/kernels/host/modular_lines.h"
+
+namespace korvex::host {
+
+struct ProductExtents {
+  std::int64_t m, n, k;
+};
+
+constexpr std::int64_t padded(std::int64_t n, std::int64_t unit) {
+  return (n + unit - 1) / unit * unit;
+}
+
+// In nanoseconds, of which only the proportions count.
+double cost_by_residues(const ProductExtents& extents, int moduli);
+double cost_by_slices(const ProductExtents& extents);
+
+struct ModularPlan {
+  int moduli = 0;     // 0: no lines that moduli can hold
+  int bits = 0;       // of the integers that elements are made from
+  int left_bits = 0;  // of the elements of the operands, at most
+  int right_bits = 0;
+  double cost = 0;
+};
+
+// Of all ways to leave out the widest lines, the cheapest. The product of the moduli is at least
+// four times the largest integer, and where it is checked 256 times that.
+ModularPlan cheapest_plan(const ModularLines& left, const ModularLines& right,
+                          const ProductExtents& extents, bool is_checked);
+
+// Residues and reduced products of all threads together. What stands on their stacks, or for each
+// line, comes on top: 64 KiB a thread and four bytes a line.
+constexpr std::int64_t kMostProductBytes = std::int64_t{60} << 20;
+
+// How many lines of either operand, and how many of their elements, are taken at a time.
+struct PanelShape {
+  std::int64_t rows, columns, depth;
+
+  std::int64_t plane_bytes() const { return rows * columns + 64; }
+  std::int64_t left_bytes() const { return rows * depth + 64; }
+  std::int64_t right_bytes() const { return columns * depth + 64; }
+  // Of a thread.
+  std::int64_t bytes(int moduli) const {
+    return moduli * (plane_bytes() + left_bytes() + right_bytes() +
+                     rows * static_cast<std::int64_t>(sizeof(std::int32_t)));
+  }
+
+  // How many threads may work at a time.
+  std::int64_t most_ranges(int moduli) const {
+    return std::max<std::int64_t>(1, kMostProductBytes / bytes(moduli));
+  }
+};
+
+PanelShape panel_shape(const ProductExtents& extents, int moduli, int threads);
+
+}  // namespace korvex::host

@@ -1,0 +1,498 @@
+// SPDX-License-Identifier: Apache-2.0
+// The matrix product by residues: the same limbs as by slices, for every kind of line, and wrong
+// residues found.
+//
+// Skipped with status 77 where the processor cannot run it.
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <vector>
+
+#include "check.h"
+#include "korvex/arithmetic/exact/residue_system.h"
+#include "korvex/kernels/host/modular_plan.h"
+#include "korvex/kernels/host/modular_product.h"
+#include "korvex/kernels/modular/instructions.h"
+#include "korvex/kernels/modular/products.h"
+#include "product_checks.h"
+#include "random_data.h"
+
+namespace korvex::test {
+namespace {
+
+constexpr double kInf = std::numeric_limits<double>::infinity();
+constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+
+struct ModularResult {
+  ProductLimbs limbs;
+  host::ModularOutcome outcome;
+};
+
+class MatricesInMemory {
+ public:
+  explicit MatricesInMemory(const Matrices& matrices)
+      : k_(static_cast<std::int64_t>(matrices.k)),
+        n_(static_cast<std::int64_t>(matrices.n)),
+        a_(matrices.a.data(), k_, 1),
+        b_(matrices.b.data(), 1, n_),
+        product{a_, b_, static_cast<std::int64_t>(matrices.m), n_, k_} {}
+
+ private:
+  std::int64_t k_;
+  std::int64_t n_;
+  host::FactorInMemory a_;
+  host::FactorInMemory b_;
+
+ public:
+  const host::MatrixProduct product;
+};
+
+ProductLimbs untouched(const Matrices& matrices) {
+  ProductLimbs out;
+  for (auto& limb : out.limb) {
+    limb.assign(matrices.m * matrices.n + 1, 7.0);
+  }
+  return out;
+}
+
+host::LimbArrays arrays_of(ProductLimbs& limbs, const Matrices& matrices) {
+  return {{limbs.limb[0].data(), limbs.limb[1].data(), limbs.limb[2].data()},
+          static_cast<std::int64_t>(matrices.n)};
+}
+
+ProductLimbs by_slices(const Matrices& matrices) {
+  ProductLimbs out = untouched(matrices);
+  const MatricesInMemory in_memory(matrices);
+  host::multiply_by_slices(in_memory.product, arrays_of(out, matrices), 1);
+  return out;
+}
+
+ModularResult by_residues(const Matrices& matrices, host::ModularOptions options = {}) {
+  ModularResult result = {untouched(matrices), {}};
+  const MatricesInMemory in_memory(matrices);
+  options.is_wanted = true;
+  result.outcome =
+      host::multiply_by_residues(in_memory.product, arrays_of(result.limbs, matrices), options);
+  return result;
+}
+
+bool are_same(const ProductLimbs& x, const ProductLimbs& y) {
+  bool same = true;
+  for (int limb = 0; limb < 3; ++limb) {
+    same = same && same_limbs(x.limb[limb], y.limb[limb]);
+  }
+  return same;
+}
+
+// Returns how many moduli were taken.
+int expect_same(const Matrices& matrices) {
+  const ModularResult result = by_residues(matrices);
+  CHECK(result.outcome.is_done);
+  CHECK(are_same(result.limbs, by_slices(matrices)));
+  return result.outcome.moduli;
+}
+
+// The same where some lines can be taken; where none can, nothing is written.
+void expect_same_or_nothing(const Matrices& matrices) {
+  const ModularResult result = by_residues(matrices);
+  CHECK(are_same(result.limbs, result.outcome.is_done ? by_slices(matrices) : untouched(matrices)));
+}
+
+Matrices draw_matrices(Random& random, Shape shape, std::size_t m, std::size_t n, std::size_t k) {
+  return {m, n, k, draw_many(random, shape, m * k, false), draw_many(random, shape, k * n, false)};
+}
+
+Matrices constant_matrices(std::size_t m, std::size_t n, std::size_t k, double a, double b) {
+  return {m, n, k, std::vector<double>(m * k, a), std::vector<double>(k * n, b)};
+}
+
+// ---- One modulus
+
+struct ResidueMatrices {
+  std::vector<std::uint8_t> left, right;
+  std::vector<std::int32_t> sums;
+};
+
+// Bytes in blocks, from residues row by row and column by column.
+ResidueMatrices blocked(const std::vector<int>& a, const std::vector<int>& b, std::size_t quads) {
+  const std::size_t k = 4 * quads;
+  ResidueMatrices blocks = {std::vector<std::uint8_t>(16 * k + 64),
+                            std::vector<std::uint8_t>(64 * k + 64), std::vector<std::int32_t>(16)};
+  for (std::size_t i = 0; i < k; ++i) {
+    for (std::size_t row = 0; row < 16; ++row) {
+      blocks.left[i / 4 * 64 + row * 4 + i % 4] = static_cast<std::uint8_t>(a[row * k + i] & 255);
+      blocks.sums[row] += a[row * k + i];
+    }
+    for (std::size_t column = 0; column < 64; ++column) {
+      blocks.right[i / 4 * 256 + column * 4 + i % 4] =
+          static_cast<std::uint8_t>(b[column * k + i] + 128);
+    }
+  }
+  return blocks;
+}
+
+// Checks every element of one block: congruent, and small.
+void expect_congruent(const std::vector<int>& a, const std::vector<int>& b, std::size_t quads,
+                      int modulus) {
+  const std::size_t k = 4 * quads;
+  const ResidueMatrices blocks = blocked(a, b, quads);
+  // The blocks are aligned as the kernels need them.
+  struct alignas(64) Line {
+    std::uint8_t byte[64];
+  };
+  std::vector<Line> left(k * 16 / 64);
+  std::vector<Line> right(k);
+  std::vector<Line> plane(16);
+  std::copy(blocks.left.begin(), blocks.left.begin() + static_cast<std::ptrdiff_t>(16 * k),
+            left.front().byte);
+  std::copy(blocks.right.begin(), blocks.right.begin() + static_cast<std::ptrdiff_t>(64 * k),
+            right.front().byte);
+  const modular::ResidueProduct product = {left.front().byte,
+                                           right.front().byte,
+                                           0,
+                                           0,
+                                           blocks.sums.data(),
+                                           1,
+                                           1,
+                                           static_cast<std::int64_t>(quads),
+                                           modulus};
+  auto* bytes = reinterpret_cast<std::int8_t*>(plane.front().byte);
+  modular::multiply_residues(product, {bytes, 64, false});
+  modular::multiply_residues(product, {bytes, 64, true});
+  bool is_right = true;
+  for (std::size_t row = 0; row < 16; ++row) {
+    for (std::size_t column = 0; column < 64; ++column) {
+      std::int64_t expected = 0;
+      for (std::size_t i = 0; i < k; ++i) {
+        expected += std::int64_t{2} * a[row * k + i] * b[column * k + i];
+      }
+      const int found = bytes[modular::place_in_plane(static_cast<std::int64_t>(row),
+                                                      static_cast<std::int64_t>(column), 64)];
+      is_right =
+          is_right && (found - expected) % modulus == 0 && std::abs(found) <= modulus / 2 + 1;
+    }
+  }
+  CHECK(is_right);
+}
+
+// The largest sums: they stay within 2^24 after the correction, and are reduced as all others.
+void products_of_the_largest_residues() {
+  for (const std::uint8_t p : arithmetic::kModuli) {
+    const int largest = p / 2 + 1;
+    const std::size_t quads = modular::kDepth / 4;
+    const std::vector<int> high(64 * 4 * quads, largest);
+    const std::vector<int> low(64 * 4 * quads, -largest);
+    expect_congruent(high, high, quads, p);
+    expect_congruent(low, high, quads, p);
+    expect_congruent(low, low, quads, p);
+  }
+}
+
+void products_of_random_residues() {
+  Random random(101);
+  for (const std::uint8_t p : arithmetic::kModuli) {
+    for (const std::size_t quads : {1U, 2U, 77U}) {
+      std::vector<int> a(16 * 4 * quads);
+      std::vector<int> b(64 * 4 * quads);
+      std::generate(a.begin(), a.end(), [&] { return random.between(-p / 2 - 1, p / 2 + 1); });
+      std::generate(b.begin(), b.end(), [&] { return random.between(-p / 2 - 1, p / 2 + 1); });
+      expect_congruent(a, b, quads, p);
+    }
+  }
+}
+
+void systems_bring_their_constants() {
+  for (int count = 1; count <= arithmetic::kMostModuli; ++count) {
+    const arithmetic::ResidueSystem system(count);
+    for (int t = 0; t < count; ++t) {
+      int residue = 0;
+      for (int place = arithmetic::ByteNumber::kDigits - 1; place >= 0; --place) {
+        residue = (residue * 256 + system.quotient_digit(t, place)) % system.modulus(t);
+      }
+      CHECK(residue * system.inverse(t) % system.modulus(t) == 1);
+    }
+    CHECK(arithmetic::ResidueSystem::count_for(
+              arithmetic::kBitsOfModuli[static_cast<std::size_t>(count - 1)]) == count);
+  }
+}
+
+// ---- Whole products
+
+void sizes_around_the_borders_of_blocks() {
+  Random random(102);
+  for (const std::size_t m : {1U, 5U, 6U, 11U, 15U, 16U, 17U, 129U}) {
+    for (const std::size_t n : {1U, 7U, 63U, 64U, 65U, 130U}) {
+      for (const std::size_t k : {1U, 3U, 4U, 5U, 64U, 66U}) {
+        expect_same(draw_matrices(random, Shape::kNarrow, m, n, k));
+      }
+    }
+  }
+  expect_same(draw_matrices(random, Shape::kNarrow, 20, 600, 30));
+  expect_same(draw_matrices(random, Shape::kNarrow, 600, 20, 30));
+}
+
+void each_shape_of_data() {
+  Random random(103);
+  for (int shape = 0; shape < static_cast<int>(Shape::kCount); ++shape) {
+    for (const std::size_t k : {1U, 40U, 200U}) {
+      expect_same_or_nothing(draw_matrices(random, static_cast<Shape>(shape), 21, 70, k));
+    }
+  }
+}
+
+// Exponents of every width up to what the moduli hold and beyond, over the whole range of doubles.
+void exponents_over_the_whole_range() {
+  Random random(104);
+  for (int repeat = 0; repeat < 150; ++repeat) {
+    const int width = random.between(0, 170);
+    const int a_low = random.between(-1074, 1023 - width);
+    const int b_low = random.between(-1074, 1023 - width);
+    Matrices matrices = constant_matrices(9, 20, 33, 0, 0);
+    std::generate(matrices.a.begin(), matrices.a.end(),
+                  [&] { return random.with_exponent(random.between(a_low, a_low + width)); });
+    std::generate(matrices.b.begin(), matrices.b.end(),
+                  [&] { return random.with_exponent(random.between(b_low, b_low + width)); });
+    expect_same_or_nothing(matrices);
+  }
+}
+
+// The second half of each row and column takes back the first, up to one small part.
+void sums_that_cancel() {
+  Random random(105);
+  for (const Shape shape : {Shape::kNarrow, Shape::kPowers, Shape::kIntegers}) {
+    Matrices matrices = draw_matrices(random, shape, 33, 65, 90);
+    for (std::size_t k = 0; k < 45; ++k) {
+      for (std::size_t i = 0; i < 33; ++i) {
+        matrices.a[i * 90 + 45 + k] = -matrices.a[i * 90 + k];
+      }
+      for (std::size_t j = 0; j < 65; ++j) {
+        matrices.b[(45 + k) * 65 + j] = matrices.b[k * 65 + j];
+      }
+    }
+    expect_same(matrices);
+    matrices.a[7] += 0x1p-30;
+    matrices.b[7] *= 1 + 0x1p-40;
+    expect_same(matrices);
+  }
+}
+
+// Elements 1 + s * 2^-53 + t * 2^-106 + ...: midpoints of two doubles in every limb.
+void ties_in_every_limb() {
+  for (const double second : {0x1p-53, -0x1p-53, 0x1p-54, -0x1p-54, 3 * 0x1p-53, 0.0}) {
+    for (const double third : {0x1p-106, -0x1p-106, 0x1p-107, -0x1p-107, 0x1p-140, 0.0}) {
+      for (const double fourth : {0x1p-159, -0x1p-159, 0x1p-160, -0x1p-165, 0.0}) {
+        for (const double first : {1.0, 1 + 0x1p-52, -1.0, 2 - 0x1p-52}) {
+          Matrices matrices = constant_matrices(17, 8, 4, 0, 1);
+          for (std::size_t i = 0; i < 17; ++i) {
+            const double parts[4] = {first, second, third, fourth};
+            std::copy(parts, parts + 4, matrices.a.begin() + static_cast<std::ptrdiff_t>(4 * i));
+          }
+          expect_same(matrices);
+        }
+      }
+    }
+  }
+}
+
+void integers_take_few_moduli() {
+  Random random(106);
+  const int integers = expect_same(draw_matrices(random, Shape::kIntegers, 40, 70, 100));
+  const int doubles = expect_same(draw_matrices(random, Shape::kNarrow, 40, 70, 100));
+  CHECK(integers >= 1 && integers <= 5);
+  CHECK(doubles >= 15 && doubles <= 20);
+}
+
+void zeros_give_plus_zero() {
+  Random random(107);
+  expect_same(constant_matrices(17, 65, 5, 0.0, 0.0));
+  expect_same(constant_matrices(17, 65, 5, -0.0, 1.0));
+  Matrices matrices = draw_matrices(random, Shape::kNarrow, 20, 70, 30);
+  std::fill(matrices.a.begin() + 30, matrices.a.begin() + 60, -0.0);
+  for (std::size_t k = 0; k < 30; ++k) {
+    matrices.b[k * 70 + 69] = 0.0;
+  }
+  expect_same(matrices);
+}
+
+// A row or a column of the kind leaves the moduli of all others as they are.
+void wild_lines_leave_others_alone() {
+  Random random(108);
+  const Matrices tame = draw_matrices(random, Shape::kNarrow, 100, 130, 64);
+  const int moduli = expect_same(tame);
+  for (const double wild : {kInf, -kInf, kNan, 1e300, 0x1p-1074, 0x1p+506, 0x1p-1022}) {
+    Matrices matrices = tame;
+    matrices.a[37 * 64 + 5] = wild;
+    CHECK(expect_same(matrices) == moduli);
+    matrices = tame;
+    matrices.b[std::size_t{5} * 130 + 129] = wild;
+    CHECK(expect_same(matrices) == moduli);
+    matrices.a[37 * 64 + 6] = -wild;
+    matrices.a[99 * 64 + 63] = 0;
+    CHECK(expect_same(matrices) == moduli);
+  }
+}
+
+void only_wild_lines_are_left_to_slices() {
+  const Matrices matrices = constant_matrices(20, 70, 3, kNan, 1.0);
+  CHECK(!by_residues(matrices).outcome.is_done);
+  expect_same_or_nothing(matrices);
+}
+
+// Rows of short and of full integers at the borders of blocks and of sums.
+void depths_at_every_border() {
+  for (const std::size_t k : {1023U, 1024U, 1025U, 65535U, 65536U, 65537U, 131071U, 131072U}) {
+    Random random(109);
+    expect_same(draw_matrices(random, Shape::kNarrow, 3, 9, k));
+    expect_same(constant_matrices(2, 9, k, 125.0, -125.0));
+    expect_same(constant_matrices(2, 9, k, 0x1.fffffffffffffp+0, 0x1.fffffffffffffp+1));
+  }
+}
+
+// Beyond the longest element for slices, which then adds product by product.
+void depths_beyond_the_slices() {
+  for (const std::size_t k : {131073U, 262145U}) {
+    Random random(110);
+    expect_same(draw_matrices(random, Shape::kNarrow, 2, 3, k));
+    expect_same(constant_matrices(1, 3, k, 0x1.fffffffffffffp+0, -0x1.fffffffffffffp+1));
+  }
+}
+
+// Rows of elements down to 2^-944 that meet columns where products fall below 2^-970 and below the
+// smallest double; so do limbs, which are rounded there.
+void products_near_the_smallest_double() {
+  Random random(111);
+  for (const int lowest : {-944, -960, -1000, -1022, -1074}) {
+    for (const int column : {-20, -60, -100, -140, -200}) {
+      Matrices matrices = constant_matrices(18, 66, 12, 0, 0);
+      std::generate(matrices.a.begin(), matrices.a.end(), [&] {
+        return random.with_exponent(random.between(std::max(lowest, -1022), lowest + 60));
+      });
+      std::generate(matrices.b.begin(), matrices.b.end(),
+                    [&] { return random.with_exponent(random.between(column, column + 30)); });
+      expect_same(matrices);
+    }
+  }
+}
+
+// Products of 2^1010, so many that their sum overflows, or one limb of it.
+void sums_near_overflow() {
+  for (const std::size_t k : {8191U, 8192U, 16384U, 16385U}) {
+    Matrices matrices = constant_matrices(2, 3, k, 0x1p+504, 0x1p+504);
+    expect_same(matrices);
+    matrices.a[0] = 0x1p+460;
+    matrices.a[1] = -0x1p+460;
+    expect_same(matrices);
+    expect_same(constant_matrices(2, 3, k, 0x1.fffffffffffffp+504, -0x1.fffffffffffffp+504));
+  }
+}
+
+void any_number_of_threads_gives_the_same_bits() {
+  Random random(112);
+  for (const auto& [m, n] : {std::array<std::size_t, 2>{150, 90}, {90, 300}}) {
+    Matrices matrices = draw_matrices(random, Shape::kNarrow, m, n, 200);
+    matrices.a[777] = 1e200;
+    const ProductLimbs expected = by_slices(matrices);
+    for (const int threads : {1, 2, 3, 16}) {
+      host::ModularOptions options;
+      options.threads = threads;
+      CHECK(are_same(by_residues(matrices, options).limbs, expected));
+    }
+  }
+}
+
+// ---- Wrong residues
+
+void expect_found(const Matrices& matrices, const ProductLimbs& expected,
+                  const host::PlantedFault& fault) {
+  host::ModularOptions options;
+  options.is_checked = true;
+  options.faults = &fault;
+  options.fault_count = 1;
+  const ModularResult checked = by_residues(matrices, options);
+  CHECK(checked.outcome.found == 1);
+  CHECK(are_same(checked.limbs, expected));
+}
+
+void one_wrong_residue_is_found_and_repaired() {
+  Random random(113);
+  for (const Shape shape : {Shape::kNarrow, Shape::kIntegers, Shape::kPowers}) {
+    const Matrices matrices = draw_matrices(random, shape, 20, 70, 50);
+    const ProductLimbs expected = by_slices(matrices);
+    host::ModularOptions options;
+    options.is_checked = true;
+    const ModularResult clean = by_residues(matrices, options);
+    CHECK(clean.outcome.found == 0);
+    CHECK(are_same(clean.limbs, expected));
+    CHECK(clean.outcome.moduli > by_residues(matrices).outcome.moduli);
+    for (int modulus = 0; modulus < clean.outcome.moduli; ++modulus) {
+      for (const int difference : {1, -1, 3, 14, -14}) {
+        expect_found(matrices, expected, {random.below(20), random.below(70), modulus, difference});
+      }
+    }
+  }
+}
+
+// The control: without the redundant modulus the same fault shows in the limbs.
+void one_wrong_residue_shows_where_nobody_looks() {
+  Random random(114);
+  const Matrices matrices = draw_matrices(random, Shape::kNarrow, 20, 70, 50);
+  const host::PlantedFault fault = {3, 65, 2, 1};
+  host::ModularOptions options;
+  options.faults = &fault;
+  options.fault_count = 1;
+  const ModularResult result = by_residues(matrices, options);
+  CHECK(result.outcome.found == 0);
+  CHECK(!are_same(result.limbs, by_slices(matrices)));
+}
+
+// ---- Memory
+
+void panels_stay_within_their_memory() {
+  for (const int moduli : {1, 20, 48}) {
+    for (const int threads : {1, 2, 7, 16, 64, 256}) {
+      for (const std::int64_t extent : {1, 64, 1000, 100000}) {
+        const host::PanelShape shape =
+            host::panel_shape({extent, extent, 10 * extent}, moduli, threads);
+        const std::int64_t ranges = std::min<std::int64_t>(threads, shape.most_ranges(moduli));
+        CHECK(ranges * shape.bytes(moduli) <= std::int64_t{64} << 20);
+        CHECK(ranges >= std::min(threads, 28));
+      }
+    }
+  }
+}
+
+}  // namespace
+
+int test_modular_product() {
+  if (!modular::can_run()) {
+    std::printf("this processor has no AVX-512 VNNI\n");
+    return 77;
+  }
+  systems_bring_their_constants();
+  products_of_the_largest_residues();
+  products_of_random_residues();
+  sizes_around_the_borders_of_blocks();
+  each_shape_of_data();
+  exponents_over_the_whole_range();
+  sums_that_cancel();
+  ties_in_every_limb();
+  integers_take_few_moduli();
+  zeros_give_plus_zero();
+  wild_lines_leave_others_alone();
+  only_wild_lines_are_left_to_slices();
+  depths_at_every_border();
+  depths_beyond_the_slices();
+  products_near_the_smallest_double();
+  sums_near_overflow();
+  any_number_of_threads_gives_the_same_bits();
+  one_wrong_residue_is_found_and_repaired();
+  one_wrong_residue_shows_where_nobody_looks();
+  panels_stay_within_their_memory();
+  return Tally::all().finish();
+}
+
+}  // namespace korvex::test
+
+int main() { return korvex::test::test_modular_product(); }
