@@ -27,11 +27,13 @@ bool Clocks::is_ordered(std::uint32_t self, std::uint32_t thread, Clock clock) c
   if (thread == self || clock <= before_launch_) {
     return true;
   }
-  const Shared& outside = knowledge_[self].outside;
-  if (outside != nullptr && clock <= (*outside)[thread]) {
-    return true;
-  }
   const std::uint32_t block = self / threads_per_block_;
+  if (const Shared& outside = knowledge_[self].outside; outside != nullptr) {
+    const OfBlock& known = (*outside)[thread / threads_per_block_];
+    if (known != nullptr && clock <= (*known)[thread % threads_per_block_]) {
+      return true;
+    }
+  }
   if (thread / threads_per_block_ != block) {
     return false;
   }
@@ -48,6 +50,21 @@ bool Clocks::is_ordered(std::uint32_t self, std::uint32_t thread, Clock clock) c
   return table != nullptr && clock <= (*table)[own % kLanes][other % kLanes];
 }
 
+void Clocks::join(OfBlock& into, const OfBlock& more) {
+  if (more == nullptr || more == into) {
+    return;
+  }
+  const auto is_below = [](Clock a, Clock b) { return a <= b; };
+  if (into == nullptr || std::ranges::equal(*into, *more, is_below)) {
+    into = more;
+  } else if (!std::ranges::equal(*more, *into, is_below)) {
+    auto joined = std::make_shared<std::vector<Clock>>(*into);
+    std::ranges::transform(*joined, *more, joined->begin(),
+                           [](Clock a, Clock b) { return std::max(a, b); });
+    into = std::move(joined);
+  }
+}
+
 void Clocks::join(Shared& into, const Shared& more) {
   if (more == nullptr || more == into) {
     return;
@@ -58,7 +75,7 @@ void Clocks::join(Shared& into, const Shared& more) {
   }
   auto joined = std::make_shared<Vector>(*into);
   for (std::size_t i = 0; i < joined->size(); ++i) {
-    (*joined)[i] = std::max((*joined)[i], (*more)[i]);
+    join((*joined)[i], (*more)[i]);
   }
   into = std::move(joined);
 }
@@ -116,23 +133,33 @@ void Clocks::meet(std::uint32_t first_of_warp, std::uint32_t lanes) {
 
 Clocks::Vector Clocks::all_known_to(std::uint32_t thread) const {
   const Shared& outside = knowledge_[thread].outside;
-  Vector known = outside != nullptr ? *outside : Vector(clocks_.size(), 0);
+  Vector all = outside != nullptr ? *outside : Vector(clocks_.size() / threads_per_block_);
+  OfBlock& of_block = all[thread / threads_per_block_];
+  std::vector<Clock> known =
+      of_block != nullptr ? *of_block : std::vector<Clock>(threads_per_block_);
   const std::uint32_t first = thread / threads_per_block_ * threads_per_block_;
-  for (std::uint32_t i = first; i < first + threads_per_block_; ++i) {
-    known[i] = std::max(known[i], at_barrier_[i]);
+  for (std::uint32_t i = 0; i < threads_per_block_; ++i) {
+    known[i] = std::max(known[i], at_barrier_[first + i]);
   }
   const std::uint32_t own = thread - first;
   const std::uint32_t warps_of_block = (threads_per_block_ + kLanes - 1) / kLanes;
   const auto& table =
       warps_[std::size_t{thread / threads_per_block_} * warps_of_block + own / kLanes];
   for (std::uint32_t lane = 0; table != nullptr && lane < kLanes; ++lane) {
-    const std::uint32_t other = first + own / kLanes * kLanes + lane;
-    if (other < first + threads_per_block_) {
+    const std::uint32_t other = own / kLanes * kLanes + lane;
+    if (other < threads_per_block_) {
       known[other] = std::max(known[other], (*table)[own % kLanes][lane]);
     }
   }
-  known[thread] = clocks_[thread];
-  return known;
+  known[own] = clocks_[thread];
+  of_block = std::make_shared<const std::vector<Clock>>(std::move(known));
+  return all;
+}
+
+void Clocks::end_block(std::uint32_t block) {
+  for (std::uint32_t i = 0; i < threads_per_block_; ++i) {
+    knowledge_[block * threads_per_block_ + i] = Knowledge();
+  }
 }
 
 void Clocks::fence(std::uint32_t thread) {

@@ -32,12 +32,16 @@ class Clocks {
   bool is_ordered(std::uint32_t self, std::uint32_t thread, Clock clock) const;
 
   void barrier(std::uint32_t block);
+  void end_block(std::uint32_t block);  // none of its threads does anything any more
   void meet(std::uint32_t first_of_warp, std::uint32_t lanes);  // bar.warp.sync
   void fence(std::uint32_t thread);
   void atomic(std::uint32_t thread, std::uint64_t address);
 
  private:
-  using Vector = std::vector<Clock>;             // a clock for each thread of the launch
+  // Of each thread of the launch, block by block. Blocks of which the same is known share it: a
+  // launch has many of them, and each thread that fences keeps a vector.
+  using OfBlock = std::shared_ptr<const std::vector<Clock>>;  // null where nothing is known
+  using Vector = std::vector<OfBlock>;
   using Shared = std::shared_ptr<const Vector>;  // null where nothing is known
   struct Knowledge {
     Shared outside;  // of threads of other blocks, and of the own one at fences
@@ -46,6 +50,7 @@ class Clocks {
   };
   using WarpTable = std::array<std::array<Clock, kLanes>, kLanes>;  // what a lane knows of another
 
+  static void join(OfBlock& into, const OfBlock& more);
   static void join(Shared& into, const Shared& more);
   void join_all(const std::vector<std::uint32_t>& threads);
   Vector all_known_to(std::uint32_t thread) const;
@@ -53,8 +58,8 @@ class Clocks {
   std::uint32_t threads_per_block_ = 0;
   Clock before_launch_ = 0;
   Clock latest_ = 0;
-  Vector clocks_;
-  Vector at_barrier_;  // the clock of each thread at the last barrier of its block
+  std::vector<Clock> clocks_;
+  std::vector<Clock> at_barrier_;  // the clock of each thread at the last barrier of its block
   std::vector<std::unique_ptr<WarpTable>> warps_;      // null before the first meeting
   std::vector<Knowledge> knowledge_;                   // of each thread
   std::unordered_map<std::uint64_t, Shared> left_at_;  // by atomic operations

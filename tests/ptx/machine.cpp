@@ -208,7 +208,13 @@ void Machine::run_resident_blocks(const std::vector<std::uint64_t>& arguments) {
         throw Failure(std::string(failure.what()) + "\n  " + place_of(warp, lane_, pc_));
       }
     }
-    std::erase_if(resident, [&](const auto& block) { return block->exited == shape_.threads(); });
+    std::erase_if(resident, [&](const auto& block) {
+      const bool is_over = block->exited == shape_.threads();
+      if (is_over) {
+        clocks_.end_block(block->index);
+      }
+      return is_over;
+    });
   }
 }
 

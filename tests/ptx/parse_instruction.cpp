@@ -69,11 +69,14 @@ std::optional<Operand> Parser::special_named(std::string_view name) const {
   return std::nullopt;
 }
 
-// 12, -12, 0x1f, 0d3FF0000000000000; nothing where the text is no number.
+// 12, -12, 0x1f, 0x1fU, 0d3FF0000000000000; nothing where the text is no number.
 std::optional<std::uint64_t> Parser::constant_of(std::string_view text) const {
   const bool is_double = text.starts_with("0d") || text.starts_with("0D");
   const bool is_hexadecimal = is_double || text.starts_with("0x") || text.starts_with("0X");
-  const std::string_view digits = is_hexadecimal ? text.substr(2) : text;
+  std::string_view digits = is_hexadecimal ? text.substr(2) : text;
+  if (digits.ends_with('U')) {  // unsigned, as all are here
+    digits.remove_suffix(1);
+  }
   std::uint64_t value = 0;
   if (text.starts_with('-')) {
     std::int64_t negative = 0;

@@ -89,6 +89,28 @@ void Parser::parse_top() {
   }
 }
 
+// 12, or generic(name): where a variable of global memory lies, as any address says it.
+std::uint64_t Parser::initial_value() {
+  const bool is_address = take("generic");
+  if (is_address) {
+    expect("(");
+  }
+  const std::string_view text = next();
+  if (!is_address) {
+    const std::optional<std::uint64_t> given = constant_of(text);
+    if (!given) {
+      fail("an initial value that is no number");
+    }
+    return *given;
+  }
+  const auto found = symbols_.find(text);
+  if (found == symbols_.end() || found->second->space != Space::kGlobal) {
+    fail("no variable of global memory '" + std::string(text) + "'");
+  }
+  expect(")");
+  return found->second->address;
+}
+
 // .align 8 .b8 name[80] = {0, 1, ...};
 void Parser::parse_variable(Space space) {
   std::int64_t alignment = 1;
@@ -108,11 +130,7 @@ void Parser::parse_variable(Space space) {
   if (take("=")) {
     const bool is_list = take("{");
     do {
-      const std::optional<std::uint64_t> given = constant_of(next());
-      if (!given) {
-        fail("an initial value that is no number");
-      }
-      const std::uint64_t value = *given;
+      const std::uint64_t value = initial_value();
       for (std::int64_t i = 0; i < element; ++i) {
         symbol.initial.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
       }

@@ -60,6 +60,7 @@ class Parser {
   void parse_top();
   void skip_line_of(std::int32_t line);
   void parse_variable(Space space);
+  std::uint64_t initial_value();
   void parse_function(bool is_entry);
   std::vector<Parameter> parse_parameters(Function& function);
   void parse_body(Function& function);
