@@ -32,7 +32,8 @@ from sphinx.util.inspect import stringify_signature
 
 import korvex.emulation
 
-_NO_DOC = ("__init__", "__repr__")  # the signature of the class and the name say it all
+# The signature of the class and the name say it all, or nobody calls it.
+_NO_DOC = ("__init__", "__repr__", "__init_subclass__", "__copy__", "__deepcopy__", "__reduce__")
 _NOT_MADE_BY_CALLERS = ("Kernel",)
 # What stands before a name in the labels of exactness.py.
 _PREFIXES = {"korvex.exact": "exact."}

@@ -21,7 +21,7 @@ _AS_IT_IS += (nodes.raw, nodes.comment)
 _INNER = r"\([^()]*(?:\([^()]*\)[^()]*)*\)"  # parentheses, and those within
 _INDEX = rf"(?:[0-9]+|[a-z](?![a-zA-Z])|{_INNER})"
 _SCRIPT = re.compile(
-    rf"(?<=[\w)])\^(?P<power>-?[0-9]+|-?[a-z](?:_{_INDEX})?(?![a-zA-Z])|{_INNER})"
+    rf"(?<=[\w)])\^(?P<power>-?[0-9]+|-?[a-z](?:_{_INDEX})?(?![a-zA-Z])|[A-Z]?{_INNER})"
     rf"|(?<![\w.])(?P<base>[a-zA-Z])_(?P<index>{_INDEX})"
     r"|(?<![\w.])(?P<limb>l)(?P<number>[0-3])(?!\w)"  # l0 to l3 are the limbs of a value
 )
@@ -79,13 +79,21 @@ class SetFormulas(SphinxTransform):
                 node.parent.replace(node, set_scripts(str(node)))
 
 
+def mathml(formula: str, display: str) -> str:
+    """What the converter does not know it writes out as it stands: that must not go unseen."""
+    made = convert(formula, display=display)
+    if left := re.search(r"<m[ion]>(?:&(?!#?\w+;)|\\).*?</m", made):
+        raise ValueError(f"no MathML for {left[0]!r} in the formula {formula}")
+    return made
+
+
 def visit_inline(translator: HTML5Translator, node: nodes.math) -> None:
-    translator.body.append(convert(node.astext()))
+    translator.body.append(mathml(node.astext(), "inline"))
     raise nodes.SkipNode
 
 
 def visit_block(translator: HTML5Translator, node: nodes.math_block) -> None:
-    formula = convert(node.astext(), display="block")
+    formula = mathml(node.astext(), "block")
     translator.body.append(f'<div class="math wide">{formula}</div>\n')
     raise nodes.SkipNode
 

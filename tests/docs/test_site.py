@@ -228,6 +228,7 @@ def test_formulas_are_set_as_formulas(site):
         ("1.5 * 2^k_j - 45", "1.5 · 2<sup>k<sub>j</sub></sup> − 45"),
         ("2^(k_(j-1) - 53) <= x", "2<sup>k<sub>j−1</sub> − 53</sup> ≤ x"),
         ("(x_i - m)^2", "(x<sub>i</sub> − m)<sup>2</sup>"),
+        ("N(0,1) * 2^U(-60,60)", "N(0,1) · 2<sup>U(−60,60)</sup>"),
         ("RN(S - l0)", "RN(S − l<sub>0</sub>)"),
         ("2026-11-22, x_flat and a-b", "2026-11-22, x_flat and a-b"),
     ],
@@ -245,6 +246,17 @@ def test_powers_and_indices(monkeypatch, text, shown):
         return f"<{tag}>{''.join(map(written, node))}</{tag}>"
 
     assert "".join(map(written, formulas.set_scripts(text))) == shown
+
+
+def test_a_formula_that_cannot_be_set_is_an_error(monkeypatch):
+    pytest.importorskip("latex2mathml")
+    monkeypatch.syspath_prepend(DOCS)
+    from site_parts import formulas
+
+    assert "<mtable" in formulas.mathml(r"\begin{split} a &= b \\ c &= d \end{split}", "block")
+    for unknown in (r"\begin{aligned} a &= b \end{aligned}", r"\unknownword{x}"):
+        with pytest.raises(ValueError, match="no MathML for"):
+            formulas.mathml(unknown, "block")
 
 
 def test_pictures_are_part_of_their_pages(site):

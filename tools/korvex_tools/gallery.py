@@ -19,6 +19,7 @@ import subprocess
 import sys
 from collections.abc import Callable, Iterator
 from pathlib import Path
+from xml.sax.saxutils import escape
 
 from korvex_tools.figures import svg
 from korvex_tools.source_tree import SOURCE_TREE
@@ -54,7 +55,7 @@ def words(
 ) -> str:
     return (
         f'<text x="{x:.1f}" y="{y:.1f}" font-size="{size}" text-anchor="{anchor}" '
-        f'fill="{svg.INK}"{more}>{svg.escape(text)}</text>'
+        f'fill="{svg.INK}"{more}>{escape(text)}</text>'
     )
 
 
@@ -88,10 +89,10 @@ def scale(values: list[float], low: float, high: float, logarithmic: bool) -> Sc
     return lambda value: low + (convert(value) - first) / (last - first) * (high - low)
 
 
-def exponents(values: list[float]) -> list[int]:
+def exponents(values: list[float]) -> list[float]:
     """Powers of ten in the range, eight at most."""
     first, last = math.ceil(math.log10(min(values))), math.floor(math.log10(max(values)))
-    return list(range(first, last + 1, max(1, -(-(last - first) // 7))))
+    return [float(n) for n in range(first, last + 1, max(1, -(-(last - first) // 7)))]
 
 
 def ticks(values: list[float]) -> list[float]:
@@ -236,7 +237,7 @@ def maps(text: str, title: str) -> str:
 def drawn(name: str, text: str) -> str:
     """The whole file of a program's picture."""
     error = "relative error"
-    make = {
+    make: Callable[[], str] = {
         "orders": lambda: bars(text, TITLES[name], "units in the last place off", "orders of 1000"),
         "running_sum": lambda: curves(text, TITLES[name], error, (True, True), (100, 60)),
         "variance": lambda: curves(
