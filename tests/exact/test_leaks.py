@@ -61,6 +61,8 @@ CALLS = {
     "vecdot complex": lambda s: exact.vecdot(s.z, s.z),
     "matmul": lambda s: exact.matmul(s.matrix, s.matrix.T),
     "matmul complex": lambda s: exact.matmul(s.z, s.z),
+    "matmul of batches": lambda s: exact.matmul(s.matrix[None], s.matrix.T),
+    "cumulative_sum along an axis": lambda s: exact.cumulative_sum(s.matrix, axis=0),
     "cumulative_sum": lambda s: exact.cumulative_sum(s.x, include_initial=True),
     "add and subtract": lambda s: (s.sum.add(s.x), s.sum.subtract(s.x)),
     "add of a pair": lambda s: (s.dot.add(s.x, s.x), s.dot.subtract(s.x, s.x)),
