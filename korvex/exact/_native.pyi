@@ -47,7 +47,13 @@ def vecdot(
     y_format: str | None = None,
 ) -> float: ...
 def cumulative_sum(
-    x: object, out: Buffer, format: str, threads: int, x_format: str | None = None
+    x: object,
+    out: Buffer,
+    format: str,
+    threads: int,
+    x_format: str | None = None,
+    inner: int = 1,
+    has_initial: bool = False,
 ) -> None: ...
 def column_sums(
     x: object, out: Buffer, format: str, threads: int, x_format: str | None = None

@@ -3,6 +3,7 @@
 
 from __future__ import annotations
 
+import math
 from typing import Any
 
 import numpy as np
@@ -153,19 +154,20 @@ def _merge_negated(state: State, other: State) -> None:
 
 
 def matmul(a: Any, b: Any, /, *, dtype: Any = None, group: Any = None) -> Any:
-    """Return the matrix product, each element correctly rounded from its exact value.
+    """Return matrix products, each element correctly rounded from its exact value.
 
     Parameters
     ----------
     a, b : array
         Matrices, or vectors: one on the left is a row, one on the right a column, and the result
-        has no axis for it. In one library and on one device; their dtypes may differ.
+        has no axis for it. Axes before the last two are those of batches, and broadcast. In one
+        library and on one device; their dtypes may differ.
     dtype : dtype or str, optional
         As of `sum`.
     group : ProcessGroup, optional
         Of `torch.distributed`: each of its processes gives some columns of a real `a` and the same
         rows of `b`, or none of them, and gets the product of the whole matrices. None stands for
-        this process alone.
+        this process alone. Not of batches.
 
     Returns
     -------
@@ -179,43 +181,94 @@ def matmul(a: Any, b: Any, /, *, dtype: Any = None, group: Any = None) -> Any:
     >>> a = np.array([[1e20, 1.0, 1e20], [1.0, 2.0, 3.0]])
     >>> exact.matmul(a, np.array([1e20, 0.5, -1e20])).tolist()
     [0.5, -2e+20]
+    >>> exact.matmul(np.ones((5, 1, 2, 3)), np.ones((4, 3, 2))).shape
+    (5, 4, 2, 2)
     """
     first, second = as_operand(a, "a"), as_operand(b, "b")
     home = check_same_home([("a", first), ("b", second)])
     if group is not None:
         refuse_cuda("matmul with a group", ("a", first), ("b", second))
     for name, operand in (("a", first), ("b", second)):
-        if len(operand.shape) not in (1, 2):
-            raise ValueError(
-                f"{name} has {len(operand.shape)} axes: korvex.exact.matmul takes matrices and "
-                "vectors, no batches yet"
-            )
-    if first.shape[-1] != second.shape[0]:
-        raise ValueError(
-            f"a has rows of {first.shape[-1]} elements, and b has columns of {second.shape[0]}"
-        )
+        if not operand.shape:
+            raise ValueError(f"{name} has 0 axes: korvex.exact.matmul takes matrices and vectors")
+    rows = second.shape[-2] if len(second.shape) > 1 else second.shape[0]
+    if first.shape[-1] != rows:
+        raise ValueError(f"a has rows of {first.shape[-1]} elements, and b has columns of {rows}")
     form = format_of(dtype, first.is_complex or second.is_complex)
-    shape = first.shape[:-1] + second.shape[1:]
-    left = [_matrix(half, row=True) for half in first.halves()]
-    right = [_matrix(half, row=False) for half in second.halves()]
+    batch = _batch(first.shape, second.shape)
+    shape = batch + first.shape[-2:-1] + (second.shape[-1:] if len(second.shape) > 1 else ())
     if first.device is not None:
-        from korvex.exact import _device_products
-
-        return _device_products.matmul(first.device, left, right, form, shape)
+        return _on_device(first, second, form, shape)
+    left = [_matrices(half, "a", True, batch) for half in first.halves()]
+    right = [_matrices(half, "b", False, batch) for half in second.halves()]
     if group is not None:
         if first.is_complex or second.is_complex:
             raise TypeError("with a group a and b must be real")
+        if batch or len(first.shape) > 2 or len(second.shape) > 2:
+            raise ValueError("with a group a and b must be matrices or vectors, without batches")
         part = sharded_product(left[0], right[0], form, group)
         return give_parts(home, [part.reshape(shape)], form)
-    parts = [_product(x, y, form).reshape(shape) for x, y in _factors(left, right)]
+    parts = [part.reshape(shape) for part in _products(left, right, batch, form)]
     return give_parts(home, parts, form)
 
 
-def _matrix(values: Real, row: bool) -> Real:
+def _on_device(first: Operand, second: Operand, form: str, shape: tuple[int, ...]) -> Any:
+    from korvex.exact import _device_products
+
+    for name, operand in (("a", first), ("b", second)):
+        if len(operand.shape) > 2:
+            refuse_cuda("matmul of batches", (name, operand))
+    left = [_matrix(half, row=True) for half in first.halves()]
+    right = [_matrix(half, row=False) for half in second.halves()]
+    assert first.device is not None
+    return _device_products.matmul(first.device, left, right, form, shape)
+
+
+def _matrix(half: Real, row: bool) -> Real:
     """A matrix as it is, and a vector as a matrix of one row or one column."""
-    if values.values.ndim == 2:
+    if half.values.ndim == 2:
+        return half
+    return Real(half.values[None, :] if row else half.values[:, None], half.format)
+
+
+def _batch(a: tuple[int, ...], b: tuple[int, ...]) -> tuple[int, ...]:
+    """The axes of the batches of two operands together."""
+    try:
+        return np.broadcast_shapes(a[:-2], b[:-2])
+    except ValueError:
+        raise ValueError(
+            f"a has batches of the shape {a[:-2]} and b of {b[:-2]}: they must be equal, or 1 "
+            "where they are not"
+        ) from None
+
+
+def _matrices(values: Real, name: str, row: bool, batch: tuple[int, ...]) -> Real:
+    """Matrices as they are, a vector as a matrix of one row or one column, for each of a batch."""
+    if len(values.values.shape) == 2 and not batch:
         return values
-    return Real(values.values[None, :] if row else values.values[:, None], values.format)
+    array, form, _ = viewable(values, name)
+    if array.ndim == 1:
+        array = array[None, :] if row else array[:, None]
+    return Real(np.broadcast_to(array, batch + array.shape[-2:]), form)
+
+
+def _products(
+    left: list[Real], right: list[Real], batch: tuple[int, ...], form: str
+) -> list[Array]:
+    """The product, or its halves, for each of a batch in turn."""
+    if not batch:
+        return [_product(x, y, form) for x, y in _factors(left, right)]
+    shape = (*batch, left[0].values.shape[-2], right[0].values.shape[-1])
+    parts = [empty(shape, form) for _ in range(max(len(left), len(right)))]
+    for index in np.ndindex(*batch):
+        pairs = _factors([_at(half, index) for half in left], [_at(half, index) for half in right])
+        for part, (x, y) in zip(parts, pairs, strict=True):
+            part[index] = _product(x, y, form)
+    return parts
+
+
+def _at(half: Real, index: tuple[int, ...]) -> Real:
+    return Real(half.values[index], half.format)
 
 
 def _factors(left: list[Real], right: list[Real]) -> list[tuple[Real, Real]]:
@@ -254,9 +307,9 @@ def cumulative_sum(
     Parameters
     ----------
     x : array
-        Real, with one axis.
-    axis : None, 0 or -1
-        The one axis.
+        Real, with one axis or more.
+    axis : int, optional
+        The axis along which elements are summed; may be left out where there is but one.
     dtype : dtype or str, optional
         As of `sum`.
     include_initial : bool
@@ -265,42 +318,56 @@ def cumulative_sum(
     Returns
     -------
     array
-        In the library and on the device of `x`, as long as `x`, or longer by 1.
+        In the library and on the device of `x`, with its shape, or longer by 1 along the axis.
 
     Examples
     --------
     >>> import numpy as np
     >>> from korvex import exact
-    >>> exact.cumulative_sum(np.array([1e16, 1.0, 1.0, -1e16]))
+    >>> x = np.array([1e16, 1.0, 1.0, -1e16])
+    >>> exact.cumulative_sum(x)
     array([1.e+16, 1.e+16, 1.e+16, 2.e+00])
+    >>> exact.cumulative_sum(np.stack([x, x[::-1]]), axis=1)[:, -1]
+    array([2., 2.])
     """
     operand = as_operand(x, "x")
     if operand.is_complex:
         raise TypeError("x is complex, and cumulative_sum takes real arrays only")
     form = format_of(dtype)
-    _check_running(operand.shape, axis, include_initial)
+    if not isinstance(include_initial, (bool, np.bool_)):
+        raise TypeError(f"include_initial must be a bool, not {type(include_initial).__name__}")
+    place = _running_axis(operand.shape, axis)
+    outer, inner = operand.shape[:place], operand.shape[place + 1 :]
+    if outer or inner:
+        refuse_device("x", operand)
+    [half] = operand.halves()
     if operand.device is not None:
         from korvex.exact import _device_products
 
-        [x_real] = operand.halves()
-        return _device_products.cumulative_sum(operand.device, x_real, form, include_initial)
-    sums = empty((operand.shape[0] + include_initial,), form)
-    sums[:1] = 0
-    own = sums[1:] if include_initial else sums
-    _native.cumulative_sum(operand.values, own, form, _threads.count, operand.format)
+        return _device_products.cumulative_sum(operand.device, half, form, bool(include_initial))
+    sums = empty((*outer, operand.shape[place] + bool(include_initial), *inner), form)
+    if outer or inner:
+        values, elements, _ = viewable(half, "x")
+        half = Real(np.moveaxis(values, place, -1), elements)
+    _native.cumulative_sum(
+        half.values,
+        sums,
+        form,
+        _threads.count,
+        half.format,
+        math.prod(inner),
+        bool(include_initial),
+    )
     return operand.home.give(sums, form)
 
 
-def _check_running(shape: tuple[int, ...], axis: int | None, include_initial: bool) -> None:
-    if not isinstance(include_initial, (bool, np.bool_)):
-        raise TypeError(f"include_initial must be a bool, not {type(include_initial).__name__}")
-    if len(shape) != 1:
-        raise ValueError(
-            f"x has {len(shape)} axes: korvex.exact.cumulative_sum takes arrays with one"
-        )
+def _running_axis(shape: tuple[int, ...], axis: int | None) -> int:
+    if not shape:
+        raise ValueError("x has 0 axes: korvex.exact.cumulative_sum needs one")
     if axis is None:
-        return
-    if isinstance(axis, bool) or not isinstance(axis, (int, np.integer)):
+        if len(shape) > 1:
+            raise ValueError(f"x has {len(shape)} axes: say which by axis=")
+        return 0
+    if not is_integer(axis):
         raise TypeError(f"axis must be None or an int, not {type(axis).__name__}")
-    if axis not in (0, -1):
-        raise ValueError(f"axis {axis} is out of range for an array with 1 axis")
+    return checked_axis(axis, len(shape))

@@ -301,6 +301,14 @@ void OutArgument::require_shape(const Object& shape) const {
   }
 }
 
+void OutArgument::require_size(std::int64_t elements) const {
+  const std::int64_t own = buffer_->len / buffer_->itemsize;
+  if (own != elements) {
+    raise_formatted(PyExc_ValueError, messages::kOutSize, static_cast<long long>(elements),
+                    static_cast<long long>(own));
+  }
+}
+
 StateArgument::StateArgument(const char* name, Handle object, int kind, bool is_written) {
   buffer_.open(name, object, is_written ? PyBUF_RECORDS : PyBUF_RECORDS_RO);
   const BufferFormat format(*buffer_);

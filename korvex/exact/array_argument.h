@@ -67,6 +67,7 @@ class OutArgument {
 
   void* data() const { return buffer_->buf; }
   void require_shape(const Object& shape) const;
+  void require_size(std::int64_t elements) const;
 
  private:
   BufferView buffer_;

@@ -53,23 +53,39 @@ PyObject* vecdot(PyObject*, PyObject* const* values, Py_ssize_t count, PyObject*
   });
 }
 
-// ---- cumulative_sum(x, out, format, threads, x_format=None)
+// How many running sums there are; the dimensions inside must be some of the array's.
+std::int64_t running_size(const ArrayArgument& x, const korvex_exact_running& running) {
+  const std::int64_t size = x.array().extents[x.array().rank - 1];
+  std::int64_t lines = 1;
+  for (int d = 0; d + 1 < x.array().rank; ++d) {
+    lines *= x.array().extents[d];
+  }
+  if (lines > 0 && (running.inner == 0 || lines % running.inner != 0)) {
+    raise(PyExc_ValueError, messages::kInner);
+  }
+  return lines * (size + running.has_initial);
+}
 
-constexpr Parameters<5> kCumulativeSum = {
-    "cumulative_sum", {"x", "out", "format", "threads", "x_format"}, 4};
+// ---- cumulative_sum(x, out, format, threads, x_format=None, inner=1, has_initial=False)
+
+constexpr Parameters<7> kCumulativeSum = {
+    "cumulative_sum", {"x", "out", "format", "threads", "x_format", "inner", "has_initial"}, 4};
 
 PyObject* cumulative_sum(PyObject*, PyObject* const* values, Py_ssize_t count, PyObject* keywords) {
   return guarded([&] {
-    const auto [x_value, out_value, format_value, threads_value, x_format] =
+    const auto [x_value, out_value, format_value, threads_value, x_format, inner, has_initial] =
         bind(kCumulativeSum, values, count, keywords);
     const ArrayArgument x("x", x_value, x_format);
-    x.require_rank(1);
-    const int format = result_format_option(format_value);
-    const OutArgument out(out_value, format);
-    out.require_shape(x.shape());
+    if (x.array().rank == 0) {
+      x.require_rank(1);
+    }
+    const korvex_exact_running running = {result_format_option(format_value),
+                                          has_initial == Py_True ? 1 : 0, factor_option(inner)};
+    const OutArgument out(out_value, running.format);
+    out.require_size(running_size(x, running));
     const int threads = threads_option(threads_value);
     call_host(x.size(), "",
-              [&] { return host().cumulative_sum(&x.array(), format, threads, out.data()); });
+              [&] { return host().cumulative_sum(&x.array(), &running, threads, out.data()); });
     return none();
   });
 }
@@ -145,8 +161,8 @@ PyObject* reduce_axes(PyObject*, PyObject* const* values, Py_ssize_t count, PyOb
       reduction.operands[i] = &operands[i].array();
     }
     reduction.kept = kept_option(kept_value, operands[0].array().rank);
-    reduction.divisor = factor_option(divisor_value);
-    reduction.scale = factor_option(scale_value);
+    reduction.divisor = static_cast<std::uint64_t>(factor_option(divisor_value));
+    reduction.scale = static_cast<std::uint64_t>(factor_option(scale_value));
     reduction.is_negative = is_negative == Py_True ? 1 : 0;
     const int format = result_format_option(format_value);
     const OutArgument out(out_value, format);

@@ -16,7 +16,7 @@ inline constexpr char kFunction[] = "function must be one of the module's, not %
 inline constexpr char kOperands[] =
     "operands and formats must be tuples of 1, or of 2 or 4 for DOT_PRODUCT";
 inline constexpr char kKept[] = "kept must be a number of leading axes, not %R";
-inline constexpr char kFactor[] = "divisor and scale must be at least 0, not %R";
+inline constexpr char kFactor[] = "a factor must be at least 0, not %R";
 inline constexpr char kPart[] = "part must be 0, or 1 of MOMENTS, not %R";
 inline constexpr char kLimbCount[] = "count must be 1 to 4, and 1 in a narrow format, not %R";
 inline constexpr char kResultFormat[] =
@@ -45,6 +45,8 @@ inline constexpr char kNoY[] = "y must be None but for DOT";
 inline constexpr char kRankIs[] = "%s must have %d dimensions, but has %d";
 inline constexpr char kOutFormat[] = "out must have elements of format '%s', not '%s'";
 inline constexpr char kOutShape[] = "out must have shape %R, but has %R";
+inline constexpr char kOutSize[] = "out must have %lld elements, but has %lld";
+inline constexpr char kInner[] = "inner must divide the number of lines of x";
 inline constexpr char kOutLayout[] = "out must be contiguous and aligned";
 inline constexpr char kInnerExtents[] =
     "a has %zd columns and b has %zd rows: they must be as many";

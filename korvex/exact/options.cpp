@@ -72,7 +72,7 @@ int function_option(Handle function, int operands) {
 
 int kept_option(Handle kept, int rank) { return integer_option(kept, 0, rank, messages::kKept); }
 
-std::uint64_t factor_option(Handle factor) {
+std::int64_t factor_option(Handle factor) {
   if (factor == nullptr) {
     return 1;
   }
@@ -83,7 +83,7 @@ std::uint64_t factor_option(Handle factor) {
   if (value < 0) {
     raise_formatted(PyExc_ValueError, messages::kFactor, factor);
   }
-  return static_cast<std::uint64_t>(value);
+  return value;
 }
 
 int result_format_option(Handle format) {

@@ -18,10 +18,10 @@ int threads_option(Handle threads);
 int part_option(Handle part, int kind);
 int limb_count_option(Handle count, int format);
 // Of a reduction: what an output is, which so many operands suit; dimensions that are kept of so
-// many; and a factor of the divisor of a variance, 1 where the argument was not given.
+// many; and a factor, not negative, 1 where the argument was not given.
 int function_option(Handle function, int operands);
 int kept_option(Handle kept, int rank);
-std::uint64_t factor_option(Handle factor);
+std::int64_t factor_option(Handle factor);
 // Of KORVEX_FORMAT_...; float64 where the argument was not given.
 int result_format_option(Handle format);
 

@@ -285,8 +285,27 @@ int fail_in_exact_calls() {
   const std::int64_t one_extent = kCount;
   const korvex_exact_array line = {y.data(), KORVEX_FORMAT_INT64, 1, &one_extent, &one_stride};
   out_of_memory += fail_exact_call_at_every_place(out, false, [&] {
-    return exact.cumulative_sum(&line, KORVEX_FORMAT_FLOAT64, kThreads, out.data());
+    const korvex_exact_running running = {KORVEX_FORMAT_FLOAT64, 0, 1};
+    return exact.cumulative_sum(&line, &running, kThreads, out.data());
   });
+  // Rows, columns and tiles; of few outputs, whose elements threads share, and of many.
+  const std::int64_t transposed[2] = {500, kCount / 500};
+  const std::int64_t strides_of_transposed[2] = {8, 4000};
+  const std::int64_t two[2] = {2, kCount / 2};
+  const std::int64_t strides_of_two[2] = {kCount / 2 * 8, 8};
+  const korvex_exact_array arrays[] = {
+      {y.data(), KORVEX_FORMAT_INT64, 2, extents, strides_of_y},
+      {y.data(), KORVEX_FORMAT_INT64, 2, transposed, strides_of_transposed},
+      {y.data(), KORVEX_FORMAT_INT64, 2, two, strides_of_two},
+  };
+  for (const korvex_exact_array& each : arrays) {
+    for (const int function : {KORVEX_EXACT_TOTAL, KORVEX_EXACT_VARIANCE}) {
+      const korvex_exact_reduction task = {function, {&each}, 1, 0, 1, 1, 1};
+      out_of_memory += fail_exact_call_at_every_place(out, false, [&] {
+        return exact.reduce_axes(&task, KORVEX_FORMAT_FLOAT64, kThreads, out.data());
+      });
+    }
+  }
   const std::int64_t square[2] = {150, 150};
   const korvex_exact_array left = {x.data(), KORVEX_FORMAT_FLOAT32, 2, square, strides_of_x};
   const korvex_exact_array right = {y.data(), KORVEX_FORMAT_INT64, 2, square, strides_of_y};

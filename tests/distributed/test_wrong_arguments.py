@@ -48,6 +48,8 @@ def test_axes_of_a_dtensor_that_every_process_has_whole():
 def test_complex_matrices_with_a_group():
     with pytest.raises(TypeError, match="with a group a and b must be real"):
         exact.matmul(np.ones((1, 1)), np.array([[1j]]), group=dist.group.WORLD)
+    with pytest.raises(ValueError, match="with a group a and b must be matrices or vectors"):
+        exact.matmul(np.ones((1, 1, 1)), np.ones((1, 1)), group=dist.group.WORLD)
 
 
 @pytest.mark.parametrize(

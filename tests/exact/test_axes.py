@@ -497,6 +497,153 @@ def test_specials_of_conjugated_products_keep_their_sign_along_axes():
     assert result[2] == 11 - 2j
 
 
+# --- Running sums
+
+
+def running_sums(values, form):
+    sums = [oracle.exact_sum(values[: n + 1]) for n in range(len(values))]
+    return [bits(oracle.rounded(each, form)) for each in sums]
+
+
+@EACH_FORMAT
+@given(shape=shapes, data=st.data())
+def test_running_sums_along_every_axis(form, shape, data):
+    size = math.prod(shape)
+    values = data.draw(st.lists(finite | near | st.floats(), min_size=size, max_size=size))
+    x = LAYOUTS[data.draw(st.sampled_from([*LAYOUTS]))](np.array(values).reshape(shape))
+    axis = data.draw(st.integers(-x.ndim, x.ndim - 1))
+    result = exact.cumulative_sum(x, axis=axis, dtype=form)
+    assert result.shape == x.shape
+    for own, line in zip(lines(result, [axis]), lines(x, [axis]), strict=True):
+        assert found(own) == running_sums(line.tolist(), form)
+    longer = exact.cumulative_sum(x, axis=axis, dtype=form, include_initial=True)
+    first, rest = np.split(longer, [1], axis=axis)
+    assert not first.any() and found(rest) == found(result)
+
+
+@EACH_LAYOUT
+@pytest.mark.parametrize("shape", [(40, 700), (3, 600, 5), (1, 900), (70, 1, 20)], ids=str)
+def test_running_sums_of_longer_lines(shape, layout):
+    x = LAYOUTS[layout](drawn("float64", math.prod(shape)).reshape(shape))
+    for axis in range(x.ndim):
+        for initial in (False, True):
+            result = exact.cumulative_sum(x, axis=axis, include_initial=initial)
+            for own, line in zip(lines(result, [axis]), lines(x, [axis]), strict=True):
+                whole = exact.cumulative_sum(line.copy(), include_initial=initial)
+                assert found(own) == found(whole)
+
+
+@pytest.mark.parametrize("dtype", REAL_DTYPES)
+def test_running_sums_of_every_dtype(dtype):
+    x = drawn(dtype, 60).reshape(3, 4, 5)
+    for library in ("numpy", "torch", "dlpack"):
+        result = exact.cumulative_sum(LIBRARIES[library](x), axis=1, dtype="float32")
+        expected = np.stack(
+            [exact.cumulative_sum(x[i, :, j], dtype="float32") for i in range(3) for j in range(5)]
+        )
+        assert flat(result) == expected.reshape(3, 5, 4).transpose(0, 2, 1).ravel().tolist()
+
+
+def test_running_sums_on_threads(usable_instruction_sets):
+    """Lines enough for threads, and one that threads share."""
+    x = np.random.default_rng(6).standard_normal(140_000)
+    x[77] = -1e9
+    results = set()
+    for instruction_set in usable_instruction_sets:
+        _native.set_instruction_set(instruction_set)
+        for threads in (1, 2, 5):
+            exact.set_threads(threads)
+            sums = [
+                exact.cumulative_sum(x.reshape(shape), axis=axis)
+                for shape, axis in (((1, -1), 1), ((-1, 1), 0), ((200, -1), 0), ((200, -1), 1))
+            ]
+            results.add(b"".join(each.tobytes() for each in sums))
+            assert np.array_equal(sums[0][0], exact.cumulative_sum(x))
+    assert len(results) == 1
+
+
+def test_running_sums_of_nothing():
+    assert exact.cumulative_sum(np.ones((0, 3)), axis=0).shape == (0, 3)
+    assert exact.cumulative_sum(np.ones((0, 3)), axis=0, include_initial=True).tolist() == [
+        [0.0] * 3
+    ]
+    assert exact.cumulative_sum(np.ones((3, 0)), axis=0, include_initial=True).shape == (4, 0)
+    assert exact.cumulative_sum(np.ones((0, 200_000)), axis=1).shape == (0, 200_000)
+
+
+# --- Matrices of batches
+
+MATMUL_SHAPES = [
+    ((5, 2, 3), (5, 3, 4)),
+    ((5, 1, 2, 3), (4, 3, 2)),
+    ((3,), (2, 3, 4)),
+    ((2, 3, 4), (4,)),
+    ((2, 3), (7, 3, 2)),
+    ((0, 2, 3), (3, 2)),
+    ((2, 2, 0), (2, 0, 3)),
+    ((1, 1, 1, 2), (1, 1, 2, 1)),
+    ((3, 40, 60), (60, 20)),
+]
+
+
+@pytest.mark.parametrize(("a_shape", "b_shape"), MATMUL_SHAPES, ids=str)
+@pytest.mark.parametrize(
+    "dtypes", ["float64 float64", "int64 float32", "complex128 float64", "complex128 complex128"]
+)
+def test_matmul_of_batches(a_shape, b_shape, dtypes):
+    first, second = dtypes.split()
+    a, b = (
+        matrices(name, shape, seed)
+        for name, shape, seed in ((first, a_shape, 1), (second, b_shape, 2))
+    )
+    result = exact.matmul(a, b)
+    assert result.shape == np.matmul(np.ones(a_shape), np.ones(b_shape)).shape
+    rows, columns = (a if a.ndim > 1 else a[None]), (b if b.ndim > 1 else b[:, None])
+    batch = np.broadcast_shapes(rows.shape[:-2], columns.shape[:-2])
+    rows = np.broadcast_to(rows, batch + rows.shape[-2:])
+    columns = np.broadcast_to(columns, batch + columns.shape[-2:])
+    expected = [exact.matmul(rows[index], columns[index]).ravel() for index in np.ndindex(batch)]
+    expected = np.concatenate(expected) if expected else np.empty(0)
+    assert np.array_equal(result.ravel(), expected)
+
+
+def matrices(name, shape, seed):
+    size = math.prod(shape)
+    if name == "complex128":
+        return drawn("float64", 2 * size, seed).view(name).reshape(shape)
+    return drawn(name, size, seed).reshape(shape)
+
+
+@given(data=st.data())
+def test_products_of_batches_against_rational_numbers(data):
+    draw = lambda shape: np.array(  # noqa: E731
+        data.draw(st.lists(finite, min_size=math.prod(shape), max_size=math.prod(shape)))
+    ).reshape(shape)
+    a, b = draw((2, 1, 3)), draw((3, 2))
+    for form in FORMATS:
+        expected = [
+            bits(
+                oracle.rounded(
+                    oracle.exact_sum(oracle.products(row.tolist(), column.tolist())), form
+                )
+            )
+            for row in a[:, 0]
+            for column in b.T
+        ]
+        assert found(exact.matmul(a, b, dtype=form)) == expected
+
+
+@pytest.mark.parametrize("library", LIBRARIES)
+def test_matmul_of_batches_in_each_library(library):
+    a, b = drawn("float32", 24).reshape(2, 3, 4), drawn("float32", 16, seed=2).reshape(4, 4)
+    result = exact.matmul(
+        LIBRARIES[library](a),
+        LIBRARIES[library](b.T).mT if library == "torch" else LIBRARIES[library](b),
+        dtype="float32",
+    )
+    assert flat(result) == exact.matmul(a, b, dtype="float32").ravel().tolist()
+
+
 # --- Errors
 
 

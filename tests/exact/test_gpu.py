@@ -628,12 +628,16 @@ def test_what_has_no_kernels_is_refused_by_name(run):
             (lambda: exact.matmul(on(np.ones((2, 3))), on(np.ones(3)), group=object()),
              "a is in the memory of a GPU, and korvex.exact.matmul with a group has no kernels for "
              "GPUs yet: copy it to the host, a.cpu() in torch and a.get() in CuPy"),
+            (lambda: exact.matmul(on(np.ones(3)), on(np.ones((2, 3, 2)))),
+             "b is in the memory of a GPU, and korvex.exact.matmul of batches has no kernels for "
+             "GPUs yet: copy it to the host, b.cpu() in torch and b.get() in CuPy"),
             *((call,
                "x is in the memory of a GPU, and axis= of an array there is not built yet: reduce "
                "it whole, or copy it to the host, x.cpu() in torch and x.get() in CuPy")
               for call in (lambda: exact.sum(on(np.ones((2, 3))), axis=0),
                            lambda: exact.mean(on(np.ones((2, 3))), axis=1),
                            lambda: exact.var(on(np.ones((2, 3))), axis=1),
+                           lambda: exact.cumulative_sum(on(np.ones((2, 3))), axis=1),
                            lambda: exact.vecdot(on(np.ones((2, 3))), on(np.ones((2, 3)))))),
         ):
             with pytest.raises(TypeError) as error:

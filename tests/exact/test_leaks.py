@@ -62,6 +62,8 @@ CALLS = {
     "vecdot complex": lambda s: exact.vecdot(s.z, s.z),
     "matmul": lambda s: exact.matmul(s.matrix, s.matrix.T),
     "matmul complex": lambda s: exact.matmul(s.z, s.z),
+    "matmul of batches": lambda s: exact.matmul(s.matrix[None], s.matrix.T),
+    "cumulative_sum along an axis": lambda s: exact.cumulative_sum(s.matrix, axis=0),
     "cumulative_sum": lambda s: exact.cumulative_sum(s.x, include_initial=True),
     "segment_sum": lambda s: exact.segment_sum(s.x, s.ids, 2),
     "segment_sum of wide values": lambda s: exact.segment_sum(s.huge, s.ids, 2),

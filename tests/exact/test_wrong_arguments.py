@@ -130,14 +130,16 @@ GALLERY = [
         "x is a NumPy array and y is a torch tensor on the CPU: both must be of one kind",
     ),
     (
-        lambda: exact.matmul(B, B),
-        ValueError,
-        "a has 3 axes: korvex.exact.matmul takes matrices and vectors, no batches yet",
-    ),
-    (
         lambda: exact.matmul(V, np.float64(2)),
         ValueError,
-        "b has 0 axes: korvex.exact.matmul takes matrices and vectors, no batches yet",
+        "b has 0 axes: korvex.exact.matmul takes matrices and vectors",
+    ),
+    (lambda: exact.matmul(B, V), ValueError, "a has rows of 2 elements, and b has columns of 3"),
+    (
+        lambda: exact.matmul(B, np.ones((3, 2, 2))),
+        ValueError,
+        "a has batches of the shape (2,) and b of (3,): they must be equal, or 1 where they are "
+        "not",
     ),
     (
         lambda: exact.matmul(M, M),
@@ -145,14 +147,25 @@ GALLERY = [
         "a has rows of 3 elements, and b has columns of 2",
     ),
     # Running sums
+    (lambda: exact.cumulative_sum(M), ValueError, "x has 2 axes: say which by axis="),
     (
-        lambda: exact.cumulative_sum(M),
+        lambda: exact.cumulative_sum(np.float64(1)),
         ValueError,
-        "x has 2 axes: korvex.exact.cumulative_sum takes arrays with one",
+        "x has 0 axes: korvex.exact.cumulative_sum needs one",
+    ),
+    (
+        lambda: exact.cumulative_sum(M, axis=2),
+        AxisError,
+        "axis 2 is out of range for an array with 2 axes",
+    ),
+    (
+        lambda: exact.cumulative_sum(M, axis=(0, 1)),
+        TypeError,
+        "axis must be None or an int, not tuple",
     ),
     (
         lambda: exact.cumulative_sum(V, axis=1),
-        ValueError,
+        AxisError,
         "axis 1 is out of range for an array with 1 axis",
     ),
     (lambda: exact.cumulative_sum(V, axis="0"), TypeError, "axis must be None or an int, not str"),

@@ -74,6 +74,15 @@ typedef struct {
   uint64_t scale;
 } korvex_exact_reduction;
 
+// Running sums along a dimension of a result.
+typedef struct {
+  int format;       // of the result: float64, float32, float16 or bfloat16
+  int has_initial;  // a sum of nothing stands before the others
+  // Elements of the result from one sum to the next: those of the dimensions inside, which are the
+  // last but one and so on of the array that is given.
+  int64_t inner;
+} korvex_exact_running;
+
 typedef struct {
   int (*words)(int kind);
 
@@ -96,9 +105,10 @@ typedef struct {
   int (*reduce)(int kind, const korvex_exact_array* x, const korvex_exact_array* y, int format,
                 int threads, double* result);
 
-  // Writes RN(x[0] + ... + x[i]) for each i to an array that lies side by side, in a result format:
-  // float64, float32, float16 or bfloat16. Precondition: x has one dimension.
-  int (*cumulative_sum)(const korvex_exact_array* x, int format, int threads, void* out);
+  // Writes RN(x[0] + ... + x[i]) for each i along the last dimension of x to an array that lies
+  // side by side. Precondition: x has a dimension.
+  int (*cumulative_sum)(const korvex_exact_array* x, const korvex_exact_running* running,
+                        int threads, void* out);
 
   // Writes the product of two matrices, each element rounded once, row by row. Preconditions: both
   // have two dimensions, and b has as many rows as a has columns.

@@ -34,7 +34,8 @@ inline int usable_threads(int threads) {
 }
 
 // exact_prefix_sums.cpp
-int cumulative_sum(const korvex_exact_array* x, int format, int threads, void* out);
+int cumulative_sum(const korvex_exact_array* x, const korvex_exact_running* running, int threads,
+                   void* out);
 
 // exact_column_sums.cpp
 int column_sums(const korvex_exact_array* x, int format, int threads, void* out);

@@ -12,6 +12,7 @@
 // with the array.
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 
 #include "korvex/arithmetic/base/eft.h"
@@ -25,6 +26,10 @@ namespace {
 
 constexpr std::int64_t kColumns = 512;  // side by side
 constexpr int kRows = 8;                // that are added while a column is in registers
+// Columns whose elements do not lie side by side are fewer: what a row of them is read from should
+// stay in the first cache for the rows beside it.
+constexpr std::int64_t kPanelBytes = 16384;
+constexpr std::int64_t kLeastColumns = 64;
 
 // While lost[i] is 0, sum[i] + error[i] is what was added to column i.
 struct Columns {
@@ -174,10 +179,11 @@ class ColumnSums {
   template <class Add>
   void panels(std::int64_t begin, std::int64_t end, const Add& add) const {
     const auto columns = std::make_unique<Columns>();
+    const std::int64_t most = columns_at_once();
     Tile<1> lost;
     reduction_.outputs.runs(begin, end, [&](GridPosition<1> at, std::int64_t count) {
       while (count > 0) {
-        const std::int64_t width = std::min(count, kColumns);
+        const std::int64_t width = std::min(count, most);
         columns->clear(kColumns);
         add(at, width, *columns);
         write(*columns, at, width, lost);
@@ -186,6 +192,11 @@ class ColumnSums {
       }
     });
     write_lost(lost);
+  }
+
+  std::int64_t columns_at_once() const {
+    const std::int64_t step = std::abs(reduction_.outputs.last().stride[0]) + 1;
+    return std::clamp(kPanelBytes / step, kLeastColumns, kColumns);
   }
 
   // How many rows lie one after the other without a gap and are taken as one.

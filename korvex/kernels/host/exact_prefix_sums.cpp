@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
-// Running sums of any number format: each the exact sum so far, rounded once.
+// Running sums along a dimension, of any number format: each the exact sum so far, rounded once.
 //
-// As in the kernel of the same purpose, where there are several ranges, their exact sums come
-// first; then each range is scanned from the exact sum of the ranges before it.
+// Lines that are neighbours are scanned together, a block of each in turn, so that lines of a cache
+// are read and written once. Threads share the lines. Where these are few, threads share each: as
+// in the kernel of the same purpose, the exact sums of ranges come first; then each range is
+// scanned from the exact sum of the ranges before it.
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "korvex/arithmetic/exact/prefix_sums.h"
 #include "korvex/arithmetic/exact/sum.h"
 #include "korvex/kernels/host/converted_block.h"
+#include "korvex/kernels/host/exact_axes.h"
 #include "korvex/kernels/host/exact_calls.h"
 #include "korvex/kernels/host/lanes.h"
 #include "korvex/kernels/host/result_format.h"
@@ -21,27 +25,28 @@ using arithmetic::ExactSum;
 using arithmetic::PrefixSum;
 using arithmetic::ValueAndError;
 
-// An array of one dimension, block by block.
-class Elements {
- public:
-  explicit Elements(const korvex_exact_array& x) : x_(x) {}
+constexpr std::int64_t kLineBlock =
+    256;  // elements of a line, before its neighbours have their turn
 
-  std::int64_t size() const { return x_.extents[0]; }
+// Elements whose running sums belong together, and where these go.
+struct Line {
+  const char* data;
+  int format;
+  std::int64_t stride;  // in bytes
+  std::int64_t size;
+  std::int64_t first_out;
+  std::int64_t out_step;
 
   // Calls visit(block, first, count) for the elements from begin to end - 1, in order.
   template <class Visit>
   void blocks(std::int64_t begin, std::int64_t end, const Visit& visit) const {
     ConvertedBlock block;
-    const std::int64_t stride = x_.byte_strides[0];
     for (std::int64_t first = begin; first < end; first += kBlock) {
       const std::int64_t count = std::min(kBlock, end - first);
-      block.gather(x_.format, static_cast<const char*>(x_.data) + first * stride, stride, count);
+      block.gather(format, data + first * stride, stride, count);
       visit(block, first, count);
     }
   }
-
- private:
-  const korvex_exact_array& x_;
 };
 
 // Where a range begins, and the sum of all elements before it.
@@ -50,14 +55,14 @@ struct Start {
   ExactSum sum;
 };
 
-std::vector<Start> starts_of_ranges(const Elements& x, int ranges) {
+std::vector<Start> starts_of_ranges(const Line& line, int ranges) {
   std::vector<Start> starts;
   ExactSum total;
   for_each_of_ranges<Start>(
-      x.size(), ranges,
-      [&x](std::int64_t begin, std::int64_t end, Start& own) {
+      line.size, ranges,
+      [&line](std::int64_t begin, std::int64_t end, Start& own) {
         own.begin = begin;
-        x.blocks(begin, end, [&](const ConvertedBlock& block, std::int64_t, std::int64_t count) {
+        line.blocks(begin, end, [&](const ConvertedBlock& block, std::int64_t, std::int64_t count) {
           arithmetic::add_range<arithmetic::HostLanes>(block.high, count, own.sum);
           if (block.has_low) {
             arithmetic::add_range<arithmetic::HostLanes>(block.low, count, own.sum);
@@ -86,40 +91,119 @@ double result_of(const PrefixSum& prefix, const ValueAndError& limbs,
   return rounded_once(limbs.value, sign_of(limbs.error), narrow);
 }
 
-void scan(const Elements& x, std::int64_t begin, std::int64_t end, int format, PrefixSum& prefix,
+void scan(const Line& line, std::int64_t begin, std::int64_t end, int format, PrefixSum& prefix,
           const ResultArray& out) {
   const arithmetic::NarrowFormat* narrow = narrow_format(format);
-  x.blocks(begin, end, [&](const ConvertedBlock& block, std::int64_t first, std::int64_t count) {
+  line.blocks(begin, end, [&](const ConvertedBlock& block, std::int64_t first, std::int64_t count) {
     for (std::int64_t i = 0; i < count; ++i) {
       ValueAndError limbs = prefix.next(block.high[i]);
       if (block.has_low) {
         limbs = prefix.next(block.low[i]);
       }
-      out.write(first + i, result_of(prefix, limbs, narrow));
+      out.write(line.first_out + (first + i) * line.out_step, result_of(prefix, limbs, narrow));
     }
   });
 }
 
+void scan_by_threads(const Line& line, int ranges, int format, const ResultArray& out) {
+  const std::vector<Start> starts =
+      ranges == 1 ? std::vector<Start>() : starts_of_ranges(line, ranges);
+  for_each_of_ranges<PrefixSum>(
+      line.size, ranges,
+      [&](std::int64_t begin, std::int64_t end, PrefixSum& prefix) {
+        for (const Start& start : starts) {
+          if (start.begin == begin) {
+            prefix.start(start.sum);
+          }
+        }
+        scan(line, begin, end, format, prefix, out);
+      },
+      [](const PrefixSum&) {});
+}
+
+// A line for each index of the dimensions of an array but the last.
+class Lines {
+ public:
+  Lines(const korvex_exact_array& x, const korvex_exact_running& running, void* out)
+      : reduction_({&x}, x.rank - 1),
+        running_(running),
+        out_(out, running.format),
+        size_(x.extents[x.rank - 1]),
+        stride_(x.byte_strides[x.rank - 1]) {}
+
+  void scan_all(int threads) const {
+    const std::int64_t lines = reduction_.outputs.size();
+    if (reduction_.shares_outputs(threads)) {
+      each(
+          0, lines,
+          [&](const Line* group, int) {
+            scan_by_threads(*group, range_count(size_, threads), running_.format, out_);
+          },
+          1);
+    } else if (lines > 0) {
+      struct Nothing {};
+      for_each_of_ranges<Nothing>(
+          lines, reduction_.output_ranges(threads),
+          [&](std::int64_t begin, std::int64_t end, Nothing&) {
+            each(
+                begin, end, [&](const Line* group, int count) { scan_group(group, count); }, kTile);
+          },
+          [](const Nothing&) {});
+    }
+  }
+
+ private:
+  // Calls scan(lines, count) for up to `most` neighbours.
+  template <class Scan>
+  void each(std::int64_t begin, std::int64_t end, const Scan& scan, int most) const {
+    reduction_.outputs.runs(begin, end, [&](GridPosition<1> at, std::int64_t count) {
+      while (count > 0) {
+        Line group[kTile];
+        int taken = 0;
+        for (; taken < most && count > 0; ++taken, --count) {
+          group[taken] = line_at(at);
+          at.move(reduction_.outputs.last(), 1);
+        }
+        scan(group, taken);
+      }
+    });
+  }
+
+  // The result has dimensions inside of that of the sums: `inner` elements of each of its steps.
+  Line line_at(const GridPosition<1>& at) const {
+    const std::int64_t initial = running_.has_initial != 0 ? 1 : 0;
+    const std::int64_t outer = at.out / running_.inner;
+    const std::int64_t begin = outer * (size_ + initial) * running_.inner + at.out % running_.inner;
+    if (initial != 0) {
+      out_.write(begin, 0.0);
+    }
+    return {reduction_.base[0] + at.offset[0], reduction_.formats[0], stride_, size_,
+            begin + initial * running_.inner,  running_.inner};
+  }
+
+  void scan_group(const Line* group, int count) const {
+    const auto prefixes = std::make_unique<PrefixSum[]>(static_cast<std::size_t>(count));
+    for (std::int64_t first = 0; first < size_; first += kLineBlock) {
+      const std::int64_t end = std::min(size_, first + kLineBlock);
+      for (int g = 0; g < count; ++g) {
+        scan(group[g], first, end, running_.format, prefixes[static_cast<std::size_t>(g)], out_);
+      }
+    }
+  }
+
+  AxisReduction<1> reduction_;
+  const korvex_exact_running& running_;
+  ResultArray out_;
+  std::int64_t size_;    // of a line
+  std::int64_t stride_;  // in bytes, along it
+};
+
 }  // namespace
 
-int cumulative_sum(const korvex_exact_array* x, int format, int threads, void* out) {
+int cumulative_sum(const korvex_exact_array* x, const korvex_exact_running* running, int threads,
+                   void* out) {
   return run_guarded([&]() -> int {
-    const Elements elements(*x);
-    const ResultArray result(out, format);
-    const int ranges = range_count(elements.size(), usable_threads(threads));
-    const std::vector<Start> starts =
-        ranges == 1 ? std::vector<Start>() : starts_of_ranges(elements, ranges);
-    for_each_of_ranges<PrefixSum>(
-        elements.size(), ranges,
-        [&](std::int64_t begin, std::int64_t end, PrefixSum& prefix) {
-          for (const Start& start : starts) {
-            if (start.begin == begin) {
-              prefix.start(start.sum);
-            }
-          }
-          scan(elements, begin, end, format, prefix, result);
-        },
-        [](const PrefixSum&) {});
+    Lines(*x, *running, out).scan_all(usable_threads(threads));
     return KORVEX_EXACT_DONE;
   });
 }

@@ -4,6 +4,7 @@
 // neighbours lie side by side instead, each line of a cache is read once for all of them.
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -20,10 +21,14 @@ struct Copies {
   alignas(64) char line[kArrays][kTile][kLineBytes];
 };
 
+constexpr std::int64_t kRowsAhead = 16;  // far apart, rows are not foreseen by the processor
+
 template <std::int64_t kBytes>
 void copy_across(char (*lines)[kLineBytes], const char* const* from, int outputs,
                  std::int64_t stride, std::int64_t first, std::int64_t count) {
   for (std::int64_t i = 0; i < count; ++i) {
+    __builtin_prefetch(from[0] + (i + kRowsAhead) * stride);  // reads nothing, wherever it points
+    __builtin_prefetch(from[outputs - 1] + (i + kRowsAhead) * stride);
     for (int g = 0; g < outputs; ++g) {
       std::memcpy(lines[g] + (first + i) * kBytes, from[g] + i * stride, kBytes);
     }
