@@ -22,12 +22,24 @@ int bits_of_count(std::int64_t n) {
   return n <= 1 ? 0 : static_cast<int>(std::bit_width(static_cast<std::uint64_t>(n - 1)));
 }
 
-// Measured by benchmarks/bench_matmul.py; only their proportions count.
-constexpr double kSliceProduct = 0.75;
-constexpr double kModulusProduct = 0.0042;
-constexpr double kModulusElement = 0.30;  // residue of an element of an operand
-constexpr double kElement = 15.0;         // of the result
-constexpr double kStart = 20000.0;
+// Of whole products measured on one thread of a processor of 2.5 GHz (benchmarks/bench_matmul.py);
+// only their proportions count.
+constexpr double kSliceElement = 120;  // of the result
+constexpr double kSliceProduct = 0.85;
+constexpr double kSliceProductOfFew = 2.5;  // where columns are too few for the lanes
+constexpr int kFewColumns = 8;
+constexpr double kStart = 30000;
+constexpr double kStartOfReading = 5000;
+constexpr double kReadElement = 0.7;
+constexpr double kElement = 8;  // of the result
+constexpr double kOperandElement = 10;
+constexpr double kModulusElement = 1.3;  // the same three for each modulus
+constexpr double kModulusOperandElement = 0.3;
+constexpr double kModulusProduct = 0.0045;
+
+// Elements of more bits take six slices after three.
+constexpr int kBitsOfFewSlices = 150;
+constexpr double kManySlicesFactor = 3;
 
 // Bits for which there are lines, and how many lines have at most so many.
 struct Step {
@@ -54,18 +66,32 @@ double cost_by_residues(const ProductExtents& extents, int moduli) {
   const auto m = static_cast<double>(padded(extents.m, kLines));
   const auto n = static_cast<double>(padded(extents.n, kColumns));
   const auto k = static_cast<double>(extents.k);
-  return kStart + m * n * kElement +
-         moduli * (m * n * k * kModulusProduct + (m + n) * k * kModulusElement);
+  const auto operand =
+      static_cast<double>(padded(extents.m, kLines) + padded(extents.n, kLines)) * k;
+  return kStart + m * n * (kElement + moduli * (kModulusElement + k * kModulusProduct)) +
+         operand * (kOperandElement + moduli * kModulusOperandElement);
 }
 
-double cost_by_slices(const ProductExtents& extents) {
-  const auto m = static_cast<double>(extents.m);
-  const auto n = static_cast<double>(extents.n);
-  return m * n * static_cast<double>(extents.k) * kSliceProduct;
+double cost_by_slices(const ProductExtents& extents, int bits) {
+  const auto elements = static_cast<double>(extents.m) * static_cast<double>(extents.n);
+  const double product = extents.n < kFewColumns ? kSliceProductOfFew : kSliceProduct;
+  return elements * (kSliceElement + static_cast<double>(extents.k) * product) *
+         (bits > kBitsOfFewSlices ? kManySlicesFactor : 1.0);
 }
 
+bool is_worth_reading(const ProductExtents& extents) {
+  constexpr int kFewestModuli = 4;  // of integers, say
+  constexpr int kWide = kBitsOfFewSlices + 1;
+  const double reading =
+      kStartOfReading + static_cast<double>((extents.m + extents.n) * extents.k) * kReadElement;
+  return reading < 0.06 * cost_by_slices(extents, 0) &&
+         is_worth(cost_by_residues(extents, kFewestModuli), cost_by_slices(extents, kWide));
+}
+
+// The widest lines are left out first.
 ModularPlan cheapest_plan(const ModularLines& left, const ModularLines& right,
                           const ProductExtents& extents, bool is_checked) {
+  constexpr int kWide = kBitsOfFewSlices + 1;  // what is left out
   const int extra = bits_of_count(extents.k) + 2 + (is_checked ? 8 : 0);
   const std::vector<Step> rows = steps(left);
   const std::vector<Step> columns = steps(right);
@@ -78,8 +104,8 @@ ModularPlan cheapest_plan(const ModularLines& left, const ModularLines& right,
         break;
       }
       const double cost = cost_by_residues(extents, moduli) +
-                          cost_by_slices({extents.m - row.lines, extents.n, extents.k}) +
-                          cost_by_slices({extents.m, extents.n - column.lines, extents.k});
+                          cost_by_slices({extents.m - row.lines, extents.n, extents.k}, kWide) +
+                          cost_by_slices({extents.m, extents.n - column.lines, extents.k}, kWide);
       if (best.moduli == 0 || cost < best.cost) {
         best = {moduli, bits + extra - 2 - (is_checked ? 8 : 0), row.bits, column.bits, cost};
       }
@@ -90,12 +116,16 @@ ModularPlan cheapest_plan(const ModularLines& left, const ModularLines& right,
 
 // Few rows at a time, as their residues and products then stay in the caches and those of the
 // columns serve for all of them; where the products do not fit into one block, all residues are
-// found anew for each panel, so that large ones are better.
+// found anew for each panel, so that large ones are better. One panel takes its products in short
+// blocks.
 PanelShape panel_shape(const ProductExtents& extents, int moduli, int threads) {
+  const bool is_one_panel = extents.m <= 128 && extents.n <= 512;
   const bool is_one_block = extents.k <= modular::kDepth;
-  PanelShape shape = {std::min<std::int64_t>(is_one_block ? 128 : 512, padded(extents.m, kLines)),
-                      std::min<std::int64_t>(512, padded(extents.n, kColumns)),
-                      is_one_block ? padded(extents.k, kQuad) : modular::kDepth / 2};
+  const std::int64_t depth = is_one_panel ? 256 : is_one_block ? modular::kDepth : 512;
+  PanelShape shape = {
+      std::min<std::int64_t>(is_one_panel || is_one_block ? 128 : 512, padded(extents.m, kLines)),
+      std::min<std::int64_t>(512, padded(extents.n, kColumns)),
+      std::min(depth, padded(extents.k, kQuad))};
   const auto halve = [](std::int64_t& extent, std::int64_t unit) {
     extent = padded(extent / 2, unit);
   };

@@ -18,9 +18,17 @@ constexpr std::int64_t padded(std::int64_t n, std::int64_t unit) {
   return (n + unit - 1) / unit * unit;
 }
 
-// In nanoseconds, of which only the proportions count.
+// In nanoseconds, of which only the proportions count. bits: of the products of elements, from the
+// highest to the lowest.
 double cost_by_residues(const ProductExtents& extents, int moduli);
-double cost_by_slices(const ProductExtents& extents);
+double cost_by_slices(const ProductExtents& extents, int bits);
+
+// By residues only where that is faster beyond doubt: costs are estimates.
+inline bool is_worth(double by_residues, double by_slices) { return by_residues < 0.8 * by_slices; }
+
+// Whether the elements are to be read for a plan at all: where that costs more than a few percent
+// of a product by slices, or no plan can be worth it, they are not.
+bool is_worth_reading(const ProductExtents& extents);
 
 struct ModularPlan {
   int moduli = 0;     // 0: no lines that moduli can hold

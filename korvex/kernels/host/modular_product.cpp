@@ -288,13 +288,15 @@ ModularOutcome multiply_by_residues(const MatrixProduct& product, const ProductS
                                     const ModularOptions& options) {
   const ProductExtents extents = {product.m, product.n, product.k};
   if (!modular::can_run() || product.m <= 0 || product.n <= 0 || product.k <= 0 ||
-      (!options.is_wanted && cost_by_residues(extents, 4) > cost_by_slices(extents))) {
+      (!options.is_wanted && !is_worth_reading(extents))) {
     return {};
   }
   ModularLines left(product.a, product.m, product.k);
   ModularLines right(product.b, product.n, product.k);
   const ModularPlan plan = cheapest_plan(left, right, extents, options.is_checked);
-  if (plan.moduli == 0 || (!options.is_wanted && plan.cost > cost_by_slices(extents))) {
+  if (plan.moduli == 0 ||
+      (!options.is_wanted &&
+       !is_worth(plan.cost, cost_by_slices(extents, plan.left_bits + plan.right_bits)))) {
     return {};
   }
   left.set_most_bits(plan.left_bits);
