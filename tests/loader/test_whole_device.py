@@ -60,14 +60,23 @@ VAR = [
     ("clear", "dot_grid_memory"),
     ("tqx_var_device_kernel", "D", 256),
 ]
+CUMSUM = [("tqx_cumsum_device_sum_kernel", "S", 256), ("tqx_cumsum_device_kernel", "S", 256)]
+LOGSUMEXP = [
+    ("clear", "logsumexp_grid_memory"),
+    ("tqx_logsumexp_device_largest_kernel", "P", 256),
+    ("clear", "logsumexp_grid_memory"),
+    ("tqx_logsumexp_device_sum_kernel", "P", 256),
+    ("clear", "logsumexp_grid_memory"),
+    ("tqx_logsumexp_device_kernel", "P", 256),
+]
 RMS_NORM = [
     ("clear", "dot_grid_memory"),
     ("tqx_rms_norm_device_root_kernel", "D", 256),
     ("tqx_rms_norm_device_kernel", "E", 256),
 ]
-# Blocks by the number of elements, on 4 multiprocessors: a block of the sum takes 4096 elements
-# and 4 fill a multiprocessor; of the dot product 2048 and 3; of the product 1024 and 4; of the
-# elements of an RMS norm 1024 and 8.
+# Blocks by the number of elements, on 4 multiprocessors: a block of a sum takes 4096 elements and 4
+# fill a multiprocessor; of the dot product 2048 and 3; of the product and of a sum of exponentials
+# 1024 and 4; of the elements of an RMS norm 1024 and 8.
 BLOCKS = {
     0: {"S": 1, "D": 1, "P": 1, "E": 1},
     1: {"S": 1, "D": 1, "P": 1, "E": 1},
@@ -87,6 +96,8 @@ WHOLE_DEVICE = {
     "tqx_var_kernel": VAR,
     "tqx_norm_kernel": NORM,
     "tqx_prod_kernel": PROD,
+    "tqx_cumsum_kernel": CUMSUM,
+    "tqx_logsumexp_kernel": LOGSUMEXP,
     "tqx_rms_norm_kernel": RMS_NORM,
 }
 
@@ -126,12 +137,12 @@ AS_ASKED = [
     ("tqx_var_kernel", [("tqx_var_kernel", 1, 1024)]),
     ("tqx_norm_kernel", [("tqx_norm_kernel", 1, 1024)]),
     ("tqx_prod_kernel", [("tqx_prod_kernel", 1, 1024)]),
+    ("tqx_cumsum_kernel", [("tqx_cumsum_kernel", 1, 1024)]),
+    ("tqx_logsumexp_kernel", [("tqx_logsumexp_kernel", 1, 1024)]),
     ("tqx_rms_norm_kernel", [("tqx_rms_norm_kernel", 1, 1024)]),
 ]
 # The ones that the choice does not concern.
 ALWAYS_AS_ASKED = [
-    ("tqx_cumsum_kernel", [("tqx_cumsum_kernel", 1, 1024)]),
-    ("tqx_logsumexp_kernel", [("tqx_logsumexp_kernel", 1, 1024)]),
     ("tqx_sum_kernel", [("clear", "sum_grid_memory"), ("tqx_sum_kernel", 1, 256)]),
     ("tqx_neg_kernel", [("tqx_neg_kernel", 1, 256)]),
 ]
