@@ -1,8 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """KORVEX_LAUNCH: which launches are made for the kernels of one thread or one block."""
 
+from pathlib import Path
+
 import pytest
 import subprocess_run
+
+SOURCE_TREE = Path(__file__).resolve().parents[2]
 
 CALLS = """
 KERNELS = {
@@ -187,6 +191,39 @@ kernel.function((0, 1, 1), (1, 1, 1), (x, out, 5000))
 assert driver.take_log() == []
 """,
         KORVEX_LAUNCH="device",
+    )
+
+
+def test_checks_on_a_gpu_launch_by_the_loader(run):
+    """`make gpu` has addresses, of which the loader wants arrays."""
+    run_calls(
+        run,
+        f"""
+import os, sys
+sys.path.insert(0, {str(SOURCE_TREE / "tools")!r})
+from korvex_tools.gpu.package_loaders import LaunchesOnWholeDevice
+import_loader()
+driver.set_device(0)
+device = LaunchesOnWholeDevice()
+assert os.environ["KORVEX_LAUNCH"] == "as-asked"
+x, y = (DeviceArray(driver, [1.0, 2.0**-60, 3.0]) for _ in range(2))
+outs = [DeviceArray(driver, [7.0] * 4) for _ in range(2)]
+driver.take_log()
+device.launch("tqx_cumsum_kernel", (1, 1, 1), (1024, 1, 1), x.address,
+              *(out.address for out in outs), 3)
+device.launch("tqx_rms_norm_kernel", (1, 1, 1), (1024, 1, 1), x.address, y.address, 3, 0.25)
+driver.synchronize()
+assert outs[0].tolist() == [1.0, 1.0, 4.0, 7.0]
+assert outs[1].tolist() == [0.0, 2.0**-60, 2.0**-60, 7.0]
+device.launch("tqx_dot_seq_kernel", (1, 1, 1), (1, 1, 1), x.address, x.address,
+              outs[0].address, 3)
+driver.synchronize()
+assert outs[0].tolist() == [10.0, 2.0**-120, 0.0, 0.0]
+assert [step[0] for step in steps(driver.take_log()) if step[0] != "clear"] == [
+    "tqx_cumsum_device_sum_kernel", "tqx_cumsum_device_kernel",
+    "tqx_rms_norm_device_root_kernel", "tqx_rms_norm_device_kernel", "tqx_dot_device_kernel"]
+""",
+        KORVEX_LAUNCH="as-asked",
     )
 
 
