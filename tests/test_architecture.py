@@ -229,7 +229,8 @@ def test_host_and_device_files_of_a_family_have_the_same_name():
     }
     calls = {"launch"} | {name for name in shells if name.startswith("exact")}
     calls |= {"modular_lines", "modular_plan", "modular_product", "some_lines"}  # one way of products
-    on_the_whole_device = {"whole_device", "whole_product"}  # what stands for kernels of families
+    # What stands for kernels of families.
+    on_the_whole_device = {f"whole_{name}" for name in ("device", "log_sum", "product", "scan")}
     assert on_the_whole_device < kernels
     assert shells - calls == kernels - on_the_whole_device
 

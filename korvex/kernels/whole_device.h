@@ -22,7 +22,7 @@ struct WholeDeviceLaunch {
   const char* workspace = nullptr;     // likewise
 };
 
-inline constexpr int kMostWholeDeviceLaunches = 2;
+inline constexpr int kMostWholeDeviceLaunches = 3;
 
 struct WholeDeviceRow {
   const char* kernel;  // a row of kKernelTable
@@ -48,6 +48,17 @@ inline constexpr WholeDeviceRow kWholeDeviceTable[] = {
     {"tqx_prod_kernel",
      1,
      {{"tqx_prod_device_kernel", 4, kSingleElementsOfBlock, "prod_grid_memory"}}},
+    {"tqx_cumsum_kernel",
+     2,
+     {{"tqx_cumsum_device_sum_kernel", kResidentSumBlocks, kSumBlockElements},
+      {"tqx_cumsum_device_kernel", kResidentSumBlocks, kSumBlockElements}}},
+    {"tqx_logsumexp_kernel",
+     3,
+     {{"tqx_logsumexp_device_largest_kernel", 4, kSingleElementsOfBlock, "logsumexp_grid_memory"},
+      {"tqx_logsumexp_device_sum_kernel", kResidentElementaryBlocks, kSingleElementsOfBlock,
+       "logsumexp_grid_memory"},
+      {"tqx_logsumexp_device_kernel", kResidentElementaryBlocks, kSingleElementsOfBlock,
+       "logsumexp_grid_memory"}}},
     {"tqx_rms_norm_kernel",
      2,
      {{"tqx_rms_norm_device_root_kernel", kResidentDotBlocks, kDotBlockElements, "dot_grid_memory"},

@@ -153,10 +153,29 @@ FAULTS = (
     Fault(
         "the last block of the grid takes itself for the last to arrive",
         "tqx_prod_device_kernel",
-        "whole_product.cuh",
-        "if (!kernels::arrives_last(thread, is_last, kernels::prod_grid_memory)) {",
-        "if (is_last = thread.block() == thread.blocks() - 1; !is_last) {",
+        "grid_parts.cuh",
+        "if (!arrives_last(thread, is_last, arrived)) {",
+        # Not of the other parts: their kernels have another fault, or none.
+        "if (sizeof(Part) == sizeof(arithmetic::FastProduct)\n"
+        "          ? !(is_last = thread.block() == thread.blocks() - 1)\n"
+        "          : !arrives_last(thread, is_last, arrived)) {",
         "result differs|buffer-overflow|out of bounds|too many steps",
+    ),
+    Fault(
+        "a block leaves out what the one before it has",
+        "tqx_cumsum_device_kernel",
+        "whole_scan.cuh",
+        "other < thread.block(); ++other",
+        "other + 1 < thread.block(); ++other",
+        "result differs",
+    ),
+    Fault(
+        "the last try of the last block leaves out an element",
+        "tqx_logsumexp_device_kernel",
+        "whole_log_sum.cuh",
+        "kernels::BlockRunner(x, n), kernels::log_sum_so_far.largest, n)",
+        "kernels::BlockRunner(x, n - 1), kernels::log_sum_so_far.largest, n)",
+        "result differs",
     ),
     Fault(
         "two threads use the memory of a last try at a time",

@@ -26,13 +26,16 @@ CHANGES = {
     "log_sum_exp.h": (
         # A larger one leaves the last try no room, and is always decided before.
         (
-            "  return {fast_log_sum(largest, sum, n), largest};\n",
-            "  const bool is_wide = absolute(largest) < 0x1p62;\n"
-            "  return {is_wide ? Rounded{0.0, false} : fast_log_sum(largest, sum, n), largest};\n",
+            "  return {to, from == to};\n",
+            "  return {to, from == to && absolute(largest) >= 0x1p62};\n",
         ),
     ),
     "log_sum_exp_wide.h": (
-        ("  if (second.is_decided) {\n", "  if (second.is_decided && n < 0) {\n"),
+        (
+            "  return rounded_log_sum(work.value, negative, n);\n",
+            "  const Rounded all = rounded_log_sum(work.value, negative, n);\n"
+            "  return {all.value, all.is_decided && W != kSecondTryWords};\n",
+        ),
     ),
 }
 

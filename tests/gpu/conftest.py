@@ -8,12 +8,19 @@ import gpu_cases
 import pytest
 
 from korvex_tools.gpu.cuda_device import HostDevice, choose_device
+from korvex_tools.gpu.package_loaders import WholeDevice
 
 
 @pytest.fixture(scope="session")
 def target():
     """The first GPU; host kernels for every processor where there is none."""
     return choose_device(emulated=not gpu_cases.is_on_gpu())
+
+
+@pytest.fixture(scope="session")
+def whole_device():
+    """The same with kernels over the whole device, by the package's loader."""
+    return choose_device(emulated=not gpu_cases.is_on_gpu(), of_gpu=WholeDevice)
 
 
 @pytest.fixture(scope="session")

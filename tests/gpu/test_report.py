@@ -11,6 +11,8 @@ from korvex_tools import kernel_table
 from korvex_tools.gpu import report, stages
 from korvex_tools.gpu.stages import MENDED, Stage, all_stages
 
+WHOLE_DEVICE = kernel_table.on_the_whole_device()
+
 
 @pytest.fixture
 def options(tmp_path):
@@ -110,6 +112,20 @@ def test_every_kernel_has_a_stage_and_the_mended_come_first(options, tmp_path):
     assert sorted(kernels) == sorted(kernel_table.rows())
     assert kernels[: len(MENDED)] == [f"tqx_{name}_kernel" for name in MENDED]
     assert names.index(kernels[-1]) < names.index("verify"), "single kernels come before the rest"
+
+
+def test_launches_on_the_whole_device_and_kernels_of_states_have_stages(options, tmp_path):
+    found = {stage.name: stage for stage in all_stages(options, tmp_path)}
+    whole = [name for name in found if name.startswith("whole device ")]
+    assert sorted(whole) == sorted(f"whole device {name}" for name in WHOLE_DEVICE)
+    assert len(WHOLE_DEVICE) == 8 and WHOLE_DEVICE["tqx_logsumexp_kernel"][-1:] == (
+        "tqx_logsumexp_device_kernel",
+    )
+    for name in whole:
+        assert found[name].environment["KORVEX_LAUNCH"] == "device"
+    assert found["tqx_var_kernel"].environment.get("KORVEX_LAUNCH") is None
+    states = [name.removeprefix("states ") for name in found if name.startswith("states ")]
+    assert tuple(states) == kernel_table.of_states() and len(states) == 4
 
 
 def test_name_of_a_kernel_selects_its_tests_alone():

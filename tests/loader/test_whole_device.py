@@ -1,8 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """KORVEX_LAUNCH: which launches are made for the kernels of one thread or one block."""
 
+from pathlib import Path
+
 import pytest
 import subprocess_run
+
+SOURCE_TREE = Path(__file__).resolve().parents[2]
 
 CALLS = """
 KERNELS = {
@@ -60,14 +64,23 @@ VAR = [
     ("clear", "dot_grid_memory"),
     ("tqx_var_device_kernel", "D", 256),
 ]
+CUMSUM = [("tqx_cumsum_device_sum_kernel", "S", 256), ("tqx_cumsum_device_kernel", "S", 256)]
+LOGSUMEXP = [
+    ("clear", "logsumexp_grid_memory"),
+    ("tqx_logsumexp_device_largest_kernel", "P", 256),
+    ("clear", "logsumexp_grid_memory"),
+    ("tqx_logsumexp_device_sum_kernel", "P", 256),
+    ("clear", "logsumexp_grid_memory"),
+    ("tqx_logsumexp_device_kernel", "P", 256),
+]
 RMS_NORM = [
     ("clear", "dot_grid_memory"),
     ("tqx_rms_norm_device_root_kernel", "D", 256),
     ("tqx_rms_norm_device_kernel", "E", 256),
 ]
-# Blocks by the number of elements, on 4 multiprocessors: a block of the sum takes 4096 elements
-# and 4 fill a multiprocessor; of the dot product 2048 and 3; of the product 1024 and 4; of the
-# elements of an RMS norm 1024 and 8.
+# Blocks by the number of elements, on 4 multiprocessors: a block of a sum takes 4096 elements and 4
+# fill a multiprocessor; of the dot product 2048 and 3; of the product and of a sum of exponentials
+# 1024 and 4; of the elements of an RMS norm 1024 and 8.
 BLOCKS = {
     0: {"S": 1, "D": 1, "P": 1, "E": 1},
     1: {"S": 1, "D": 1, "P": 1, "E": 1},
@@ -87,6 +100,8 @@ WHOLE_DEVICE = {
     "tqx_var_kernel": VAR,
     "tqx_norm_kernel": NORM,
     "tqx_prod_kernel": PROD,
+    "tqx_cumsum_kernel": CUMSUM,
+    "tqx_logsumexp_kernel": LOGSUMEXP,
     "tqx_rms_norm_kernel": RMS_NORM,
 }
 
@@ -126,12 +141,12 @@ AS_ASKED = [
     ("tqx_var_kernel", [("tqx_var_kernel", 1, 1024)]),
     ("tqx_norm_kernel", [("tqx_norm_kernel", 1, 1024)]),
     ("tqx_prod_kernel", [("tqx_prod_kernel", 1, 1024)]),
+    ("tqx_cumsum_kernel", [("tqx_cumsum_kernel", 1, 1024)]),
+    ("tqx_logsumexp_kernel", [("tqx_logsumexp_kernel", 1, 1024)]),
     ("tqx_rms_norm_kernel", [("tqx_rms_norm_kernel", 1, 1024)]),
 ]
 # The ones that the choice does not concern.
 ALWAYS_AS_ASKED = [
-    ("tqx_cumsum_kernel", [("tqx_cumsum_kernel", 1, 1024)]),
-    ("tqx_logsumexp_kernel", [("tqx_logsumexp_kernel", 1, 1024)]),
     ("tqx_sum_kernel", [("clear", "sum_grid_memory"), ("tqx_sum_kernel", 1, 256)]),
     ("tqx_neg_kernel", [("tqx_neg_kernel", 1, 256)]),
 ]
@@ -176,6 +191,39 @@ kernel.function((0, 1, 1), (1, 1, 1), (x, out, 5000))
 assert driver.take_log() == []
 """,
         KORVEX_LAUNCH="device",
+    )
+
+
+def test_checks_on_a_gpu_launch_by_the_loader(run):
+    """`make gpu` has addresses, of which the loader wants arrays."""
+    run_calls(
+        run,
+        f"""
+import os, sys
+sys.path.insert(0, {str(SOURCE_TREE / "tools")!r})
+from korvex_tools.gpu.package_loaders import LaunchesOnWholeDevice
+import_loader()
+driver.set_device(0)
+device = LaunchesOnWholeDevice()
+assert os.environ["KORVEX_LAUNCH"] == "as-asked"
+x, y = (DeviceArray(driver, [1.0, 2.0**-60, 3.0]) for _ in range(2))
+outs = [DeviceArray(driver, [7.0] * 4) for _ in range(2)]
+driver.take_log()
+device.launch("tqx_cumsum_kernel", (1, 1, 1), (1024, 1, 1), x.address,
+              *(out.address for out in outs), 3)
+device.launch("tqx_rms_norm_kernel", (1, 1, 1), (1024, 1, 1), x.address, y.address, 3, 0.25)
+driver.synchronize()
+assert outs[0].tolist() == [1.0, 1.0, 4.0, 7.0]
+assert outs[1].tolist() == [0.0, 2.0**-60, 2.0**-60, 7.0]
+device.launch("tqx_dot_seq_kernel", (1, 1, 1), (1, 1, 1), x.address, x.address,
+              outs[0].address, 3)
+driver.synchronize()
+assert outs[0].tolist() == [10.0, 2.0**-120, 0.0, 0.0]
+assert [step[0] for step in steps(driver.take_log()) if step[0] != "clear"] == [
+    "tqx_cumsum_device_sum_kernel", "tqx_cumsum_device_kernel",
+    "tqx_rms_norm_device_root_kernel", "tqx_rms_norm_device_kernel", "tqx_dot_device_kernel"]
+""",
+        KORVEX_LAUNCH="as-asked",
     )
 
 

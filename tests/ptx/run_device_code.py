@@ -31,7 +31,9 @@ SOURCES = ("kernels", "states")
 HARD_CASES = SOURCE_TREE / "tests" / "elementwise" / "hard_cases.json"
 GRID_FAULTS = DEVICE_CODE / "grid_faults.py"
 LAST_TRIES = DEVICE_CODE / "last_tries.py"
-WITH_LAST_TRIES = ("tqx_sigmoid_kernel", "tqx_tanh_kernel", "tqx_logsumexp_kernel")
+WITH_LAST_TRIES = tuple(
+    f"tqx_{name}_kernel" for name in ("sigmoid", "tanh", "logsumexp", "logsumexp_device")
+)
 FIGURES = ("PTX machine:", "Simulated grid:")
 SKIPPED = 77
 ORDINARY = (("nvcc", 90),)

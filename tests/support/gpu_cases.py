@@ -177,6 +177,26 @@ def small_cases(row) -> list[Case]:
     return [dataclasses.replace(case, shapes=case.shapes[::2]) for case in cases]
 
 
+def cases_of_whole_device(row) -> list[Case]:
+    """Of a kernel of one thread or one block, in launches over the whole device: many elements of
+    every shape, and sizes around the ends of tiles and blocks."""
+    cut = {name: values[:300_001] for name, values in inputs().items()}
+    data = {name: [values, values[::-1].copy()] for name, values in cut.items()}
+    return [_one_shape(row, name, arrays) for name, arrays in (data | short(65_537)).items()]
+
+
+def small_cases_of_whole_device(row) -> list[Case]:
+    """The same with fewer elements."""
+    chosen = [(name, inputs()[name][:20_011]) for name in NAMES_OF_SMALL]
+    data = {name: [values, values[::-1].copy()] for name, values in chosen} | short(600)
+    return [_one_shape(row, name, arrays) for name, arrays in data.items()]
+
+
+def _one_shape(row, name: str, arrays: list[np.ndarray]) -> Case:
+    sizes = {"n": arrays[0].size}
+    return Case(name, arrays, sizes, [usual_shape(row, sizes)])
+
+
 def truncated(pairs: dict[str, list[np.ndarray]], most: int) -> dict[str, list[np.ndarray]]:
     return {name: [array[:most] for array in pair] for name, pair in pairs.items()}
 

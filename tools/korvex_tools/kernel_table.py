@@ -9,6 +9,8 @@ from typing import NamedTuple
 from korvex_tools.source_tree import SOURCE_TREE
 
 TABLE = SOURCE_TREE / "korvex" / "kernels" / "table.h"
+WHOLE_DEVICE_TABLE = TABLE.with_name("whole_device.h")
+STATES_TABLE = TABLE.with_name("states.h")
 
 _CONSTANT = re.compile(r"constexpr unsigned (k\w+) = ([\d* ]+);")
 _ROW = re.compile(r'^\s*\{"(\w+)",\s*"(\w+)",\s*(\w+),\s*"([^"]*)"([^}]*)\}', re.MULTILINE)
@@ -49,3 +51,22 @@ def rows() -> dict[str, Row]:
         blocks, along_y, elements = map(number, words)
         found[name] = Row(name, form, number(block), parameters, blocks, bool(along_y), elements)
     return found
+
+
+@functools.cache
+def on_the_whole_device() -> dict[str, tuple[str, ...]]:
+    """The kernels for which others may stand, and the names of those in the order of launches."""
+    names = re.findall(r'"(tqx_\w+_kernel)"', WHOLE_DEVICE_TABLE.read_text())
+    found: dict[str, list[str]] = {}
+    for name in names:
+        if "_device_" in name:
+            found[next(reversed(found))].append(name)
+        else:
+            found[name] = []
+    return {name: tuple(launches) for name, launches in found.items()}
+
+
+@functools.cache
+def of_states() -> tuple[str, ...]:
+    """The kernels of exact states."""
+    return tuple(re.findall(r'\{"(korvex_\w+)"', STATES_TABLE.read_text()))

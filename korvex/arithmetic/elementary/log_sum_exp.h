@@ -206,19 +206,25 @@ struct LogSumTry {
   double largest;
 };
 
-// Without the wider tries. Of n elements: -infinity for none, or where all are -infinity; NaN where
-// one is; +infinity where one is; a single finite element itself, -0 as +0.
+// What the largest element alone decides: -infinity for no element, or where all are -infinity; NaN
+// where one is; +infinity where one is; a single finite element itself, -0 as +0.
+KORVEX_HD inline LogSumTry log_sum_of_largest(const LargestElement& head) {
+  if (head.has_nan) {
+    return {{canonical_nan(), true}, head.value};
+  }
+  const bool is_decided = !is_finite(head.value) || head.finite_count == 1;
+  return {{add_rn(head.value, 0.0), is_decided}, head.value};
+}
+
+// Without the wider tries, of n elements.
 template <class Runner>
 KORVEX_HD LogSumTry first_log_sum_exp(const Runner& runner, std::int64_t n) {
-  const LargestElement head = runner.template over<LargestElement>(
-      [](const double* x, std::int64_t count, LargestElement& part) { part.add_range(x, count); });
-  const double largest = head.value;
-  if (head.has_nan) {
-    return {{canonical_nan(), true}, largest};
+  const LogSumTry of_largest = log_sum_of_largest(runner.template over<LargestElement>(
+      [](const double* x, std::int64_t count, LargestElement& part) { part.add_range(x, count); }));
+  if (of_largest.result.is_decided) {
+    return of_largest;
   }
-  if (!is_finite(largest) || head.finite_count == 1) {
-    return {{add_rn(largest, 0.0), true}, largest};
-  }
+  const double largest = of_largest.largest;
   const ExpSum sum =
       runner.template over<ExpSum>([=](const double* x, std::int64_t count, ExpSum& part) {
         for (std::int64_t i = 0; i < count; ++i) {

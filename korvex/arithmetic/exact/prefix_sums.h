@@ -18,8 +18,10 @@ class PrefixSum : public ExactSum {
   // Begins after elements whose exact sum this is.
   KORVEX_COLD void start(const ExactSum& before) {
     add(before);
-    is_two_limbs_ = false;
+    start();
   }
+  // The same after what add() and add_digit() have added.
+  KORVEX_INLINE void start() { is_two_limbs_ = false; }
 
   // The limbs of the sum through x. A sum that is infinite is followed by 0.
   KORVEX_INLINE ValueAndError next(double x) {

@@ -18,4 +18,6 @@
 #include "korvex/kernels/device/sum.cuh"
 #include "korvex/kernels/device/unary.cuh"
 #include "korvex/kernels/device/whole_device.cuh"
+#include "korvex/kernels/device/whole_log_sum.cuh"
 #include "korvex/kernels/device/whole_product.cuh"
+#include "korvex/kernels/device/whole_scan.cuh"

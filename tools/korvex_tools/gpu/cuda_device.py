@@ -129,13 +129,15 @@ class CudaDevice:
         return milliseconds.value / 1e3
 
 
-def choose_device(emulated: bool) -> "CudaDevice | HostDevice":
+def choose_device(
+    emulated: bool, of_gpu: "type[CudaDevice]" = CudaDevice
+) -> "CudaDevice | HostDevice":
     """The first GPU with the kernels of the installed package, or host kernels in its place."""
     if emulated:
         return HostDevice("base")
     import korvex
 
-    return CudaDevice(Path(korvex.__file__).parent / "cubins")
+    return of_gpu(Path(korvex.__file__).parent / "cubins")
 
 
 class HostDevice:

@@ -187,7 +187,7 @@ def run_all(stages: list[Stage], options: argparse.Namespace) -> dict[str, dict[
 
 def print_stage(stage: Stage, entry: dict[str, Any]) -> None:
     seconds = f"{entry['seconds']:6.1f} s" if "seconds" in entry else ""
-    print(f"{stage.name:22} {entry['outcome']:16} {seconds}", flush=True)
+    print(f"{stage.name:34} {entry['outcome']:16} {seconds}", flush=True)
     for line in [*result_lines(stage, entry.get("result")), *last_lines(entry)]:
         print(f"  {line}", flush=True)
 
@@ -280,7 +280,7 @@ def main() -> int:
         stages = chosen(all_stages(options, Path(folder)), options.only)
         if options.dry_run:
             for stage in stages:
-                print(f"{stage.name:22} at most {stage.limit:3} s: {' '.join(stage.command)}")
+                print(f"{stage.name:34} at most {stage.limit:3} s: {' '.join(stage.command)}")
         entries = run_all(stages, options)
     return 0 if all(entry["outcome"] in GOOD for entry in entries.values()) else 1
 

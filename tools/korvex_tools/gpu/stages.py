@@ -28,6 +28,9 @@ SANITIZER_FOUND = 99  # its exit status
 
 # Misaligned loads, blocks of less than a warp, atomic additions of a warp's digits, large stacks.
 MENDED = ("var", "norm", "cumsum", "rms_norm", "sum", "dot", "sigmoid", "tanh", "logsumexp")
+EACH_WAY_TESTS = tuple(
+    f"tests/gpu/test_{name}.py" for name in ("same_bits", "whole_device", "states")
+)
 KERNEL_TESTS = tuple(f"tests/gpu/test_{name}.py" for name in ("same_bits", "launch_shapes", "nan"))
 
 
@@ -45,6 +48,8 @@ def all_stages(options: argparse.Namespace, folder: Path) -> list[Stage]:
     """In their order; the folder is for files that they leave for the report."""
     stages = [] if options.site else [build_stage()]
     stages += [kernel_stage(name, options, folder) for name in kernels_in_order()]
+    stages += [whole_device_stage(name, options, folder) for name in whole_device_in_order()]
+    stages += [states_stage(name, options, folder) for name in kernel_table.of_states()]
     stages += [
         tests_stage("large", ["tests/gpu/test_large.py"], 60, options, folder),
         tests_stage("division", ["tests/gpu/test_division.py"], 60, options, folder),
@@ -59,6 +64,12 @@ def all_stages(options: argparse.Namespace, folder: Path) -> list[Stage]:
 def kernels_in_order() -> list[str]:
     mended = [f"tqx_{name}_kernel" for name in MENDED]
     return mended + [name for name in kernel_table.rows() if name not in mended]
+
+
+def whole_device_in_order() -> list[str]:
+    """Those that have several launches for one call first."""
+    launches = kernel_table.on_the_whole_device()
+    return sorted(launches, key=lambda name: -len(launches[name]))
 
 
 # --- The build
@@ -99,6 +110,20 @@ def on_device(options: argparse.Namespace) -> dict[str, str]:
 def kernel_stage(kernel: str, options: argparse.Namespace, folder: Path) -> Stage:
     selection = [*KERNEL_TESTS, "-k", kernel]
     return tests_stage(kernel, selection, 60, options, folder)
+
+
+def whole_device_stage(kernel: str, options: argparse.Namespace, folder: Path) -> Stage:
+    """The launches that stand for a kernel, by the package's loader."""
+    selection = ["tests/gpu/test_whole_device.py", "-k", kernel]
+    stage = tests_stage(f"whole device {kernel}", selection, 60, options, folder)
+    stage.environment["KORVEX_LAUNCH"] = "device"
+    return stage
+
+
+def states_stage(kernel: str, options: argparse.Namespace, folder: Path) -> Stage:
+    """A kernel of exact states, by the loader of korvex.exact."""
+    selection = ["tests/gpu/test_states.py", "-k", kernel]
+    return tests_stage(f"states {kernel}", selection, 60, options, folder)
 
 
 def tests_stage(
@@ -146,7 +171,7 @@ def sanitizer_stage(tool: str, options: argparse.Namespace) -> Stage:
     places = os.pathsep.join([os.environ.get("PATH", ""), "/usr/local/cuda/bin"])
     sanitizer = shutil.which("compute-sanitizer", path=places) or "compute-sanitizer"
     found = ["--tool", tool, "--error-exitcode", str(SANITIZER_FOUND)]
-    tests = pytest_command(*_ALONE, "tests/gpu/test_same_bits.py", "-k", "each_way")
+    tests = pytest_command(*_ALONE, *EACH_WAY_TESTS, "-k", "each_way")
     command = [sanitizer, *found, *tests]
     return Stage(f"sanitizer {tool}", command, 90, alone_on_device(options), sanitizer_summary)
 

@@ -1,0 +1,118 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Kernels of exact states: the words that they leave, and what they round, are the host library's.
+
+The launches are those of the loader of `korvex.exact`, on the null stream; without a GPU the host
+library stands for them. The name of a kernel is in that of each test, by which `make gpu` selects.
+"""
+
+import gpu_cases
+import numpy as np
+import pytest
+from gpu_states import (
+    FORMATS,
+    Operand,
+    State,
+    draw_values,
+    host_native,
+    require_same_words,
+    states_cases,
+)
+
+from korvex_tools.gpu.package_loaders import StatesOnHost, bits_of, states_on
+
+
+@pytest.fixture(scope="module")
+def states(target):
+    return states_on(target)
+
+
+@pytest.mark.parametrize("form", FORMATS)
+@pytest.mark.parametrize("kernel", ["korvex_add_elements"])
+def test_each_way_of_adding_elements(states, kernel, form):
+    """Launches that follow each other without a wait, into one state."""
+    native = host_native()
+    with State(states, native.SUM) as state:
+        for n, stride, sign, kind in states_cases():
+            state.add(kernel, [Operand(draw_values(form, n, kind), stride)], form, sign)
+        state.require_same_as_host()
+
+
+@pytest.mark.parametrize("form", FORMATS)
+@pytest.mark.parametrize("kernel", ["korvex_add_products"])
+def test_each_way_of_adding_products(states, kernel, form):
+    native = host_native()
+    with State(states, native.DOT) as state:
+        for n, stride, sign, kind in states_cases():
+            values = [draw_values(form, n, kind, seed) for seed in (1, 2)]
+            operands = [Operand(values[0], stride), Operand(values[1], 1)]
+            state.add(kernel, operands, form, sign)
+        state.require_same_as_host()
+
+
+@pytest.mark.parametrize("kernel", ["korvex_settle_state"])
+def test_each_way_of_settling(states, kernel):
+    """Digits as many additions leave them, of either sign, beyond 32 bits."""
+    native = host_native()
+    draw = np.random.default_rng(3)
+    for kind in (native.SUM, native.DOT, native.MOMENTS):
+        for shift in (3, 20, 40, 62):
+            words = draw.integers(-(2**62), 2**62, native.words(kind)) >> shift
+            words[-4:] = [0, 1, 0, 5]
+            last_digits = [native.words(native.SUM) - 5, words.size - 5]
+            words[last_digits] >>= 33  # no carries out of the top
+            with State(states, kind) as state:
+                state.put(words)
+                state.run(kernel)
+                state.require_same_as_host()
+
+
+@pytest.mark.parametrize("kernel", ["korvex_round_state"])
+def test_each_way_of_rounding(states, kernel):
+    native = host_native()
+    floating = [form for form in FORMATS if "float" in form]
+    for case in ("normal", "any bits", "cancelling", "overflow", "infinity", "nan", "first 0"):
+        for kind in (native.SUM, native.DOT):
+            with State(states, kind) as state:
+                name = "korvex_add_elements" if kind == native.SUM else "korvex_add_products"
+                operand = Operand(gpu_cases.inputs()[case][:5001], 1)
+                state.add(name, [operand] * (1 + (kind == native.DOT)), "float64", 1)
+                state.run("korvex_settle_state")
+                for form in floating:
+                    [value] = native.limbs(kind, state.on_host, 0, 1, form)
+                    found = state.rounded(kernel, form)
+                    assert found == int(bits_of(value, form).view(f"u{found_bytes(form)}")[0]), (
+                        f"{kernel}, {case}, {form}: {found:#x}"
+                    )
+
+
+def found_bytes(form: str) -> int:
+    return bits_of(0.0, form).itemsize
+
+
+# --- The checks themselves, over the host library
+
+
+class Spoiled(StatesOnHost):
+    """Turns a bit of the lowest digit after each launch."""
+
+    def launch(self, kernel, *arguments):
+        super().launch(kernel, *arguments)
+        kind, address = (0, arguments[-2]) if "add" in kernel else arguments[:2]
+        self._state(kind, address)[0] ^= 1
+
+
+@pytest.mark.parametrize("kernel", ["korvex_add_elements", "korvex_settle_state"])
+def test_a_wrong_word_is_noticed(host, kernel):
+    native = host_native()
+    with State(Spoiled(host), native.SUM) as state:
+        if kernel == "korvex_settle_state":
+            state.run(kernel)
+        else:
+            state.add(kernel, [Operand(np.ones(5), 1)], "float64", 1)
+        with pytest.raises(AssertionError, match="word 0"):
+            state.require_same_as_host()
+
+
+def test_words_that_differ_are_named():
+    with pytest.raises(AssertionError, match="word 2 is 7, on the host 3"):
+        require_same_words(np.array([1, 2, 7]), np.array([1, 2, 3]))
