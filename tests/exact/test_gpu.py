@@ -230,10 +230,8 @@ def test_shapes_and_layouts_of_matrix_products(run):
                      (np.broadcast_to(x[:1], (3, 4)), np.broadcast_to(y[:1], (4, 2))),
                      (m.astype(np.float32)[::2], m.T), (np.arange(12).reshape(3, 4).T, m[:3])):
             check(a, b)
-        for a, b, text in ((m, m, "a has rows of 60 elements, and b has columns of 50"),
-                           (m[None], m, "a has 3 axes")):
-            with pytest.raises(ValueError, match=text):
-                exact.matmul(on(a), on(b))
+        with pytest.raises(ValueError, match="a has rows of 60 elements, and b has columns of 50"):
+            exact.matmul(on(m), on(m))
         """,
     )
 
