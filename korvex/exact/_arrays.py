@@ -137,7 +137,7 @@ def _of_numpy(x: np.ndarray[Any, Any], name: str, home: Home) -> Operand:
 def _of_torch(x: Any, name: str, torch: Any) -> Operand:
     if x.requires_grad:
         raise TypeError(
-            f"{name} requires grad, and korvex.exact computes no gradients: give {name}.detach()"
+            f"{name} requires grad, and no gradient is computed here: give {name}.detach()"
         )
     emulation = sys.modules.get("korvex.emulation._tensor")
     emulated = emulation is not None and isinstance(x, emulation.Tensor)

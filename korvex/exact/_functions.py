@@ -16,6 +16,7 @@ from korvex.exact import _native, _statistics, _threads
 from korvex.exact._arrays import REAL_CHARACTERS, Operand
 from korvex.exact._axes import Axes, Axis, axes_of, reduce_along, reduce_one_by_one, size_of
 from korvex.exact._homes import format_of, give_values
+from korvex.exact._operators import takes_operator, through_operator
 from korvex.exact._spread import Spread, as_spread
 from korvex.exact._state import DOT, MOMENTS, SUM, accumulated
 
@@ -79,6 +80,9 @@ def sum(
     if type(x) is ndarray and axis is dtype is group is None and keepdims is False:
         if x.dtype.char in REAL_CHARACTERS and x.dtype.isnative:
             return float64(_native.sum(x, "float64", _threads.count))
+    if takes_operator(x):
+        options = {"axis": axis, "dtype": dtype, "keepdims": keepdims}
+        return through_operator("sum", x, group=group, **options)
     spread = as_spread(x, "x", group)
     operand = spread.operand
     form = format_of(dtype, operand.is_complex)
@@ -129,6 +133,9 @@ def mean(
     >>> print(exact.mean(np.array([[1e308, 1e308], [1.0, 2.0]]), axis=-1))
     [1.0e+308 1.5e+000]
     """
+    if takes_operator(x):
+        options = {"axis": axis, "dtype": dtype, "keepdims": keepdims}
+        return through_operator("mean", x, group=group, **options)
     spread = as_spread(x, "x", group)
     operand = spread.operand
     form = format_of(dtype, operand.is_complex)
@@ -177,6 +184,9 @@ def var(
     >>> print(exact.var(x.reshape(2, 2), axis=0))
     [20.25 20.25]
     """
+    if takes_operator(x):
+        options = {"axis": axis, "dtype": dtype, "keepdims": keepdims}
+        return through_operator("var", x, group=group, correction=correction, **options)
     spread = _real_spread(x, "x", "var", group)
     operand = spread.operand
     form = format_of(dtype)
@@ -226,6 +236,9 @@ def std(
     >>> print(exact.std(np.array([[1.0, 2.0], [3.0, 9.0]]), axis=1, correction=1))
     [0.70710678 4.24264069]
     """
+    if takes_operator(x):
+        options = {"axis": axis, "dtype": dtype, "keepdims": keepdims}
+        return through_operator("std", x, group=group, correction=correction, **options)
     spread = _real_spread(x, "x", "std", group)
     operand = spread.operand
     form = format_of(dtype)
@@ -273,6 +286,9 @@ def vector_norm(
     >>> print(exact.vector_norm(np.array([[3e-200, 4e-200], [3e200, 4e200]]), axis=1))
     [5.e-200 5.e+200]
     """
+    if takes_operator(x):
+        options = {"axis": axis, "dtype": dtype, "keepdims": keepdims}
+        return through_operator("vector_norm", x, group=group, ord=ord, **options)
     spread = _real_spread(x, "x", "vector_norm", group)
     operand = spread.operand
     if isinstance(ord, bool) or ord != 2:

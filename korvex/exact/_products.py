@@ -19,6 +19,7 @@ from korvex.exact._axes import (
     viewable,
 )
 from korvex.exact._homes import Array, empty, format_of, give_parts, give_values
+from korvex.exact._operators import takes_operator, through_operator
 from korvex.exact._sharded_product import sharded_product
 from korvex.exact._spread import as_spread
 from korvex.exact._state import COUNTS, DOT, State, accumulated
@@ -53,6 +54,8 @@ def vecdot(x: Any, y: Any, /, *, axis: int = -1, dtype: Any = None, group: Any =
     >>> print(exact.vecdot(np.stack([x, -x]), y), exact.vecdot(np.ones((3, 2)), x[:, None], axis=0))
     [ 0.5 -0.5] [2.e+200 2.e+200]
     """
+    if takes_operator(x, y):
+        return through_operator("vecdot", x, y, axis=axis, dtype=dtype, group=group)
     x_spread, y_spread = as_spread(x, "x", group), as_spread(y, "y", group)
     first, second = x_spread.operand, y_spread.operand
     home = check_same_home([("x", first), ("y", second)])
@@ -184,6 +187,8 @@ def matmul(a: Any, b: Any, /, *, dtype: Any = None, group: Any = None) -> Any:
     >>> exact.matmul(np.ones((5, 1, 2, 3)), np.ones((4, 3, 2))).shape
     (5, 4, 2, 2)
     """
+    if takes_operator(a, b):
+        return through_operator("matmul", a, b, dtype=dtype, group=group)
     first, second = as_operand(a, "a"), as_operand(b, "b")
     home = check_same_home([("a", first), ("b", second)])
     if group is not None:

@@ -14,6 +14,7 @@ import numpy as np
 from korvex.exact import _native, _threads
 from korvex.exact._arrays import Operand, Real, as_operand, check_same_home, refuse_cuda
 from korvex.exact._homes import Array, empty, format_of, give_parts
+from korvex.exact._operators import takes_operator, through_operator
 
 _LARGEST = 2**63 - 2  # a number whose count is an index
 
@@ -52,10 +53,12 @@ def segment_sum(x: Any, ids: Any, /, num_segments: int, *, dtype: Any = None) ->
     >>> exact.segment_sum(x, np.array([2, 0, 2, 2]), 3)
     array([3., 0., 1.])
     """
+    if takes_operator(x, ids):
+        return through_operator("segment_sum", x, ids, num_segments, dtype=dtype)
     operand, numbers = as_operand(x, "x"), as_operand(ids, "ids")
     check_same_home([("x", operand), ("ids", numbers)])
     refuse_cuda("segment_sum", ("x", operand), ("ids", numbers))
-    segments = _length(num_segments, "num_segments")
+    segments = checked_length(num_segments, "num_segments")
     if not operand.shape:
         raise ValueError("x has no axis: korvex.exact.segment_sum takes arrays with one or more")
     rows = operand.shape[0]
@@ -102,7 +105,7 @@ def bincount(ids: Any, /, weights: Any = None, minlength: int = 0, *, dtype: Any
     """
     numbers = as_operand(ids, "ids")
     refuse_cuda("bincount", ("ids", numbers))
-    least = _length(minlength, "minlength")
+    least = checked_length(minlength, "minlength")
     if weights is None:
         if dtype is not None:
             raise ValueError("dtype is for sums of weights, and there are none: counts are int64")
@@ -219,7 +222,8 @@ def _summed(
 # --- Arguments
 
 
-def _length(value: Any, name: str) -> int:
+def checked_length(value: Any, name: str) -> int:
+    """The argument of that name, an int that is not negative."""
     if isinstance(value, (bool, np.bool_)) or not isinstance(value, (int, np.integer)):
         raise TypeError(f"{name} must be an int, not {type(value).__name__}")
     if value < 0:

@@ -308,13 +308,9 @@ REFUSED = {
         lambda: np.zeros(2).view(np.recarray),
         "x is a recarray: numpy.asarray gives its numbers alone",
     ),
-    "requires grad": (
-        lambda: torch.zeros(2, requires_grad=True),
-        "x requires grad, and korvex.exact computes no gradients: give x.detach()",
-    ),
     "requires grad on the device": (
         lambda: torch.zeros(2, device="cuda").requires_grad_(),
-        "x requires grad, and korvex.exact computes no gradients: give x.detach()",
+        "x requires grad, and no gradient is computed here: give x.detach()",
     ),
     "sparse": (
         lambda: torch.eye(2).to_sparse(),
@@ -360,6 +356,31 @@ def test_refused_array(make, text):
         with pytest.raises(TypeError) as error:
             function(x, np.zeros(2))
         assert str(error.value) in (text, re.sub(r"\bx\b", "a", text))
+
+
+def test_tensors_that_require_grad_go_to_functions_with_gradients_only():
+    x, ids = torch.zeros(2, requires_grad=True), torch.tensor([0, 1])
+    plain = torch.zeros(2)
+    calls = {
+        "x": [
+            lambda: exact.cumulative_sum(x),
+            lambda: exact.Sum().add(x),
+            lambda: exact.Moments().add(x),
+            lambda: exact.Dot().add(x, plain),
+            lambda: exact.index_add(x, 0, ids, plain),
+        ],
+        "y": [lambda: exact.Dot().add(plain, x)],
+        "source": [lambda: exact.index_add(plain, 0, ids, x)],
+        "weights": [lambda: exact.bincount(ids, weights=x)],
+    }
+    for name, refused in calls.items():
+        text = f"{name} requires grad, and no gradient is computed here: give {name}.detach()"
+        for call in refused:
+            with pytest.raises(TypeError) as error:
+                call()
+            assert str(error.value) == text
+    for function in REDUCTIONS:
+        assert function(x).requires_grad
 
 
 def test_a_parameter_is_read_once_detached():

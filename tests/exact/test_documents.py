@@ -4,8 +4,11 @@
 import doctest
 import importlib
 import inspect
+import os
 import pkgutil
 import re
+import subprocess
+import sys
 from pathlib import Path
 
 import page_code
@@ -14,6 +17,7 @@ import pytest
 from korvex import exact
 
 PAGE = Path(__file__).resolve().parents[2] / "docs" / "exact.md"
+GRADIENTS = PAGE.with_name("gradients.md")
 SEGMENTS = PAGE.with_name("segments.md")
 MODULES = ["korvex.exact"] + [
     f"korvex.exact.{found.name}" for found in pkgutil.iter_modules(exact.__path__)
@@ -53,6 +57,22 @@ def test_examples_of_the_page():
 def test_examples_of_the_page_about_segments():
     _, examples = page_code.run_code(SEGMENTS.read_text())
     assert examples > 10
+
+
+def test_examples_of_the_page_about_gradients():
+    """In a process of its own: torch exports nothing where its tensors are emulated."""
+    program = "import pathlib, sys, page_code\n"
+    program += "print(page_code.run_code(pathlib.Path(sys.argv[1]).read_text())[1])"
+    folders = [str(Path(page_code.__file__).parent), os.environ.get("PYTHONPATH", "")]
+    run = subprocess.run(
+        [sys.executable, "-P", "-c", program, GRADIENTS],
+        env=os.environ | {"PYTHONPATH": os.pathsep.join(filter(None, folders))},
+        capture_output=True,
+        text=True,
+        timeout=300,
+    )
+    assert run.returncode == 0, run.stdout + run.stderr
+    assert int(run.stdout) > 15
 
 
 def test_the_first_block_has_ten_lines_of_use():
