@@ -2,9 +2,7 @@
 """Functions over a whole array give the exact value rounded once, in every format."""
 
 import math
-import re
 from fractions import Fraction
-from pathlib import Path
 
 import exact_oracle as oracle
 import numpy as np
@@ -13,6 +11,7 @@ from exact_arrays import REAL_DTYPES, drawn, extremes, finite, float_lists, with
 from exact_oracle import FORMATS, bits, numbers_of
 from hypothesis import given
 from hypothesis import strategies as st
+from memory import memory_held
 
 from korvex import exact
 
@@ -214,20 +213,6 @@ def test_matmul_holds_little_beside_its_result():
     b = np.ones((2000, 20), np.float32)
     held = memory_held(lambda: exact.matmul(a, b.T, dtype="float16"))
     assert held < 2000 * 2000 * 2 + 4e6, f"{held / 1e6:.1f} MB"  # three limbs would be 96 MB
-
-
-def memory_held(call):
-    """Bytes by which the resident set grows while a call runs."""
-    call()  # once before, for what is kept between calls
-    Path("/proc/self/clear_refs").write_text("5")  # the peak starts anew
-    before = resident("VmRSS")
-    call()
-    return resident("VmHWM") - before
-
-
-def resident(name):
-    status = Path("/proc/self/status").read_text()
-    return int(re.search(rf"^{name}:\s+(\d+) kB$", status, re.MULTILINE)[1]) * 1024
 
 
 # --- Nothing, and special values

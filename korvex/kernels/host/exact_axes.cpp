@@ -39,6 +39,12 @@ class Rows {
     for_each_of_ranges<Nothing>(
         reduction_.outputs.size(), reduction_.output_ranges(threads),
         [&](std::int64_t begin, std::int64_t end, Nothing&) {
+          if constexpr (kArrays == 1) {
+            if (result_.kind() == StateKind::kSum && reduction_.elements.size() > 0) {
+              sum_range(begin, end);
+              return;
+            }
+          }
           each(begin, end, [&](const ArrayWalk<kArrays>& walk, Part& part) {
             add(walk, 0, walk.size(), part);
           });
@@ -47,6 +53,22 @@ class Rows {
   }
 
  private:
+  void sum_range(std::int64_t begin, std::int64_t end) const {
+    ArrayWalk<1> walk({&reduction_.of_one_output[0]});
+    reduction_.outputs.runs(begin, end, [&](GridPosition<1> at, std::int64_t count) {
+      sum_each(
+          reduction_.formats[0], walk,
+          [&] {
+            walk.move_to(at.offset);
+            return count-- > 0;
+          },
+          [&](CountedSum& sum) {
+            out_.write(at.out, result_.of_sum(sum));
+            at.move(reduction_.outputs.last(), 1);
+          });
+    });
+  }
+
   void add(const ArrayWalk<kArrays>& walk, std::int64_t begin, std::int64_t end, Part& part) const {
     add_terms(result_.kind(), reduction_.formats, walk, begin, end, part);
   }

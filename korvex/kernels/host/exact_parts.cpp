@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 
 #include "korvex/kernels/host/mixed_products.h"
 
@@ -80,6 +81,22 @@ void add_terms(StateKind, const int (&formats)[2], const ArrayWalk<2>& walk, std
     return;
   }
   with_format(formats[0], [&](auto each) { add_dot<decltype(each)>(walk, begin, end, part); });
+}
+
+void sum_each(int format, const ArrayWalk<1>& walk, const std::function<bool()>& next,
+              const std::function<void(CountedSum&)>& done) {
+  with_format(format, [&](auto each) {
+    using Format = decltype(each);
+    CountedSum sum;
+    ElementAdder<Format> elements(sum);
+    while (next()) {
+      std::construct_at(&sum);  // it leaves the long accumulator alone, as an assignment would not
+      walk.pieces(0, walk.size(), [&](const char* const* at, std::int64_t count) {
+        elements.add(reinterpret_cast<const typename Format::Storage*>(at[0]), count);
+      });
+      done(sum);
+    }
+  });
 }
 
 }  // namespace korvex::host

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include "korvex/arithmetic/exact/exact_state.h"
 #include "korvex/kernels/host/array_walk.h"
@@ -31,5 +32,11 @@ void add_terms(StateKind kind, const int (&formats)[1], const ArrayWalk<1>& walk
                std::int64_t begin, std::int64_t end, Part& part);
 void add_terms(StateKind kind, const int (&formats)[2], const ArrayWalk<2>& walk,
                std::int64_t begin, std::int64_t end, Part& part);
+
+// Sums of many walks of one layout, one after the other: while next() moves the walk on, its
+// elements are summed and done(sum) is called. What was learned about exponents is kept from one
+// to the next.
+void sum_each(int format, const ArrayWalk<1>& walk, const std::function<bool()>& next,
+              const std::function<void(CountedSum&)>& done);
 
 }  // namespace korvex::host

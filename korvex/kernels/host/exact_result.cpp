@@ -109,9 +109,8 @@ StateKind ExactResult::kind() const {
 double ExactResult::of(Part& part) const {
   switch (function_) {
     case KORVEX_EXACT_TOTAL:
-      return rounded_sum(part.sum, narrow_);
     case KORVEX_EXACT_MEAN:
-      return mean(part.sum);
+      return of_sum(part.sum);
     case KORVEX_EXACT_DOT_PRODUCT:
       return rounded_sum(part.products, narrow_);
     case KORVEX_EXACT_NORM:
@@ -119,6 +118,10 @@ double ExactResult::of(Part& part) const {
     default:
       return of_variance(part);
   }
+}
+
+double ExactResult::of_sum(CountedSum& sum) const {
+  return function_ == KORVEX_EXACT_MEAN ? mean(sum) : rounded_sum(sum, narrow_);
 }
 
 // ---- Mean

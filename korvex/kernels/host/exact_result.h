@@ -26,6 +26,7 @@ class ExactResult {
 
   // The result. Ends the use of the sums.
   double of(Part& part) const;
+  double of_sum(CountedSum& sum) const;  // precondition: the function is a sum or a mean
 
   // The same of a sum that is value + error, where a look at the two decides the rounding: else
   // false. Precondition: value = RN(value + error), finite; the function is a sum or a mean.

@@ -335,6 +335,23 @@ def exact(records: Records) -> Lines:
     ]
 
 
+def exact_axes(records: Records) -> Lines:
+    record = records["bench_exact_axes"]
+    rows = []
+    for part in record["runs"]:
+        of_torch = row(part, "torch.sum")["ns_per_element_processor"]
+        for r in part["results"]:
+            time = r["ns_per_element_processor"]
+            rows.append([part["data"], f"`{r['candidate']}`", short(time), short(time / of_torch)])
+    best = record["settings"]["instruction_set"]
+    return [
+        f"float64, N(0,1), kernels for {best}, one thread, processor time in ns an element",
+        f"({machine(records, 'bench_exact_axes')}):",
+        "",
+        *table(["shape", "candidate", "time", "times `torch.sum`"], rows),
+    ]
+
+
 def exact_cells(found: dict[str, Any]) -> list[str]:
     if "ns_per_element" in found:
         times = (found["ns_per_element_processor"], found["ns_per_element"])
@@ -473,6 +490,7 @@ BLOCKS: dict[str, Callable[[Records], Lines]] = {
         series_overhead,
         exact,
         segments,
+        exact_axes,
         command,
         processes,
     )
