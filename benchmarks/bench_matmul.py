@@ -3,7 +3,9 @@
 
 Against `torch.matmul` in float64, against a product in two doubles per element written with torch
 operations, and on the smallest size against `Fraction`. Exact elements are compared with rational
-arithmetic before anything is timed.
+arithmetic before anything is timed. A second part compares the two ways of the kernel, by slices
+and by residues, on many shapes: with each other, with `torch.matmul`, and with integer matrices of
+FLINT where python-flint is installed.
 """
 
 import argparse
@@ -35,6 +37,17 @@ MOST_NANOSECONDS, MOST_NANOSECONDS_PLAIN = 1.5, 4.0  # best and plain instructio
 JUDGED_FROM = 128  # below, the start of a thread shows
 LARGEST_FOR_TORCH_PAIRS = 512
 FRACTION_SIZE = 24
+
+# The ways of launch.h.
+CHOSEN, BY_SLICES = 0, 1
+# By residues, where the processor can: against slices and against torch.matmul, on processor time.
+JUDGED_WAYS_FROM = 512
+TIMES_OF_SLICES, TIMES_OF_TORCH, TIMES_ON_TWO_THREADS = 3.0, 7.0, 1.6
+SQUARES = (1, 2, 4, 8, 16, 24, 32, 48, 64, 96, 128, 256, 512)
+# Rows, columns, products of an element: tall, flat, long and short ones.
+OTHER_SHAPES = ((2000, 16, 64), (16, 2000, 64), (512, 4, 512), (4, 512, 512), (1, 512, 512),
+                (512, 1, 512), (64, 64, 2000), (16, 16, 4096), (500, 500, 8))  # fmt: skip
+LARGEST_FOR_FLINT = 256
 
 Candidates = dict[str, Callable[[], Any]]
 
@@ -91,6 +104,151 @@ def all_candidates(a: torch.Tensor, b: torch.Tensor) -> Candidates:
     if a.shape[0] <= FRACTION_SIZE:
         candidates["Fraction"] = lambda: rational(a, b)
     return candidates | exact_candidates(a, b)
+
+
+# --- The ways of the kernel
+
+
+def wide_or_normal(m: int, n: int, k: int, is_wide: bool) -> tuple[torch.Tensor, torch.Tensor]:
+    """N(0,1), or that times 2^U(-30,30)."""
+    generator = torch.Generator().manual_seed(SEED + m + n + k)
+    drawn = [torch.randn(*e, generator=generator, dtype=torch.float64) for e in ((m, k), (k, n))]
+    if is_wide:
+        drawn = [
+            x * torch.exp2(60 * torch.rand(*x.shape, generator=generator, dtype=x.dtype) - 30)
+            for x in drawn
+        ]
+    return drawn[0], drawn[1]
+
+
+def on_way(call: Callable[[], Any], library: HostLibrary, way: int) -> Callable[[], Any]:
+    """The same call, taken by one way of matrix products."""
+    functions = ctypes.CDLL(str(library.path))
+
+    def called() -> Any:
+        functions.korvex_host_set_product_way(way)
+        try:
+            return call()
+        finally:
+            functions.korvex_host_set_product_way(CHOSEN)
+
+    return called
+
+
+def flint_call(a: torch.Tensor, b: torch.Tensor) -> Callable[[], Any] | None:
+    """Integer matrices of FLINT, the elements scaled to integers before; None without it."""
+    try:
+        from flint import fmpz_mat
+    except ImportError:
+        return None
+    scaled = [
+        fmpz_mat([[int(Fraction(value) * 2**1074) >> 900 for value in row] for row in x.tolist()])
+        for x in (a, b)
+    ]
+    return lambda: scaled[0] * scaled[1]
+
+
+def way_candidates(a: torch.Tensor, b: torch.Tensor) -> Candidates:
+    library = HostLibrary(best_instruction_set(), 1)
+    one, many = kernel_call(library, a, b, 1), kernel_call(library, a, b, MANY)
+    candidates: Candidates = {
+        "torch.matmul": torch_call(a, b),
+        "by slices": on_way(one, library, BY_SLICES),
+        "as chosen": on_way(one, library, CHOSEN),
+        f"as chosen, {MANY} threads": on_way(many, library, CHOSEN),
+    }
+    flint = flint_call(a, b) if max(*a.shape, *b.shape) <= LARGEST_FOR_FLINT else None
+    return candidates | ({"FLINT integers": flint} if flint else {})
+
+
+def check_ways(a: torch.Tensor, b: torch.Tensor) -> None:
+    """Both ways leave the same bits."""
+    candidates = way_candidates(a, b)
+    by_slices = [limb.clone() for limb in candidates["by slices"]()]
+    for name in ("as chosen", f"as chosen, {MANY} threads"):
+        for limb, expected in zip(candidates[name](), by_slices, strict=True):
+            if not torch.equal(limb.view(torch.int64), expected.view(torch.int64)):
+                raise AssertionError(f"{name} differs, {tuple(a.shape)} by {tuple(b.shape)}")
+
+
+def run_ways(shape: tuple[int, int, int], is_wide: bool, repeats: int) -> dict[str, Any]:
+    m, n, k = shape
+    a, b = wide_or_normal(m, n, k, is_wide)
+    check_ways(a, b)
+    timings = measure(way_candidates(a, b), repeats)
+    row = {
+        "rows": m,
+        "columns": n,
+        "products": k,
+        "data": "N(0,1) * 2^U(-30,30)" if is_wide else "N(0,1)",
+        "ns_per_multiply_add_processor": {
+            name: nanoseconds(timing.processor_least, m * n * k) for name, timing in timings.items()
+        },
+        "ns_per_multiply_add_least": {
+            name: nanoseconds(timing.least, m * n * k) for name, timing in timings.items()
+        },
+    }
+    return row | {"targets": judge_ways(row)}
+
+
+def judge_ways(row: dict[str, Any]) -> list[dict[str, Any]]:
+    if min(row["rows"], row["columns"], row["products"]) < JUDGED_WAYS_FROM or not has_residues():
+        return []
+    took, clock = row["ns_per_multiply_add_processor"], row["ns_per_multiply_add_least"]
+    name = f"as chosen, n = {row['rows']}, {row['data']}"
+    gain = round(took["by slices"] / took["as chosen"], 2)
+    times = round(took["as chosen"] / took["torch.matmul"], 2)
+    targets = [
+        {
+            "candidate": name,
+            "times_of_slices_at_least": TIMES_OF_SLICES,
+            "times_of_slices": gain,
+            "met": gain >= TIMES_OF_SLICES,
+        },
+        threads_target(
+            name,
+            clock["as chosen"],
+            clock[f"as chosen, {MANY} threads"],
+            TIMES_ON_TWO_THREADS,
+        ),
+    ]
+    if row["data"] == "N(0,1)":
+        targets.append(
+            {
+                "candidate": f"{name}, torch.matmul",
+                "times_at_most": TIMES_OF_TORCH,
+                "times": times,
+                "met": times <= TIMES_OF_TORCH,
+            }
+        )
+    print_targets(targets)
+    return targets
+
+
+def has_residues() -> bool:
+    library = HostLibrary(best_instruction_set(), 1)
+    return ctypes.CDLL(str(library.path)).korvex_host_has_products_by_residues() == 1
+
+
+def print_ways(runs: list[dict[str, Any]]) -> None:
+    names = ["torch.matmul", "by slices", "as chosen", "FLINT integers"]
+    rows = []
+    for run in runs:
+        took = run["ns_per_multiply_add_processor"]
+        rows.append(
+            [
+                f"{run['rows']} x {run['columns']} x {run['products']}",
+                run["data"],
+                *(f"{took[name]:.4g}" if name in took else "" for name in names),
+                f"{took['by slices'] / took['as chosen']:.2f}",
+                f"{took['as chosen'] / took['torch.matmul']:.2f}",
+            ]
+        )
+    print_table(
+        "Ways of the kernel, 1 thread, least processor time, ns per multiply-add",
+        ["rows x columns x products", "data", *names, "gain", "times torch"],
+        rows,
+    )
 
 
 # --- One size
@@ -155,16 +313,25 @@ def judge(results: list[dict[str, Any]]) -> list[dict[str, Any]]:
 
 def main() -> None:
     parser = host_parser(__doc__, 512, "largest size", 15)
-    parser.add_argument("--large", action="store_true", help="also 2048; takes minutes")
+    parser.add_argument("--large", action="store_true", help="also 1024 and 2048; takes minutes")
+    parser.add_argument("--ways", action="store_true", help="the two ways alone, not recorded")
     options = parser.parse_args()
     sizes = [size for size in (FRACTION_SIZE, 64, 128, 256, 512) if size <= options.n]
     if options.quick:
         sizes, options.repeats = [FRACTION_SIZE], min(options.repeats, 3)
     elif options.large:
         sizes.append(2048)
-    runs = [run_size(size, options) for size in sizes]
+    runs = [] if options.ways else [run_size(size, options) for size in sizes]
+    squares = [size for size in SQUARES if size <= (32 if options.quick else options.n)]
+    squares += [1024, 2048] if options.large else []
+    shapes = [(size, size, size) for size in squares]
+    shapes += [] if options.quick else OTHER_SHAPES
+    ways = [run_ways(e, is_wide, options.repeats) for e in shapes for is_wide in (False, True)]
+    print_ways(ways)
+    if options.ways:
+        return
     settings = {"n": sizes[-1], "sizes": sizes, "repeats": options.repeats, "seed": SEED}
-    record("bench_matmul", options, settings, runs=runs)
+    record("bench_matmul", options, settings, runs=runs, ways=ways)
 
 
 if __name__ == "__main__":

@@ -100,6 +100,7 @@ def print_targets(targets: list[dict[str, Any]]) -> None:
         "times_without_at_most": "at most {:g} times the time with a finite one",
         "times_on_two_threads_at_least": "two threads: at least {:g} times",
         "times_at_most": "at most {:g} times its time",
+        "times_of_slices_at_least": "at least {:g} times faster than by slices",
         "ms_at_most": "at most {:g} ms",
         "megabytes_at_most": "at most {:g} MB beside the operands",
     }

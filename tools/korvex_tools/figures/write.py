@@ -300,6 +300,7 @@ def target_rows(records: Records) -> list[list[str]]:
 def aims(target: dict[str, Any]) -> list[str]:
     words = {
         "times_faster_at_least": "at least {:g} times faster than `math.fsum`",
+        "times_of_slices_at_least": "at least {:g} times faster than by slices",
         "ns_at_most": "at most {:g} ns",
         "ratio_at_most": "at most {:g} times plain Python",
         "times_on_two_threads_at_least": "two threads: at least {:g} times",
