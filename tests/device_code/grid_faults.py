@@ -162,14 +162,6 @@ FAULTS = (
         "result differs|buffer-overflow|out of bounds|too many steps",
     ),
     Fault(
-        "a block leaves out what the one before it has",
-        "tqx_cumsum_device_kernel",
-        "whole_scan.cuh",
-        "other < thread.block(); ++other",
-        "other + 1 < thread.block(); ++other",
-        "result differs",
-    ),
-    Fault(
         "the last try of the last block leaves out an element",
         "tqx_logsumexp_device_kernel",
         "whole_log_sum.cuh",
