@@ -135,6 +135,11 @@ def _of_numpy(x: np.ndarray[Any, Any], name: str, home: Home) -> Operand:
 
 
 def _of_torch(x: Any, name: str, torch: Any) -> Operand:
+    if torch.compiler.is_dynamo_compiling() or torch._C._functorch.is_functorch_wrapped_tensor(x):
+        raise TypeError(
+            f"{name} is traced by torch, for compilation or a transform, and this function is no "
+            "operator of torch"
+        )
     if x.requires_grad:
         raise TypeError(
             f"{name} requires grad, and no gradient is computed here: give {name}.detach()"

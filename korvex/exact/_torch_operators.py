@@ -313,6 +313,12 @@ def vecdot(x: Tensor, y: Tensor, *, axis: Any, dtype: Any) -> Tensor:
 def matmul(a: Tensor, b: Tensor, *, dtype: Any) -> Tensor:
     _check_tensors(_products.matmul, a, b)
     _refuse_complex_gradients("matmul", a=a, b=b)
+    for name, operand in (("a", a), ("b", b)):
+        if operand.dim() > 2:
+            raise ValueError(
+                f"{name} has {operand.dim()} axes: where torch watches a call, matmul takes "
+                "matrices and vectors, and torch.func.vmap makes batches of them"
+            )
     return _matmul(a, b, _dtype(dtype, a, b))
 
 

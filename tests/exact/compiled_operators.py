@@ -72,6 +72,13 @@ def compile_() -> None:
     dynamic = torch.compile(exact.mean, fullgraph=True, backend="aot_eager", dynamic=True)
     for length in (3, 5, 8):
         assert torch.equal(dynamic(drawn(length)), exact.mean(drawn(length)))
+    others = torch.compile(exact.cumulative_sum, fullgraph=True, backend="aot_eager")
+    try:
+        others(drawn(3).detach())
+    except Exception as error:  # of Dynamo's own class, around the TypeError
+        assert "this function is no operator of torch" in str(error), error
+    else:
+        raise AssertionError
     batched = torch.compile(torch.func.vmap(exact.sum), fullgraph=True, backend="aot_eager")
     x = drawn(3, 4).detach()
     assert torch.equal(batched(x), exact.sum(x, axis=1))

@@ -284,6 +284,11 @@ WRONG = {
         lambda: exact.matmul(X, X),
         "a has rows of 3 elements, and b has columns of 2",
     ),
+    "batches": (
+        lambda: exact.matmul(wanting(2, 2, 2), wanting(2, 2)),
+        "a has 3 axes: where torch watches a call, matmul takes matrices and vectors, and "
+        "torch.func.vmap makes batches of them",
+    ),
     "segment": (
         lambda: exact.segment_sum(X, torch.tensor([0, 7]), 3),
         "ids[1] is 7, not from 0 to 2",
@@ -322,6 +327,13 @@ def test_the_emulated_device_has_no_gradients():
     x = torch.ones(2, device="cuda").requires_grad_()
     with pytest.raises(TypeError, match="x requires grad, and no gradient is computed here"):
         exact.sum(x)
+
+
+def test_transforms_of_other_functions_are_refused():
+    text = "x is traced by torch, for compilation or a transform, and this function is no operator"
+    for function in (exact.cumulative_sum, exact.Sum().add, lambda x: exact.bincount(IDS[:3], x)):
+        with pytest.raises(TypeError, match=text.replace("x", "(x|weights)", 1)):
+            torch.func.vmap(function)(drawn(2, 3))
 
 
 # --- Which calls go through operators
