@@ -171,15 +171,16 @@ def _multiply_by_states(
 
 def cumulative_sum(device: Device, x: Real, form: str, include_initial: bool) -> Any:
     """The sums of the first elements of a vector, with that of none where it is asked for."""
+    [count] = x.values.shape
     run = device.run(x.values, True)
-    if not include_initial:
-        out = device.empty(run.elements, form)
+    if include_initial:
+        out = device.zeros(count + 1, form)
     else:
-        out = device.zeros(run.elements + 1, form)
-    if run.elements:
-        segments = min(-(-run.elements // _LEAST_SEGMENT), MOST_SEGMENTS)
+        out = device.empty(count, form)
+    if count:
+        segments = min(-(-count // _LEAST_SEGMENT), MOST_SEGMENTS)
         memory = device.empty(segments * SEGMENT_WORDS, "int64")
-        shared = (segments, device.address(memory), run.elements)
+        shared = (segments, device.address(memory), count)
         first = device.address(out) + int(include_initial) * out.itemsize
         _launch(device, "korvex_sum_segments", *shared, *run.arguments())
         _launch(device, "korvex_join_segments", *shared)
