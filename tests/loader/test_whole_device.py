@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """KORVEX_LAUNCH: which launches are made for the kernels of one thread or one block."""
 
+import os
 from pathlib import Path
 
 import pytest
@@ -196,11 +197,12 @@ assert driver.take_log() == []
 
 def test_checks_on_a_gpu_launch_by_the_loader(run):
     """`make gpu` has addresses, of which the loader wants arrays."""
+    folders = [SOURCE_TREE / "tools", SOURCE_TREE / "tests" / "support"]
+    places = [*map(str, folders), os.environ.get("PYTHONPATH")]
     run_calls(
         run,
-        f"""
-import os, sys
-sys.path.insert(0, {str(SOURCE_TREE / "tools")!r})
+        """
+import os
 from korvex_tools.gpu.package_loaders import LaunchesOnWholeDevice
 import_loader()
 driver.set_device(0)
@@ -224,6 +226,7 @@ assert [step[0] for step in steps(driver.take_log()) if step[0] != "clear"] == [
     "tqx_rms_norm_device_root_kernel", "tqx_rms_norm_device_kernel", "tqx_dot_device_kernel"]
 """,
         KORVEX_LAUNCH="as-asked",
+        PYTHONPATH=os.pathsep.join(filter(None, places)),
     )
 
 
