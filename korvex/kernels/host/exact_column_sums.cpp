@@ -8,8 +8,8 @@
 // with an infinity or a NaN, is summed again from copies (exact_tiles.cpp).
 //
 // Where a row is short and the next one begins where it ends, several are one row of as many more
-// columns, which are added up at the end. 16 KiB a thread hold the columns; no other memory grows
-// with the array.
+// columns, which are added up at the end. A thread holds 12 KiB of columns and 48 KiB for a row
+// that is converted; nothing grows with the array.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>

@@ -81,7 +81,6 @@ OWN_TESTS = {
     H + "exact_axes.h": "exact",
     H + "exact_calls.h": CALLS,
     H + "exact_parts.h": "exact",
-    H + "exact_result.h": "exact",
     H + "float_environment.h": KERNELS,
     H + "formats.h": "exact",
     H + "lanes.h": "sum host_doubles dot",
