@@ -3,9 +3,9 @@
 //
 // An integer C with |C| <= M / 4, M the product of the moduli p_t, is known from its residues: with
 // e_t = C * (M / p_t)^-1 mod p_t, C = sum of e_t * M / p_t - q * M, where q is the integer next to
-// the sum of e_t / p_t, which lies within 1/4 of one. Here are the moduli, and the constants of that
-// formula as digits of radix 256. The bounds are proved in docs/numerics_modular.md and checked by
-// korvex_tools.modular_bounds.
+// the sum of e_t / p_t, which lies within 1/4 of one. Here are the moduli, and the constants of
+// that formula as digits of radix 256. The bounds are proved in docs/numerics_modular.md and
+// checked by korvex_tools.modular_bounds.
 #pragma once
 
 #include <array>
@@ -53,8 +53,8 @@ struct ByteNumber {
 };
 
 constexpr int kMostModuli = 48;
-// So a residue next to zero is a signed byte even where its quotient was rounded wrongly by one part
-// in p: 251 / 2 + 1 < 127.
+// So a residue next to zero is a signed byte even where its quotient was rounded wrongly by one
+// part in p: 251 / 2 + 1 < 127.
 constexpr int kLargestModulus = 251;
 
 // Largest first, each coprime to all before it.
