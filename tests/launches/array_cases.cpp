@@ -100,7 +100,8 @@ class ArrayRun {
     Result result(device_, case_.depth, case_.format, 1);
     const korvex_exact_array array = {x.array.bytes.data() + x.first, case_.a.format, 1,
                                       &case_.depth, &x.byte_stride};
-    require(host_.cumulative_sum(&array, case_.format, 1, result.of_host()) == KORVEX_EXACT_DONE,
+    const korvex_exact_running running = {case_.format, 0, 1};
+    require(host_.cumulative_sum(&array, &running, 1, result.of_host()) == KORVEX_EXACT_DONE,
             "the host library refuses a running sum");
     device_.place(x.array);
     StateArray memory = junk_array("segments", case_.segments * kernels::kSegmentWords * 8);
