@@ -168,6 +168,7 @@ void expect_congruent(const std::vector<int>& a, const std::vector<int>& b, std:
       for (std::size_t i = 0; i < k; ++i) {
         expected += std::int64_t{2} * a[row * k + i] * b[column * k + i];
       }
+      // NOLINTNEXTLINE(bugprone-signed-char-misuse): a number with a sign
       const int found = bytes[modular::place_in_plane(static_cast<std::int64_t>(row),
                                                       static_cast<std::int64_t>(column), 64)];
       is_right =
@@ -182,8 +183,8 @@ void products_of_the_largest_residues() {
   for (const std::uint8_t p : arithmetic::kModuli) {
     const int largest = p / 2 + 1;
     const std::size_t quads = modular::kDepth / 4;
-    const std::vector<int> high(64 * 4 * quads, largest);
-    const std::vector<int> low(64 * 4 * quads, -largest);
+    const std::vector<int> high(quads * 64 * 4, largest);
+    const std::vector<int> low(quads * 64 * 4, -largest);
     expect_congruent(high, high, quads, p);
     expect_congruent(low, high, quads, p);
     expect_congruent(low, low, quads, p);
@@ -194,8 +195,8 @@ void products_of_random_residues() {
   Random random(101);
   for (const std::uint8_t p : arithmetic::kModuli) {
     for (const std::size_t quads : {1U, 2U, 77U}) {
-      std::vector<int> a(16 * 4 * quads);
-      std::vector<int> b(64 * 4 * quads);
+      std::vector<int> a(quads * 16 * 4);
+      std::vector<int> b(quads * 64 * 4);
       std::generate(a.begin(), a.end(), [&] { return random.between(-p / 2 - 1, p / 2 + 1); });
       std::generate(b.begin(), b.end(), [&] { return random.between(-p / 2 - 1, p / 2 + 1); });
       expect_congruent(a, b, quads, p);

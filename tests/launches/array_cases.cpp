@@ -82,11 +82,11 @@ class ArrayRun {
     Result result(device_, case_.rows * case_.columns, case_.format, case_.step);
     multiply_on_host(a, b, result.of_host());
     const std::int64_t copies =
-        (is_wide(case_.a.format) ? 2 : 1) * (is_wide(case_.b.format) ? 2 : 1);
+        std::int64_t{is_wide(case_.a.format) ? 2 : 1} * (is_wide(case_.b.format) ? 2 : 1);
     const std::uint64_t wide_a = widened(a, case_.a, case_.b, 1, 1, copies);
     const std::uint64_t wide_b = widened(b, case_.b, case_.a, is_wide(case_.a.format) ? 2 : 1,
                                          std::max<std::int64_t>(case_.columns, 1), copies);
-    const std::int64_t height = case_.shape.threads() / case_.width;
+    const std::int64_t height = static_cast<std::int64_t>(case_.shape.threads()) / case_.width;
     const std::int64_t tiles =
         ((case_.rows + height - 1) / height) * ((case_.columns + case_.width - 1) / case_.width);
     launch("korvex_multiply",

@@ -12,7 +12,6 @@
 namespace korvex::launches {
 namespace {
 
-using kernels::kStateKernels;
 using kernels::StateKernelRow;
 
 // The same array for the host library.

@@ -27,6 +27,8 @@ constexpr const char* kCollectSum =
 constexpr const char* kAddToBlock = "7WarpSumINS0_12DeviceThreadEE11add_elementEd";
 constexpr std::uint64_t kMostSteps = 3'000'000;
 
+// A row is one list of values, those of its planting among them.
+#pragma GCC diagnostic ignored "-Wmissing-braces"
 // clang-format off
 const Fault kFaults[] = {
     // --- Addresses

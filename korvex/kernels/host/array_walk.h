@@ -143,7 +143,7 @@ class ArrayWalk {
     rank_ = rank_ == 0 ? 0 : merged + 1;
   }
 
-  const Dimension& last() const { return dimension_[rank_ - 1]; }
+  const Dimension& last() const { return dimension_[std::max(rank_ - 1, 0)]; }
 
   // Side by side and aligned.
   bool is_in_place(int a) const {

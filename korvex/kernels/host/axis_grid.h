@@ -60,8 +60,14 @@ class Grid {
   }
 
   void arrange() {
-    std::stable_sort(dimension_, dimension_ + rank_,
-                     [](const Dimension& a, const Dimension& b) { return a.reach() > b.reach(); });
+    const auto reaches_further = [](const Dimension& a, const Dimension& b) {
+      return a.reach() > b.reach();
+    };
+    for (int d = 1; d < rank_; ++d) {
+      Dimension* const place =
+          std::upper_bound(dimension_, dimension_ + d, dimension_[d], reaches_further);
+      std::rotate(place, dimension_ + d, dimension_ + d + 1);
+    }
     int joined = 0;
     for (int d = 1; d < rank_; ++d) {
       const Dimension inner = dimension_[d];
@@ -90,7 +96,7 @@ class Grid {
   }
 
   std::int64_t size() const { return size_; }
-  const Dimension& last() const { return dimension_[rank_ - 1]; }
+  const Dimension& last() const { return dimension_[std::max(rank_ - 1, 0)]; }
 
   // Calls visit(position, count) for the positions of numbers begin to end - 1: `count` of them
   // from that one on, along the last dimension.

@@ -12,7 +12,7 @@ namespace korvex::host {
 struct ConvertedBlock {
   double high[kBlock];
   double low[kBlock];  // an element is high + low; unused unless has_low
-  bool has_low;
+  bool has_low = false;
 
   // Precondition, here and below: count <= kBlock.
   void convert(int format, const void* elements, std::int64_t count) {

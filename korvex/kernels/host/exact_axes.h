@@ -30,7 +30,7 @@ struct AxisReduction {
     }
     std::int64_t out_step[KORVEX_EXACT_MAX_RANK];
     std::int64_t outputs_inside = 1;
-    for (int d = kept - 1; d >= 0; --d) {
+    for (int d = std::min<int>(kept, KORVEX_EXACT_MAX_RANK) - 1; d >= 0; --d) {
       out_step[d] = outputs_inside;
       outputs_inside *= operands[0]->extents[d];
     }

@@ -189,8 +189,8 @@ class Tile {
   bool has_low() const { return in_place_ == nullptr && block_.has_low; }
 
  private:
-  const double* in_place_ = nullptr;
   alignas(64) char copied_[kBlock * sizeof(double)];
+  const double* in_place_ = nullptr;
   ConvertedBlock block_;
 };
 

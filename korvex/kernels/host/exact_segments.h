@@ -53,7 +53,8 @@ class SegmentSums {
         }
         sum = total.value;
         error = errors.value;
-      } while (++i < count && segment[i] == own);
+        ++i;
+      } while (i < count && segment[i] == own);
       pair[0] = sum;
       pair[columns_] = error;
       if (!is_held) [[unlikely]] {

@@ -59,14 +59,14 @@ struct Workspace {
         planes(moduli * shape.plane_bytes()),
         left_sums(size(moduli * shape.rows)) {}
 
+  alignas(64) double column_exponents[kColumns];
+  modular::ElementChunk chunk;
+  alignas(64) double limbs[arithmetic::kElementLimbs][kLines * kColumns];
   AlignedBytes left;
   AlignedBytes right;
   AlignedBytes planes;
-  std::vector<std::int32_t> left_sums;
-  modular::ElementChunk chunk;
-  alignas(64) double column_exponents[kColumns];
-  alignas(64) double limbs[arithmetic::kElementLimbs][kLines * kColumns];
   std::int64_t found = 0;
+  std::vector<std::int32_t> left_sums;
 };
 
 // ---- The product
@@ -123,10 +123,11 @@ class ModularProduct {
     std::fill(work.left_sums.begin(), work.left_sums.end(), 0);
     for (std::int64_t row = rows.begin; row < rows.end; row += kLines) {
       const std::int64_t block = (row - rows.begin) / kLines;
-      write_lines(left_, row, k, depth, left_weights_, Operand::kLeft,
-                  {work.left.get() + block * kLines * shape.depth, shape.left_bytes(),
-                   kLines * kQuad, work.left_sums.data() + block * kLines, shape.rows},
-                  work);
+      write_lines(
+          left_, row, k, depth, left_weights_, Operand::kLeft,
+          {work.left.get() + block * kLines * shape.depth, shape.left_bytes(),
+           std::int64_t{kLines} * kQuad, work.left_sums.data() + block * kLines, shape.rows},
+          work);
     }
   }
 
@@ -137,7 +138,7 @@ class ModularProduct {
       write_lines(right_, column, k, depth, right_weights_, Operand::kRight,
                   {work.right.get() + offset / kColumns * kColumns * shape.depth +
                        offset % kColumns * kQuad,
-                   shape.right_bytes(), kColumns * kQuad, nullptr, 0},
+                   shape.right_bytes(), std::int64_t{kColumns} * kQuad, nullptr, 0},
                   work);
     }
   }

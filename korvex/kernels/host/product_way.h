@@ -16,7 +16,7 @@ struct ProductSettings {
   // KORVEX_CHECK_PRODUCTS=1 in the environment when the library is loaded: one modulus more.
   std::atomic<bool> is_checked{is_set("KORVEX_CHECK_PRODUCTS")};
 
-  static bool is_set(const char* name) {
+  static bool is_set(const char* name) noexcept {
     const char* const word = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): while loading
     return word != nullptr && std::strcmp(word, "1") == 0;
   }
