@@ -55,8 +55,8 @@ FUSED_IN_SOURCE = {
     "tqx_cumsum_device_sum_kernel": 0,
     "tqx_cumsum_device_kernel": 0,
     "tqx_logsumexp_device_largest_kernel": 0,
-    "tqx_logsumexp_device_sum_kernel": 0,
-    "tqx_logsumexp_device_kernel": 0,
+    "tqx_logsumexp_device_sum_kernel": 28,
+    "tqx_logsumexp_device_kernel": 24,
     "tqx_rms_norm_device_root_kernel": 8,
     "tqx_rms_norm_device_kernel": 2,
 }

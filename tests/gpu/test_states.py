@@ -18,6 +18,8 @@ from gpu_states import (
     states_cases,
 )
 
+from korvex import exact
+from korvex_tools.gpu.cuda_device import CudaDevice
 from korvex_tools.gpu.package_loaders import StatesOnHost, bits_of, states_on
 
 
@@ -83,6 +85,39 @@ def test_each_way_of_rounding(states, kernel):
                     assert found == int(bits_of(value, form).view(f"u{found_bytes(form)}")[0]), (
                         f"{kernel}, {case}, {form}: {found:#x}"
                     )
+
+
+# Kernels that take several launches for one result, which `korvex.exact` makes.
+
+
+@pytest.fixture
+def on_gpu(target):
+    """Moves an array of NumPy to the GPU."""
+    if not isinstance(target, CudaDevice):
+        pytest.skip("the host library has no kernels of that kind")
+    torch = pytest.importorskip("torch")
+    return lambda x: torch.from_numpy(x).cuda()
+
+
+@pytest.mark.parametrize("form", ["float64", "float32", "int64"])
+@pytest.mark.parametrize("kernel", ["korvex_widen", "korvex_multiply"])
+def test_matrix_products_on_a_gpu(on_gpu, kernel, form):
+    for rows, depth, columns in ((1, 1, 1), (3, 5, 2), (33, 64, 65), (130, 1000, 7)):
+        a = draw_values(form, rows * depth, "normal").reshape(rows, depth)
+        b = draw_values(form, depth * columns, "normal", 1).reshape(depth, columns)
+        found = exact.matmul(on_gpu(a), on_gpu(b)).cpu().numpy()
+        np.testing.assert_array_equal(found, exact.matmul(a, b), strict=True)
+
+
+@pytest.mark.parametrize("form", ["float64", "float32", "int64"])
+@pytest.mark.parametrize(
+    "kernel", ["korvex_sum_segments", "korvex_join_segments", "korvex_running_sums"]
+)
+def test_running_sums_on_a_gpu(on_gpu, kernel, form):
+    for n in (1, 31, 33, 5000, 300_001):
+        x = draw_values(form, n, "normal")
+        found = exact.cumulative_sum(on_gpu(x)).cpu().numpy()
+        np.testing.assert_array_equal(found, exact.cumulative_sum(x), strict=True)
 
 
 def found_bytes(form: str) -> int:

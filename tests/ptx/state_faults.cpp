@@ -23,6 +23,8 @@ constexpr const char* kFlush = "7WarpSumINS0_14CountingThreadINS0_12DeviceThread
 constexpr const char* kTakeTurns = "14RoundedResultsEE10take_turnsEb";
 constexpr std::uint64_t kMostSteps = 3'000'000;  // of a launch
 
+// A row is one list of values, those of its planting among them.
+#pragma GCC diagnostic ignored "-Wmissing-braces"
 // clang-format off
 const StateFault kFaults[] = {
     // --- Addresses

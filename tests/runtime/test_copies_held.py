@@ -120,15 +120,15 @@ def test_operand_that_is_not_contiguous_is_copied_once(module):
 
 
 @pytest.mark.parametrize(
-    ("case", "n", "expected"),
+    ("case", "n", "expected", "panels"),
     [
-        ("tqx_sum", COUNT, 0),
-        ("tqx_var", COUNT, 0),
-        ("tqx_cumsum", COUNT, 2),
-        ("tqx_matmul(return_tqx=True)", 1000, 3),
+        ("tqx_sum", COUNT, 0, 0),
+        ("tqx_var", COUNT, 0, 0),
+        ("tqx_cumsum", COUNT, 2, 0),
+        ("tqx_matmul(return_tqx=True)", 1000, 3, 64 << 20),  # of residues: at most, for any size
     ],
 )
-def test_kernel_holds_next_to_nothing_of_its_own(case, n, expected):
+def test_kernel_holds_next_to_nothing_of_its_own(case, n, expected, panels):
     if not device.choose().emulated:
         pytest.skip("kernels for a GPU allocate nothing")
     if "libasan" in os.environ.get("LD_PRELOAD", ""):
@@ -137,4 +137,5 @@ def test_kernel_holds_next_to_nothing_of_its_own(case, n, expected):
     environment = os.environ | {"MALLOC_MMAP_THRESHOLD_": str(1 << 18)}
     output = subprocess.run(command, capture_output=True, text=True, check=True, env=environment)
     figures = json.loads(output.stdout)
-    assert expected - 0.1 <= figures["bytes"] / figures["operand"] <= expected + 0.1
+    held, operand = figures["bytes"], figures["operand"]
+    assert (expected - 0.1) * operand <= held <= (expected + 0.1) * operand + panels

@@ -159,6 +159,7 @@ class ArrayWalk {
   template <class Visit>
   void runs(std::int64_t begin, std::int64_t end, const Visit& visit) const {
     std::int64_t index[KORVEX_EXACT_MAX_RANK];
+    index[0] = 0;
     const char* at[kArrays];
     std::copy(base_, base_ + kArrays, at);
     std::int64_t rest = begin;
@@ -168,7 +169,7 @@ class ArrayWalk {
       move(at, d, index[d]);
     }
     while (begin < end) {
-      const int inner = rank_ - 1;
+      const int inner = std::max(rank_ - 1, 0);
       const std::int64_t count = std::min(last().extent - index[inner], end - begin);
       visit(at, count);
       begin += count;

@@ -103,6 +103,7 @@ class Grid {
   template <class Visit>
   void runs(std::int64_t begin, std::int64_t end, const Visit& visit) const {
     std::int64_t index[KORVEX_EXACT_MAX_RANK + 1];
+    index[0] = 0;
     Position at;
     std::int64_t rest = begin;
     for (int d = rank_ - 1; d >= 0; --d) {
@@ -110,7 +111,7 @@ class Grid {
       rest /= dimension_[d].extent;
       at.move(dimension_[d], index[d]);
     }
-    const int inner = rank_ - 1;
+    const int inner = std::max(rank_ - 1, 0);
     while (begin < end) {
       const std::int64_t count = std::min(last().extent - index[inner], end - begin);
       visit(at, count);
