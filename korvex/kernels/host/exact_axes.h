@@ -28,11 +28,9 @@ struct AxisReduction {
       of_one_output[a].extents += kept;
       of_one_output[a].byte_strides += kept;
     }
-    std::int64_t out_step[KORVEX_EXACT_MAX_RANK];
-    std::int64_t outputs_inside = 1;
-    for (int d = std::min<int>(kept, KORVEX_EXACT_MAX_RANK) - 1; d >= 0; --d) {
-      out_step[d] = outputs_inside;
-      outputs_inside *= operands[0]->extents[d];
+    std::int64_t out_step = 1;  // of the dimension at hand; without outputs any number will do
+    for (int d = 0; d < kept; ++d) {
+      out_step *= operands[0]->extents[d];
     }
     for (int d = 0; d < operands[0]->rank; ++d) {
       GridDimension<kArrays> dimension;
@@ -40,7 +38,10 @@ struct AxisReduction {
       for (int a = 0; a < kArrays; ++a) {
         dimension.stride[a] = operands[a]->byte_strides[d];
       }
-      dimension.out_step = d < kept ? out_step[d] : 0;
+      if (d < kept) {
+        out_step /= std::max<std::int64_t>(dimension.extent, 1);
+        dimension.out_step = out_step;
+      }
       (d < kept ? outputs : elements).take_in(dimension);
     }
     outputs.arrange();
