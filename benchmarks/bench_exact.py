@@ -30,11 +30,11 @@ from korvex.emulation._library import HostLibrary, best_instruction_set
 from korvex_tools.figures.command import cut_short, host_parser, record
 from korvex_tools.figures.memory import held_by
 from korvex_tools.figures.timing import (
-    measure,
-    nanoseconds,
     print_table,
     print_targets,
     threads_target,
+    time_part,
+    times_target,
 )
 
 SEED = 20130501
@@ -199,27 +199,6 @@ def check_results(x: np.ndarray) -> None:
 # --- Parts
 
 
-def time_part(
-    name: str, candidates: Candidates, count: int, options: argparse.Namespace
-) -> dict[str, Any]:
-    timings = measure(candidates, options.repeats)
-    results = [
-        {
-            "candidate": label,
-            "ns_per_element": nanoseconds(timing.median, count),
-            "ns_per_element_least": nanoseconds(timing.least, count),
-            "ns_per_element_processor": nanoseconds(timing.processor_median, count),
-        }
-        for label, timing in timings.items()
-    ]
-    print_table(
-        f"{name}, n = {count}, median of {options.repeats}, ns per element",
-        ["candidate", "median", "least", "processor"],
-        [[label, *(f"{t:.3f}" for t in times)] for label, *times in (r.values() for r in results)],
-    )
-    return {"data": name, "results": results, "targets": []}
-
-
 def short_calls(options: argparse.Namespace) -> dict[str, Any]:
     """Nanoseconds a call on ten elements, the least of some rounds: what a call costs by itself."""
     x = np.random.default_rng(SEED).standard_normal(FEW)
@@ -315,15 +294,7 @@ def judge(part: dict[str, Any]) -> None:
     name = part["data"]
     times = {row["candidate"]: [*row.values()][-1] for row in part["results"]}
     for candidate, other, most in TIMES_OF.get(name, []):
-        ratio = times[candidate] / times[other]
-        part["targets"].append(
-            {
-                "candidate": f"{candidate}, beside {other}",
-                "times_at_most": most,
-                "times": round(ratio, 3),
-                "met": ratio <= most,
-            }
-        )
+        part["targets"].append(times_target(times, candidate, other, most))
     if name in TWO_THREADS:
         least = {row["candidate"]: row["ns_per_element_least"] for row in part["results"]}
         one, two = TWO_THREADS[name], f"{TWO_THREADS[name]}, 2 threads"
@@ -347,13 +318,16 @@ def main() -> None:
     x = np.random.default_rng(SEED).standard_normal(options.n)
     check_results(x)
     parts = [
-        time_part("sum", sums(x), options.n, options),
-        time_part("formats", sums_of_formats(x), options.n, options),
-        time_part("dot", dots(x), options.n, options),
-        time_part("dot of two dtypes", mixed_dots(x), options.n, options),
-        time_part("moments", moments(x), options.n, options),
+        time_part("sum", sums(x), options.n, options.repeats),
+        time_part("formats", sums_of_formats(x), options.n, options.repeats),
+        time_part("dot", dots(x), options.n, options.repeats),
+        time_part("dot of two dtypes", mixed_dots(x), options.n, options.repeats),
+        time_part("moments", moments(x), options.n, options.repeats),
         time_part(
-            "standard library", pure_python(x[:STATISTICS]), min(options.n, STATISTICS), options
+            "standard library",
+            pure_python(x[:STATISTICS]),
+            min(options.n, STATISTICS),
+            options.repeats,
         ),
         short_calls(options),
         imports(options),

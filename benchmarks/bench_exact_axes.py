@@ -20,7 +20,7 @@ import torch
 from korvex import exact
 from korvex.emulation._library import best_instruction_set
 from korvex_tools.figures.command import cut_short, host_parser, record
-from korvex_tools.figures.timing import measure, nanoseconds, print_table, print_targets
+from korvex_tools.figures.timing import print_targets, time_part, times_target
 
 SEED = 20130501
 TIMES_OF_TORCH = 2.0  # at most, for sums of shapes whose both sides are long
@@ -68,23 +68,8 @@ def check_results(x: np.ndarray, axis: int) -> None:
 
 def time_axis(x: np.ndarray, axis: int, options: argparse.Namespace) -> dict[str, Any]:
     check_results(x, axis)
-    timings = measure(candidates(x, axis), options.repeats)
-    results = [
-        {
-            "candidate": name,
-            "ns_per_element": nanoseconds(timing.median, x.size),
-            "ns_per_element_least": nanoseconds(timing.least, x.size),
-            "ns_per_element_processor": nanoseconds(timing.processor_median, x.size),
-        }
-        for name, timing in timings.items()
-    ]
-    data = f"{x.shape}, axis={axis}"
-    print_table(
-        f"{data}, median of {options.repeats}, ns per element",
-        ["candidate", "median", "least", "processor"],
-        [[name, *(f"{t:.3f}" for t in times)] for name, *times in (r.values() for r in results)],
-    )
-    part = {"data": data, "results": results, "targets": []}
+    name = f"{x.shape}, axis={axis}"
+    part = time_part(name, candidates(x, axis), x.size, options.repeats)
     if x.size >= JUDGED_FROM and min(x.shape) > 10:
         judge(part)
     return part
@@ -92,15 +77,8 @@ def time_axis(x: np.ndarray, axis: int, options: argparse.Namespace) -> dict[str
 
 def judge(part: dict[str, Any]) -> None:
     times = {row["candidate"]: row["ns_per_element_processor"] for row in part["results"]}
-    ratio = times["exact.sum"] / times["torch.sum"]
-    part["targets"].append(
-        {
-            "candidate": "exact.sum, beside torch.sum",
-            "times_at_most": TIMES_OF_TORCH,
-            "times": round(ratio, 3),
-            "met": ratio <= TIMES_OF_TORCH,
-        }
-    )
+    target = times_target(times, "exact.sum", "torch.sum", TIMES_OF_TORCH)
+    part["targets"].append(target)
     print_targets(part["targets"])
 
 

@@ -22,7 +22,7 @@ from korvex import exact
 from korvex.emulation._library import best_instruction_set
 from korvex_tools.figures.command import cut_short, host_parser, record
 from korvex_tools.figures.memory import held_by
-from korvex_tools.figures.timing import measure, nanoseconds, print_table, print_targets
+from korvex_tools.figures.timing import print_targets, time_part, times_target
 
 SEED = 20261122
 SEGMENTS = (1_000, 100_000, 1_000_000)
@@ -97,31 +97,13 @@ def inputs(n: int) -> dict[str, tuple[np.ndarray, np.ndarray, int]]:
     return found
 
 
-def time_part(
+def time_segments(
     name: str, x: np.ndarray, ids: np.ndarray, segments: int, options: argparse.Namespace
 ) -> dict[str, Any]:
     check_results(x, ids, segments)
-    timings = measure(candidates(x, ids, segments), options.repeats)
-    results = [
-        {
-            "candidate": label,
-            "ns_per_element": nanoseconds(timing.median, x.size),
-            "ns_per_element_least": nanoseconds(timing.least, x.size),
-            "ns_per_element_processor": nanoseconds(timing.processor_median, x.size),
-        }
-        for label, timing in timings.items()
-    ]
+    part = time_part(name, candidates(x, ids, segments), x.size, options.repeats)
     held = held_by(lambda: exact.segment_sum(x, ids, segments))
-    results[0]["kilobytes_held"] = held // 1000
-    print_table(
-        f"{name}, n = {x.size}, median of {options.repeats}, ns per element",
-        ["candidate", "median", "least", "processor"],
-        [
-            [label, *(f"{t:.3f}" for t in times[:3])]
-            for label, *times in (r.values() for r in results)
-        ],
-    )
-    part = {"data": name, "results": results, "targets": []}
+    part["results"][0]["kilobytes_held"] = held // 1000
     if "binades" not in name and options.n >= JUDGED_FROM:
         judge(part)
     return part
@@ -129,15 +111,8 @@ def time_part(
 
 def judge(part: dict[str, Any]) -> None:
     times = {row["candidate"]: row["ns_per_element_processor"] for row in part["results"]}
-    ratio = times["exact.segment_sum"] / times["torch.index_add_"]
-    part["targets"].append(
-        {
-            "candidate": "exact.segment_sum, beside torch.index_add_",
-            "times_at_most": TIMES_AT_MOST,
-            "times": round(ratio, 3),
-            "met": ratio <= TIMES_AT_MOST,
-        }
-    )
+    target = times_target(times, "exact.segment_sum", "torch.index_add_", TIMES_AT_MOST)
+    part["targets"].append(target)
     print_targets(part["targets"])
 
 
@@ -147,7 +122,7 @@ def main() -> None:
     cut_short(options, n=200_000, repeats=3)
     torch.set_num_threads(1)
     exact.set_threads(1)
-    parts = [time_part(name, *given, options) for name, given in inputs(options.n).items()]
+    parts = [time_segments(name, *given, options) for name, given in inputs(options.n).items()]
     settings = {
         "n": options.n,
         "repeats": options.repeats,

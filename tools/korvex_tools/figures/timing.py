@@ -71,7 +71,41 @@ def print_table(title: str, columns: list[str], rows: list[list[str]]) -> None:
         print("  ".join([first, *others]), flush=True)
 
 
+def time_part(
+    name: str, candidates: dict[str, Callable[[], Any]], count: int, repeats: int
+) -> dict[str, Any]:
+    """A part of a record: all candidates on the same elements, printed as a table."""
+    timings = measure(candidates, repeats)
+    results = [
+        {
+            "candidate": label,
+            "ns_per_element": nanoseconds(timing.median, count),
+            "ns_per_element_least": nanoseconds(timing.least, count),
+            "ns_per_element_processor": nanoseconds(timing.processor_median, count),
+        }
+        for label, timing in timings.items()
+    ]
+    print_table(
+        f"{name}, n = {count}, median of {repeats}, ns per element",
+        ["candidate", "median", "least", "processor"],
+        [[label, *(f"{t:.3f}" for t in times)] for label, *times in (r.values() for r in results)],
+    )
+    return {"data": name, "results": results, "targets": []}
+
+
 # --- Targets
+
+
+def times_target(times: dict[str, float], ours: str, other: str, most: float) -> dict[str, Any]:
+    """How many times the time of another candidate ours may take."""
+    ratio = times[ours] / times[other]
+    return {
+        "candidate": f"{ours}, beside {other}",
+        "times_at_most": most,
+        "times": round(ratio, 3),
+        "met": ratio <= most,
+    }
+
 
 TIMES_ON_TWO_THREADS = 1.7  # as fast as on one, at least, for the parallel kernels
 
