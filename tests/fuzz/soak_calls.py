@@ -33,7 +33,6 @@ TAKE_LONG_OPERANDS = {
     for name in "sum mean var std norm prod cumsum logsumexp dot add sub mul div relu neg abs exp "
     "log sqrt sigmoid tanh".split()
 }
-KERNELS = "libkorvex_host_kernels"
 DISTURBED = 0.5  # of the calls
 MOST_KERNEL_CALLS, MOST_OBJECT_CALLS = 6, 400
 
@@ -77,10 +76,10 @@ class Allocations:
         self._library = ctypes.PyDLL(library)
         self._library.soak_fail.argtypes = [ctypes.c_long, ctypes.c_long]
         self._library.soak_library_is_at.argtypes = [ctypes.c_int, ctypes.c_size_t, ctypes.c_size_t]
-        self._library.soak_library_is_at(0, *address_range(lambda name: KERNELS in name))
-        self._library.soak_library_is_at(1, *address_range(lambda name: name == module.__file__))
-        self._library.soak_library_is_at(2, *address_range(interpreter().__eq__))
-        self._library.soak_library_is_at(3, *address_range(os.path.realpath(library).__eq__))
+        kernels = module.get_backend_info()["native_cubin"]
+        files = [kernels, module.__file__, interpreter(), library]
+        for number, file in enumerate(files):
+            self._library.soak_library_is_at(number, *address_range(os.path.realpath(file)))
         self._library.soak_stand_before_objects()
         # Bound here: within a call nothing more may be allocated for them.
         self.fail, self.waiting = self._library.soak_fail, self._library.soak_waiting
@@ -96,9 +95,14 @@ def mappings():
                 yield parts[5].strip(), begin, end
 
 
-def address_range(is_wanted):
-    found = [(begin, end) for name, begin, end in mappings() if is_wanted(name)]
-    return min(begin for begin, _ in found), max(end for _, end in found)
+def address_range(file):
+    """From the begin of its first piece to the end of its last: nobody else may be between."""
+    found = [(begin, end) for name, begin, end in mappings() if name == file]
+    first, last = min(begin for begin, _ in found), max(end for _, end in found)
+    others = {name for name, begin, _ in mappings() if first <= begin < last} - {file}
+    if others:
+        raise RuntimeError(f"{', '.join(others)} lies within {file}")
+    return first, last
 
 
 def interpreter():
