@@ -53,7 +53,7 @@ namespace korvex::arithmetic {
 static_assert(std::numeric_limits<double>::is_iec559 && sizeof(double) == 8);
 
 // Whether fma_rn is one instruction: on a host it may be a call.
-#if defined(__CUDA_ARCH__) || defined(__FMA__)
+#if defined(__CUDA_ARCH__) || defined(__FMA__) || defined(__ARM_FEATURE_FMA)
 constexpr bool kFmaIsFast = true;
 #else
 constexpr bool kFmaIsFast = false;

@@ -119,6 +119,11 @@ struct Float16Format {
     return __builtin_convertvector(reinterpret_cast<Floats>(floats), HostDoubles::Vector);
 #elif defined(__F16C__)
     return _mm256_cvtps_pd(_mm_cvtph_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(x))));
+#elif defined(__aarch64__)
+    std::uint32_t pair = 0;
+    std::memcpy(&pair, x, sizeof pair);
+    const float32x4_t floats = vcvt_f32_f16(vreinterpret_f16_u32(vdup_n_u32(pair)));
+    return HostDoubles::Vector(vcvt_f64_f32(vget_low_f32(floats)));
 #else
     HostDoubles values;
     for (int i = 0; i < arithmetic::kHostLanes; ++i) {

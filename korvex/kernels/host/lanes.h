@@ -1,14 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// Doubles side by side in a vector register of the host: two in plain x86-64, four where the
-// compiler may use AVX2, eight with AVX-512.
+// Doubles side by side in a vector register of the host: two in plain x86-64 and in NEON on Arm,
+// four where the compiler may use AVX2, eight with AVX-512.
 //
 // HostDoubles has the functions of one double, with the same names: each operation rounds each lane
 // as the operation on one double does. HostLanes has the members of ScalarLanes, for loops over any
 // number of lanes. No result depends on which of the two types runs.
 #pragma once
 
-#ifdef __FMA__
+#if defined(__FMA__)
 #include <immintrin.h>
+#elif defined(__aarch64__)
+#include <arm_neon.h>
 #endif
 
 #include <cstddef>
@@ -83,6 +85,8 @@ KORVEX_INLINE HostDoubles fma_rn(HostDoubles a, HostDoubles b, HostDoubles c) {
   return _mm512_fmadd_pd(a.value, b.value, c.value);
 #elif defined(__FMA__) && defined(__AVX2__)
   return _mm256_fmadd_pd(a.value, b.value, c.value);
+#elif defined(__aarch64__)
+  return HostDoubles::Vector(vfmaq_f64(c.value, a.value, b.value));
 #else
   HostDoubles result;
   for (int i = 0; i < kHostLanes; ++i) {
@@ -137,6 +141,31 @@ KORVEX_INLINE HostDoubles to_real(HostIntegers x) {
 KORVEX_INLINE HostBits sign_extended(HostIntegers x) {
   return reinterpret_cast<HostBits::Vector>(
       _mm256_cvtepi32_epi64(reinterpret_cast<__m128i>(x.value)));
+}
+
+#elif defined(__aarch64__)
+
+KORVEX_INLINE bool all(HostFlags flags) {
+  return vminvq_u32(reinterpret_cast<uint32x4_t>(flags.mask)) != 0;
+}
+KORVEX_INLINE HostDoubles selected(HostFlags flags, HostDoubles where, HostDoubles elsewhere) {
+  return HostDoubles::Vector(
+      vbslq_f64(reinterpret_cast<uint64x2_t>(flags.mask), where.value, elsewhere.value));
+}
+KORVEX_INLINE HostDoubles lesser(HostDoubles a, HostDoubles b) {
+  return selected({a.value < b.value}, a, b);
+}
+KORVEX_INLINE HostIntegers to_integer(HostDoubles x) {
+  return HostIntegers::Vector(vmovn_s64(vcvtq_s64_f64(x.value)));
+}
+KORVEX_INLINE HostIntegers to_integer(HostBits x) {
+  return reinterpret_cast<HostIntegers::Vector>(vmovn_u64(reinterpret_cast<uint64x2_t>(x.value)));
+}
+KORVEX_INLINE HostDoubles to_real(HostIntegers x) {
+  return HostDoubles::Vector(vcvtq_f64_s64(vmovl_s32(x.value)));
+}
+KORVEX_INLINE HostBits sign_extended(HostIntegers x) {
+  return reinterpret_cast<HostBits::Vector>(vmovl_s32(x.value));
 }
 
 #else
@@ -227,6 +256,11 @@ KORVEX_INLINE void load_pairs(const Address& address, HostDoubles& first, HostDo
   const __m256d odd = _mm256_set_m128d(pair(3), pair(1));
   first = _mm256_unpacklo_pd(even, odd);
   second = _mm256_unpackhi_pd(even, odd);
+#elif defined(__aarch64__)
+  const float64x2_t even = vld1q_f64(address(0));
+  const float64x2_t odd = vld1q_f64(address(1));
+  first = HostDoubles::Vector(vzip1q_f64(even, odd));
+  second = HostDoubles::Vector(vzip2q_f64(even, odd));
 #else
   for (int i = 0; i < kHostLanes; ++i) {
     first.value[i] = address(i)[0];
@@ -308,7 +342,7 @@ struct HostLanes {
 
 // The lanes of functions of one element. Without a fused multiply-add instruction every lane calls
 // a function, so there is nothing to gain from several.
-#if defined(__FMA__)
+#if defined(__FMA__) || defined(__aarch64__)
 using ElementLanes = HostLanes;
 #else
 using ElementLanes = ScalarLanes;
