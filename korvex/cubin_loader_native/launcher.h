@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "korvex/cubin_loader_native/device_kernels.h"
@@ -42,6 +43,9 @@ class Launcher {
     DeviceInfo info;
     std::vector<KernelFile> files;  // that fit, the best first; those refused are taken out
     std::unique_ptr<DeviceKernels> kernels;  // made by the first launch on the device
+    // For make_unique, as clang before 16 makes no aggregates in parentheses.
+    DeviceSlot(DeviceInfo device, std::vector<KernelFile> fitting)
+        : info(std::move(device)), files(std::move(fitting)) {}
   };
 
   std::size_t current_ordinal() const;
