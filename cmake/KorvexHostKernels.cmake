@@ -2,7 +2,15 @@
 # The host kernels as a library, and the instruction sets for which it is compiled, from the oldest
 # processors on, with the options that allow them to the compiler.
 
-set(korvex_instruction_sets base fma avx512)
+# Every 64-bit Arm processor has a fused multiply-add and vectors of two doubles (NEON), which are in
+# what compilers may use without an option: one library serves them all.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
+  set(KORVEX_ON_ARM ON)
+  set(korvex_instruction_sets base)
+else()
+  set(KORVEX_ON_ARM OFF)
+  set(korvex_instruction_sets base fma avx512)
+endif()
 set(korvex_options_of_base)
 set(korvex_options_of_fma -mfma -mavx2 -mf16c)
 # Compilers prefer shorter registers, as early processors with AVX-512 slowed down for it. g++ 12 with

@@ -4,7 +4,6 @@
 // usage: test_host_kernels LIBRARY INSTRUCTION_SET. A library that this processor cannot run is
 // reported and skipped with status 77.
 #include <dlfcn.h>
-#include <xmmintrin.h>
 
 #include <cmath>
 #include <cstdint>
@@ -16,8 +15,10 @@
 
 #include "check.h"
 #include "korvex/arithmetic/exact/pairs.h"
+#include "korvex/kernels/host/float_environment.h"
 #include "korvex/kernels/host/launch.h"
 #include "korvex/kernels/table.h"
+#include "processor_flags.h"
 #include "random_data.h"
 #include "sum_checks.h"
 
@@ -25,7 +26,12 @@ namespace korvex::test {
 namespace {
 
 constexpr unsigned kOne[3] = {1, 1, 1};
-constexpr unsigned kRoundUpAndFlush = 0xdfc0;  // MXCSR: round up, FTZ, DAZ, exceptions masked
+// Exceptions masked; a flag of Arm's that is set shows that flags come back.
+#if defined(__x86_64__)
+constexpr host::FloatState kRoundUpAndFlush = {0xdfc0};  // MXCSR: round up, FTZ, DAZ
+#else
+constexpr host::FloatState kRoundUpAndFlush = {0x1400000, 0x10};  // FPCR: round up, FZ; FPSR: IXC
+#endif
 
 class Library {
  public:
@@ -158,13 +164,13 @@ void the_callers_float_environment_neither_acts_nor_changes(const Library& libra
   const std::vector<double> x = draw_many(random, Shape::kWide, 200000, false);
   const Limbs4 tiny_sum = launch_sequential(library, tiny, kOne);
   const Limbs4 x_sum = launch_sequential(library, x, kOne);
-  const unsigned before = _mm_getcsr();
-  _mm_setcsr(kRoundUpAndFlush);
+  const host::FloatState before = host::float_state();
+  host::set_float_state(kRoundUpAndFlush);
   const Limbs4 tiny_again = launch_sequential(library, tiny, kOne);
   const Limbs4 x_again = launch_sequential(library, x, kOne);
   const Limbs2 tiny_parallel = launch_parallel(library, tiny, 3, kOne);
-  const unsigned after = _mm_getcsr();
-  _mm_setcsr(before);
+  const host::FloatState after = host::float_state();
+  host::set_float_state(before);
   CHECK(after == kRoundUpAndFlush);
   CHECK(bits_of(tiny_sum[0]) == 200000);
   CHECK(same_limbs(tiny_again, tiny_sum));
@@ -205,11 +211,11 @@ void pairs_are_those_of_the_bodies(const Library& library) {
   std::vector<double> x = draw_many(random, Shape::kTiny, 200001, false);
   std::vector<double> y = draw_many(random, Shape::kAnyBits, 200001, false);
   for (const auto& [kernel, body] : kernels) {
-    const unsigned before = _mm_getcsr();
-    _mm_setcsr(kRoundUpAndFlush);
+    const host::FloatState before = host::float_state();
+    host::set_float_state(kRoundUpAndFlush);
     const Pairs pairs = launch_pairs(library, kernel, x, y, 3);
-    const unsigned after = _mm_getcsr();
-    _mm_setcsr(before);
+    const host::FloatState after = host::float_state();
+    host::set_float_state(before);
     CHECK(after == kRoundUpAndFlush);
     bool same = true;
     for (std::size_t i = 0; i < x.size(); ++i) {
@@ -284,14 +290,13 @@ void dots_on_several_threads_are_those_on_one(const Library& library) {
   }
 }
 
+// By the system's own account, where there is one.
 const char* best_instruction_set() {
-  if (!(__builtin_cpu_supports("fma") && __builtin_cpu_supports("avx2"))) {
+  const FlagsOfSystem flags;
+  if (!flags.have({"fma", "avx2", "f16c"})) {
     return "base";
   }
-  return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
-                 __builtin_cpu_supports("avx512vl")
-             ? "avx512"
-             : "fma";
+  return flags.have({"avx512f", "avx512dq", "avx512vl"}) ? "avx512" : "fma";
 }
 
 // Each processor that has one has those before it.

@@ -2,8 +2,6 @@
 // The kernels of the host in the order of the kernel table, and the C interface that launches them.
 #include "korvex/kernels/host/launch.h"
 
-#include <cpuid.h>
-
 #include <new>
 #include <stdexcept>
 #include <string_view>
@@ -12,6 +10,7 @@
 #include "korvex/kernels/host/product_way.h"
 #include "korvex/kernels/host/shells.h"
 #include "korvex/kernels/modular/instructions.h"
+#include "korvex/kernels/processor.h"
 #include "korvex/kernels/table.h"
 
 namespace korvex::host {
@@ -70,12 +69,6 @@ static_assert(shells_match_the_table());
 
 const KernelRow* row(int index) {
   return index >= 0 && index < kKernelCount ? &kKernelTable[index] : nullptr;
-}
-
-// Conversions of float16. clang has no name for them in __builtin_cpu_supports before release 19.
-bool has_f16c() {
-  unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
-  return __get_cpuid(1, &eax, &ebx, &ecx, &edx) != 0 && (ecx & bit_F16C) != 0;
 }
 
 bool has_no_extent(const unsigned extent[3]) {
@@ -147,12 +140,5 @@ const char* korvex_host_instruction_set(void) {
 }
 
 const char* korvex_host_best_instruction_set(void) {
-  __builtin_cpu_init();
-  if (!__builtin_cpu_supports("fma") || !__builtin_cpu_supports("avx2") ||
-      !korvex::host::has_f16c()) {
-    return "base";
-  }
-  const bool has_avx512 = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
-                          __builtin_cpu_supports("avx512vl");
-  return has_avx512 ? "avx512" : "fma";
+  return korvex::kernels::best_instruction_set();
 }

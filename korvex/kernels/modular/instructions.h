@@ -5,6 +5,8 @@
 // processors without these instructions too: nothing that others call may be compiled with them.
 #pragma once
 
+#include "korvex/kernels/processor.h"
+
 #ifdef __AVX512F__
 // g++ 12 warns of the undefined operands inside its own intrinsics (GCC bug 105593), wherever those
 // are inlined: so to the end of each file that includes this one.
@@ -22,8 +24,10 @@ namespace korvex::modular {
 // False in the libraries for older processors.
 inline bool can_run() {
 #ifdef KORVEX_HAS_MODULAR_CODE
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vnni");
+  // Asked once: a virtual machine takes microseconds to answer CPUID, as long as a small product.
+  static const bool answer =
+      kernels::can_run(kernels::kAvx512Bw) && kernels::can_run(kernels::kAvx512Vnni);
+  return answer;
 #else
   return false;
 #endif

@@ -1,0 +1,7 @@
+// SPDX-License-Identifier: Apache-2.0
+// Prints the best instruction set of this processor, for the configuration of the tests.
+#include <cstdio>
+
+#include "korvex/kernels/processor.h"
+
+int main() { std::fputs(korvex::kernels::best_instruction_set(), stdout); }
