@@ -21,7 +21,7 @@ version = "%d.%d" % sys.version_info[:2]
 if sys.implementation.name != "cpython" or sys.version_info < (3, 12):
     print("unfit", version)
 elif sysconfig.get_config_var("Py_GIL_DISABLED"):
-    print("unfit", version)
+    print("threaded", version)
 elif not os.path.exists(os.path.join(sysconfig.get_path("include"), "Python.h")):
     print("headers", version)
 elif sys.argv[1] == "venv" and importlib.util.find_spec("ensurepip") is None:
@@ -32,6 +32,8 @@ else:
 
 # The first interpreter that lacks nothing but a package: "STATE VERSION PATH".
 incomplete=
+# The last one that is fit but for its threads.
+free_threaded=
 
 # Prints the path and ends the script if the interpreter is fit.
 try() {
@@ -43,6 +45,7 @@ try() {
       echo "$path"
       exit
       ;;
+    threaded) free_threaded=$path ;;
     headers | venv) incomplete=${incomplete:-"$state $version $path"} ;;
   esac
 }
@@ -66,7 +69,11 @@ if [ -n "$version_wanted" ]; then
   done < <(candidates "${version_wanted#3.}")
 elif [ -n "${PYTHON:-}" ]; then
   try "$(command -v "$PYTHON" || true)"
-  if [ -z "$incomplete" ]; then
+  if [ -n "$free_threaded" ]; then
+    echo "PYTHON=$PYTHON: korvex needs CPython with its global interpreter lock, and this is a" \
+      "free-threaded build: use the interpreter whose name does not end in t." >&2
+    exit 1
+  elif [ -z "$incomplete" ]; then
     echo "PYTHON=$PYTHON is no CPython 3.12 or newer that runs: pass another, or none." >&2
     exit 1
   fi

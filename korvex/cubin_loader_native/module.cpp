@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "korvex/cpython/module_init.h"
 #include "korvex/cubin_loader_native/availability.h"
 #include "korvex/cubin_loader_native/kernel_object.h"
 #include "korvex/cubin_loader_native/loader_object.h"
@@ -108,5 +109,5 @@ PyModuleDef definition = {
 }  // namespace korvex::cubin_loader
 
 PyMODINIT_FUNC PyInit_cubin_loader_native() {
-  return PyModuleDef_Init(&korvex::cubin_loader::definition);
+  return korvex::init_module(&korvex::cubin_loader::definition);
 }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The extension module korvex.exact._native: its names.
+#include "korvex/cpython/module_init.h"
 #include "korvex/exact/call.h"
 #include "korvex/exact/functions.h"
 #include "korvex/exact/host_library.h"
@@ -71,4 +72,4 @@ PyModuleDef definition = {
 }  // namespace korvex::exact
 
 // The interpreter makes this name out of the module's. NOLINTNEXTLINE(bugprone-reserved-identifier)
-PyMODINIT_FUNC PyInit__native() { return PyModuleDef_Init(&korvex::exact::definition); }
+PyMODINIT_FUNC PyInit__native() { return korvex::init_module(&korvex::exact::definition); }

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 
+#include "korvex/cpython/module_init.h"
 #include "korvex/cpython/object.h"
 #include "korvex/cubin_loader_native/python_border.h"
 #include "korvex/exact_cuda/state_launcher.h"
@@ -116,4 +117,4 @@ PyModuleDef definition = {
 }  // namespace korvex::exact_cuda
 
 // The interpreter makes this name out of the module's. NOLINTNEXTLINE(bugprone-reserved-identifier)
-PyMODINIT_FUNC PyInit__cuda() { return PyModuleDef_Init(&korvex::exact_cuda::definition); }
+PyMODINIT_FUNC PyInit__cuda() { return korvex::init_module(&korvex::exact_cuda::definition); }

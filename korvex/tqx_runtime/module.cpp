@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "korvex/cpython/function.h"
+#include "korvex/cpython/module_init.h"
 #include "korvex/runtime/constant.h"
 #include "korvex/runtime/messages.h"
 #include "korvex/runtime/module_state.h"
@@ -161,4 +162,4 @@ ModuleState& module_state() { return *remembered_state; }
 
 }  // namespace korvex
 
-PyMODINIT_FUNC PyInit_tqx_runtime() { return PyModuleDef_Init(&korvex::definition); }
+PyMODINIT_FUNC PyInit_tqx_runtime() { return korvex::init_module(&korvex::definition); }
