@@ -39,15 +39,14 @@ def test_the_table_has_kernels():
 def test_machine_code_holds_exactly_the_kernels_and_keeps_to_its_room(cubin):
     resources = machine_code.resources(cubin)
     assert resources.keys() == kernels_of_the_table()
-    if machine_code.architecture(cubin) >= 80:  # older devices are not looked at
-        assert {
-            name: taken["stack"] for name, taken in resources.items() if taken["stack"] > MOST_STACK
-        } == {}
-        assert {
-            name: taken["registers"]
-            for name, taken in resources.items()
-            if taken["registers"] > MOST_REGISTERS_OF_PRODUCTS.get(name, MOST_REGISTERS)
-        } == {}
+    assert {
+        name: taken["stack"] for name, taken in resources.items() if taken["stack"] > MOST_STACK
+    } == {}
+    assert {
+        name: taken["registers"]
+        for name, taken in resources.items()
+        if taken["registers"] > MOST_REGISTERS_OF_PRODUCTS.get(name, MOST_REGISTERS)
+    } == {}
 
 
 @pytest.mark.parametrize("cubin", FILES, ids=lambda path: path.stem)

@@ -206,8 +206,11 @@ class FixedPoint {
   }
 
   // Brings all digits but the last into [0, 2^32); the last then carries the sign of the value.
+  // Compilers for compute capability 5.0 to 7.5 that are left to unroll this loop as they like keep
+  // up to 500 bytes more on the stack of a thread.
   KORVEX_COLD void settle() {
     std::int64_t carry = 0;
+    KORVEX_UNROLL_4
     for (int i = 0; i < kDigits - 1; ++i) {
       const std::int64_t digit = digit_[i] + carry;
       digit_[i] = digit & kDigitMask;

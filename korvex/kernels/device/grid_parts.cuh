@@ -27,6 +27,9 @@ struct alignas(Part) MemoryOf {
   unsigned char bytes[sizeof(Part)];
 
   __device__ __forceinline__ Part& value() { return *reinterpret_cast<Part*>(bytes); }
+  __device__ __forceinline__ const Part& value() const {
+    return *reinterpret_cast<const Part*>(bytes);
+  }
 };
 
 // What the blocks hand in, of whichever kernel. Launches of these never overlap: all are made on
@@ -56,8 +59,7 @@ __device__ __forceinline__ void join_blocks_of(const DeviceThread& thread, std::
   Part& own = *new (parts[thread.index()].bytes) Part();
 #pragma unroll 1
   for (std::int64_t i = thread.index(); i < blocks; i += thread.threads()) {
-    MemoryOf<Part> other = handed_in[i];
-    own.add(other.value());
+    own.add(handed_in[i].value());
   }
   join_parts(thread, parts);
 }
