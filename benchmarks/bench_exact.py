@@ -45,6 +45,9 @@ SHORT_CALLS = 20_000  # in one timing of short calls
 STATISTICS = 100_000  # elements at most for the module of that name
 IMPORTS = 11  # timed imports
 MEGABYTES_HELD = 1.0  # beside the operands, at most
+# The panels of a product by residues (kMostProductBytes in kernels/host/modular_plan.h, and what
+# stands on stacks): the same bound whatever the matrices are.
+MEGABYTES_HELD_BY_PRODUCTS = 64.0
 
 Candidates = dict[str, Callable[[], Any]]
 
@@ -305,8 +308,10 @@ def judge(part: dict[str, Any]) -> None:
         part["targets"].append(target | {"met": met})
     if name == "memory":
         for candidate, held in times.items():
-            target = {"candidate": candidate, "megabytes_at_most": MEGABYTES_HELD}
-            part["targets"].append(target | {"met": held <= 1000 * MEGABYTES_HELD})
+            is_product = candidate.startswith("exact.matmul")
+            most = MEGABYTES_HELD_BY_PRODUCTS if is_product else MEGABYTES_HELD
+            target = {"candidate": candidate, "megabytes_at_most": most}
+            part["targets"].append(target | {"met": held <= 1000 * most})
     print_targets(part["targets"])
 
 

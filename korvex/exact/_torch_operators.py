@@ -192,6 +192,27 @@ def _summed_to(products: Tensor, x: Tensor) -> Tensor:
     return whole.reshape(x.shape).to(x.dtype)
 
 
+def _batch_of_vecdot(
+    call: Call, dims: Sequence[int | None], x: Tensor, y: Tensor, axis: int, *rest: Any
+) -> tuple[Tensor, int] | None:
+    """The batch is one more axis, in front of those that are broadcast."""
+    fronts = [_batch_first(each, dim) for each, dim in zip((x, y), dims, strict=False)]
+    if any(not -own <= axis < own for own in (each.dim() - 1 for each in fronts)):
+        return None
+    rows = [each.movedim(axis % (each.dim() - 1) + 1, -1) for each in fronts]
+    most = max(each.dim() for each in rows)
+    return call(*(_with_axes(each, most) for each in rows), -1, *rest), 0
+
+
+def _batch_first(x: Tensor, dim: int | None) -> Tensor:
+    return x.unsqueeze(0) if dim is None else x.movedim(dim, 0)
+
+
+def _with_axes(x: Tensor, count: int) -> Tensor:
+    """As many axes, with those that are added behind the first."""
+    return x.reshape(*x.shape[:1], *[1] * (count - x.dim()), *x.shape[1:])
+
+
 _vecdot = Operator(
     "vecdot",
     "Tensor x, Tensor y, int axis=-1, ScalarType? dtype=None",
@@ -199,6 +220,7 @@ _vecdot = Operator(
     _shape_of_vecdot,
     _keep_factors,
     _by_vecdot,
+    _batch_of_vecdot,
 )
 
 
@@ -207,22 +229,66 @@ def _matmul_of(a: Tensor, b: Tensor, dtype: Any = None) -> Tensor:
 
 
 def _shape_of_matmul(a: Tensor, b: Tensor, dtype: Any = None) -> Tensor:
-    torch._check(a.shape[-1] == b.shape[0])
-    return a.new_empty([*a.shape[:-1], *b.shape[1:]], dtype=_result_dtype(dtype, a, b))
+    torch._check(a.shape[-1] == b.shape[-2 if b.dim() > 1 else 0])
+    batch = torch.broadcast_shapes(a.shape[:-2], b.shape[:-2])
+    columns = b.shape[-1:] if b.dim() > 1 else ()
+    return a.new_empty([*batch, *a.shape[-2:-1], *columns], dtype=_result_dtype(dtype, a, b))
 
 
 def _by_matmul(ctx: Any, given: Tensor) -> Gradients:
     """Exact products of what is given and the other factor, rounded once to the factor's dtype."""
     a, b = ctx.saved_tensors
-    rows = a if a.dim() == 2 else a.unsqueeze(0)
-    columns = b if b.dim() == 2 else b.unsqueeze(1)
-    product = given.reshape(rows.shape[0], columns.shape[1])
+    rows, columns = _as_matrices(a, b)
+    batch = torch.broadcast_shapes(rows.shape[:-2], columns.shape[:-2])
+    product = given.reshape(*batch, rows.shape[-2], columns.shape[-1])
     by_a = by_b = None
     if ctx.needs_input_grad[0]:
-        by_a = _matmul(product, columns.t(), a.dtype).reshape(a.shape)
+        by_a = _product_summed_to(product, columns.mT, rows.shape[:-2], a)
     if ctx.needs_input_grad[1]:
-        by_b = _matmul(rows.t(), product, b.dtype).reshape(b.shape)
+        by_b = _product_summed_to(rows.mT, product, columns.shape[:-2], b)
     return by_a, by_b, None
+
+
+def _as_matrices(a: Tensor, b: Tensor) -> tuple[Tensor, Tensor]:
+    """A vector on the left as a row, and one on the right as a column."""
+    return (a if a.dim() > 1 else a.unsqueeze(0)), (b if b.dim() > 1 else b.unsqueeze(1))
+
+
+def _product_summed_to(left: Tensor, right: Tensor, own: Sequence[int], factor: Tensor) -> Tensor:
+    """The product, in the shape and dtype of a factor whose batch has the shape `own`.
+
+    Where the factor was broadcast, what its copies get is summed up by the product itself: their
+    axes join the one that is summed over.
+    """
+    batch = torch.broadcast_shapes(left.shape[:-2], right.shape[:-2])
+    added = len(batch) - len(own)
+    copied = [d for d, size in enumerate(batch) if d < added or own[d - added] != size]
+    if copied:
+        kept = [d for d in range(len(batch)) if d not in copied]
+        outer = [batch[d] for d in kept]
+        row, column = len(batch), len(batch) + 1
+        depth = left.shape[-1] * math.prod(batch[d] for d in copied)
+        left = left.expand(*batch, *left.shape[-2:]).permute(*kept, row, *copied, column)
+        left = left.reshape(*outer, left.shape[len(kept)], depth)
+        right = right.expand(*batch, *right.shape[-2:]).permute(*kept, *copied, row, column)
+        right = right.reshape(*outer, depth, right.shape[-1])
+    return _matmul(left, right, factor.dtype).reshape(factor.shape)
+
+
+def _batch_of_matmul(
+    call: Call, dims: Sequence[int | None], a: Tensor, b: Tensor, *rest: Any
+) -> tuple[Tensor, int] | None:
+    """The batch is one more axis, in front of those of batches that the operands have."""
+    left, right = (_batch_first(each, dim) for each, dim in zip((a, b), dims, strict=False))
+    is_row, is_column = left.dim() == 2, right.dim() == 2
+    if left.dim() == 1 or right.dim() == 1:
+        return None
+    left = left.unsqueeze(-2) if is_row else left
+    right = right.unsqueeze(-1) if is_column else right
+    most = max(left.dim(), right.dim())
+    product = call(_with_axes(left, most), _with_axes(right, most), *rest)
+    product = product.squeeze(-2) if is_row else product
+    return (product.squeeze(-1) if is_column else product), 0
 
 
 _matmul = Operator(
@@ -232,6 +298,7 @@ _matmul = Operator(
     _shape_of_matmul,
     _keep_factors,
     _by_matmul,
+    _batch_of_matmul,
 )
 
 
@@ -313,12 +380,6 @@ def vecdot(x: Tensor, y: Tensor, *, axis: Any, dtype: Any) -> Tensor:
 def matmul(a: Tensor, b: Tensor, *, dtype: Any) -> Tensor:
     _check_tensors(_products.matmul, a, b)
     _refuse_complex_gradients("matmul", a=a, b=b)
-    for name, operand in (("a", a), ("b", b)):
-        if operand.dim() > 2:
-            raise ValueError(
-                f"{name} has {operand.dim()} axes: where torch watches a call, matmul takes "
-                "matrices and vectors, and torch.func.vmap makes batches of them"
-            )
     return _matmul(a, b, _dtype(dtype, a, b))
 
 

@@ -34,7 +34,7 @@ CASES = {
         lambda x: (x, None, True, torch.float32),
     ),
     "vecdot": (exact.vecdot, [drawn(2, 4), drawn(4, seed=4)], lambda *both: both),
-    "matmul": (exact.matmul, [drawn(2, 3), drawn(3, 2, seed=4)], lambda *both: both),
+    "matmul": (exact.matmul, [drawn(4, 1, 2, 3), drawn(5, 3, 2, seed=4)], lambda *both: both),
     "segment_sum": (
         lambda x: exact.segment_sum(x, IDS, 3),
         [drawn(6, 2)],

@@ -4,6 +4,9 @@
 Long arrays, so that registers, blocks and threads all have their part in a call.
 """
 
+import ctypes
+import mmap
+
 import numpy as np
 import pytest
 from exact_arrays import REAL_DTYPES, drawn, numpy_dtype
@@ -100,6 +103,29 @@ def test_strides_and_alignment_of_long_arrays(name):
         assert everything(shifted, x) == expected
     assert everything(wide[:, 1], wide[:, 1]) == expected
     assert everything(x[::-1].copy()[::-1], x) == expected
+
+
+def before_memory_that_cannot_be_read(size, dtype):
+    """Zeros that end where a page begins which ends the process when it is read."""
+    memory = mmap.mmap(-1, 2 * mmap.PAGESIZE)
+    address = ctypes.addressof(ctypes.c_char.from_buffer(memory))
+    libc = ctypes.CDLL(None, use_errno=True)
+    end = ctypes.c_void_p(address + mmap.PAGESIZE)
+    assert libc.mprotect(end, ctypes.c_size_t(mmap.PAGESIZE), 0) == 0
+    first = mmap.PAGESIZE - size * dtype.itemsize
+    return np.frombuffer(memory, np.uint8, size * dtype.itemsize, first).view(dtype)
+
+
+@pytest.mark.parametrize("name", REAL_DTYPES)
+@pytest.mark.parametrize("step", [2, 3, -2])
+def test_nothing_is_read_behind_the_last_element(name, step, usable_instruction_sets):
+    for instruction_set in usable_instruction_sets:
+        _native.set_instruction_set(instruction_set)
+        for size in (1, 2, 7, 8, 9, 16, 17, 33, 65, 130):
+            x = drawn(name, size, seed=size)
+            apart = before_memory_that_cannot_be_read((size - 1) * abs(step) + 1, x.dtype)[::step]
+            apart[:] = x
+            assert exact.Sum.from_chunks([apart]) == exact.Sum.from_chunks([x])
 
 
 @pytest.mark.parametrize(

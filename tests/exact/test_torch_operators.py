@@ -12,7 +12,7 @@ import torch
 from exact_arrays import EMULATED
 
 from korvex import exact
-from korvex.exact import _operators
+from korvex.exact import _operators, _products
 
 IDS = torch.tensor([0, 2, 2, 1, 0, 2])
 
@@ -49,6 +49,13 @@ PAIRS = {
     "matrix and vector": (exact.matmul, (3, 4), (4,)),
     "vector and matrix": (exact.matmul, (4,), (4, 2)),
     "vectors": (exact.matmul, (4,), (4,)),
+    "matrices in batches": (exact.matmul, (2, 3, 4), (2, 4, 2)),
+    "batches, broadcast": (exact.matmul, (3, 1, 2, 2), (2, 2, 3)),
+    "batches of one, broadcast": (exact.matmul, (2, 1, 2, 2), (1, 3, 2, 1)),
+    "batch and matrix": (exact.matmul, (3, 2, 4), (4, 2)),
+    "matrix and batch": (exact.matmul, (2, 4), (3, 4, 2)),
+    "batch and vector": (exact.matmul, (3, 2, 4), (4,)),
+    "vector and batch": (exact.matmul, (4,), (3, 4, 2)),
 }
 CASES = {
     **{name: (f, [shape]) for name, (f, shape) in FUNCTIONS.items()},
@@ -113,6 +120,21 @@ def test_gradients_of_products_are_exact_products():
     [by_narrow] = torch.autograd.grad(exact.matmul(narrow, b), narrow, given)
     assert by_narrow.dtype == torch.float32
     assert torch.equal(by_narrow, exact.matmul(given, b.detach().T, dtype="float32"))
+
+
+def test_gradients_of_what_was_broadcast_are_one_exact_product():
+    """Summed over the batch before they are rounded: 1 is all that is left."""
+    a = torch.tensor([[1.0, 2.0]], dtype=torch.float64, requires_grad=True)
+    b = torch.ones(3, 2, 1, dtype=torch.float64)
+    given = torch.tensor([1e20, 1.0, -1e20], dtype=torch.float64).reshape(3, 1, 1)
+    [by_a] = torch.autograd.grad(exact.matmul(a, b), a, given)
+    assert by_a.tolist() == [[1.0, 1.0]]
+    vector = torch.ones(2, dtype=torch.float64, requires_grad=True)
+    [by_vector] = torch.autograd.grad(exact.matmul(b.mT, vector), vector, given.reshape(3, 1))
+    assert by_vector.tolist() == [1.0, 1.0]
+    none = torch.ones(0, 1, 2, dtype=torch.float64)
+    [by_vector] = torch.autograd.grad(exact.matmul(none, vector).sum(), vector)
+    assert by_vector.tolist() == [0.0, 0.0]
 
 
 def test_gradients_are_the_documented_ones():
@@ -191,7 +213,7 @@ OPERATORS = {
     "std": lambda: (wanting(2, 3), [0]),
     "vector_norm": lambda: (wanting(6), None, True, torch.float32),
     "vecdot": lambda: (wanting(2, 4), wanting(4, seed=4)),
-    "matmul": lambda: (wanting(2, 3), wanting(3, 2, seed=4)),
+    "matmul": lambda: (wanting(4, 1, 2, 3), wanting(5, 3, 2, seed=4)),
     "segment_sum": lambda: (wanting(6, 2), IDS, 3),
 }
 
@@ -252,8 +274,36 @@ def test_batches_of_segment_numbers():
 
 def test_empty_batches():
     assert torch.func.vmap(exact.sum)(torch.ones(0, 3)).shape == (0,)
-    with pytest.raises(ValueError, match="korvex_exact::matmul takes no batch of 0 elements"):
-        torch.func.vmap(exact.matmul)(torch.ones(0, 2, 2), torch.ones(0, 2, 2))
+    assert torch.func.vmap(exact.matmul)(torch.ones(0, 2, 3), torch.ones(0, 3)).shape == (0, 2)
+    assert torch.func.vmap(exact.vecdot)(torch.ones(0, 3), torch.ones(0, 2, 3)).shape == (0, 2)
+    with pytest.raises(ValueError, match="korvex_exact::segment_sum takes no batch of 0 elements"):
+        torch.func.vmap(lambda x, ids: exact.segment_sum(x, ids, 2))(
+            torch.ones(0, 3), torch.zeros(0, 3, dtype=torch.int64)
+        )
+
+
+@pytest.mark.parametrize(
+    ("function", "shapes"),
+    [
+        (exact.matmul, [(5, 2, 3), (5, 3, 4)]),
+        (exact.matmul, [(5, 3), (5, 2, 3, 4)]),
+        (exact.matmul, [(5, 2, 2, 3), (5, 3)]),
+        (lambda x, y: exact.vecdot(x, y, axis=0), [(5, 3, 2), (5, 3)]),
+    ],
+)
+def test_a_batch_of_products_is_one_call(function, shapes, monkeypatch):
+    calls = []
+
+    def counted(plain):
+        return lambda *operands, **options: (calls.append(plain), plain(*operands, **options))[1]
+
+    for name in ("matmul", "vecdot"):
+        monkeypatch.setattr(_products, name, counted(getattr(_products, name)))
+    batch = [drawn(*shape, seed=seed) for seed, shape in enumerate(shapes)]
+    found = torch.func.vmap(function)(*batch)
+    assert len(calls) == 1
+    slices = [function(*own) for own in zip(*batch, strict=True)]
+    assert torch.equal(found, torch.stack(slices))
 
 
 # --- Errors: as of plain calls
@@ -285,9 +335,13 @@ WRONG = {
         "a has rows of 3 elements, and b has columns of 2",
     ),
     "batches": (
-        lambda: exact.matmul(wanting(2, 2, 2), wanting(2, 2)),
-        "a has 3 axes: where torch watches a call, matmul takes matrices and vectors, and "
-        "torch.func.vmap makes batches of them",
+        lambda: exact.matmul(wanting(2, 2, 2), wanting(3, 2, 2)),
+        "a has batches of the shape (2,) and b of (3,): they must be equal, or 1 where they are "
+        "not",
+    ),
+    "no axes": (
+        lambda: exact.matmul(wanting(2, 2), wanting(1)[0]),
+        "b has 0 axes: korvex.exact.matmul takes matrices and vectors",
     ),
     "segment": (
         lambda: exact.segment_sum(X, torch.tensor([0, 7]), 3),

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 #include "korvex/kernels/host/exact.h"
 #include "korvex/kernels/host/formats.h"
@@ -20,6 +21,32 @@ constexpr std::int64_t kBlock = 2048;    // elements that are copied at a time
 constexpr std::int64_t kLongRun = 1024;  // elements side by side that are worth no copy
 
 constexpr std::int64_t kReadAhead = 2048;  // bytes: memory's latency at full speed
+constexpr std::int64_t kLine = 64;         // bytes of a cache that are fetched together
+
+// Every second element: whole registers are read, and half of each is kept. Returns how many were
+// copied; it leaves the last ones, so that nothing behind them is read.
+template <std::int64_t kBytes>
+std::int64_t copy_every_second(char* to, const char* from, std::int64_t count) {
+  constexpr int kLanes = 8 * arithmetic::kHostLanes / kBytes;
+  using Element = std::conditional_t<kBytes == 8, std::uint64_t, std::uint32_t>;
+  using Vector __attribute__((vector_size(8 * arithmetic::kHostLanes))) = Element;
+  Vector even;
+  for (int lane = 0; lane < kLanes; ++lane) {
+    even[lane] = static_cast<Element>(2 * lane);
+  }
+  std::int64_t i = 0;
+  for (; i + kLanes < count; i += kLanes) {
+    __builtin_prefetch(from + kReadAhead);  // reads nothing, so it may point past the end
+    __builtin_prefetch(from + kReadAhead + kLine);
+    Vector halves[2];
+    std::memcpy(halves, from, sizeof halves);
+    const Vector kept = __builtin_shuffle(halves[0], halves[1], even);
+    std::memcpy(to, &kept, sizeof kept);
+    from += sizeof halves;
+    to += sizeof kept;
+  }
+  return i;
+}
 
 template <std::int64_t kBytes>
 void copy_elements_of(char* to, const char* from, std::int64_t stride, std::int64_t count) {
@@ -27,8 +54,19 @@ void copy_elements_of(char* to, const char* from, std::int64_t stride, std::int6
     std::memcpy(to, from, static_cast<std::size_t>(count * kBytes));
     return;
   }
-  for (std::int64_t i = 0; i < count; ++i, from += stride) {
-    __builtin_prefetch(from + kReadAhead);  // reads nothing, so it may point past the end
+  std::int64_t i = 0;
+  if constexpr (kBytes >= 4) {
+    i = stride == 2 * kBytes ? copy_every_second<kBytes>(to, from, count) : 0;
+    from += i * stride;
+  }
+  constexpr std::int64_t kAtOnce = 8;  // a loop of its own for each costs more than the copy
+  for (; i + kAtOnce <= count; i += kAtOnce) {
+    for (std::int64_t k = 0; k < kAtOnce; ++k, from += stride) {
+      __builtin_prefetch(from + kReadAhead);
+      std::memcpy(to + (i + k) * kBytes, from, kBytes);
+    }
+  }
+  for (; i < count; ++i, from += stride) {
     std::memcpy(to + i * kBytes, from, kBytes);
   }
 }
