@@ -115,62 +115,69 @@ struct ResidueMatrices {
   std::vector<std::int32_t> sums;
 };
 
+constexpr std::size_t kRows = 16;
+constexpr std::size_t kColumns = 64;
+constexpr std::size_t kRowsOfBlock = modular::kBlockRows;
+constexpr std::size_t kColumnsOfBlock = modular::kBlockColumns;
+
 // Bytes in blocks, from residues row by row and column by column.
 ResidueMatrices blocked(const std::vector<int>& a, const std::vector<int>& b, std::size_t quads) {
   const std::size_t k = 4 * quads;
-  ResidueMatrices blocks = {std::vector<std::uint8_t>(16 * k + 64),
-                            std::vector<std::uint8_t>(64 * k + 64), std::vector<std::int32_t>(16)};
+  ResidueMatrices blocks = {std::vector<std::uint8_t>(2 * kRowsOfBlock * k),
+                            std::vector<std::uint8_t>(kColumns * k),
+                            std::vector<std::int32_t>(kRows)};
+  const auto place = [k](std::size_t line, std::size_t i, std::size_t lines_of_block) {
+    return line / lines_of_block * lines_of_block * k + i / 4 * 4 * lines_of_block +
+           line % lines_of_block * 4 + i % 4;
+  };
   for (std::size_t i = 0; i < k; ++i) {
-    for (std::size_t row = 0; row < 16; ++row) {
-      blocks.left[i / 4 * 64 + row * 4 + i % 4] = static_cast<std::uint8_t>(a[row * k + i] & 255);
+    for (std::size_t row = 0; row < kRows; ++row) {
+      blocks.left[place(row, i, kRowsOfBlock)] = static_cast<std::uint8_t>(a[row * k + i] & 255);
       blocks.sums[row] += a[row * k + i];
     }
-    for (std::size_t column = 0; column < 64; ++column) {
-      blocks.right[i / 4 * 256 + column * 4 + i % 4] =
+    for (std::size_t column = 0; column < kColumns; ++column) {
+      blocks.right[place(column, i, kColumnsOfBlock)] =
           static_cast<std::uint8_t>(b[column * k + i] + 128);
     }
   }
   return blocks;
 }
 
-// Checks every element of one block: congruent, and small.
+// Checks every element of so many rows: congruent, and small.
 void expect_congruent(const std::vector<int>& a, const std::vector<int>& b, std::size_t quads,
-                      int modulus) {
+                      int modulus, std::size_t rows = kRows) {
   const std::size_t k = 4 * quads;
   const ResidueMatrices blocks = blocked(a, b, quads);
   // The blocks are aligned as the kernels need them.
   struct alignas(64) Line {
     std::uint8_t byte[64];
   };
-  std::vector<Line> left(k * 16 / 64);
-  std::vector<Line> right(k);
-  std::vector<Line> plane(16);
-  std::copy(blocks.left.begin(), blocks.left.begin() + static_cast<std::ptrdiff_t>(16 * k),
-            left.front().byte);
-  std::copy(blocks.right.begin(), blocks.right.begin() + static_cast<std::ptrdiff_t>(64 * k),
-            right.front().byte);
+  std::vector<Line> left(blocks.left.size() / 64 + 1);
+  std::vector<Line> right(blocks.right.size() / 64);
+  std::vector<Line> plane(kRows);
+  std::copy(blocks.left.begin(), blocks.left.end(), left.front().byte);
+  std::copy(blocks.right.begin(), blocks.right.end(), right.front().byte);
   const modular::ResidueProduct product = {left.front().byte,
                                            right.front().byte,
-                                           0,
-                                           0,
+                                           static_cast<std::int64_t>(kRowsOfBlock * k),
+                                           static_cast<std::int64_t>(kColumnsOfBlock * k),
                                            blocks.sums.data(),
-                                           1,
-                                           1,
+                                           static_cast<std::int64_t>(rows),
+                                           kColumns / kColumnsOfBlock,
                                            static_cast<std::int64_t>(quads),
                                            modulus};
   auto* bytes = reinterpret_cast<std::int8_t*>(plane.front().byte);
-  modular::multiply_residues(product, {bytes, 64, false});
-  modular::multiply_residues(product, {bytes, 64, true});
+  modular::multiply_residues(product, {bytes, kColumns, false});
+  modular::multiply_residues(product, {bytes, kColumns, true});
   bool is_right = true;
-  for (std::size_t row = 0; row < 16; ++row) {
-    for (std::size_t column = 0; column < 64; ++column) {
+  for (std::size_t row = 0; row < rows; ++row) {
+    for (std::size_t column = 0; column < kColumns; ++column) {
       std::int64_t expected = 0;
       for (std::size_t i = 0; i < k; ++i) {
         expected += std::int64_t{2} * a[row * k + i] * b[column * k + i];
       }
       // NOLINTNEXTLINE(bugprone-signed-char-misuse): a number with a sign
-      const int found = bytes[modular::place_in_plane(static_cast<std::int64_t>(row),
-                                                      static_cast<std::int64_t>(column), 64)];
+      const int found = bytes[row * kColumns + column];
       is_right =
           is_right && (found - expected) % modulus == 0 && std::abs(found) <= modulus / 2 + 1;
     }
@@ -199,7 +206,9 @@ void products_of_random_residues() {
       std::vector<int> b(quads * 64 * 4);
       std::generate(a.begin(), a.end(), [&] { return random.between(-p / 2 - 1, p / 2 + 1); });
       std::generate(b.begin(), b.end(), [&] { return random.between(-p / 2 - 1, p / 2 + 1); });
-      expect_congruent(a, b, quads, p);
+      for (const std::size_t rows : {1U, 4U, 5U, 8U, 9U, 12U, 13U, 16U}) {
+        expect_congruent(a, b, quads, p, rows);
+      }
     }
   }
 }
@@ -223,8 +232,8 @@ void systems_bring_their_constants() {
 
 void sizes_around_the_borders_of_blocks() {
   Random random(102);
-  for (const std::size_t m : {1U, 5U, 6U, 11U, 15U, 16U, 17U, 129U}) {
-    for (const std::size_t n : {1U, 7U, 63U, 64U, 65U, 130U}) {
+  for (const std::size_t m : {1U, 4U, 5U, 8U, 9U, 12U, 13U, 16U, 17U, 24U, 29U, 36U, 145U}) {
+    for (const std::size_t n : {1U, 31U, 32U, 33U, 63U, 64U, 65U, 130U}) {
       for (const std::size_t k : {1U, 3U, 4U, 5U, 64U, 66U}) {
         expect_same(draw_matrices(random, Shape::kNarrow, m, n, k));
       }
@@ -294,6 +303,27 @@ void ties_in_every_limb() {
         }
       }
     }
+  }
+}
+
+// Elements that are sums of digits of radix 2^48 from one product each, at the borders of digits:
+// the doubles that the recombination begins with, whatever they cancel to.
+void digits_at_their_borders() {
+  Random random(115);
+  constexpr double kUnit = 0x1p+48;
+  const double digits[] = {-0x1p+47, 1 - 0x1p+47, 0x1p+47 - 1, 0x1p+47, -1, 0, 1, 2, -0x1p+46};
+  Matrices matrices = constant_matrices(40, 33, 6, 0, 1);
+  for (std::size_t column = 0; column < 33; ++column) {
+    for (std::size_t k = 3; k < 6; ++k) {
+      matrices.b[k * 33 + column] = column % 2 == 0 ? kUnit * kUnit * kUnit : -kUnit * kUnit;
+    }
+  }
+  for (int repeat = 0; repeat < 100; ++repeat) {
+    for (std::size_t i = 0; i < matrices.a.size(); ++i) {
+      const double unit = i % 3 == 0 ? 1 : i % 3 == 1 ? kUnit : kUnit * kUnit;
+      matrices.a[i] = digits[random.below(9)] * unit;
+    }
+    expect_same(matrices);
   }
 }
 
@@ -479,6 +509,7 @@ int test_modular_product() {
   exponents_over_the_whole_range();
   sums_that_cancel();
   ties_in_every_limb();
+  digits_at_their_borders();
   integers_take_few_moduli();
   zeros_give_plus_zero();
   wild_lines_leave_others_alone();

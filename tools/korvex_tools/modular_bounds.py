@@ -81,7 +81,7 @@ def residues() -> list[Row]:
     quotient = max(Fraction(LONGEST_FLOAT32, p) for p in MODULI)
     largest = max(largest_residue(p, LONGEST_FLOAT32) - p // 2 for p in MODULI)
     return [
-        at_most("sum of an element's bytes times powers", sum_of_digits, LONGEST_FLOAT32),
+        below("sum of an element's bytes times powers, beside 1.5 * 2^23", sum_of_digits, 2**22),
         below("quotient by p, beside the shifter 1.5 * 2^23", math.ceil(quotient), 2**22),
         at_most("residue above p / 2, of an integer up to 2^24", largest, 1),
         at_most("any residue, a signed byte",
@@ -138,8 +138,15 @@ def recombination() -> list[Row]:
         below("sum of fractions", 257 * 255 * sum(e) + 2**15, INT32),
         at_most("quotient q, a signed byte", largest_quotient(), 127),
         below("two columns and a carry", 257 * column + carry, INT32),
-        at_most("three balanced digits as one double", 2**15 * (1 + 2**16 + 2**32), 2**53),
-    ]
+        at_most("a digit of radix 2^48 as a double", 2**15 * 2**32, 2**53),
+        below("sum of the digits below a digit, in its unit", float(largest_rest()), 1),
+    ]  # fmt: skip
+
+
+def largest_rest() -> Fraction:
+    """Of the digits of radix 2^48 below one, with a rounding for each of them."""
+    rest = sum(Fraction(2**47, 2 ** (48 * i)) for i in range(1, 9))
+    return rest * (1 + Fraction(1, 2**53)) ** 8
 
 
 def systems() -> list[Row]:
@@ -149,8 +156,9 @@ def systems() -> list[Row]:
         product *= p
         wide = (product.bit_length() + 15) // 16
         wide_most = max(wide_most, wide)
-        # Balanced digits of radix 2^16 reach this far up, and further down.
-        reach = (2**15 - 1) * (2 ** (16 * wide) - 1) // (2**16 - 1)
+        # Balanced digits of radix 2^48 reach this far up, and further down.
+        doubles = (wide + 2) // 3
+        reach = (2**47 - 1) * (2 ** (48 * doubles) - 1) // (2**48 - 1)
         short += product // 4 > reach
     return [
         at_most("moduli with a common factor", sum(math.gcd(p, product // p) != 1 for p in MODULI),

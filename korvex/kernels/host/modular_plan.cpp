@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "korvex/arithmetic/exact/residue_system.h"
-#include "korvex/kernels/modular/products.h"
 
 namespace korvex::host {
 namespace {
@@ -28,14 +27,15 @@ constexpr double kSliceElement = 120;  // of the result
 constexpr double kSliceProduct = 0.85;
 constexpr double kSliceProductOfFew = 2.5;  // where columns are too few for the lanes
 constexpr int kFewColumns = 8;
+constexpr int kFewestRows = 4;  // that are multiplied at a time
 constexpr double kStart = 30000;
 constexpr double kStartOfReading = 5000;
 constexpr double kReadElement = 0.7;
 constexpr double kElement = 8;  // of the result
 constexpr double kOperandElement = 10;
-constexpr double kModulusElement = 1.3;  // the same three for each modulus
+constexpr double kModulusElement = 0.8;  // the same three for each modulus
 constexpr double kModulusOperandElement = 0.3;
-constexpr double kModulusProduct = 0.0045;
+constexpr double kModulusProduct = 0.0042;
 
 // Elements of more bits take six slices after three.
 constexpr int kBitsOfFewSlices = 150;
@@ -63,8 +63,8 @@ std::vector<Step> steps(const ModularLines& lines) {
 }  // namespace
 
 double cost_by_residues(const ProductExtents& extents, int moduli) {
-  const auto m = static_cast<double>(padded(extents.m, kLines));
-  const auto n = static_cast<double>(padded(extents.n, kColumns));
+  const auto m = static_cast<double>(padded(extents.m, kFewestRows));
+  const auto n = static_cast<double>(padded(extents.n, modular::kBlockColumns));
   const auto k = static_cast<double>(extents.k);
   const auto operand =
       static_cast<double>(padded(extents.m, kLines) + padded(extents.n, kLines)) * k;
@@ -119,11 +119,11 @@ ModularPlan cheapest_plan(const ModularLines& left, const ModularLines& right,
 // found anew for each panel, so that large ones are better. One panel takes its products in short
 // blocks.
 PanelShape panel_shape(const ProductExtents& extents, int moduli, int threads) {
-  const bool is_one_panel = extents.m <= 128 && extents.n <= 512;
+  const bool is_one_panel = extents.m <= 144 && extents.n <= 512;
   const bool is_one_block = extents.k <= modular::kDepth;
   const std::int64_t depth = is_one_panel ? 256 : is_one_block ? modular::kDepth : 512;
   PanelShape shape = {
-      std::min<std::int64_t>(is_one_panel || is_one_block ? 128 : 512, padded(extents.m, kLines)),
+      std::min<std::int64_t>(is_one_panel || is_one_block ? 144 : 480, padded(extents.m, kLines)),
       std::min<std::int64_t>(512, padded(extents.n, kColumns)),
       std::min(depth, padded(extents.k, kQuad))};
   const auto halve = [](std::int64_t& extent, std::int64_t unit) {

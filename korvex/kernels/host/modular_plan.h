@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "korvex/kernels/host/modular_lines.h"
+#include "korvex/kernels/modular/products.h"
 
 namespace korvex::host {
 
@@ -52,7 +53,7 @@ struct PanelShape {
   std::int64_t rows, columns, depth;
 
   std::int64_t plane_bytes() const { return rows * columns + 64; }
-  std::int64_t left_bytes() const { return rows * depth + 64; }
+  std::int64_t left_bytes() const { return padded(rows, modular::kBlockRows) * depth + 64; }
   std::int64_t right_bytes() const { return columns * depth + 64; }
   // Of a thread.
   std::int64_t bytes(int moduli) const {

@@ -29,6 +29,8 @@ namespace korvex::host {
 namespace {
 
 using arithmetic::ResidueSystem;
+using modular::kBlockColumns;
+using modular::kBlockRows;
 using modular::kColumns;
 using modular::kLines;
 using modular::kQuad;
@@ -122,12 +124,16 @@ class ModularProduct {
                   Workspace& work) const {
     std::fill(work.left_sums.begin(), work.left_sums.end(), 0);
     for (std::int64_t row = rows.begin; row < rows.end; row += kLines) {
-      const std::int64_t block = (row - rows.begin) / kLines;
-      write_lines(
-          left_, row, k, depth, left_weights_, Operand::kLeft,
-          {work.left.get() + block * kLines * shape.depth, shape.left_bytes(),
-           std::int64_t{kLines} * kQuad, work.left_sums.data() + block * kLines, shape.rows},
-          work);
+      const std::int64_t offset = row - rows.begin;
+      // The lines of one block, and the others in the block behind it.
+      const std::int64_t block = offset / kBlockRows;
+      const std::int64_t in_block = offset % kBlockRows;
+      std::uint8_t* const bytes = work.left.get() + block * kBlockRows * shape.depth;
+      write_lines(left_, row, k, depth, left_weights_, Operand::kLeft,
+                  {bytes + in_block * kQuad, bytes + kBlockRows * shape.depth,
+                   static_cast<int>(kBlockRows - in_block), shape.left_bytes(),
+                   std::int64_t{kBlockRows} * kQuad, work.left_sums.data() + offset, shape.rows},
+                  work);
     }
   }
 
@@ -135,16 +141,18 @@ class ModularProduct {
                    const PanelShape& shape, Workspace& work) const {
     for (std::int64_t column = columns.begin; column < padded_end(columns); column += kLines) {
       const std::int64_t offset = column - columns.begin;
+      std::uint8_t* const bytes = work.right.get() +
+                                  offset / kBlockColumns * kBlockColumns * shape.depth +
+                                  offset % kBlockColumns * kQuad;
       write_lines(right_, column, k, depth, right_weights_, Operand::kRight,
-                  {work.right.get() + offset / kColumns * kColumns * shape.depth +
-                       offset % kColumns * kQuad,
-                   shape.right_bytes(), std::int64_t{kColumns} * kQuad, nullptr, 0},
+                  {bytes, bytes, kLines, shape.right_bytes(), std::int64_t{kBlockColumns} * kQuad,
+                   nullptr, 0},
                   work);
     }
   }
 
   static std::int64_t padded_end(const Range& columns) {
-    return columns.begin + padded(columns.end - columns.begin, kColumns);
+    return columns.begin + padded(columns.end - columns.begin, kBlockColumns);
   }
 
   static void write_lines(const ModularLines& lines, std::int64_t first, std::int64_t k,
@@ -156,6 +164,7 @@ class ModularProduct {
       lines.read(first, k + done, count, work.chunk);
       modular::ResiduePlaces places = to;
       places.bytes += done / kQuad * to.quad_stride;
+      places.rest += done / kQuad * to.quad_stride;
       modular::write_residues(work.chunk, scales, weights, operand, places);
     }
   }
@@ -166,11 +175,11 @@ class ModularProduct {
       const modular::ResidueProduct residues = {
           work.left.get() + t * shape.left_bytes(),
           work.right.get() + t * shape.right_bytes(),
-          kLines * shape.depth,
-          kColumns * shape.depth,
+          kBlockRows * shape.depth,
+          kBlockColumns * shape.depth,
           work.left_sums.data() + t * shape.rows,
-          padded(rows.end - rows.begin, kLines) / kLines,
-          padded(columns.end - columns.begin, kColumns) / kColumns,
+          rows.end - rows.begin,
+          padded(columns.end - columns.begin, kBlockColumns) / kBlockColumns,
           padded(depth, kQuad) / kQuad,
           ResidueSystem::modulus(t)};
       modular::multiply_residues(residues, {plane(t, shape, work), shape.columns, k > 0});
@@ -187,8 +196,9 @@ class ModularProduct {
       const PlantedFault& fault = options_.faults[i];
       if (fault.row >= rows.begin && fault.row < rows.end && fault.column >= columns.begin &&
           fault.column < columns.end && fault.modulus < system_.count()) {
-        std::int8_t& residue = plane(fault.modulus, shape, work)[modular::place_in_plane(
-            fault.row - rows.begin, fault.column - columns.begin, shape.columns)];
+        std::int8_t& residue =
+            plane(fault.modulus, shape,
+                  work)[(fault.row - rows.begin) * shape.columns + fault.column - columns.begin];
         residue = static_cast<std::int8_t>(residue + fault.difference);
       }
     }
@@ -220,6 +230,7 @@ class ModularProduct {
     for (std::int64_t i = 0; i < tile.rows; ++i) {
       modular::Recombination::Row row = {bytes + i * shape.columns,
                                          shape.plane_bytes(),
+                                         shape.columns,
                                          static_cast<double>(left_.exponent(tile.first_row + i)),
                                          work.column_exponents,
                                          {},

@@ -13,38 +13,30 @@
 
 namespace korvex::modular {
 
-constexpr int kColumns = 64;  // of a panel of the right operand, side by side
+constexpr int kBlockRows = 12;     // of the left operand, side by side
+constexpr int kBlockColumns = 32;  // of the right operand: twice kLines
+constexpr int kColumns = 64;       // what lies beside each other in a plane is a multiple of it
 
-// The residues of one modulus. Rows and columns are padded to whole blocks.
+// The residues of one modulus, block by block: quad by quad, line by line within a quad. Rows and
+// columns are padded to multiples of kLines and of kBlockColumns.
 struct ResidueProduct {
-  const std::uint8_t* left;   // block of kLines rows by block: quad by quad, row by row
-  const std::uint8_t* right;  // block of kColumns columns by block: quad by quad, column by column
+  const std::uint8_t* left;   // blocks of kBlockRows rows
+  const std::uint8_t* right;  // blocks of kBlockColumns columns
   std::int64_t left_stride;   // bytes from block to block
   std::int64_t right_stride;
   const std::int32_t* sums;  // of each row
-  std::int64_t row_blocks;
+  std::int64_t rows;         // without padding
   std::int64_t column_blocks;
   std::int64_t quads;
   int modulus;
 };
 
-// A plane of reduced products: kColumns bytes for each row of each block of columns, in the order
-// in which place_in_plane says.
+// A plane of reduced products, a byte each, row by row. Rows are written up to a multiple of four.
 struct ResiduePlane {
   std::int8_t* bytes;
   std::int64_t row_stride;
   bool is_begun;  // whether the products are added to what the plane holds
 };
-
-// Where the residue of an element lies in its plane: packing interleaves the four vectors of a
-// block of columns, four columns at a time.
-constexpr std::int64_t place_in_plane(std::int64_t row, std::int64_t column,
-                                      std::int64_t row_stride) {
-  const std::int64_t in_block = column % kColumns;
-  const std::int64_t vector = in_block / kLines;
-  const std::int64_t lane = in_block % kLines;
-  return row * row_stride + (column - in_block) + lane / 4 * 16 + vector * 4 + lane % 4;
-}
 
 void multiply_residues(const ResidueProduct& product, const ResiduePlane& plane);
 

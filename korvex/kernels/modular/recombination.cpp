@@ -2,6 +2,8 @@
 // From residues to limbs: sums of bytes, carries, and passes of two_sum over vectors.
 #include "korvex/kernels/modular/recombination.h"
 
+#include <algorithm>
+
 #include "korvex/arithmetic/base/binary64.h"
 #include "korvex/arithmetic/exact/exact_product_sum.h"
 #include "korvex/kernels/modular/instructions.h"
@@ -15,7 +17,7 @@ namespace korvex::modular {
 Recombination::Recombination(const arithmetic::ResidueSystem& system, int bits)
     : count_(system.count()),
       groups_((system.count() + kQuad - 1) / kQuad),
-      wide_digits_(system.wide_digits()),
+      doubles_((system.wide_digits() + 2) / 3),
       limit_(arithmetic::power_of_two(bits)) {
   const auto index = [](int i) { return static_cast<std::size_t>(i); };
   for (int t = 0; t < count_; ++t) {
@@ -23,13 +25,16 @@ Recombination::Recombination(const arithmetic::ResidueSystem& system, int bits)
     const auto fraction = static_cast<std::uint32_t>(system.fraction(t));
     fractions_[0][index(t / kQuad)] |= (fraction >> 8) << shift;
     fractions_[1][index(t / kQuad)] |= (fraction & 255) << shift;
-    for (int place = 0; place < 2 * wide_digits_; ++place) {
-      digits_[index(place)][index(t / kQuad)] |=
-          static_cast<std::uint32_t>(system.quotient_digit(t, place)) << shift;
-    }
   }
-  for (int place = 0; place < 2 * wide_digits_; ++place) {
-    digits_[index(place)][index(groups_)] = static_cast<std::uint32_t>(system.product_digit(place));
+  for (int place = 0; place < 2 * system.wide_digits(); ++place) {
+    const auto word = [&](int group) -> std::uint32_t& {
+      return digits_[index(place / kDigitsOfDouble)][index(group)][index(place % kDigitsOfDouble)];
+    };
+    for (int t = 0; t < count_; ++t) {
+      word(t / kQuad) |= static_cast<std::uint32_t>(system.quotient_digit(t, place))
+                         << (8 * (t % kQuad));
+    }
+    word(groups_) = static_cast<std::uint32_t>(system.product_digit(place));
   }
 }
 
@@ -39,21 +44,20 @@ Recombination::Recombination(const arithmetic::ResidueSystem& system, int bits)
 struct RecombinedRow {
   static constexpr int kVectors = kColumns / kLines;
   static constexpr int kMostGroups = Recombination::kMostGroups;
-  static constexpr int kMostWide = Recombination::kMostDigits / 2;
+  static constexpr int kMostDoubles = Recombination::kMostDoubles;
   static constexpr int kLanes = 8;  // of doubles
-  static constexpr int kWideOfDouble = 3;
 
   RecombinedRow(const Recombination& of, const Recombination::Row& at) : constants(of), row(at) {}
 
   const Recombination& constants;
   const Recombination::Row& row;
   alignas(64) std::int32_t residues[kMostGroups + 1][kVectors][kLines];
-  // Balanced, radix 2^16, lowest first; up to a multiple of three there are zeros.
-  alignas(64) std::int32_t digits[kMostWide + kWideOfDouble][kColumns];
+  // Multiples of 2^(48 i), at most half of 2^(48 (i + 1)) in magnitude; their sum is the integer.
+  alignas(64) double doubles[kMostDoubles][kColumns];
 
   KORVEX_VNNI void unpack();
   KORVEX_VNNI void find_quotients();
-  KORVEX_VNNI void find_digits();
+  KORVEX_VNNI void find_doubles();
   template <int kDoubles>
   KORVEX_VNNI std::uint64_t write();
   template <int kDoubles>
@@ -82,6 +86,23 @@ KORVEX_VNNI_INLINE VectorAndError two_sum(__m512d a, __m512d b) {
   return {sum, _mm512_add_pd(_mm512_sub_pd(a, a_part), _mm512_sub_pd(b, b_part))};
 }
 
+// The same where a is zero or at least b in magnitude. Dekker 1971.
+KORVEX_VNNI_INLINE VectorAndError fast_two_sum(__m512d a, __m512d b) {
+  const __m512d sum = _mm512_add_pd(a, b);
+  return {sum, _mm512_sub_pd(b, _mm512_sub_pd(sum, a))};
+}
+
+// One of the first two passes, where each number is zero or no less than the sum of what follows.
+template <int kDoubles>
+KORVEX_VNNI_INLINE void order_digits(__m512d* x) {
+#pragma GCC unroll 8
+  for (int i = kDoubles - 2; i >= 0; --i) {
+    const VectorAndError upper = fast_two_sum(x[i], x[i + 1]);
+    x[i] = upper.value;
+    x[i + 1] = upper.error;
+  }
+}
+
 // One pass of two_sum from the last number up to number `first`.
 template <int kDoubles>
 KORVEX_VNNI_INLINE void order(__m512d* x, int first) {
@@ -93,8 +114,65 @@ KORVEX_VNNI_INLINE void order(__m512d* x, int first) {
   }
 }
 
-KORVEX_VNNI_INLINE __m512d doubles_of(const std::int32_t* x) {
-  return _mm512_cvtepi32_pd(_mm256_load_si256(reinterpret_cast<const __m256i*>(x)));
+// The sums of six columns of radix 256, the lowest first, for sixteen elements.
+struct ColumnSums {
+  __m512i sum[Recombination::kDigitsOfDouble];
+};
+
+// Two vectors' columns of one double. Not inlined, so that the registers are the loop's alone.
+KORVEX_VNNI KORVEX_COLD void sum_columns(
+    const std::array<std::uint32_t, Recombination::kDigitsOfDouble>* words,
+    const std::int32_t* residues, std::int64_t groups, ColumnSums* columns) {
+  constexpr int kDigits = Recombination::kDigitsOfDouble;
+  __m512i sum[2][kDigits];
+#pragma GCC unroll 6
+  for (int digit = 0; digit < kDigits; ++digit) {
+    sum[0][digit] = _mm512_setzero_si512();
+    sum[1][digit] = _mm512_setzero_si512();
+  }
+  for (std::int64_t group = 0; group <= groups; ++group) {
+    const __m512i e0 = _mm512_load_si512(residues);
+    const __m512i e1 = _mm512_load_si512(residues + kLines);
+#pragma GCC unroll 6
+    for (std::size_t digit = 0; digit < kDigits; ++digit) {
+      const __m512i word = word_of((*words)[digit]);
+      sum[0][digit] = _mm512_dpbusd_epi32(sum[0][digit], word, e0);
+      sum[1][digit] = _mm512_dpbusd_epi32(sum[1][digit], word, e1);
+    }
+    residues += kColumns;
+    ++words;
+  }
+#pragma GCC unroll 6
+  for (int digit = 0; digit < kDigits; ++digit) {
+    columns[0].sum[digit] = sum[0][digit];
+    columns[1].sum[digit] = sum[1][digit];
+  }
+}
+
+// The columns and a carry as one double: a multiple of 2^(48 place), and half of 2^(48 (place + 1))
+// at most in magnitude. The carry becomes that into the next one.
+KORVEX_VNNI_INLINE void write_doubles(const ColumnSums& columns, int place, __m512i& carry,
+                                      double* to) {
+  const auto pair = [&](int i) {
+    return _mm512_add_epi32(columns.sum[i], _mm512_slli_epi32(columns.sum[i + 1], 8));
+  };
+  const __m512i first = _mm512_add_epi32(pair(0), carry);
+  const __m512i second = _mm512_add_epi32(pair(2), _mm512_srai_epi32(first, 16));
+  const __m512i third = _mm512_add_epi32(pair(4), _mm512_srai_epi32(second, 16));
+  // Two digits of radix 2^16 from 0 on; above them one next to zero.
+  const __m512i lower = _mm512_or_si512(_mm512_and_si512(first, _mm512_set1_epi32(65535)),
+                                        _mm512_slli_epi32(second, 16));
+  const __m512i upper = _mm512_srai_epi32(_mm512_slli_epi32(third, 16), 16);
+  carry = _mm512_srai_epi32(_mm512_sub_epi32(third, upper), 16);
+  const __m512d unit = _mm512_set1_pd(arithmetic::power_of_two(48 * place));
+  const __m512d upper_unit = _mm512_set1_pd(arithmetic::power_of_two(48 * place + 32));
+  const auto joined = [&](__m256i low, __m256i high) {
+    return _mm512_fmadd_pd(_mm512_cvtepi32_pd(high), upper_unit,
+                           _mm512_mul_pd(_mm512_cvtepu32_pd(low), unit));  // both exact
+  };
+  _mm512_store_pd(to, joined(_mm512_castsi512_si256(lower), _mm512_castsi512_si256(upper)));
+  _mm512_store_pd(to + 8,
+                  joined(_mm512_extracti64x4_epi64(lower, 1), _mm512_extracti64x4_epi64(upper, 1)));
 }
 
 // Lanes where limb = RN(limb + next + t) for each |t| <= rest: because rest is zero, ties included;
@@ -121,14 +199,21 @@ KORVEX_COLD void round_element(const double* integers, int count, int exponent, 
 
 }  // namespace
 
-// Four planes at a time, so that a word has the residues of one element for four moduli.
+// Four planes at a time, so that a word has the residues of one element for four moduli. Unpacking
+// takes four columns of each quarter of a register to one vector, so the columns of each vector are
+// spread over the quarters before.
 KORVEX_VNNI void RecombinedRow::unpack() {
+  const __m512i spread = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
   for (int group = 0; group < constants.groups_; ++group) {
     __m512i plane[kQuad];
     for (int i = 0; i < kQuad; ++i) {
       const int t = kQuad * group + i;
-      plane[i] = t < constants.count_ ? _mm512_load_si512(row.bytes + t * row.plane_stride)
-                                      : _mm512_setzero_si512();
+      _mm_prefetch(reinterpret_cast<const char*>(row.bytes + t * row.plane_stride + row.row_stride),
+                   _MM_HINT_T0);
+      plane[i] = t < constants.count_
+                     ? _mm512_permutexvar_epi32(spread,
+                                                _mm512_load_si512(row.bytes + t * row.plane_stride))
+                     : _mm512_setzero_si512();
     }
     const __m512i low01 = _mm512_unpacklo_epi8(plane[0], plane[1]);
     const __m512i high01 = _mm512_unpackhi_epi8(plane[0], plane[1]);
@@ -161,34 +246,19 @@ KORVEX_VNNI void RecombinedRow::find_quotients() {
   }
 }
 
-KORVEX_VNNI void RecombinedRow::find_digits() {
-  __m512i carry[kVectors] = {};
-  for (int wide = 0; wide < constants.wide_digits_; ++wide) {
-    const auto& lower_bytes = constants.digits_[static_cast<std::size_t>(2 * wide)];
-    const auto& upper_bytes = constants.digits_[static_cast<std::size_t>(2 * wide + 1)];
-    __m512i lower[kVectors];
-    __m512i upper[kVectors];
-#pragma GCC unroll 4
-    for (int vector = 0; vector < kVectors; ++vector) {
-      lower[vector] = carry[vector];
-      upper[vector] = _mm512_setzero_si512();
-    }
-    for (int group = 0; group <= constants.groups_; ++group) {
-      const __m512i lower_word = word_of(lower_bytes[static_cast<std::size_t>(group)]);
-      const __m512i upper_word = word_of(upper_bytes[static_cast<std::size_t>(group)]);
-#pragma GCC unroll 4
-      for (int vector = 0; vector < kVectors; ++vector) {
-        const __m512i e = _mm512_load_si512(residues[group][vector]);
-        lower[vector] = _mm512_dpbusd_epi32(lower[vector], lower_word, e);
-        upper[vector] = _mm512_dpbusd_epi32(upper[vector], upper_word, e);
+// Two vectors at a time, so that the sums of all columns of a double stay in registers.
+KORVEX_VNNI void RecombinedRow::find_doubles() {
+  constexpr int kTogether = 2;
+  for (int vector = 0; vector < kVectors; vector += kTogether) {
+    __m512i carry[kTogether] = {};
+    for (int place = 0; place < constants.doubles_; ++place) {
+      ColumnSums columns[kTogether];
+      sum_columns(constants.digits_[static_cast<std::size_t>(place)].data(), residues[0][vector],
+                  constants.groups_, columns);
+#pragma GCC unroll 2
+      for (int i = 0; i < kTogether; ++i) {
+        write_doubles(columns[i], place, carry[i], doubles[place] + kLines * (vector + i));
       }
-    }
-#pragma GCC unroll 4
-    for (int vector = 0; vector < kVectors; ++vector) {
-      const __m512i sum = _mm512_add_epi32(lower[vector], _mm512_slli_epi32(upper[vector], 8));
-      const __m512i digit = _mm512_srai_epi32(_mm512_slli_epi32(sum, 16), 16);
-      carry[vector] = _mm512_srai_epi32(_mm512_sub_epi32(sum, digit), 16);
-      _mm512_store_si512(digits[wide] + kLines * vector, digit);
     }
   }
 }
@@ -230,17 +300,10 @@ KORVEX_VNNI __mmask8 RecombinedRow::write_lanes(int first) {
   __m512d x[kDoubles];
 #pragma GCC unroll 8
   for (int i = 0; i < kDoubles; ++i) {
-    const int place = kDoubles - 1 - i;  // x[0] is the highest
-    const auto* digit = digits + kWideOfDouble * place;
-    const double unit = arithmetic::power_of_two(48 * place);
-    const __m512d upper = _mm512_fmadd_pd(doubles_of(digit[2] + first), _mm512_set1_pd(0x1p+16),
-                                          doubles_of(digit[1] + first));  // exact
-    const __m512d whole =
-        _mm512_fmadd_pd(upper, _mm512_set1_pd(0x1p+16), doubles_of(digit[0] + first));  // exact
-    x[i] = _mm512_mul_pd(whole, _mm512_set1_pd(unit));                                  // exact
+    x[i] = _mm512_load_pd(doubles[kDoubles - 1 - i] + first);  // x[0] is the highest
   }
-  order<kDoubles>(x, 0);
-  order<kDoubles>(x, 0);
+  order_digits<kDoubles>(x);
+  order_digits<kDoubles>(x);
   order<kDoubles>(x, 1);
   order<kDoubles>(x, 2);
   __m512d rest = _mm512_setzero_pd();  // of magnitudes, after the next limb
@@ -279,10 +342,8 @@ KORVEX_VNNI __mmask8 RecombinedRow::write_lanes(int first) {
 
 template <int kDoubles>
 KORVEX_VNNI std::uint64_t RecombinedRow::write() {
-  for (int wide = constants.wide_digits_; wide < kWideOfDouble * kDoubles; ++wide) {
-    for (std::int32_t& digit : digits[wide]) {
-      digit = 0;
-    }
+  for (int place = constants.doubles_; place < kDoubles; ++place) {
+    std::fill(std::begin(doubles[place]), std::end(doubles[place]), 0.0);
   }
   std::uint64_t wrong = 0;
   for (int first = 0; first < row.columns; first += kLanes) {
@@ -295,8 +356,8 @@ KORVEX_VNNI std::uint64_t Recombination::write_limbs(const Row& row) const {
   RecombinedRow work(*this, row);
   work.unpack();
   work.find_quotients();
-  work.find_digits();
-  switch ((wide_digits_ + RecombinedRow::kWideOfDouble - 1) / RecombinedRow::kWideOfDouble) {
+  work.find_doubles();
+  switch (doubles_) {
     case 4:
       return work.write<4>();
     case 5:

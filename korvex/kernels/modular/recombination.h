@@ -2,10 +2,10 @@
 // From the residues of elements to their canonical limbs, sixty-four columns of a row at a time.
 //
 // Phases: the quotient q from the fractions e_t / p_t; the digits of the integer C = sum of e_t * M
-// / p_t - q * M, in columns of radix 256, again as products of bytes; carries, to balanced digits
-// of radix 2^16; three of them at a time as a double; limbs by passes of two_sum, with a test that
-// they are canonical. Elements that fail it, and those whose limbs would under- or overflow, are
-// rounded one by one in a long accumulator. The proofs stand in docs/numerics_modular.md.
+// / p_t - q * M, in columns of radix 256, again as products of bytes; carries, and six columns at a
+// time as a double, next to zero; limbs by passes of two_sum, with a test that they are canonical.
+// Elements that fail it, and those whose limbs would under- or overflow, are rounded one by one in
+// a long accumulator. The proofs stand in docs/numerics_modular.md.
 #pragma once
 
 #include <array>
@@ -27,6 +27,7 @@ class Recombination {
   struct Row {
     const std::int8_t* bytes;
     std::int64_t plane_stride;
+    std::int64_t row_stride;  // to the bytes of the row that is likely the next
     double exponent;
     const double* column_exponents;
     double* limbs[arithmetic::kElementLimbs];
@@ -36,19 +37,22 @@ class Recombination {
   // Returns, bit by bit, which of the elements lie beyond 2^bits: their residues are wrong.
   std::uint64_t write_limbs(const Row& row) const;
 
+  static constexpr int kDigitsOfDouble = 6;  // of radix 256
+
  private:
   friend struct RecombinedRow;
   static constexpr int kMostGroups = arithmetic::kMostModuli / kQuad;
-  static constexpr int kMostDigits = arithmetic::ByteNumber::kDigits;
+  static constexpr int kMostDoubles = 8;
 
-  int count_;        // of moduli
-  int groups_;       // of four of them
-  int wide_digits_;  // of radix 2^16
-  double limit_;     // 2^bits
+  int count_;     // of moduli
+  int groups_;    // of four of them
+  int doubles_;   // of 48 bits that hold every integer
+  double limit_;  // 2^bits
   // Bytes of 2^16 / p_t, upper and lower, and digits of M / p_t; four moduli a word. What follows
-  // the last group is the digit of M, to be multiplied by -q.
+  // the last group is the digit of M, to be multiplied by -q. Digits above those of M are zeros.
   std::array<std::array<std::uint32_t, kMostGroups>, 2> fractions_{};
-  std::array<std::array<std::uint32_t, kMostGroups + 1>, kMostDigits> digits_{};
+  std::array<std::array<std::array<std::uint32_t, kDigitsOfDouble>, kMostGroups + 1>, kMostDoubles>
+      digits_{};
 };
 
 }  // namespace korvex::modular

@@ -52,9 +52,11 @@ struct ElementChunk {
 void transpose_eight(const double* const (&lines)[8], int i, ElementChunk& chunk, int first_line);
 
 // Where the residues of a chunk go: quad q of modulus t to bytes + t * modulus_stride +
-// q * quad_stride, 64 bytes, line by line.
+// q * quad_stride, four bytes a line, and those of the last lines to `rest` likewise.
 struct ResiduePlaces {
   std::uint8_t* bytes;
+  std::uint8_t* rest;  // of line `lines`
+  int lines;           // that go to `bytes`: kLines where there is no rest
   std::int64_t modulus_stride;
   std::int64_t quad_stride;
   // Of the left operand: the sums of the residues over a line, for each modulus sixteen, to which
