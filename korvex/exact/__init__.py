@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Exact sums, products and moments of any array, with one rounding at the end or none.
+"""Exact sums, products and moments of any array, with one rounding at the end or none; and
+exponentials, logarithms and roots of its elements, each correctly rounded.
 
 The arithmetic is that of `korvex.tqx_runtime`, behind other doors: arrays of NumPy, torch, CuPy and
 whatever has DLPack on the CPU, of any real dtype, whole or in parts; nothing needs to be activated.
@@ -13,6 +14,7 @@ Importing this package imports NumPy and nothing else of that size.
 
 from korvex.exact._accumulator import loads
 from korvex.exact._collectives import all_reduce, reduce_scatter_tensor
+from korvex.exact._elementary import exp, log, sigmoid, sqrt, tanh
 from korvex.exact._functions import mean, std, sum, var, vector_norm
 from korvex.exact._gradients import GradientAccumulator
 from korvex.exact._moments import Moments
@@ -29,16 +31,21 @@ __all__ = [
     "all_reduce",
     "bincount",
     "cumulative_sum",
+    "exp",
     "get_threads",
     "index_add",
     "loads",
+    "log",
     "matmul",
     "mean",
     "reduce_scatter_tensor",
     "segment_sum",
     "set_threads",
+    "sigmoid",
+    "sqrt",
     "std",
     "sum",
+    "tanh",
     "var",
     "vecdot",
     "vector_norm",

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the C++ half gives: states of exact sums, and sums, products and running sums of arrays.
+"""What the C++ half gives: states of exact sums, and functions of arrays and of their elements.
 
 A state is a writable contiguous buffer of int64: digits of radix 2^32, then four counts (+infinity,
 -infinity, NaN, elements). An operand is a buffer of native numbers of any rank and strides, or an
@@ -18,6 +18,12 @@ VARIANCE: int
 DEVIATION: int
 DOT_PRODUCT: int
 NORM: int
+
+EXP: int
+LOG: int
+SQRT: int
+SIGMOID: int
+TANH: int
 
 def words(kind: int, /) -> int: ...
 def instruction_set() -> str: ...
@@ -78,6 +84,9 @@ def matmul(
     threads: int,
     a_format: str | None = None,
     b_format: str | None = None,
+) -> None: ...
+def map(
+    function: int, x: object, out: Buffer, format: str, threads: int, x_format: str | None = None
 ) -> None: ...
 def segment_sums(
     x: object,

@@ -207,6 +207,27 @@ PyObject* matmul(PyObject*, PyObject* const* values, Py_ssize_t count, PyObject*
   });
 }
 
+// ---- map(function, x, out, format, threads, x_format=None)
+
+constexpr Parameters<6> kMap = {
+    "map", {"function", "x", "out", "format", "threads", "x_format"}, 5};
+
+PyObject* map(PyObject*, PyObject* const* values, Py_ssize_t count, PyObject* keywords) {
+  return guarded([&] {
+    const auto [function_value, x_value, out_value, format_value, threads_value, x_format] =
+        bind(kMap, values, count, keywords);
+    const int function = elementary_option(function_value);
+    const ArrayArgument x("x", x_value, x_format);
+    const int format = result_format_option(format_value);
+    const OutArgument out(out_value, format);
+    out.require_shape(x.shape());
+    const int threads = threads_option(threads_value);
+    call_host(x.size(), "",
+              [&] { return host().map(function, &x.array(), format, threads, out.data()); });
+    return none();
+  });
+}
+
 PyMethodDef methods[] = {
     method_row("sum", sum, "The sum of all elements, rounded once to a format."),
     method_row("vecdot", vecdot, "The sum of all products, rounded once to a format."),
@@ -215,6 +236,7 @@ PyMethodDef methods[] = {
     method_row("reduce_axes", reduce_axes,
                "Writes a function of the elements along trailing axes, rounded once, to out."),
     method_row("matmul", matmul, "Writes the product of two matrices, rounded once, to out."),
+    method_row("map", map, "Writes a function of each element, rounded once, to out."),
     {nullptr, nullptr, 0, nullptr},
 };
 

@@ -38,6 +38,11 @@ void execute(PyObject* module) {
   checked(PyModule_AddIntConstant(module, "DEVIATION", KORVEX_EXACT_DEVIATION));
   checked(PyModule_AddIntConstant(module, "DOT_PRODUCT", KORVEX_EXACT_DOT_PRODUCT));
   checked(PyModule_AddIntConstant(module, "NORM", KORVEX_EXACT_NORM));
+  checked(PyModule_AddIntConstant(module, "EXP", KORVEX_EXACT_EXP));
+  checked(PyModule_AddIntConstant(module, "LOG", KORVEX_EXACT_LOG));
+  checked(PyModule_AddIntConstant(module, "SQRT", KORVEX_EXACT_SQRT));
+  checked(PyModule_AddIntConstant(module, "SIGMOID", KORVEX_EXACT_SIGMOID));
+  checked(PyModule_AddIntConstant(module, "TANH", KORVEX_EXACT_TANH));
   checked(PyModule_AddFunctions(module, state_functions()));
   checked(PyModule_AddFunctions(module, array_functions()));
   checked(PyModule_AddFunctions(module, segment_functions()));

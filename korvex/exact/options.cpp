@@ -70,6 +70,10 @@ int function_option(Handle function, int operands) {
   return value;
 }
 
+int elementary_option(Handle function) {
+  return integer_option(function, KORVEX_EXACT_EXP, KORVEX_EXACT_TANH, messages::kFunction);
+}
+
 int kept_option(Handle kept, int rank) { return integer_option(kept, 0, rank, messages::kKept); }
 
 std::int64_t factor_option(Handle factor) {

@@ -22,6 +22,8 @@ int limb_count_option(Handle count, int format);
 int function_option(Handle function, int operands);
 int kept_option(Handle kept, int rank);
 std::int64_t factor_option(Handle factor);
+// One of KORVEX_EXACT_EXP and those after it.
+int elementary_option(Handle function);
 // Of KORVEX_FORMAT_...; float64 where the argument was not given.
 int result_format_option(Handle format);
 

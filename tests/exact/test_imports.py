@@ -99,9 +99,9 @@ def test_public_names():
         == exact.__all__
         == [
             *("Dot", "GradientAccumulator", "Moments", "Sum", "all_reduce", "bincount"),
-            *("cumulative_sum", "get_threads", "index_add", "loads", "matmul", "mean"),
-            *("reduce_scatter_tensor", "segment_sum", "set_threads", "std", "sum", "var"),
-            *("vecdot", "vector_norm"),
+            *("cumulative_sum", "exp", "get_threads", "index_add", "loads", "log", "matmul"),
+            *("mean", "reduce_scatter_tensor", "segment_sum", "set_threads", "sigmoid", "sqrt"),
+            *("std", "sum", "tanh", "var", "vecdot", "vector_norm"),
         ]
     )
     assert all(getattr(exact, name).__module__ == "korvex.exact" for name in exact.__all__)

@@ -175,7 +175,7 @@ int reduce_to_limb(int kind, const korvex_exact_array* x, const korvex_exact_arr
 
 constexpr korvex_exact_functions kFunctions = {
     words,          accumulate,     settle,      merge,       limbs,        reduce_to_limb,
-    cumulative_sum, matrix_product, column_sums, reduce_axes, segment_sums,
+    cumulative_sum, matrix_product, column_sums, reduce_axes, segment_sums, map,
 };
 
 }  // namespace

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// C interface of exact sums over arrays of any layout and format: every host library has it beside
-// the kernels of launch.h.
+// C interface of exact sums and functions of arrays of any layout and format: every host library
+// has it beside the kernels of launch.h.
 //
 // One symbol gives a table of functions. A state is an array of 64-bit integers, as
 // korvex/arithmetic/exact/exact_state.h describes it; a call that does not return KORVEX_EXACT_DONE
@@ -74,6 +74,15 @@ typedef struct {
   uint64_t scale;
 } korvex_exact_reduction;
 
+// Functions of one element, numbered as in korvex/arithmetic/elementary/any_format.h.
+enum {
+  KORVEX_EXACT_EXP,
+  KORVEX_EXACT_LOG,
+  KORVEX_EXACT_SQRT,
+  KORVEX_EXACT_SIGMOID,
+  KORVEX_EXACT_TANH,
+};
+
 // Running sums along a dimension of a result.
 typedef struct {
   int format;       // of the result: float64, float32, float16 or bfloat16
@@ -130,6 +139,9 @@ typedef struct {
   int (*segment_sums)(const korvex_exact_array* x, const korvex_exact_array* ids, int64_t segments,
                       const korvex_exact_array* initial, int format, int threads, void* out,
                       int64_t* out_of_range);
+
+  // Writes a function of each element, rounded once, as cumulative_sum does.
+  int (*map)(int function, const korvex_exact_array* x, int format, int threads, void* out);
 } korvex_exact_functions;
 
 __attribute__((visibility("default"))) const korvex_exact_functions* korvex_host_exact(void);

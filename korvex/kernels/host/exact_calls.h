@@ -52,4 +52,7 @@ int segment_sums(const korvex_exact_array* x, const korvex_exact_array* ids, int
                  const korvex_exact_array* initial, int format, int threads, void* out,
                  int64_t* out_of_range);
 
+// exact_elementary.cpp
+int map(int function, const korvex_exact_array* x, int format, int threads, void* out);
+
 }  // namespace korvex::host

@@ -10,6 +10,7 @@
 #include "korvex/kernels/host/lanes.h"
 #include "korvex/kernels/host/shells.h"
 #include "korvex/kernels/host/threads.h"
+#include "korvex/kernels/host/unary_ranges.h"
 
 namespace korvex::host {
 namespace {
@@ -40,50 +41,62 @@ __attribute__((noinline)) void finish_undecided(Real x, const RoundedOf<Real>& t
   }
 }
 
-// The same for a function whose first try decides nearly every element, several at a time. All
-// other steps are calls, so that the loop holds the first try alone.
+// A function whose first try decides nearly every element, several at a time. All other steps are
+// calls, so that the loop holds the first try alone.
 template <RoundedOf<Real> (*Try)(Real), double (*Function)(double)>
-void run_tried_unary(const Arguments& arguments) {
+void tried_range(const double* x, double* out, std::int64_t count) {
+  std::int64_t i = 0;
+  for (; i + ElementLanes::kCount <= count; i += ElementLanes::kCount) {
+    const Real argument = ElementLanes::load(x + i);
+    const auto tried = Try(argument);
+    ElementLanes::store(out + i, tried.value);
+    if (!arithmetic::all(tried.is_decided)) {
+      finish_undecided<Function>(argument, tried, out + i);
+    }
+  }
+  for (; i < count; ++i) {
+    out[i] = out_of_line<Function>(x[i]);
+  }
+}
+
+// Arguments: x, out, n.
+template <UnaryRange* Range>
+void run_range(const Arguments& arguments) {
   const double* x = arguments.array(0);
   double* out = arguments.array(1);
-  for_each_range(arguments.integer(2), arguments.threads(),
-                 [=](std::int64_t begin, std::int64_t end) {
-                   std::int64_t i = begin;
-                   for (; i + ElementLanes::kCount <= end; i += ElementLanes::kCount) {
-                     const Real argument = ElementLanes::load(x + i);
-                     const auto tried = Try(argument);
-                     ElementLanes::store(out + i, tried.value);
-                     if (!arithmetic::all(tried.is_decided)) {
-                       finish_undecided<Function>(argument, tried, out + i);
-                     }
-                   }
-                   for (; i < end; ++i) {
-                     out[i] = out_of_line<Function>(x[i]);
-                   }
-                 });
+  for_each_range(
+      arguments.integer(2), arguments.threads(),
+      [=](std::int64_t begin, std::int64_t end) { Range(x + begin, out + begin, end - begin); });
 }
 
 }  // namespace
 
 void run_relu(const Arguments& arguments) { run_unary<arithmetic::relu>(arguments); }
 void run_neg(const Arguments& arguments) { run_unary<arithmetic::negated>(arguments); }
-void run_sqrt(const Arguments& arguments) { run_unary<arithmetic::square_root>(arguments); }
 
-void run_exp(const Arguments& arguments) {
-  run_tried_unary<arithmetic::try_exponential, arithmetic::exponential>(arguments);
+void exp_range(const double* x, double* out, std::int64_t count) {
+  tried_range<arithmetic::try_exponential, arithmetic::exponential>(x, out, count);
+}
+void log_range(const double* x, double* out, std::int64_t count) {
+  tried_range<arithmetic::try_logarithm, arithmetic::logarithm>(x, out, count);
+}
+void sqrt_range(const double* x, double* out, std::int64_t count) {
+  for (std::int64_t i = 0; i < count; ++i) {
+    out[i] = arithmetic::square_root(x[i]);
+  }
+}
+void sigmoid_range(const double* x, double* out, std::int64_t count) {
+  tried_range<arithmetic::try_sigmoid, arithmetic::sigmoid>(x, out, count);
+}
+void tanh_range(const double* x, double* out, std::int64_t count) {
+  tried_range<arithmetic::try_tanh, arithmetic::hyperbolic_tangent>(x, out, count);
 }
 
-void run_log(const Arguments& arguments) {
-  run_tried_unary<arithmetic::try_logarithm, arithmetic::logarithm>(arguments);
-}
-
-void run_sigmoid(const Arguments& arguments) {
-  run_tried_unary<arithmetic::try_sigmoid, arithmetic::sigmoid>(arguments);
-}
-
-void run_tanh(const Arguments& arguments) {
-  run_tried_unary<arithmetic::try_tanh, arithmetic::hyperbolic_tangent>(arguments);
-}
+void run_exp(const Arguments& arguments) { run_range<exp_range>(arguments); }
+void run_log(const Arguments& arguments) { run_range<log_range>(arguments); }
+void run_sqrt(const Arguments& arguments) { run_range<sqrt_range>(arguments); }
+void run_sigmoid(const Arguments& arguments) { run_range<sigmoid_range>(arguments); }
+void run_tanh(const Arguments& arguments) { run_range<tanh_range>(arguments); }
 
 // Arguments: x, negative_slope, out, n.
 void run_leaky_relu(const Arguments& arguments) {

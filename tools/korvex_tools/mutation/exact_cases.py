@@ -19,6 +19,7 @@ from korvex_tools.source_tree import SOURCE_TREE
 TESTS = (
     "test_functions.py::test_all_functions_of_every_dtype",
     "test_functions.py::test_products_of_two_dtypes",
+    "test_elementary.py",
     "test_same_bits.py",
     "test_arrays.py",
     "test_functions.py",
