@@ -36,7 +36,8 @@ Pairs make_pairs(Random& random) {
     }
   }
   if (random.below(3) == 0) {
-    pairs.append(random.sign() * std::ldexp(1.0, random.between(-1074, -400)), 0x1p-600);
+    const double sign = random.sign();
+    pairs.append(sign * std::ldexp(1.0, random.between(-1074, -400)), 0x1p-600);
   }
   return pairs;
 }

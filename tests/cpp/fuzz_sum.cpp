@@ -20,8 +20,9 @@ namespace {
 void append_piece(Random& random, std::vector<double>& x) {
   const auto shape = static_cast<Shape>(random.below(static_cast<int>(Shape::kCount)));
   const int longest = random.below(4) == 0 ? 9000 : random.below(2) == 0 ? 700 : 12;
-  const std::vector<double> piece = draw_many(
-      random, shape, static_cast<std::size_t>(random.between(0, longest)), random.below(3) == 0);
+  const bool cancels = random.below(3) == 0;
+  const auto count = static_cast<std::size_t>(random.between(0, longest));
+  const std::vector<double> piece = draw_many(random, shape, count, cancels);
   x.insert(x.end(), piece.begin(), piece.end());
 }
 

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Seeded data for property tests and the fuzzer, the same on every build and library.
+// Seeded data for property tests and the fuzzer, the same under every compiler.
+//
+// The order of arguments and operands is the compiler's choice, so each draw that another one
+// stands beside has a statement of its own, here and wherever these are called.
 #pragma once
 
 #include <cmath>
@@ -30,7 +33,9 @@ class Random {
 
   // 53 random bits in [1, 2), times 2^exponent, with a random sign.
   double with_exponent(int exponent) {
-    return sign() * std::ldexp(1.0 + std::ldexp(static_cast<double>(bits() >> 12), -52), exponent);
+    const double drawn_sign = sign();
+    const auto fraction = static_cast<double>(bits() >> 12);
+    return drawn_sign * std::ldexp(1.0 + std::ldexp(fraction, -52), exponent);
   }
 
   double any_finite() {
@@ -66,12 +71,17 @@ inline double draw(Random& random, Shape shape, std::size_t index) {
       return random.with_exponent(random.between(-60, 60));
     case Shape::kAnyBits:
       return random.any_finite();
-    case Shape::kPowers:
-      return random.sign() * std::ldexp(1.0, random.between(-110, 3));
+    case Shape::kPowers: {
+      const double sign = random.sign();
+      return sign * std::ldexp(1.0, random.between(-110, 3));
+    }
     case Shape::kHuge:
       return random.with_exponent(random.between(1000, 1023));
-    case Shape::kTiny:
-      return random.sign() * double_of(random.bits() >> random.between(9, 63));
+    case Shape::kTiny: {
+      const double sign = random.sign();
+      const std::uint64_t bits = random.bits();
+      return sign * double_of(bits >> random.between(9, 63));
+    }
     case Shape::kShifting:
       return random.with_exponent(static_cast<int>(index / 700 * 131 % 1900) - 950);
     default:

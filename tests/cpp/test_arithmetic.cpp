@@ -3,6 +3,13 @@
 #include "check.h"
 #include "suites.h"
 
+namespace {
+
+// The same for every compiler, level and processor. It changes with the tests and their data alone.
+constexpr unsigned long long kChecksum = 0xa9439dc0468719c6;
+
+}  // namespace
+
 int main() {
   korvex::test::test_flags();
   korvex::test::test_eft();
@@ -19,5 +26,6 @@ int main() {
   korvex::test::test_host_doubles();
   korvex::test::test_reductions();
   korvex::test::test_wide_numbers();
+  CHECK(korvex::test::Tally::all().checksum == kChecksum);
   return korvex::test::Tally::all().finish();
 }

@@ -37,7 +37,8 @@ Integer integer_of(const Natural<2>& a) {
 
 // Of any length up to 128 bits, words of zeros and of ones among them.
 Integer random_integer(Random& random) {
-  Integer value = static_cast<Integer>(random_bits(random)) << 64 | random_bits(random);
+  const std::uint64_t upper = random_bits(random);
+  Integer value = static_cast<Integer>(upper) << 64 | random_bits(random);
   if (random.below(8) == 0) {
     value |= ~std::uint64_t{0};
   }
@@ -93,7 +94,8 @@ void products_and_quotients_agree_with_integers() {
   Random random(80);
   for (int i = 0; i < 3000; ++i) {
     const Integer a = random_integer(random);
-    const std::uint64_t factor = random_bits(random) >> random.below(64);
+    const std::uint64_t bits = random_bits(random);
+    const std::uint64_t factor = bits >> random.below(64);
     CHECK(integer_of(natural_of(a) * factor) == a * factor);
     Natural<3> product;
     multiply(natural_of(a), factor, product);
@@ -311,8 +313,8 @@ void inverse_roots_of_what_is_no_positive_number() {
 void rounding_gives_back_doubles_and_finds_midpoints() {
   Random random(75);
   for (int i = 0; i < 2000; ++i) {
-    const double x = std::ldexp(1.0 + static_cast<double>(random_bits(random) >> 12) * 0x1p-52,
-                                -random.below(60));
+    const std::uint64_t bits = random_bits(random);
+    const double x = std::ldexp(1.0 + static_cast<double>(bits >> 12) * 0x1p-52, -random.below(60));
     const Fixed<5> fixed = fixed_magnitude<5>(x);
     const Rounded same = rounded(fixed, 0, 24);
     CHECK(same.is_decided);

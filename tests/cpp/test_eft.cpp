@@ -25,7 +25,8 @@ void two_sum_is_exact() {
   for (int i = 0; i < 300; ++i) {
     const int exponent = random.between(-1022, 1020);
     const double a = random.with_exponent(exponent);
-    const double b = std::ldexp(random.with_exponent(0), exponent - random.between(-2, 110));
+    const int distance = random.between(-2, 110);
+    const double b = std::ldexp(random.with_exponent(0), exponent - distance);
     expect_exact_sum(arithmetic::two_sum(a, b), a, b);
     expect_exact_sum(arithmetic::two_sum(b, a), a, b);
   }
@@ -36,7 +37,8 @@ void fast_two_sum_is_exact_for_ordered_operands() {
   for (int i = 0; i < 300; ++i) {
     const int exponent = random.between(-1022, 1020);
     const double a = random.with_exponent(exponent);
-    const double b = std::ldexp(random.with_exponent(0), exponent - random.between(0, 110));
+    const int distance = random.between(0, 110);
+    const double b = std::ldexp(random.with_exponent(0), exponent - distance);
     expect_exact_sum(arithmetic::fast_two_sum(a, b), a, b);
   }
   expect_exact_sum(arithmetic::fast_two_sum(0.0, 0x1p-1074), 0.0, 0x1p-1074);

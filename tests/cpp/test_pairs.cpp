@@ -115,8 +115,9 @@ void quotients_leave_the_nearest_rest() {
 void a_tiny_dividend_leaves_the_rest_of_a_large_one() {
   Random random(84);
   for (int i = 0; i < 5000; ++i) {
-    const double x = std::ldexp(static_cast<double>(random.bits() >> random.between(11, 63)),
-                                random.between(-1074, -1060));
+    const int exponent = random.between(-1074, -1060);
+    const std::uint64_t bits = random.bits();
+    const double x = std::ldexp(static_cast<double>(bits >> random.between(11, 63)), exponent);
     const double y = random.with_exponent(random.between(-1000, -70));
     const ValueAndError tiny = arithmetic::divide_pair(x, y);
     const ValueAndError large = arithmetic::divide_pair(std::ldexp(x, 200), y);
