@@ -10,6 +10,7 @@ import shutil
 import subprocess
 import sys
 import zipfile
+from importlib.machinery import EXTENSION_SUFFIXES
 from pathlib import Path
 
 import pytest
@@ -307,7 +308,8 @@ def test_scripts_are_executable():
 
 # --- The check of a wheel as a file
 
-BUILT = ("cubin_loader_native", "exact/_native", "tqx_runtime")
+BUILT = ("cubin_loader_native", "exact/_cuda", "exact/_native", "tqx_runtime")
+LIBRARIES = "korvex/emulation/libkorvex_host_kernels_"
 
 
 @pytest.fixture
@@ -321,15 +323,21 @@ def wheel(tmp_path):
             if path.suffix in (".py", ".pyi", ".typed")
         }
         module = Path(distribution().locate_file("korvex"))
-        library = next(module.glob("tqx_runtime.*.so")).read_bytes()
-        files |= {f"korvex/{n}.cpython-312-x86_64-linux-gnu.so": library for n in BUILT}
+        suffix = EXTENSION_SUFFIXES[0]
+        for name in BUILT:
+            built = (module / (name + suffix)).read_bytes()
+            files[f"korvex/{name}.cpython-312-x86_64-linux-gnu.so"] = built
+        for path in (module / "emulation").glob("libkorvex_host_kernels_*.so"):
+            files[f"korvex/emulation/{path.name}"] = path.read_bytes()
+        library = files["korvex/tqx_runtime.cpython-312-x86_64-linux-gnu.so"]
         files["korvex/cubins/korvex_sm_90.cubin"] = b"kernels"
         files[f"{INFORMATION}/METADATA"] = distribution().read_text("METADATA").encode()
         files[f"{INFORMATION}/WHEEL"] = (
             b"Wheel-Version: 1.0\nRoot-Is-Purelib: false\nTag: cp312-cp312-linux_x86_64\n"
         )
         added = changes.pop("added", {})
-        files |= {name: library if data is None else data for name, data in added.items()}
+        for name, data in added.items():
+            files[name] = library if data is None else data(files) if callable(data) else data
         record = [f"{name},sha256={digest(data)},{len(data)}" for name, data in files.items()]
         files |= changes.pop("after_the_record", {})
         record.append(f"{INFORMATION}/RECORD,,")
@@ -372,15 +380,32 @@ def test_a_sound_wheel_passes(wheel, kernels):
         ({"added": {"tests/test.py": b""}}, "tests/test.py: not part of the package"),
         (
             {"added": {"korvex/tqx_runtime.cpython-313-x86_64-linux-gnu.so": None}},
-            "extension modules: ",
+            "objects: ",
         ),
+        (
+            {"added": {"korvex/exact/_native.cpython-312-x86_64-linux-gnu.so": None}},
+            "shows PyInit_tqx_runtime to others",
+        ),
+        (
+            {"added": {LIBRARIES + "base.so": lambda files: files[LIBRARIES + "fma.so"]}},
+            "_base.so does not take fma from libm",
+        ),
+        (
+            {"added": {LIBRARIES + "fma.so": lambda files: for_arm(files[LIBRARIES + "fma.so"])}},
+            "_fma.so is for aarch64",
+        ),
+        (
+            {"tags": "cp312-cp312-manylinux_2_5_x86_64"},
+            "which manylinux_2_5_x86_64 does not promise",
+        ),
+        ({"tags": "cp312-cp312-manylinux_2_28_aarch64"}, "tqx_runtime.cpython-312-aarch64"),
         (
             {"after_the_record": {"korvex/__init__.py": b"import os"}},
             "korvex/__init__.py is not the file that RECORD lists",
         ),
         ({"after_the_record": {"korvex/more.py": b""}}, "RECORD lists other files"),
         ({"tags": "cp312-abi3-linux_x86_64"}, "tags cp312-abi3"),
-        ({"tags": "cp312-cp312-any"}, "platform any: x86-64 Linux expected"),
+        ({"tags": "cp312-cp312-any"}, "platform any: Linux on x86-64 or 64-bit Arm expected"),
         ({"tags": "cp312-cp312-manylinux_2_36_x86_64"}, "and the file another name"),
         (
             {"added": {"korvex/cubins/korvex_sm_90.cubin": b"other"}},
@@ -399,6 +424,21 @@ def test_a_sound_wheel_passes(wheel, kernels):
 def test_a_fault_of_a_wheel_is_reported(wheel, kernels, changes, fault):
     run = check_wheel(wheel(**changes), "--kernels", kernels)
     assert run.returncode == 1 and fault in run.stderr
+
+
+def for_arm(image: bytes) -> bytes:
+    """The same file, but for the number of the processor in its head."""
+    return image[:0x12] + (183).to_bytes(2, "little") + image[0x14:]
+
+
+@pytest.mark.parametrize("what", ["objects", "wheel"])
+def test_a_wheel_that_is_too_large_is_reported(wheel, what, monkeypatch):
+    from korvex_tools import check_wheel as module
+
+    assert module.size_faults(module.Wheel(wheel())) == []
+    monkeypatch.setitem(module.LARGEST, what, 1000)
+    [fault] = module.size_faults(module.Wheel(wheel()))
+    assert fault.startswith(f"{what} of ")
 
 
 def test_a_library_that_a_wheel_may_not_need_is_reported(wheel):

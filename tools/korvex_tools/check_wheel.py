@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Check a wheel as a file: its tags, what it says of itself, and what it holds.
+"""Check a wheel as a file: its tags, what it says of itself, what it holds and what that needs.
 
 usage: python -P -m korvex_tools.check_wheel WHEEL [--kernels FOLDER]
 
@@ -22,10 +22,17 @@ from korvex_tools.elf_file import ElfFile
 from korvex_tools.source_tree import SOURCE_TREE
 
 SUFFIXES = {".cubin", ".json", ".ptx", ".py", ".pyi", ".so", ".typed"}
-MODULES = ("cubin_loader_native", "exact/_native", "tqx_runtime")
+MODULES = ("cubin_loader_native", "exact/_cuda", "exact/_native", "tqx_runtime")
+INSTRUCTION_SETS = {"x86_64": ("base", "fma", "avx512"), "aarch64": ("base",)}
 # As in tests/test_00_installed_package.py: the C++ runtime is in, where its archive is installed.
-LIBRARIES = {"ld-linux-x86-64.so.2", "libc.so.6", "libm.so.6", "libpthread.so.0"}
-LIBRARIES |= {"libgcc_s.so.1", "libstdc++.so.6"}
+LIBRARIES = {"libc.so.6", "libdl.so.2", "libm.so.6", "libpthread.so.0"}
+LIBRARIES |= {"ld-linux-aarch64.so.1", "ld-linux-x86-64.so.2", "libgcc_s.so.1"}
+# Without its archive a build still serves the machine that it was made on, but no other.
+CXX_RUNTIME = "libstdc++.so.6"
+# Of the unwinder: that of GCC 8, the oldest beside a C library of 2.28.
+NEWEST_GCC = (8,)
+MEGABYTE = 1_000_000
+LARGEST = {"objects": 12 * MEGABYTE, "wheel": 60 * MEGABYTE}
 
 
 class Wheel:
@@ -40,6 +47,8 @@ class Wheel:
             name: data for name, data in self.files.items() if name.startswith("korvex/")
         }
         self.name, self.version, self.python, self.abi, self.platform = path.stem.split("-")
+        processor = re.search("x86_64|aarch64", self.platform)
+        self.processor = processor[0] if processor else "x86_64"
 
     def text(self, name: str) -> str:
         return self.files[f"{self.name}-{self.version}.dist-info/{name}"].decode()
@@ -48,7 +57,7 @@ class Wheel:
 def faults(wheel: Wheel, kernels: Path | None) -> list[str]:
     """Everything that is wrong, in words."""
     found = [*tag_faults(wheel), *metadata_faults(wheel), *record_faults(wheel)]
-    found += [*content_faults(wheel), *link_faults(wheel)]
+    found += [*content_faults(wheel), *object_faults(wheel), *size_faults(wheel)]
     return found + (kernel_faults(wheel, kernels) if kernels else [])
 
 
@@ -56,8 +65,8 @@ def tag_faults(wheel: Wheel) -> list[str]:
     found = []
     if not re.fullmatch(r"cp3\d\d", wheel.python) or wheel.abi != wheel.python:
         found.append(f"tags {wheel.python}-{wheel.abi}: one CPython and its own ABI expected")
-    if not re.fullmatch(r"(linux|manylinux_2_\d+)_x86_64", wheel.platform):
-        found.append(f"platform {wheel.platform}: x86-64 Linux expected")
+    if not re.fullmatch(r"(linux|manylinux_2_\d+)_(x86_64|aarch64)", wheel.platform):
+        found.append(f"platform {wheel.platform}: Linux on x86-64 or 64-bit Arm expected")
     said = Parser().parsestr(wheel.text("WHEEL"))
     if said.get_all("Tag") != [f"{wheel.python}-{wheel.abi}-{wheel.platform}"]:
         found.append(f"WHEEL has the tags {said.get_all('Tag')}, and the file another name")
@@ -109,23 +118,77 @@ def content_faults(wheel: Wheel) -> list[str]:
         for name in wheel.package
         if PurePosixPath(name).suffix not in SUFFIXES or "__pycache__" in name
     ]
-    wanted = {f"korvex/{name}.cpython-{wheel.python[2:]}-x86_64-linux-gnu.so" for name in MODULES}
-    modules = {name for name in wheel.package if ".cpython-" in name}
-    if modules != wanted:
-        found.append(f"extension modules: {sorted(modules)}, and {sorted(wanted)} expected")
+    suffix = f".cpython-{wheel.python[2:]}-{wheel.processor}-linux-gnu.so"
+    wanted = {f"korvex/{name}{suffix}" for name in MODULES}
+    wanted |= {host_library(name) for name in INSTRUCTION_SETS[wheel.processor]}
+    objects = {name for name in wheel.package if name.endswith(".so")}
+    if objects != wanted:
+        found.append(f"objects: {sorted(objects)}, and {sorted(wanted)} expected")
     return found
 
 
-def link_faults(wheel: Wheel) -> list[str]:
+def host_library(instruction_set: str) -> str:
+    return f"korvex/emulation/libkorvex_host_kernels_{instruction_set}.so"
+
+
+def object_faults(wheel: Wheel) -> list[str]:
+    """What is wrong with the shared objects: their processor, what they need and what they show."""
     found = []
     for name, data in wheel.package.items():
         if name.endswith(".so"):
             with tempfile.NamedTemporaryFile() as file:
                 file.write(data)
                 file.flush()
-                needed = set(ElfFile(Path(file.name)).needed)
-            found += [f"{name} needs {library}" for library in sorted(needed - LIBRARIES)]
+                elf_file = ElfFile(Path(file.name))
+            words = [*link_faults(wheel, elf_file), *symbol_faults(wheel, name, elf_file)]
+            found += [f"{name} {text}" for text in words]
     return found
+
+
+def link_faults(wheel: Wheel, elf_file: ElfFile) -> list[str]:
+    found = []
+    if elf_file.machine != wheel.processor:
+        found.append(f"is for {elf_file.machine}")
+    any_linux = wheel.platform.startswith("linux")
+    allowed = LIBRARIES | ({CXX_RUNTIME} if any_linux else set())
+    found += [f"needs {library}" for library in sorted(set(elf_file.needed) - allowed)]
+    found += [f"is looked for beside {path}" for path in elf_file.search_paths]
+    oldest = re.fullmatch(r"manylinux_(\d+)_(\d+)_\w+", wheel.platform)
+    if oldest:
+        limits = {"GLIBC": tuple(map(int, oldest.groups())), "GCC": NEWEST_GCC}
+        for text in elf_file.needed_versions:
+            library, _, number = text.partition("_")
+            version = tuple(int(part) for part in number.split(".") if part.isdigit())
+            if not version or version > limits.get(library, ()):
+                found.append(f"needs {text}, which {wheel.platform} does not promise")
+    return found
+
+
+def symbol_faults(wheel: Wheel, name: str, elf_file: ElfFile) -> list[str]:
+    """Modules show the interpreter one function; `base` on x86 takes fma from the system.
+
+    That of compilers that bring one in software rounds wrongly where results are subnormal.
+    """
+    module = re.search(r"(\w+)\.cpython-", name)
+    shown = rf"PyInit_{module[1]}" if module else r"korvex_host_\w+"
+    others = [symbol for symbol in elf_file.exported if not re.fullmatch(shown, symbol)]
+    found = [f"shows {symbol} to others" for symbol in others[:3]]
+    if not set(elf_file.exported) - set(others):
+        found.append(f"shows no {shown}")
+    is_base = wheel.processor == "x86_64" and name == host_library("base")
+    if is_base and not ("fma" in elf_file.imported and "libm.so.6" in elf_file.needed):
+        found.append("does not take fma from libm")
+    return found
+
+
+def size_faults(wheel: Wheel) -> list[str]:
+    objects = sum(len(data) for name, data in wheel.package.items() if name.endswith(".so"))
+    sizes = {"objects": objects, "wheel": wheel.path.stat().st_size}
+    return [
+        f"{what} of {sizes[what] / MEGABYTE:.0f} MB, where {limit / MEGABYTE:.0f} are the limit"
+        for what, limit in LARGEST.items()
+        if sizes[what] > limit
+    ]
 
 
 def kernel_faults(wheel: Wheel, folder: Path) -> list[str]:
