@@ -32,3 +32,12 @@ def test_sums_have_a_limit_of_blocks_and_of_elements_for_each():
         assert row.blocks_per_multiprocessor == constants[blocks] > 0
         assert row.elements_per_block == constants[elements] > row.block
     assert kernel_table.rows()["tqx_add_kernel"].blocks_per_multiprocessor == 0
+
+
+def test_launches_over_the_whole_device_and_of_states_have_a_number_of_blocks():
+    blocks = kernel_table.blocks_per_multiprocessor()
+    whole_device = [name for row in kernel_table.on_the_whole_device().values() for name in row]
+    assert [*blocks] == [*whole_device, *kernel_table.of_states()]
+    assert all(blocks[name] > 0 for name in whole_device)
+    single = {name for name, count in blocks.items() if count == 0}
+    assert single == {"korvex_settle_state", "korvex_round_state", "korvex_join_segments"}

@@ -2,6 +2,7 @@
 """Predicted times: how machine code is read, and the model."""
 
 import math
+from dataclasses import replace
 
 import pytest
 
@@ -11,7 +12,7 @@ from korvex_tools.gpu import predict, work
 from korvex_tools.gpu.devices import A100, DEVICES, H100, RTX_4090, device_named
 from korvex_tools.gpu.model import predict as prediction
 from korvex_tools.gpu.model import resident_warps
-from korvex_tools.gpu.work import WORK
+from korvex_tools.gpu.work import WITHOUT_ELEMENTS, WORK
 
 # --- Ways through machine code
 
@@ -127,6 +128,7 @@ PASS = {
     "elements": 1,
     "times": 1,
     "is_cached": False,
+    "threads": 0,
 }
 COUNTS = {"registers": 64, "stack": 0, "shared": 0, "passes": [PASS]}
 
@@ -136,8 +138,14 @@ def of(kernel, device, **changes):
     return prediction(kernel, COUNTS | {"passes": passes}, device)
 
 
-def test_every_kernel_of_the_table_has_a_description():
-    assert WORK.keys() == kernel_table.rows().keys()
+def test_every_kernel_has_a_description_or_a_reason_for_none():
+    whole_device = {name for row in kernel_table.on_the_whole_device().values() for name in row}
+    assert not WORK.keys() & WITHOUT_ELEMENTS.keys()
+    assert WORK.keys() | WITHOUT_ELEMENTS.keys() == {
+        *kernel_table.rows(),
+        *whole_device,
+        *kernel_table.of_states(),
+    }
 
 
 def test_memory_limits_what_does_little():
@@ -197,6 +205,34 @@ def test_no_more_blocks_count_than_a_launch_has():
     assert resident_warps("tqx_sum_kernel", counts, H100) == 4 * 8
     assert resident_warps("tqx_var_kernel", counts, H100) == 32
     assert resident_warps("tqx_sum_seq_kernel", counts, H100) == 1
+
+
+def test_blocks_over_the_whole_device_are_those_of_its_table():
+    counts = {"registers": 32, "shared": 0}
+    assert resident_warps("tqx_norm_device_kernel", counts, H100) == 3 * 8
+    assert resident_warps("tqx_rms_norm_device_kernel", counts, H100) == 8 * 8
+    assert resident_warps("korvex_multiply", counts, H100) == 2 * 8
+
+
+def test_segments_of_running_sums_fill_no_more_blocks_than_there_are():
+    """256 blocks of 32 segments, on 132 multiprocessors, or 108, or 16."""
+    counts = {"registers": 32, "shared": 0}
+    assert resident_warps("korvex_sum_segments", counts, H100) == 2 * 8
+    assert resident_warps("korvex_sum_segments", counts, A100) == 3 * 8
+    few = replace(H100, multiprocessors=16)
+    assert resident_warps("korvex_sum_segments", counts, few) == 3 * 8
+
+
+@pytest.mark.parametrize(
+    ("threads", "limit", "cycles"),
+    [(0, "issue", 1000 / 128), (32, "latency", 3600 / 128), (16, "latency", 3600 / 64)],
+)
+def test_threads_that_take_no_part_leave_the_others_to_wait(threads, limit, cycles):
+    """All 256 of a block, a warp, half a warp; four blocks at a time."""
+    one = {"instructions": 1000, "cycles": 3000, "threads": threads}
+    found = of("tqx_cumsum_device_kernel", H100, **one)
+    assert found.limit == limit
+    assert found.nanoseconds == pytest.approx(cycles / (132 * 1.98))
 
 
 def test_rates_are_those_that_nvidia_publishes():

@@ -2,13 +2,15 @@
 """The record of predicted times: it is that of the model, and the document says what it holds."""
 
 import importlib.util
+from types import SimpleNamespace
 
 import pytest
 
+from korvex_tools import kernel_table
 from korvex_tools.gpu import predict
 from korvex_tools.gpu.devices import DEVICES
 from korvex_tools.gpu.model import TOLERANCE
-from korvex_tools.gpu.work import Threads
+from korvex_tools.gpu.work import WORK, Threads
 from korvex_tools.source_tree import SOURCE_TREE
 
 
@@ -32,6 +34,7 @@ def test_record_names_its_commit_and_compilers():
 
 def test_record_has_a_time_for_every_kernel():
     for device in DEVICES:
+        assert predict.recorded()["predictions"][device.name].keys() == WORK.keys()
         for name, row in predict.recorded()["predictions"][device.name].items():
             assert 1e-5 < row["nanoseconds"] < 1e4 and row["warps"] >= 1, (device.name, name)
 
@@ -84,3 +87,25 @@ def test_measured_times_stand_alone_where_nothing_was_predicted(benchmark):
     row = benchmark.row_of("tqx_sum_kernel", 0.01, None)
     assert row == {"candidate": "tqx_sum_kernel", "ns_per_element": 0.01}
     assert benchmark.cells(row) == ["tqx_sum_kernel", "10 ps", "", "", "", ""]
+
+
+def test_launches_of_one_call_are_predicted_together(benchmark):
+    predictions = {
+        "first": {"nanoseconds": 0.25, "limit": "memory", "warps": 32},
+        "second": {"nanoseconds": 0.5, "limit": "issue", "warps": 24},
+    }
+    together = benchmark.of_launches(("first", "second", "without elements"), predictions)
+    assert together == {"nanoseconds": 0.75, "limit": "issue", "warps": 24}
+    assert benchmark.of_launches(("first",), {}) is None
+    row = benchmark.row_of("tqx_var_kernel, whole device", 0.9, together, Threads.DEVICE)
+    assert row["ratio"] == 1.2 and row["is_as_predicted"]
+
+
+def test_every_kernel_is_measured_without_a_gpu(benchmark):
+    """All that callers name, each of those over the whole device, and sums into a state."""
+    options = SimpleNamespace(emulated=True, n=600, repeats=1)
+    rows = list(benchmark.all_rows(options, predict.recorded()["predictions"]["H100 SXM"]))
+    whole_device = [f"{name}, whole device" for name in kernel_table.on_the_whole_device()]
+    states = ["korvex_add_elements", "korvex_add_products"]
+    assert [row["candidate"] for row in rows] == [*kernel_table.rows(), *whole_device, *states]
+    assert all(row["ratio"] > 0 for row in rows)

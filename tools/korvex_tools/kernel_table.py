@@ -12,8 +12,12 @@ TABLE = SOURCE_TREE / "korvex" / "kernels" / "table.h"
 WHOLE_DEVICE_TABLE = TABLE.with_name("whole_device.h")
 STATES_TABLE = TABLE.with_name("states.h")
 
-_CONSTANT = re.compile(r"constexpr unsigned (k\w+) = ([\d* ]+);")
+_CONSTANT = re.compile(r"constexpr unsigned (k\w+) = ([\w* ]+);")
 _ROW = re.compile(r'^\s*\{"(\w+)",\s*"(\w+)",\s*(\w+),\s*"([^"]*)"([^}]*)\}', re.MULTILINE)
+
+
+_DEVICE_LAUNCH = re.compile(r'\{"(\w+_device\w*_kernel)",\s*(\w+),')
+_STATE_ROW = re.compile(r'\{"(korvex_\w+)", "[^"]*", \d+,\s*(\w+),')
 
 
 class Row(NamedTuple):
@@ -31,25 +35,27 @@ class Row(NamedTuple):
 @functools.cache
 def constants() -> dict[str, int]:
     """The numbers of the launch shapes, by name."""
-    return {
-        name: math.prod(map(int, product.split("*")))
-        for name, product in _CONSTANT.findall(TABLE.read_text())
-    }
+    texts = [path.read_text() for path in (TABLE, WHOLE_DEVICE_TABLE, STATES_TABLE)]
+    found: dict[str, int] = {}
+    for name, product in _CONSTANT.findall("\n".join(texts)):
+        found[name] = math.prod(_number(word.strip(), found) for word in product.split("*"))
+    return found
+
+
+def _number(word: str, known: dict[str, int]) -> int:
+    return known[word] if word in known else int(word)
 
 
 @functools.cache
 def rows() -> dict[str, Row]:
     """All kernels, by name."""
     known = {**constants(), "true": 1, "false": 0}
-
-    def number(word: str) -> int:
-        return known[word] if word in known else int(word)
-
     found = {}
     for name, form, block, parameters, rest in _ROW.findall(TABLE.read_text()):
         words = [*re.findall(r"\w+", rest), "0", "0", "0"][:3]
-        blocks, along_y, elements = map(number, words)
-        found[name] = Row(name, form, number(block), parameters, blocks, bool(along_y), elements)
+        blocks, along_y, elements = (_number(word, known) for word in words)
+        threads = _number(block, known)
+        found[name] = Row(name, form, threads, parameters, blocks, bool(along_y), elements)
     return found
 
 
@@ -70,3 +76,11 @@ def on_the_whole_device() -> dict[str, tuple[str, ...]]:
 def of_states() -> tuple[str, ...]:
     """The kernels of exact states."""
     return tuple(re.findall(r'\{"(korvex_\w+)"', STATES_TABLE.read_text()))
+
+
+@functools.cache
+def blocks_per_multiprocessor() -> dict[str, int]:
+    """Of the kernels for the whole device and of those of states; 0: a single block."""
+    found = _DEVICE_LAUNCH.findall(WHOLE_DEVICE_TABLE.read_text())
+    found += _STATE_ROW.findall(STATES_TABLE.read_text())
+    return {name: _number(blocks, constants()) for name, blocks in found}

@@ -52,13 +52,25 @@ def _rounded_up(number: int, unit: int) -> int:
     return -(-number // unit) * unit
 
 
+def threads_of_block(kernel: str) -> int:
+    """In the launches of the package."""
+    row = kernel_table.rows().get(kernel)
+    return row.block or _MATRIX_BLOCK if row else kernel_table.constants()["kGridBlock"]
+
+
+def _blocks_per_multiprocessor(kernel: str) -> int:
+    row = kernel_table.rows().get(kernel)
+    if row:
+        return row.blocks_per_multiprocessor
+    return kernel_table.blocks_per_multiprocessor()[kernel]
+
+
 def resident_warps(kernel: str, counts: dict[str, Any], device: Device) -> int:
     """Warps of a kernel that a multiprocessor holds, of as many blocks as its launches have."""
     threads = WORK[kernel].threads
     if threads is Threads.ONE:
         return 1
-    row = kernel_table.rows()[kernel]
-    block = row.block or _MATRIX_BLOCK
+    block = threads_of_block(kernel)
     warps = block // WARP
     if threads is Threads.BLOCK:
         return warps
@@ -69,7 +81,10 @@ def resident_warps(kernel: str, counts: dict[str, Any], device: Device) -> int:
     by_registers = whole.registers // SCHEDULERS // of_warp * SCHEDULERS // warps
     by_memory = whole.shared_bytes // _rounded_up(counts["shared"] + 1024, 128)
     blocks = min(by_registers, by_memory, whole.threads // block, whole.blocks)
-    return warps * min(blocks, row.blocks_per_multiprocessor or blocks)
+    of_launch = _blocks_per_multiprocessor(kernel) or blocks
+    if most := WORK[kernel].most_blocks:
+        of_launch = min(of_launch, -(-most // device.multiprocessors))  # where there are most
+    return warps * min(blocks, of_launch)
 
 
 def predict(kernel: str, counts: dict[str, Any], device: Device) -> Prediction:
@@ -80,7 +95,7 @@ def predict(kernel: str, counts: dict[str, Any], device: Device) -> Prediction:
         if work.threads is Threads.ONE:
             times = {"one thread": _cycles_of_one(one, device) / device.gigahertz}
         else:
-            times = _times(one, warps, device, work.threads)
+            times = _times(one, warps, device, kernel)
         limit = max(times, key=lambda name: times[name])
         limits[limit] = limits.get(limit, 0.0) + times[limit]
         total += times[limit]
@@ -95,17 +110,21 @@ def _cycles_of_one(one: dict[str, Any], device: Device) -> float:
     return cycles * one["times"] / one["elements"]
 
 
-def _times(one: dict[str, Any], warps: int, device: Device, threads: Threads) -> dict[str, float]:
+def _times(one: dict[str, Any], warps: int, device: Device, kernel: str) -> dict[str, float]:
     """Nanoseconds that an element needs for each of these, if nothing else were to wait for."""
     wait = CYCLES_TO_CACHE if one["is_cached"] else CYCLES_TO_MEMORY
+    block = threads_of_block(kernel)
+    working = one["threads"] or block
+    lanes = min(WARP, working)  # of a warp that works; the others pass the time
     cycles = {
-        "issue": one["instructions"] / (SCHEDULERS * WARP),
-        "double precision": one["doubles"] / device.doubles_a_cycle,
-        "latency": (one["cycles"] + wait) / (warps * WARP),
+        "issue": one["instructions"] / (SCHEDULERS * lanes),
+        "double precision": one["doubles"] / device.doubles_a_cycle * WARP / lanes,
+        "latency": (one["cycles"] + wait) / (warps * WARP * working / block),
         "look-ups": one["accesses"] / LOOKUPS_A_CYCLE,
     }
-    working = device.multiprocessors if threads is Threads.DEVICE else 1
-    scale = one["times"] / (one["elements"] * working * device.gigahertz)
+    threads = WORK[kernel].threads
+    multiprocessors = device.multiprocessors if threads is Threads.DEVICE else 1
+    scale = one["times"] / (one["elements"] * multiprocessors * device.gigahertz)
     return {name: number * scale for name, number in cycles.items()}
 
 

@@ -3,9 +3,9 @@
 
 usage: python -P -m korvex_tools.gpu.predict [FOLDER...] [--write]
 
-A FOLDER holds files of kernels, as the folder `cubins` of a build does. Architectures that no
-folder has are compiled with nvcc, in build/predictions. --write keeps the record, in
-benchmarks/results, and writes the tables of docs/gpu.md from it.
+A FOLDER holds files of kernels, as the folder `cubins` of a build does, with those of states in its
+folder `states`. Architectures that no folder has are compiled with nvcc, in build/predictions.
+--write keeps the record, in benchmarks/results, and writes the tables of docs/gpu.md from it.
 """
 
 import argparse
@@ -20,7 +20,7 @@ from typing import Any
 from korvex_tools import machine_code
 from korvex_tools.gpu.devices import A100, DEVICES, H100, RTX_4090, Device, device_named
 from korvex_tools.gpu.model import predict
-from korvex_tools.gpu.work import WORK, counts_of_file
+from korvex_tools.gpu.work import WITHOUT_ELEMENTS, WORK, counts_of_file
 from korvex_tools.machine_facts import first_line, source_facts
 from korvex_tools.marked_text import filled
 from korvex_tools.source_tree import SOURCE_TREE
@@ -47,14 +47,20 @@ def compiled(architecture: int) -> tuple[Path, str]:
     nvcc = machine_code.tool("nvcc")
     if nvcc is None:
         raise SystemExit(f"no kernels for {architecture} in the folders given, and no nvcc on PATH")
-    BUILD.mkdir(parents=True, exist_ok=True)
     path = BUILD / f"korvex_sm_{architecture}.cubin"
     includes = [f"-I{SOURCE_TREE}", f"-I{KERNELS}"]
     print(f"compiling for {architecture}", file=sys.stderr, flush=True)
-    command = [nvcc, "-cubin", str(KERNELS / "kernels.cu"), "-o", str(path)]
-    subprocess.run([*command, f"-arch=sm_{architecture}", *nvcc_flags(), *includes], check=True)
+    for source, target in (("kernels.cu", path), ("states.cu", states_beside(path))):
+        target.parent.mkdir(parents=True, exist_ok=True)
+        command = [nvcc, "-cubin", str(KERNELS / source), "-o", str(target)]
+        subprocess.run([*command, f"-arch=sm_{architecture}", *nvcc_flags(), *includes], check=True)
     release = first_line([nvcc, "--version"], r"release ([\d.]+)")
     return path, f"nvcc {release}"
+
+
+def states_beside(path: Path) -> Path:
+    """The file of the kernels of states, where a build puts it."""
+    return path.parent / "states" / path.name
 
 
 def files(folders: list[Path]) -> dict[int, tuple[Path, str]]:
@@ -71,7 +77,10 @@ def files(folders: list[Path]) -> dict[int, tuple[Path, str]]:
 
 def record_of(found: dict[int, tuple[Path, str]]) -> dict[str, Any]:
     """What the files hold, and the prediction for each device."""
-    counts = {f"sm_{number}": counts_of_file(path) for number, (path, _) in found.items()}
+    counts = {
+        f"sm_{number}": counts_of_file(path) | counts_of_file(states_beside(path))
+        for number, (path, _) in found.items()
+    }
     return {
         "date": datetime.now(UTC).isoformat(timespec="seconds"),
         **source_facts(),
@@ -182,6 +191,10 @@ def lines_for_document(record: dict[str, Any]) -> list[str]:
         "multiprocessor that works:",
         "",
         *time_table(record),
+        "",
+        "Kernels without a time, since what they do is not in proportion to elements:",
+        "",
+        *(f"- `{short_name(name)}`: {reason}." for name, reason in WITHOUT_ELEMENTS.items()),
         "",
         "From the machine code for compute capability 9.0, for an element:",
         "",

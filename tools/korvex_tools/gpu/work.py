@@ -41,8 +41,10 @@ class Pass:
     is_strided: bool = False
     # Each time round of the loop before brings so many of this one.
     times: int = 1
-    # What it loads was loaded by others before, so it comes from a cache.
+    # What it loads was loaded by others before, or lies in the memory of the block.
     is_cached: bool = False
+    # Of a block, that take part; 0: all.
+    threads: int = 0
 
 
 @dataclass(frozen=True)
@@ -54,6 +56,8 @@ class Work:
     unit: str = "an element"
     # A thread takes one element, so what it does before the loop counts for each.
     is_once: bool = False
+    # No launch has more; 0: as many as a device holds.
+    most_blocks: int = 0
 
 
 def _elementwise(arrays: int) -> Work:
@@ -64,12 +68,16 @@ _SUM_OF_RUN = Pass("DADD", "7AddendsEE3runILi2E", is_strided=True)
 _SUM_OF_SQUARES_OF_RUN = Pass("DADD", "8ProductsEE3runILi3E", arrays=2, is_strided=True)
 _COPY = Pass("LDGSTS", "start_copying")
 
-_BLOCK = kernel_table.constants()["kGridBlock"]
-_SUM_TILE = kernel_table.constants()["kSumBlockElements"] // _BLOCK
-_DOT_TILE = kernel_table.constants()["kDotBlockElements"] // _BLOCK
+_CONSTANTS = kernel_table.constants()
+_BLOCK = _CONSTANTS["kGridBlock"]
+_SUM_TILE = _CONSTANTS["kSumBlockElements"] // _BLOCK
+_DOT_TILE = _CONSTANTS["kDotBlockElements"] // _BLOCK
 _PRODUCT_WORDS = 6  # kFastProductWords
+_SCAN_RUNS = 16  # kRunsOfBlock
+_SEGMENT_BLOCKS = 8192 // _CONSTANTS["kBlockSegments"]  # korvex.exact asks for no more segments
+_PRODUCTS_OF_ELEMENT = Pass("DADD", "15ElementOfSlices3runILi3E", arrays=2, is_cached=True)
 
-WORK = {
+_OF_TABLE = {
     "tqx_sum_seq_kernel": Work(Threads.ONE, 8, (Pass("DADD", "7AddendsEE3runILi2E"), _COPY)),
     "tqx_dot_seq_kernel": Work(
         Threads.ONE, 16, (Pass("DADD", "8ProductsEE3runILi3E", arrays=2), _COPY, _COPY)
@@ -80,7 +88,7 @@ WORK = {
     "tqx_matmul_kernel": Work(
         Threads.DEVICE,
         1,
-        (Pass("DADD", "15ElementOfSlices3runILi3E", arrays=2, is_cached=True),),
+        (_PRODUCTS_OF_ELEMENT,),
         "a multiply-add",
     ),
     "tqx_var_kernel": Work(Threads.BLOCK, 16, (_SUM_OF_RUN, _SUM_OF_SQUARES_OF_RUN)),
@@ -112,6 +120,65 @@ WORK = {
         f"tqx_{name}_kernel": _elementwise(2)
         for name in ("relu", "neg", "exp", "log", "sqrt", "sigmoid", "tanh", "leaky_relu")
     },
+}
+
+_TILES_OF_SUM = Pass("DADD", "sum_of_grid", elements=_SUM_TILE)
+_TILES_OF_PRODUCTS = Pass("DADD", "products_of_grid", elements=_DOT_TILE)
+_TILES_OF_RUN = Pass("DADD", "sum_run", elements=_SUM_TILE)
+
+
+def _over_device(bytes_: int, *passes: Pass) -> Work:
+    return Work(Threads.DEVICE, bytes_, passes)
+
+
+_ON_WHOLE_DEVICE = {
+    "tqx_sum_device_kernel": _over_device(8, _TILES_OF_SUM),
+    "tqx_dot_device_kernel": _over_device(16, _TILES_OF_PRODUCTS),
+    "tqx_var_device_sum_kernel": _over_device(8, _TILES_OF_SUM),
+    "tqx_var_device_kernel": _over_device(8, _TILES_OF_PRODUCTS),
+    "tqx_norm_device_kernel": _over_device(8, _TILES_OF_PRODUCTS),
+    "tqx_prod_device_kernel": _over_device(
+        8,
+        Pass("DSETP", elements=1),
+        Pass("LDS", elements=1, is_innermost=True, times=_PRODUCT_WORDS, is_cached=True),
+    ),
+    "tqx_cumsum_device_sum_kernel": _over_device(8, _TILES_OF_RUN),
+    "tqx_cumsum_device_kernel": _over_device(
+        32, _TILES_OF_RUN, Pass("DADD", elements=1, is_strided=True, threads=_SCAN_RUNS)
+    ),
+    "tqx_logsumexp_device_largest_kernel": _over_device(8, Pass("DSETP", elements=4)),
+    "tqx_logsumexp_device_sum_kernel": _over_device(8, Pass("DADD", elements=1)),
+    "tqx_rms_norm_device_root_kernel": _over_device(8, _TILES_OF_PRODUCTS),
+    "tqx_rms_norm_device_kernel": _over_device(16, Pass("STG", elements=1)),
+}
+
+
+def _of_segments(bytes_: int, most: str) -> Work:
+    """A thread takes a segment of its own, and a block no more than a warp of them."""
+    threads = _CONSTANTS["kBlockSegments"]
+    one = Pass(most, elements=1, is_strided=True, threads=threads)
+    return Work(Threads.DEVICE, bytes_, (one,), most_blocks=_SEGMENT_BLOCKS)
+
+
+# By the way for the format that takes the most operations, which 64-bit integers are.
+_OF_STATES = {
+    "korvex_add_elements": _over_device(8, Pass("DADD", elements=_SUM_TILE)),
+    "korvex_add_products": _over_device(16, Pass("DADD", elements=_DOT_TILE)),
+    "korvex_widen": _over_device(16, Pass("STG", elements=1)),
+    "korvex_multiply": Work(Threads.DEVICE, 1, (_PRODUCTS_OF_ELEMENT,), "a multiply-add"),
+    "korvex_sum_segments": _of_segments(8, "DADD"),
+    "korvex_running_sums": _of_segments(16, "DADD"),
+}
+
+WORK = {**_OF_TABLE, **_ON_WHOLE_DEVICE, **_OF_STATES}
+
+# What they do is not in proportion to elements: their time is that of a launch and a few more
+# microseconds, and the model has none for it.
+WITHOUT_ELEMENTS = {
+    "tqx_logsumexp_device_kernel": "returns at once where the sum before it has decided the result",
+    "korvex_settle_state": "one block on the digits of one state",
+    "korvex_round_state": "one block on the digits of one state",
+    "korvex_join_segments": "one block on at most 8192 segments",
 }
 
 _LOADS = ("LD", "LDG", "LDS", "LDGSTS")
@@ -168,6 +235,7 @@ def counts_of(flow: ControlFlow, kernel: str) -> list[dict[str, Any]]:
                 "elements": elements,
                 "times": one.times,
                 "is_cached": one.is_cached,
+                "threads": one.threads,
             }
         )
     return found
@@ -176,8 +244,8 @@ def counts_of(flow: ControlFlow, kernel: str) -> list[dict[str, Any]]:
 def counts_of_file(cubin: Path) -> dict[str, dict[str, Any]]:
     """Of each kernel of a file: its registers, stack and shared memory, and its passes."""
     resources = machine_code.resources(cubin)
-    listings = machine_code.listings(cubin)
     return {
-        name: {**resources[name], "passes": counts_of(ControlFlow(listings[name]), name)}
-        for name in WORK
+        name: {**resources[name], "passes": counts_of(ControlFlow(listing), name)}
+        for name, listing in machine_code.listings(cubin).items()
+        if name in WORK
     }
