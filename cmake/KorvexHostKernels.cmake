@@ -44,6 +44,7 @@ function(korvex_add_host_kernels target)
     "${folder}/exact_column_sums.cpp"
     "${folder}/exact_elementary.cpp"
     "${folder}/exact_matrix_product.cpp"
+    "${folder}/exact_moments.cpp"
     "${folder}/exact_parts.cpp"
     "${folder}/exact_prefix_sums.cpp"
     "${folder}/exact_result.cpp"

@@ -39,6 +39,15 @@ class PrefixSum : public ExactSum {
     return next_of_many_limbs(x);
   }
 
+  // Whether the sum so far is limbs().value + limbs().error. A caller may then go on by itself, and
+  // come back with the canonical limbs of what it has by then, both below kLimbLimit.
+  KORVEX_INLINE bool is_two_limbs() const { return is_two_limbs_; }
+  KORVEX_INLINE ValueAndError limbs() const { return {limbs_.limb[0], limbs_.limb[1]}; }
+  KORVEX_INLINE void come_back(const ValueAndError& limbs) {
+    limbs_.limb[0] = limbs.value;
+    limbs_.limb[1] = limbs.error;
+  }
+
   // out[i], out_err[i]: the limbs of the sum through x[i].
   KORVEX_HD void scan(const double* x, std::int64_t n, double* out, double* out_err) {
     for (std::int64_t i = 0; i < n; ++i) {

@@ -2,10 +2,10 @@
 // Reductions along some dimensions of arrays: one correctly rounded output for each index of the
 // others.
 //
-// Three ways, of which the layout decides: rows, whose elements lie side by side, one after the
-// other by the adders of whole arrays; columns of sums and means many at a time; all others in
-// tiles of a few outputs. Threads share the outputs, or the elements of each where outputs are few.
-// Which way it was does not show in the results.
+// The layout decides the way: rows, whose elements lie side by side, one after the other by the
+// adders of whole arrays; columns of sums and means many at a time; variances and norms of short
+// lines by sums of deviations; all others in tiles of a few outputs. Threads share the outputs, or
+// the elements of each where outputs are few. Which way it was does not show in the results.
 #include "korvex/kernels/host/exact_axes.h"
 
 #include <algorithm>
@@ -162,12 +162,14 @@ class Tiles {
 
 constexpr std::int64_t kLeastRow = 64;  // side by side, that are worth adders of their own
 
+bool has_rows(const AxisReduction<1>& reduction) {
+  return reduction.is_along_rows() &&
+         (reduction.elements.last().extent >= kLeastRow || reduction.outputs.size() < kTile);
+}
+
 void reduce_sums(AxisReduction<1>& reduction, const ExactResult& result, int threads,
                  const ResultArray& out) {
-  const bool has_rows =
-      reduction.is_along_rows() &&
-      (reduction.elements.last().extent >= kLeastRow || reduction.outputs.size() < kTile);
-  if (has_rows || reduction.elements.size() == 0) {
+  if (has_rows(reduction) || reduction.elements.size() == 0) {
     Rows<1>(reduction, result, out).reduce(threads);
   } else {
     reduce_columns(reduction, result, threads, out);
@@ -182,6 +184,24 @@ void reduce_others(const AxisReduction<kArrays>& reduction, const ExactResult& r
   } else {
     Tiles<kArrays>(reduction, result, out).reduce(threads);
   }
+}
+
+// False, with nothing done, where the lines are too long, or few enough for threads to share each.
+bool reduce_moments(AxisReduction<1>& reduction, const ExactResult& result, int threads,
+                    const ResultArray& out) {
+  const std::int64_t count = reduction.elements.size();
+  if (count == 0 || count > kMostDeviations) {
+    return false;
+  }
+  if (!has_rows(reduction)) {
+    reduce_moment_columns(reduction, result, threads, out);
+    return true;
+  }
+  if (threads > 1 && reduction.shares_outputs(threads)) {
+    return false;
+  }
+  reduce_moment_rows(reduction, result, threads, out);
+  return true;
 }
 
 // Of some dimensions together.
@@ -205,6 +225,12 @@ int reduce_axes(const korvex_exact_reduction* task, int format, int threads, voi
     const ExactResult result(task->function, count, task->divisor, task->scale, format);
     const ResultArray results(out, format);
     const int usable = usable_threads(threads);
+    if (result.kind() != StateKind::kSum && task->operand_count == 1) {
+      AxisReduction<1> one({operands[0]}, task->kept);
+      if (reduce_moments(one, result, usable, results)) {
+        return KORVEX_EXACT_DONE;
+      }
+    }
     if (task->operand_count == 4) {
       AxisReduction<4> pairs({operands[0], operands[1], operands[2], operands[3]}, task->kept);
       pairs.is_negative = task->is_negative != 0;

@@ -93,4 +93,12 @@ void add_tile(const AxisReduction<kArrays>& reduction, const Tile<kArrays>& tile
 void reduce_columns(AxisReduction<1>& reduction, const ExactResult& result, int threads,
                     const ResultArray& out);
 
+// exact_moments.cpp: variances and norms of at most kMostDeviations elements, of neighbours side by
+// side and of rows one after the other.
+constexpr std::int64_t kMostDeviations = std::int64_t{1} << 20;
+void reduce_moment_columns(AxisReduction<1>& reduction, const ExactResult& result, int threads,
+                           const ResultArray& out);
+void reduce_moment_rows(const AxisReduction<1>& reduction, const ExactResult& result, int threads,
+                        const ResultArray& out);
+
 }  // namespace korvex::host

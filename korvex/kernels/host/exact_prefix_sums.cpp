@@ -28,6 +28,13 @@ using arithmetic::ValueAndError;
 constexpr std::int64_t kLineBlock =
     256;  // elements of a line, before its neighbours have their turn
 
+// Elements as doubles: high[i], or where there is a low half high[i] + low[i].
+struct Elements {
+  const double* high;
+  const double* low;
+  std::int64_t count;
+};
+
 // Elements whose running sums belong together, and where these go.
 struct Line {
   const char* data;
@@ -37,15 +44,25 @@ struct Line {
   std::int64_t first_out;
   std::int64_t out_step;
 
-  // Calls visit(block, first, count) for the elements from begin to end - 1, in order.
+  // Calls visit(elements, first) for the elements from begin to end - 1, in order.
   template <class Visit>
   void blocks(std::int64_t begin, std::int64_t end, const Visit& visit) const {
+    if (is_in_place()) {
+      visit(Elements{reinterpret_cast<const double*>(data) + begin, nullptr, end - begin}, begin);
+      return;
+    }
     ConvertedBlock block;
     for (std::int64_t first = begin; first < end; first += kBlock) {
       const std::int64_t count = std::min(kBlock, end - first);
       block.gather(format, data + first * stride, stride, count);
-      visit(block, first, count);
+      visit(Elements{block.high, block.has_low ? block.low : nullptr, count}, first);
     }
+  }
+
+ private:
+  bool is_in_place() const {
+    return format == KORVEX_FORMAT_FLOAT64 && stride == sizeof(double) &&
+           reinterpret_cast<std::uintptr_t>(data) % sizeof(double) == 0;
   }
 };
 
@@ -62,10 +79,10 @@ std::vector<Start> starts_of_ranges(const Line& line, int ranges) {
       line.size, ranges,
       [&line](std::int64_t begin, std::int64_t end, Start& own) {
         own.begin = begin;
-        line.blocks(begin, end, [&](const ConvertedBlock& block, std::int64_t, std::int64_t count) {
-          arithmetic::add_range<arithmetic::HostLanes>(block.high, count, own.sum);
-          if (block.has_low) {
-            arithmetic::add_range<arithmetic::HostLanes>(block.low, count, own.sum);
+        line.blocks(begin, end, [&](const Elements& x, std::int64_t) {
+          arithmetic::add_range<arithmetic::HostLanes>(x.high, x.count, own.sum);
+          if (x.low != nullptr) {
+            arithmetic::add_range<arithmetic::HostLanes>(x.low, x.count, own.sum);
           }
         });
       },
@@ -91,16 +108,92 @@ double result_of(const PrefixSum& prefix, const ValueAndError& limbs,
   return rounded_once(limbs.value, sign_of(limbs.error), narrow);
 }
 
+// The sum so far as two doubles in any order. An addition waits for the one before it in the value
+// of each double alone, and not in an error or in the rounding of the result.
+struct RunningPair {
+  double high;
+  double low;
+
+  // True where the pair is now larger by exactly x; false, with nothing changed, where it is not.
+  // The limit is below that of limbs by more than all errors together, so the sum of both is too.
+  KORVEX_INLINE bool try_add(double x) {
+    const ValueAndError upper = arithmetic::two_sum(high, x);           // exact below the limit
+    const ValueAndError lower = arithmetic::two_sum(low, upper.error);  // exact likewise
+    if (lower.error != 0 || !(arithmetic::absolute(upper.value) < arithmetic::kLimbLimit / 4)) {
+      return false;  // NaN too
+    }
+    high = upper.value;
+    low = lower.value;
+    return true;
+  }
+
+  KORVEX_INLINE ValueAndError limbs() const { return arithmetic::two_sum(high, low); }  // exact
+};
+
+// Adds elements while two doubles hold the sum, and calls write(i, limbs) for each. Returns the
+// first that they cannot take.
+template <bool kHasLow, class Write>
+KORVEX_INLINE std::int64_t scan_by_pair(const Elements& x, std::int64_t i, PrefixSum& prefix,
+                                        const Write& write) {
+  RunningPair pair = {prefix.limbs().value, prefix.limbs().error};
+  for (; i < x.count; ++i) {
+    RunningPair next = pair;
+    if (!next.try_add(x.high[i])) {
+      break;
+    }
+    if constexpr (kHasLow) {
+      if (!next.try_add(x.low[i])) {
+        break;
+      }
+    }
+    pair = next;
+    write(i, pair.limbs());
+  }
+  prefix.come_back(pair.limbs());
+  return i;
+}
+
+// Calls write(i, limbs) where these are far below the largest double, else write_any(i, limbs).
+template <bool kHasLow, class Write, class WriteAny>
+void scan_elements(const Elements& x, PrefixSum& prefix, const Write& write,
+                   const WriteAny& write_any) {
+  for (std::int64_t i = 0; i < x.count; ++i) {
+    if (prefix.is_two_limbs()) {
+      i = scan_by_pair<kHasLow>(x, i, prefix, write);
+      if (i == x.count) {
+        return;
+      }
+    }
+    ValueAndError limbs = prefix.next(x.high[i]);
+    if constexpr (kHasLow) {
+      limbs = prefix.next(x.low[i]);
+    }
+    write_any(i, limbs);
+  }
+}
+
 void scan(const Line& line, std::int64_t begin, std::int64_t end, int format, PrefixSum& prefix,
           const ResultArray& out) {
   const arithmetic::NarrowFormat* narrow = narrow_format(format);
-  line.blocks(begin, end, [&](const ConvertedBlock& block, std::int64_t first, std::int64_t count) {
-    for (std::int64_t i = 0; i < count; ++i) {
-      ValueAndError limbs = prefix.next(block.high[i]);
-      if (block.has_low) {
-        limbs = prefix.next(block.low[i]);
-      }
-      out.write(line.first_out + (first + i) * line.out_step, result_of(prefix, limbs, narrow));
+  line.blocks(begin, end, [&](const Elements& x, std::int64_t first) {
+    const std::int64_t step = line.out_step;
+    const std::int64_t first_out = line.first_out + first * step;
+    const auto write_any = [&](std::int64_t i, const ValueAndError& limbs) {
+      out.write(first_out + i * step, result_of(prefix, limbs, narrow));
+    };
+    const auto write_narrow = [&](std::int64_t i, const ValueAndError& limbs) {
+      out.write(first_out + i * step, rounded_once(limbs.value, sign_of(limbs.error), narrow));
+    };
+    double* const doubles = out.doubles() == nullptr ? nullptr : out.doubles() + first_out;
+    const auto write_double = [doubles, step](std::int64_t i, const ValueAndError& limbs) {
+      doubles[i * step] = arithmetic::add_rn(limbs.value, 0.0);  // -0 to +0
+    };
+    if (x.low != nullptr) {
+      scan_elements<true>(x, prefix, write_narrow, write_any);
+    } else if (doubles != nullptr) {
+      scan_elements<false>(x, prefix, write_double, write_any);
+    } else {
+      scan_elements<false>(x, prefix, write_narrow, write_any);
     }
   });
 }

@@ -187,6 +187,73 @@ double ExactResult::norm(CountedProductSum& squares) const {
   return rounded_root(units, 2 * arithmetic::kUnitExponent, false, narrow_);
 }
 
+// value + error, off by less than slack: what that rounds to where all numbers so near to it round
+// alike. Precondition: slack is above the bound on the error at least twice, and not 0.
+bool ExactResult::round_between(double value, double error, double slack, double* result) const {
+  const auto middle = arithmetic::two_sum(value, error);  // exact
+  if (middle.value + (middle.error + slack) != middle.value ||
+      middle.value + (middle.error - slack) != middle.value) {
+    return false;
+  }
+  // In a narrow format the side of the double that the exact value is on may decide.
+  const double above = rounded_once(middle.value, 1, narrow_);
+  const double below = rounded_once(middle.value, -1, narrow_);
+  *result = middle.error > 0 ? above : below;
+  return above == below || arithmetic::absolute(middle.error) > slack;
+}
+
+// Q - S^2 / n by the divisor, or Q for a norm, in arithmetic of two doubles whose roundings, below
+// 32 u^2 of the largest number each, stay within the slack.
+bool ExactResult::of_deviations(const Deviations<arithmetic::ScalarLanes>& found,
+                                double* result) const {
+  constexpr std::uint64_t kExactDoubles = std::uint64_t{1} << 53;
+  const bool is_norm = function_ == KORVEX_EXACT_NORM;
+  if (!is_norm && (divisor_ == 0 || divisor_ >= kExactDoubles || scale_ >= kExactDoubles)) {
+    return false;
+  }
+  if (found.seen << 1 == 0) {
+    *result = 0.0;
+    return true;
+  }
+  if (!(found.squares >= kLeastSquares && found.squares <= kMostSquares)) {
+    return false;  // NaN too
+  }
+  const auto count = static_cast<double>(count_);  // exact
+  double slack = slack_of_squares(count, found.squares);
+  auto value = arithmetic::two_sum(found.squares, found.squares_rest);  // exact
+  if (!is_norm) {
+    const auto sum = arithmetic::two_sum(found.sum, found.sum_rest);  // exact
+    const double square = sum.value * sum.value;
+    const double rest_of_square =
+        arithmetic::fma_rn(sum.value, sum.value, -square) + 2 * sum.value * sum.error;
+    const double part = square / count;
+    const double rest_of_part = (arithmetic::fma_rn(-part, count, square) + rest_of_square) / count;
+    const auto less = arithmetic::two_sum(value.value, -part);  // exact
+    value = arithmetic::two_sum(less.value, less.error + (value.error - rest_of_part));
+    const auto scale = static_cast<double>(scale_);      // exact
+    const auto divisor = static_cast<double>(divisor_);  // exact
+    const double scaled = value.value * scale;
+    const double rest_of_scaled =
+        arithmetic::fma_rn(value.value, scale, -scaled) + value.error * scale;
+    const double quotient = scaled / divisor;
+    const double rest_of_quotient =
+        (arithmetic::fma_rn(-quotient, divisor, scaled) + rest_of_scaled) / divisor;
+    value = arithmetic::two_sum(quotient, rest_of_quotient);  // exact
+    slack = slack * scale / divisor;
+  }
+  if (!(value.value > 2 * slack)) {
+    return false;
+  }
+  if (function_ == KORVEX_EXACT_VARIANCE) {
+    return round_between(value.value, value.error, slack, result);
+  }
+  // A step of Newton's iteration: what it leaves is below the square of the correction.
+  const double root = arithmetic::sqrt_rn(value.value);
+  const double rest = arithmetic::fma_rn(-root, root, value.value);  // exact
+  const double correction = (rest + value.error) / (2 * root);
+  return round_between(root, correction, slack / root + 0x1p-100 * root, result);
+}
+
 // With n elements of sum s and sum of squares q it is (n q - s^2) / (n * divisor / scale); its
 // numerator is not negative (Cauchy-Schwarz), and is below 2^4322, as in variance.h, times scale.
 double ExactResult::of_variance(Part& part) const {

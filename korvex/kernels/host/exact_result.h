@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "korvex/kernels/host/deviations.h"
 #include "korvex/kernels/host/exact_parts.h"
 #include "korvex/kernels/host/result_format.h"
 
@@ -32,10 +33,15 @@ class ExactResult {
   // false. Precondition: value = RN(value + error), finite; the function is a sum or a mean.
   bool of_pair(double value, double error, double* result) const;
 
+  // The same of deviations of all elements from one number, which is 0 for a norm. Preconditions:
+  // the function is a variance, its root, or a norm; the elements are at most kMostDeviations.
+  bool of_deviations(const Deviations<arithmetic::ScalarLanes>& found, double* result) const;
+
  private:
   double mean(CountedSum& sum) const;
   double norm(CountedProductSum& squares) const;
   double of_variance(Part& part) const;
+  bool round_between(double value, double error, double slack, double* result) const;
 
   int function_;
   std::int64_t count_;

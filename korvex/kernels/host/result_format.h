@@ -36,6 +36,11 @@ class ResultArray {
  public:
   ResultArray(void* out, int format) : out_(out), format_(format) {}
 
+  // Null where the format is not float64.
+  double* doubles() const {
+    return narrow_format(format_) == nullptr ? static_cast<double*>(out_) : nullptr;
+  }
+
   // Precondition: the format holds x exactly.
   void write(std::int64_t i, double x) const {
     switch (format_) {

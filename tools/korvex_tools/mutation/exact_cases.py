@@ -25,6 +25,7 @@ TESTS = (
     "test_functions.py",
     "test_accumulators.py",
     "test_column_sums.py",
+    "test_short_lines.py",
     "test_axes.py",
     "test_segments.py",
 )
