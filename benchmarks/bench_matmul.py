@@ -10,6 +10,8 @@ FLINT where python-flint is installed.
 
 import argparse
 import ctypes
+import math
+import os
 import random
 from collections.abc import Callable
 from fractions import Fraction
@@ -304,6 +306,53 @@ def print_ways(runs: list[dict[str, Any]]) -> None:
     )
 
 
+# --- A trial: float64 products of moduli, for processors without VNNI
+
+
+def most_bits(x: torch.Tensor) -> int:
+    """Of the elements of a row as integers: from its highest to its lowest bit."""
+    mantissas, exponents = torch.frexp(x)
+    integers = (mantissas * 2.0**53).to(torch.int64).abs()
+    zeros = torch.log2((integers & -integers).to(torch.float64)).to(torch.int64)
+    lowest = (exponents - 53 + zeros).min(dim=1).values
+    return int((exponents.max(dim=1).values - lowest).max())
+
+
+def float64_moduli(a: torch.Tensor, b: torch.Tensor) -> int:
+    """How many: sums of k products of residues next to zero are at most 2^53."""
+    bits_of_k = (a.shape[1] - 1).bit_length()
+    needed = most_bits(a) + most_bits(b.t()) + bits_of_k + 2
+    return math.ceil(needed / ((53 - bits_of_k) / 2 + 1))
+
+
+def try_float64_products(repeats: int) -> None:
+    """The kernel for FMA beside the products alone that float64 moduli would take.
+
+    Residues and limbs come on top: the gain that is printed is one that no such kernel can pass.
+    """
+    if os.environ.get("MKL_ENABLE_INSTRUCTIONS") != "AVX2":
+        raise SystemExit("set MKL_ENABLE_INSTRUCTIONS=AVX2, so that torch uses FMA as well")
+    library = HostLibrary("fma", 1)
+    rows = []
+    for size in (256, 512):
+        for data in (NORMAL, WIDE):
+            a, b = operands(size, size, size, data)
+            count = float64_moduli(a, b)
+            candidates: Candidates = {
+                "kernel": kernel_call(library, a, b, 1),
+                "products": again(torch_call(a, b), count),
+            }
+            timings = measure(candidates, repeats)
+            took = [nanoseconds(timings[e].processor_least, size**3) for e in candidates]
+            rows.append([str(size), data, str(count), *(f"{e:.3f}" for e in took)])
+            rows[-1].append(f"{took[0] / took[1]:.2f}")
+    print_table(
+        "Library for FMA, 1 thread, least processor time, ns per multiply-add",
+        ["n", "data", "moduli", "kernel", "products alone", "gain at most"],
+        rows,
+    )
+
+
 # --- One size
 
 
@@ -386,7 +435,12 @@ def main() -> None:
     parser = host_parser(__doc__, 1024, "largest size", 15)
     parser.add_argument("--large", action="store_true", help="also 2048; takes minutes")
     parser.add_argument("--ways", action="store_true", help="the two ways alone, not recorded")
+    parser.add_argument(
+        "--fma", action="store_true", help="a trial without AVX-512 alone, not recorded"
+    )
     options = parser.parse_args()
+    if options.fma:
+        return try_float64_products(options.repeats)
     sizes = [size for size in (FRACTION_SIZE, 64, 128, 256, 512) if size <= options.n]
     if options.quick:
         sizes, options.repeats = [FRACTION_SIZE], min(options.repeats, 3)
