@@ -10,6 +10,8 @@ FLINT where python-flint is installed.
 
 import argparse
 import ctypes
+import math
+import os
 import random
 from collections.abc import Callable
 from fractions import Fraction
@@ -18,6 +20,7 @@ from typing import Any
 import torch
 from plain_products import double_double, rational
 
+from korvex import exact
 from korvex.emulation._library import HostLibrary, best_instruction_set, usable_instruction_sets
 from korvex_tools.figures.command import host_parser, record
 from korvex_tools.figures.timing import (
@@ -27,6 +30,7 @@ from korvex_tools.figures.timing import (
     print_table,
     print_targets,
     threads_target,
+    times_target,
 )
 
 SEED = 20050601
@@ -43,11 +47,18 @@ CHOSEN, BY_SLICES = 0, 1
 # By residues, where the processor can: against slices and against torch.matmul, on processor time.
 JUDGED_WAYS_FROM = 512
 TIMES_OF_SLICES, TIMES_OF_TORCH, TIMES_ON_TWO_THREADS = 3.0, 7.0, 1.6
-SQUARES = (1, 2, 4, 8, 16, 24, 32, 48, 64, 96, 128, 256, 512)
+SQUARES = (1, 2, 4, 8, 16, 24, 32, 48, 64, 96, 128, 256, 512, 1024)
 # Rows, columns, products of an element: tall, flat, long and short ones.
 OTHER_SHAPES = ((2000, 16, 64), (16, 2000, 64), (512, 4, 512), (4, 512, 512), (1, 512, 512),
                 (512, 1, 512), (64, 64, 2000), (16, 16, 4096), (500, 500, 8))  # fmt: skip
-LARGEST_FOR_FLINT = 256
+LARGEST_FOR_FLINT, LARGEST_FOR_PAIRS = 256, 128
+NORMAL, WIDE, MIXED = "N(0,1)", "N(0,1) * 2^U(-30,30)", "N(0,1), one row times 2^U(-100,100)"
+MIXED_SIZES = (256, 512)
+# One wild row goes by slices; all others take what they take without it.
+TIMES_OF_PARTS = 1.1
+BATCHES = ((64, 16), (64, 48))  # matrices, and their size
+LEAST_PRODUCTS, MOST_CALLS = 1 << 14, 100  # of what is timed at a time
+REPEATS_OF_LARGE = 3  # from 1024 on
 
 Candidates = dict[str, Callable[[], Any]]
 
@@ -109,16 +120,19 @@ def all_candidates(a: torch.Tensor, b: torch.Tensor) -> Candidates:
 # --- The ways of the kernel
 
 
-def wide_or_normal(m: int, n: int, k: int, is_wide: bool) -> tuple[torch.Tensor, torch.Tensor]:
-    """N(0,1), or that times 2^U(-30,30)."""
+def operands(m: int, n: int, k: int, data: str) -> tuple[torch.Tensor, torch.Tensor]:
     generator = torch.Generator().manual_seed(SEED + m + n + k)
-    drawn = [torch.randn(*e, generator=generator, dtype=torch.float64) for e in ((m, k), (k, n))]
-    if is_wide:
-        drawn = [
-            x * torch.exp2(60 * torch.rand(*x.shape, generator=generator, dtype=x.dtype) - 30)
-            for x in drawn
-        ]
-    return drawn[0], drawn[1]
+    a, b = (torch.randn(*e, generator=generator, dtype=torch.float64) for e in ((m, k), (k, n)))
+
+    def powers(x: torch.Tensor, low: int, high: int) -> torch.Tensor:
+        drawn = torch.rand(x.shape, generator=generator, dtype=x.dtype)
+        return torch.exp2(low + (high - low) * drawn)
+
+    if data == WIDE:
+        a, b = a * powers(a, -30, 30), b * powers(b, -30, 30)
+    if data == MIXED:
+        a[m // 2] *= powers(a[m // 2], -100, 100)
+    return a, b
 
 
 def on_way(call: Callable[[], Any], library: HostLibrary, way: int) -> Callable[[], Any]:
@@ -157,8 +171,22 @@ def way_candidates(a: torch.Tensor, b: torch.Tensor) -> Candidates:
         "as chosen": on_way(one, library, CHOSEN),
         f"as chosen, {MANY} threads": on_way(many, library, CHOSEN),
     }
-    flint = flint_call(a, b) if max(*a.shape, *b.shape) <= LARGEST_FOR_FLINT else None
-    return candidates | ({"FLINT integers": flint} if flint else {})
+    largest = max(*a.shape, *b.shape)
+    flint = flint_call(a, b) if largest <= LARGEST_FOR_FLINT else None
+    peers: Candidates = {"FLINT integers": flint} if flint else {}
+    if largest <= LARGEST_FOR_PAIRS:
+        peers["two doubles in torch"] = lambda: double_double(a, b)
+    if largest <= FRACTION_SIZE:
+        peers["Fraction"] = lambda: rational(a, b)
+    return candidates | peers
+
+
+def again(call: Callable[[], Any], times: int) -> Callable[[], Any]:
+    def called() -> None:
+        for _ in range(times):
+            call()
+
+    return called
 
 
 def check_ways(a: torch.Tensor, b: torch.Tensor) -> None:
@@ -171,24 +199,53 @@ def check_ways(a: torch.Tensor, b: torch.Tensor) -> None:
                 raise AssertionError(f"{name} differs, {tuple(a.shape)} by {tuple(b.shape)}")
 
 
-def run_ways(shape: tuple[int, int, int], is_wide: bool, repeats: int) -> dict[str, Any]:
+def run_ways(shape: tuple[int, int, int], data: str, repeats: int) -> dict[str, Any]:
     m, n, k = shape
-    a, b = wide_or_normal(m, n, k, is_wide)
+    a, b = operands(m, n, k, data)
     check_ways(a, b)
-    timings = measure(way_candidates(a, b), repeats)
-    row = {
-        "rows": m,
-        "columns": n,
-        "products": k,
-        "data": "N(0,1) * 2^U(-30,30)" if is_wide else "N(0,1)",
+    candidates = way_candidates(a, b)
+    if data == MIXED:
+        tame = operands(m, n, k, NORMAL)
+        candidates["as chosen, N(0,1)"] = way_candidates(*tame)["as chosen"]
+        wild = a[m // 2 : m // 2 + 1]
+        candidates["the wild row alone"] = way_candidates(wild, b)["by slices"]
+    row = {"rows": m, "columns": n, "products": k, "data": data}
+    row |= times_of_ways(candidates, m * n * k, repeats)
+    return row | {"targets": judge_ways(row)}
+
+
+def run_batch(count: int, size: int, repeats: int) -> dict[str, Any]:
+    """exact.matmul of many small matrices, which must not be slower for the choice."""
+    generator = torch.Generator().manual_seed(SEED + count)
+    shape = (count, size, size)
+    a, b = (torch.randn(*shape, generator=generator, dtype=torch.float64) for _ in "ab")
+    library = HostLibrary(best_instruction_set(), 1)
+
+    def call() -> Any:
+        return exact.matmul(a, b)
+
+    candidates = {
+        "torch.matmul": torch_call(a, b),
+        "by slices": on_way(call, library, BY_SLICES),
+        "as chosen": on_way(call, library, CHOSEN),
+    }
+    row = {"matrices": count, "rows": size, "columns": size, "products": size, "data": NORMAL}
+    return row | times_of_ways(candidates, count * size**3, repeats) | {"targets": []}
+
+
+def times_of_ways(candidates: Candidates, products: int, repeats: int) -> dict[str, Any]:
+    # A short call is timed many times in a row: what ran before it shows in the first ones.
+    times = max(1, min(MOST_CALLS, LEAST_PRODUCTS // products))
+    products *= times
+    timings = measure({name: again(call, times) for name, call in candidates.items()}, repeats)
+    return {
         "ns_per_multiply_add_processor": {
-            name: nanoseconds(timing.processor_least, m * n * k) for name, timing in timings.items()
+            name: nanoseconds(timing.processor_least, products) for name, timing in timings.items()
         },
         "ns_per_multiply_add_least": {
-            name: nanoseconds(timing.least, m * n * k) for name, timing in timings.items()
+            name: nanoseconds(timing.least, products) for name, timing in timings.items()
         },
     }
-    return row | {"targets": judge_ways(row)}
 
 
 def judge_ways(row: dict[str, Any]) -> list[dict[str, Any]]:
@@ -196,31 +253,27 @@ def judge_ways(row: dict[str, Any]) -> list[dict[str, Any]]:
         return []
     took, clock = row["ns_per_multiply_add_processor"], row["ns_per_multiply_add_least"]
     name = f"as chosen, n = {row['rows']}, {row['data']}"
-    gain = round(took["by slices"] / took["as chosen"], 2)
-    times = round(took["as chosen"] / took["torch.matmul"], 2)
-    targets = [
-        {
-            "candidate": name,
-            "times_of_slices_at_least": TIMES_OF_SLICES,
-            "times_of_slices": gain,
-            "met": gain >= TIMES_OF_SLICES,
-        },
-        threads_target(
-            name,
-            clock["as chosen"],
-            clock[f"as chosen, {MANY} threads"],
-            TIMES_ON_TWO_THREADS,
-        ),
-    ]
-    if row["data"] == "N(0,1)":
-        targets.append(
+    if row["data"] == MIXED:
+        parts = "N(0,1) and the wild row"
+        took[parts] = took["as chosen, N(0,1)"] + took["the wild row alone"]
+        targets = [
+            times_target(took, "as chosen", parts, TIMES_OF_PARTS)
+            | {"candidate": f"{name}, beside {parts}"}
+        ]
+    else:
+        gain = round(took["by slices"] / took["as chosen"], 2)
+        two = clock[f"as chosen, {MANY} threads"]
+        targets = [
             {
-                "candidate": f"{name}, torch.matmul",
-                "times_at_most": TIMES_OF_TORCH,
-                "times": times,
-                "met": times <= TIMES_OF_TORCH,
-            }
-        )
+                "candidate": name,
+                "times_of_slices_at_least": TIMES_OF_SLICES,
+                "times_of_slices": gain,
+                "met": gain >= TIMES_OF_SLICES,
+            },
+            threads_target(name, clock["as chosen"], two, TIMES_ON_TWO_THREADS),
+            times_target(took, "as chosen", "torch.matmul", TIMES_OF_TORCH)
+            | {"candidate": f"{name}, beside torch.matmul"},
+        ]
     print_targets(targets)
     return targets
 
@@ -231,13 +284,15 @@ def has_residues() -> bool:
 
 
 def print_ways(runs: list[dict[str, Any]]) -> None:
-    names = ["torch.matmul", "by slices", "as chosen", "FLINT integers"]
+    names = ["torch.matmul", "by slices", "as chosen", "FLINT integers", "two doubles in torch"]
+    names.append("Fraction")
     rows = []
     for run in runs:
         took = run["ns_per_multiply_add_processor"]
         rows.append(
             [
-                f"{run['rows']} x {run['columns']} x {run['products']}",
+                (f"{run['matrices']} of " if "matrices" in run else "")
+                + f"{run['rows']} x {run['columns']} x {run['products']}",
                 run["data"],
                 *(f"{took[name]:.4g}" if name in took else "" for name in names),
                 f"{took['by slices'] / took['as chosen']:.2f}",
@@ -247,6 +302,53 @@ def print_ways(runs: list[dict[str, Any]]) -> None:
     print_table(
         "Ways of the kernel, 1 thread, least processor time, ns per multiply-add",
         ["rows x columns x products", "data", *names, "gain", "times torch"],
+        rows,
+    )
+
+
+# --- A trial: float64 products of moduli, for processors without VNNI
+
+
+def most_bits(x: torch.Tensor) -> int:
+    """Of the elements of a row as integers: from its highest to its lowest bit."""
+    mantissas, exponents = torch.frexp(x)
+    integers = (mantissas * 2.0**53).to(torch.int64).abs()
+    zeros = torch.log2((integers & -integers).to(torch.float64)).to(torch.int64)
+    lowest = (exponents - 53 + zeros).min(dim=1).values
+    return int((exponents.max(dim=1).values - lowest).max())
+
+
+def float64_moduli(a: torch.Tensor, b: torch.Tensor) -> int:
+    """How many: sums of k products of residues next to zero are at most 2^53."""
+    bits_of_k = (a.shape[1] - 1).bit_length()
+    needed = most_bits(a) + most_bits(b.t()) + bits_of_k + 2
+    return math.ceil(needed / ((53 - bits_of_k) / 2 + 1))
+
+
+def try_float64_products(repeats: int) -> None:
+    """The kernel for FMA beside the products alone that float64 moduli would take.
+
+    Residues and limbs come on top: the gain that is printed is one that no such kernel can pass.
+    """
+    if os.environ.get("MKL_ENABLE_INSTRUCTIONS") != "AVX2":
+        raise SystemExit("set MKL_ENABLE_INSTRUCTIONS=AVX2, so that torch uses FMA as well")
+    library = HostLibrary("fma", 1)
+    rows = []
+    for size in (256, 512):
+        for data in (NORMAL, WIDE):
+            a, b = operands(size, size, size, data)
+            count = float64_moduli(a, b)
+            candidates: Candidates = {
+                "kernel": kernel_call(library, a, b, 1),
+                "products": again(torch_call(a, b), count),
+            }
+            timings = measure(candidates, repeats)
+            took = [nanoseconds(timings[e].processor_least, size**3) for e in candidates]
+            rows.append([str(size), data, str(count), *(f"{e:.3f}" for e in took)])
+            rows[-1].append(f"{took[0] / took[1]:.2f}")
+    print_table(
+        "Library for FMA, 1 thread, least processor time, ns per multiply-add",
+        ["n", "data", "moduli", "kernel", "products alone", "gain at most"],
         rows,
     )
 
@@ -311,22 +413,41 @@ def judge(results: list[dict[str, Any]]) -> list[dict[str, Any]]:
     return targets
 
 
+def all_ways(options: argparse.Namespace) -> list[dict[str, Any]]:
+    squares = [size for size in SQUARES if size <= (32 if options.quick else options.n)]
+    squares += [2048] if options.large else []
+    shapes = [(size, size, size) for size in squares]
+    shapes += [] if options.quick else OTHER_SHAPES
+    few = min(options.repeats, REPEATS_OF_LARGE)
+    ways = [
+        run_ways(shape, data, few if min(shape) >= 1024 else options.repeats)
+        for shape in shapes
+        for data in (NORMAL, WIDE)
+    ]
+    if not options.quick:
+        mixed = [size for size in MIXED_SIZES if size <= options.n]
+        ways += [run_ways((size, size, size), MIXED, options.repeats) for size in mixed]
+        ways += [run_batch(count, size, options.repeats) for count, size in BATCHES]
+    return ways
+
+
 def main() -> None:
-    parser = host_parser(__doc__, 512, "largest size", 15)
-    parser.add_argument("--large", action="store_true", help="also 1024 and 2048; takes minutes")
+    parser = host_parser(__doc__, 1024, "largest size", 15)
+    parser.add_argument("--large", action="store_true", help="also 2048; takes minutes")
     parser.add_argument("--ways", action="store_true", help="the two ways alone, not recorded")
+    parser.add_argument(
+        "--fma", action="store_true", help="a trial without AVX-512 alone, not recorded"
+    )
     options = parser.parse_args()
+    if options.fma:
+        return try_float64_products(options.repeats)
     sizes = [size for size in (FRACTION_SIZE, 64, 128, 256, 512) if size <= options.n]
     if options.quick:
         sizes, options.repeats = [FRACTION_SIZE], min(options.repeats, 3)
     elif options.large:
         sizes.append(2048)
     runs = [] if options.ways else [run_size(size, options) for size in sizes]
-    squares = [size for size in SQUARES if size <= (32 if options.quick else options.n)]
-    squares += [1024, 2048] if options.large else []
-    shapes = [(size, size, size) for size in squares]
-    shapes += [] if options.quick else OTHER_SHAPES
-    ways = [run_ways(e, is_wide, options.repeats) for e in shapes for is_wide in (False, True)]
+    ways = all_ways(options)
     print_ways(ways)
     if options.ways:
         return

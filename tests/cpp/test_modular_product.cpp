@@ -232,8 +232,9 @@ void systems_bring_their_constants() {
 
 void sizes_around_the_borders_of_blocks() {
   Random random(102);
-  for (const std::size_t m : {1U, 4U, 5U, 8U, 9U, 12U, 13U, 16U, 17U, 24U, 29U, 36U, 145U}) {
-    for (const std::size_t n : {1U, 31U, 32U, 33U, 63U, 64U, 65U, 130U}) {
+  for (const std::size_t m :
+       {1U, 4U, 5U, 6U, 8U, 9U, 11U, 12U, 13U, 15U, 16U, 17U, 24U, 29U, 36U, 129U, 145U}) {
+    for (const std::size_t n : {1U, 7U, 31U, 32U, 33U, 63U, 64U, 65U, 130U}) {
       for (const std::size_t k : {1U, 3U, 4U, 5U, 64U, 66U}) {
         expect_same(draw_matrices(random, Shape::kNarrow, m, n, k));
       }
@@ -433,6 +434,33 @@ void any_number_of_threads_gives_the_same_bits() {
   }
 }
 
+// ---- Plans
+
+// Lines of one kind all take part; one wild row is left out, and costs what slices take for it.
+void plans_cost_what_they_take() {
+  const host::ProductExtents extents = {100, 130, 64};
+  Matrices matrices = constant_matrices(100, 130, 64, 1, 1);
+  const MatricesInMemory in_memory(matrices);
+  const host::ModularLines left(in_memory.product.a, 100, 64);
+  const host::ModularLines right(in_memory.product.b, 130, 64);
+  const host::ModularPlan tame = host::cheapest_plan(left, right, extents, false);
+  CHECK(tame.left_bits == 1 && tame.right_bits == 1 && tame.bits == 2 + 6);
+  CHECK(tame.moduli == arithmetic::ResidueSystem::count_for(2 + 6 + 2));
+  CHECK(tame.cost == host::cost_by_residues(extents, tame.moduli));
+
+  matrices.a[7 * 64] = 0x1p-100;
+  const MatricesInMemory with_wild_row(matrices);
+  const host::ModularLines wild_left(with_wild_row.product.a, 100, 64);
+  const host::ModularPlan wild = host::cheapest_plan(wild_left, right, extents, false);
+  CHECK(wild.left_bits == 1 && wild.moduli == tame.moduli);
+  CHECK(wild.cost == tame.cost + host::cost_by_slices({1, 130, 64}, 200));
+}
+
+void residues_are_taken_where_they_are_faster_beyond_doubt() {
+  CHECK(host::is_worth(0.79, 1.0) && !host::is_worth(0.81, 1.0));
+  CHECK(host::is_worth(790, 1000) && !host::is_worth(810, 1000));
+}
+
 // ---- Wrong residues
 
 void expect_found(const Matrices& matrices, const ProductLimbs& expected,
@@ -519,6 +547,8 @@ int test_modular_product() {
   products_near_the_smallest_double();
   sums_near_overflow();
   any_number_of_threads_gives_the_same_bits();
+  plans_cost_what_they_take();
+  residues_are_taken_where_they_are_faster_beyond_doubt();
   one_wrong_residue_is_found_and_repaired();
   one_wrong_residue_shows_where_nobody_looks();
   panels_stay_within_their_memory();

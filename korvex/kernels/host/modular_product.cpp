@@ -145,8 +145,8 @@ class ModularProduct {
                                   offset / kBlockColumns * kBlockColumns * shape.depth +
                                   offset % kBlockColumns * kQuad;
       write_lines(right_, column, k, depth, right_weights_, Operand::kRight,
-                  {bytes, bytes, kLines, shape.right_bytes(), std::int64_t{kBlockColumns} * kQuad,
-                   nullptr, 0},
+                  {bytes, bytes + kLines * kQuad, kLines, shape.right_bytes(),
+                   std::int64_t{kBlockColumns} * kQuad, nullptr, 0},
                   work);
     }
   }

@@ -186,6 +186,32 @@ def products(records: Records) -> Lines:
     return folded(f"All {len(rows)} rows", table(columns, rows))
 
 
+def product_ways(records: Records) -> Lines:
+    """The ways of the kernel, on one thread, with what the second one gains."""
+    rows = []
+    for part in records["bench_matmul"].get("ways", []):
+        took, clock = (part[f"ns_per_multiply_add_{key}"] for key in ("processor", "least"))
+        two = clock.get("as chosen, 2 threads")
+        peers = ("torch.matmul", "FLINT integers", "two doubles in torch", "Fraction")
+        many = f"{part['matrices']} of " if "matrices" in part else ""
+        rows.append(
+            [
+                f"{many}{part['rows']} x {part['columns']} x {part['products']}",
+                part["data"],
+                short(took["by slices"]),
+                short(took["as chosen"]),
+                f"{took['by slices'] / took['as chosen']:.2f}",
+                f"{took['as chosen'] / took['torch.matmul']:.1f}",
+                f"{clock['as chosen'] / two:.2f}" if two else "",
+                *(short(took[name]) if name in took else "" for name in peers),
+            ]
+        )
+    columns = ["rows x columns x products", "data", "by slices", "as chosen", "times faster"]
+    columns += ["times `torch.matmul`", "2 threads, times faster", "`torch.matmul`", "FLINT"]
+    columns += ["two doubles", "`Fraction`"]
+    return folded(f"All {len(rows)} products", table(columns, rows))
+
+
 def threads(records: Records) -> Lines:
     rows = [
         [
@@ -284,7 +310,7 @@ def target_rows(records: Records) -> list[list[str]]:
     rows = []
     for name in records.names():
         record = records[name]
-        for part in record.get("runs", [record]):
+        for part in [*record.get("runs", [record]), *record.get("ways", [])]:
             single = part.get("target")
             found = part.get("targets", []) + ([single] if single else [])
             place = next((str(part[key]) for key in ("data", "size", "input") if key in part), "")
@@ -478,6 +504,7 @@ BLOCKS: dict[str, Callable[[Records], Lines]] = {
         sums,
         dots,
         products,
+        product_ways,
         threads,
         elementary,
         elementwise,
