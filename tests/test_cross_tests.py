@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The step for other processors and compilers, where their tools are missing: skipped, not failed."""
+"""The step for other processors and compilers: skipped where tools are missing, and no failure."""
 
 import os
 import shutil
