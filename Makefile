@@ -44,9 +44,9 @@ CXX_FILES := $(shell find $(CODE_FOLDERS) \( -name '*.cpp' -o -name '*.h' -o -na
 HEADERS := $(filter %.h %.cuh %.cu,$(CXX_FILES))
 TIDY_STAMPS := $(patsubst %,build/tidy/%.ok,$(filter %.cpp,$(CXX_FILES)))
 
-.PHONY: help demo interface test check environment install cpp-tests python-tests test-long leaks fuzz soak \
+.PHONY: help demo interface test check environment install cpp-tests cross-tests python-tests test-long leaks fuzz soak \
   mutation mutation-long \
-  sanitize device-code device-code-long device-code-tools verify verify-long verify-elementary \
+  sanitize device-code device-code-long device-code-tools verify verify-long verify-arm verify-elementary \
   figures gallery gpu site lint extras constraints format-check tidy configure \
   format wheel wheels clean distclean
 
@@ -59,7 +59,7 @@ demo: install ## build, install and run the demonstration
 # TIMES=--write puts the table of times into docs/testing.md.
 TIMES ?=
 
-test: check lint site ## what CI runs: build, C++ tests, Python tests, format, lint and the site
+test: check cross-tests lint site ## what CI runs: build, tests, C++ tests for Arm, format, lint and the site
 	@$(TOOL).times_of_tests $(TIMES)
 	@echo "make test: format and lint are clean"
 	@$(TOOL).report_tests C++=build/ctest.xml Python=build/pytest.xml
@@ -115,6 +115,9 @@ cpp-tests: configure
 	@$(TIMED) cpp-build cmake --build $(BUILD) --parallel $(JOBS)
 	@$(TIMED) cpp-tests ctest --test-dir $(BUILD) --no-tests=error --output-on-failure --parallel $(JOBS) \
 	  --output-junit $(CURDIR)/build/ctest.xml
+
+cross-tests: environment ## C++ tests for 64-bit Arm under qemu and by clang++, where these are there
+	@$(TIMED) cross-tests scripts/cross_tests.sh $(JOBS)
 
 # -P: the tree must not shadow the installed package. No test collected is a failure.
 python-tests: install
@@ -176,6 +179,15 @@ verify: install ## are the bits the same here: every promised function against t
 
 verify-long: install ## the same with a million values per kernel; adds a report to docs/verification/
 	@$(TOOL).verify --long --record $(VERIFY_ARGS)
+	@$(TOOL).verify.report
+
+# The tests of the arithmetic seen from Python; others go the same way.
+VERIFY_ARM_TESTS ?= tests/limbs tests/reductions tests/elementwise tests/golden
+
+# An hour or more, and root's rights: see scripts/make_arm_root.sh.
+verify-arm: install ## the same on 64-bit Arm, emulated by qemu, and Python tests there; adds a report
+	@scripts/verify_arm.sh $(PY) "$(or $(SITE),$(shell $(PY) -I -c \
+	  'import sysconfig; print(sysconfig.get_path("platlib"))'))" $(JOBS) $(VERIFY_ARM_TESTS)
 	@$(TOOL).verify.report
 
 # Some minutes: error bounds worked out anew, then ten million arguments of each function.

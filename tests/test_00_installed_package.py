@@ -7,6 +7,7 @@ source folder `korvex/tqx_runtime/` imports as an empty namespace package.
 
 import importlib.metadata
 import importlib.util
+import platform
 import subprocess
 import sys
 import tomllib
@@ -18,7 +19,8 @@ import pytest
 from korvex_tools.elf_file import ElfFile
 
 SOURCE_TREE = Path(__file__).resolve().parent.parent
-SYSTEM_LIBRARIES = {"libc.so.6", "libm.so.6", "libpthread.so.0", "ld-linux-x86-64.so.2"}
+LOADER = {"x86_64": "ld-linux-x86-64.so.2", "aarch64": "ld-linux-aarch64.so.1"}[platform.machine()]
+SYSTEM_LIBRARIES = {"libc.so.6", "libm.so.6", "libpthread.so.0", LOADER}
 CXX_RUNTIME = {"libstdc++.so.6", "libgcc_s.so.1"}
 
 

@@ -53,6 +53,9 @@ def source_facts() -> dict[str, Any]:
 
 
 def processor() -> str:
+    # Under an emulator the system shows the processor that the emulator runs on, or none.
+    if emulator := os.environ.get("KORVEX_EMULATOR"):
+        return f"{platform.machine()} emulated by {emulator}"
     try:
         text = Path("/proc/cpuinfo").read_text()
     except OSError:

@@ -27,6 +27,7 @@ PARTS = {
     "build": "build and installation",
     "cpp-build": "build of the C++ tests",
     "cpp-tests": "C++ tests",
+    "cross-tests": "C++ tests for Arm, under qemu",
     "python-tests": "Python tests",
     "lint": "format and lint",
     "site": "site",

@@ -2,6 +2,7 @@
 """What is compared: the devices, and the host kernels that it compiles for them."""
 
 import os
+import platform
 import shutil
 import subprocess
 import sys
@@ -12,7 +13,11 @@ from korvex_tools.source_tree import SOURCE_TREE
 
 BUILD = SOURCE_TREE / "build" / "verify"
 LEVELS = ("O0", "O2")
-KERNELS = {"base": "without FMA", "fma": "with FMA", "avx512": "with AVX-512"}
+KERNELS = {
+    "base": "without FMA" if platform.machine() == "x86_64" else "with the FMA of every Arm",
+    "fma": "with FMA",
+    "avx512": "with AVX-512",
+}
 ALL_THREADS = len(os.sched_getaffinity(0))
 
 
