@@ -229,16 +229,4 @@ KORVEX_INLINE double exponential(double x) {
   return fast.is_decided ? fast.value : accurate_exp(x);
 }
 
-// The fast phase alone, for those who try it first: undecided where the result may not be normal,
-// for NaN, and where the rounding test fails.
-template <class Real>
-KORVEX_INLINE RoundedOf<Real> try_exponential(Real x) {
-  constexpr double kUsual = 708.0;
-  const auto is_usual = absolute(x) < kUsual;
-  const auto pair = exp_pair(selected(is_usual, x, 0.0));
-  const auto sum = rounding_test(pair.high, pair.low, mul_rn(pair.high, kExpError));
-  const Real value = mul_rn(sum.value, power_of_two(pair.exponent));  // exact
-  return {value, both(is_usual, sum.is_decided)};
-}
-
 }  // namespace korvex::arithmetic

@@ -136,13 +136,4 @@ KORVEX_INLINE double logarithm(double x) {
   return fast.is_decided ? fast.value : accurate_log(x, fast.value);
 }
 
-// The fast phase alone, for those who try it first: undecided for what is not a positive normal
-// number, and where the rounding test fails.
-template <class Real>
-KORVEX_INLINE RoundedOf<Real> try_logarithm(Real x) {
-  const auto is_usual = both(x >= 0x1p-1022, x <= kLargest);
-  const auto sum = round_log(log_pair(normal_log_argument(selected(is_usual, x, 1.0))));
-  return {sum.value, both(is_usual, sum.is_decided)};
-}
-
 }  // namespace korvex::arithmetic

@@ -88,18 +88,6 @@ KORVEX_INLINE double sigmoid(double x) {
   return fast.is_decided ? fast.value : widened_sigmoid(x);
 }
 
-// The fast phase alone, for those who try it first: undecided where the result may not be normal,
-// for NaN, and where the rounding test fails. At kSigmoidOne it is 1 already.
-template <class Real>
-KORVEX_INLINE RoundedOf<Real> try_sigmoid(Real x) {
-  constexpr double kLeastUsual = -708.0;
-  const auto is_usual = x > kLeastUsual;
-  const auto pair = sigmoid_pair(selected(is_usual, lesser(x, kSigmoidOne), 0.0));
-  const auto sum = rounding_test(pair.high, pair.low, mul_rn(pair.high, kSigmoidError));
-  const Real value = mul_rn(sum.value, power_of_two(pair.exponent));  // exact
-  return {value, both(is_usual, sum.is_decided)};
-}
-
 // ---- tanh ----
 
 // (1 - E) / (1 + E), E = exp(-2 x), for x > 0.

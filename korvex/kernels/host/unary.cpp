@@ -8,6 +8,7 @@
 #include "korvex/arithmetic/elementary/logistic.h"
 #include "korvex/kernels/host/elements.h"
 #include "korvex/kernels/host/lanes.h"
+#include "korvex/kernels/host/quick_lanes.h"
 #include "korvex/kernels/host/shells.h"
 #include "korvex/kernels/host/threads.h"
 #include "korvex/kernels/host/unary_ranges.h"
@@ -16,8 +17,8 @@ namespace korvex::host {
 namespace {
 
 using arithmetic::ElementLanes;
+using arithmetic::HostLanes;
 using arithmetic::RoundedOf;
-using Real = ElementLanes::Value;
 
 // Arguments: x, out, n.
 template <double (*Function)(double)>
@@ -32,9 +33,9 @@ __attribute__((noinline)) double out_of_line(double x) {
 }
 
 // Writes the lanes that the first try has not decided.
-template <double (*Function)(double)>
+template <class Lanes, double (*Function)(double), class Real>
 __attribute__((noinline)) void finish_undecided(Real x, const RoundedOf<Real>& tried, double* out) {
-  for (int lane = 0; lane < ElementLanes::kCount; ++lane) {
+  for (int lane = 0; lane < Lanes::kCount; ++lane) {
     if (!arithmetic::lane(tried.is_decided, lane)) {
       out[lane] = Function(arithmetic::lane(x, lane));
     }
@@ -43,15 +44,16 @@ __attribute__((noinline)) void finish_undecided(Real x, const RoundedOf<Real>& t
 
 // A function whose first try decides nearly every element, several at a time. All other steps are
 // calls, so that the loop holds the first try alone.
-template <RoundedOf<Real> (*Try)(Real), double (*Function)(double)>
+template <class Lanes, RoundedOf<typename Lanes::Value> (*Try)(typename Lanes::Value),
+          double (*Function)(double)>
 void tried_range(const double* x, double* out, std::int64_t count) {
   std::int64_t i = 0;
-  for (; i + ElementLanes::kCount <= count; i += ElementLanes::kCount) {
-    const Real argument = ElementLanes::load(x + i);
+  for (; i + Lanes::kCount <= count; i += Lanes::kCount) {
+    const auto argument = Lanes::load(x + i);
     const auto tried = Try(argument);
-    ElementLanes::store(out + i, tried.value);
-    if (!arithmetic::all(tried.is_decided)) {
-      finish_undecided<Function>(argument, tried, out + i);
+    Lanes::store(out + i, tried.value);
+    if (!arithmetic::all(tried.is_decided)) [[unlikely]] {
+      finish_undecided<Lanes, Function>(argument, tried, out + i);
     }
   }
   for (; i < count; ++i) {
@@ -75,10 +77,10 @@ void run_relu(const Arguments& arguments) { run_unary<arithmetic::relu>(argument
 void run_neg(const Arguments& arguments) { run_unary<arithmetic::negated>(arguments); }
 
 void exp_range(const double* x, double* out, std::int64_t count) {
-  tried_range<arithmetic::try_exponential, arithmetic::exponential>(x, out, count);
+  tried_range<HostLanes, arithmetic::quick_exponential, arithmetic::exponential>(x, out, count);
 }
 void log_range(const double* x, double* out, std::int64_t count) {
-  tried_range<arithmetic::try_logarithm, arithmetic::logarithm>(x, out, count);
+  tried_range<HostLanes, arithmetic::quick_logarithm, arithmetic::logarithm>(x, out, count);
 }
 void sqrt_range(const double* x, double* out, std::int64_t count) {
   for (std::int64_t i = 0; i < count; ++i) {
@@ -86,10 +88,10 @@ void sqrt_range(const double* x, double* out, std::int64_t count) {
   }
 }
 void sigmoid_range(const double* x, double* out, std::int64_t count) {
-  tried_range<arithmetic::try_sigmoid, arithmetic::sigmoid>(x, out, count);
+  tried_range<HostLanes, arithmetic::quick_sigmoid, arithmetic::sigmoid>(x, out, count);
 }
 void tanh_range(const double* x, double* out, std::int64_t count) {
-  tried_range<arithmetic::try_tanh, arithmetic::hyperbolic_tangent>(x, out, count);
+  tried_range<ElementLanes, arithmetic::try_tanh, arithmetic::hyperbolic_tangent>(x, out, count);
 }
 
 void run_exp(const Arguments& arguments) { run_range<exp_range>(arguments); }

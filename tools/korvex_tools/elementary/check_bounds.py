@@ -165,6 +165,130 @@ def _log_entry(entry, low, high, k):
     return series + others, (series + others) / least
 
 
+# ---- first tries ----
+#
+# Roundings count as half the last place of the largest number that may be rounded there. Steps that
+# are fused on some processors count as two roundings.
+
+
+def half_place(size):
+    return mpfr(2) ** (int(gmpy2.floor(gmpy2.log2(size))) - 53)
+
+
+def _twice_rounded_horner(coefficients, r):
+    """As _horner_error, of products and sums that are rounded by themselves."""
+    error, value = mpfr(0), mpfr(0)
+    for i, exact in enumerate(coefficients):
+        product = r * value
+        value = abs(exact) + product
+        is_power = 1 / exact in (2, 4, 8)  # which is exact
+        error = r * error + (0 if is_power else half_place(abs(exact)))
+        error += half_place(product) + half_place(value) if i else 0
+    return error
+
+
+def quick_exp_error():
+    """Absolute, of high + low in [0.978, 2.05]: for a table value of 2."""
+    count = 746 * 16 / gmpy2.const_log2() + 1
+    step = gmpy2.const_log2() / 16
+    step_high, step_low = 4 * constant("kExpStepHigh"), 4 * constant("kExpStepLow")
+    r = step / 2 * (1 + 4 * U * count)
+    second = count * abs(step_low)
+    r_low = half_place(r)
+    reduction = (
+        count * abs(step - step_high - step_low) * 2  # 120-bit log 2
+        + 3 * half_place(second)  # the product, twice, and the difference before the last step
+        + 2 * half_place(r_low + second)
+    )
+    tail_error = _twice_rounded_horner([1 / gmpy2.fac(k) for k in range(8, 1, -1)], r)
+    tail = (gmpy2.exp(r) - 1 - r) / r**2
+    rest = r**2 * tail + r_low
+    cross = U * (1 + r) * 2 + half_place(2 * r)
+    low = 2 * rest + cross
+    relative = (
+        reduction * (1 + r)
+        + r**9 / gmpy2.fac(9) * (1 + r)  # the series is cut
+        + r_low * r * (1 + r)  # r_low enters to first order
+        + r**2 * tail_error
+        + half_place(r**2) * tail
+        + 2 * half_place(rest)
+        + U * U  # the table
+    )
+    return (
+        2 * relative
+        + U * rest  # the table's second word meets r alone
+        + 5 * half_place(cross)  # 2 for t.low r + t.low, one for that + the product's error
+        + 2 * half_place(low)  # head rest + cross
+        + half_place(low + half_place(mpfr(2) * (1 + r)))  # + sum.error
+    )
+
+
+def quick_log_errors():
+    """Absolute and relative."""
+    entries = table("kLogTable")
+    worst = mpfr(0), mpfr(0)
+    for i, entry in enumerate(entries):
+        halved = i >= int(re.search(r"kLogHalfFrom = (\d+)", TABLES)[1])
+        low, high = (mpfr(1 + (i + end) / 256) / (2 if halved else 1) for end in (0, 1))
+        for k in (0, *(2**p for p in range(11)), *(-(2**p) for p in range(11))):
+            worst = tuple(map(max, worst, _quick_log_entry(entry, low, high, k)))
+    return worst
+
+
+def _quick_series(r, r_low):
+    """Of r + rest, and an upper bound of rest, for arguments up to r."""
+    tail_error = _twice_rounded_horner([mpfr(1) / n for n in range(8, 1, -1)], r)
+    tail = (r + gmpy2.log1p(-r)) / -(r**2)  # the larger side
+    rest = r**2 * tail + 2 * r_low
+    error = (
+        r**9 / 9 * (1 + 2 * r)  # the series is cut
+        + r**2 * tail_error
+        + half_place(r**2) * tail
+        + half_place(r**2 * tail)  # the product, and its sum with what r_low adds
+        + half_place(rest)
+    )
+    if r_low:
+        error += r_low * r**2 * (1 + 2 * r) + r_low**2 + 2 * half_place(2 * r_low)
+    return error, rest
+
+
+def _quick_log_entry(entry, low, high, k):
+    """Absolute and relative; x = m 2^k' with k' from k to 2k and m from low to high."""
+    c, t_high, t_low = entry
+    r = max(abs(low * c - 1), abs(high * c - 1))
+    if c == 1 and k == 0:
+        r *= 1 - mpfr(2) ** -52  # the end belongs to the next entry
+        series, _ = _quick_series(r, mpfr(0))
+        # In each binade of r below this one the error is a quarter, and rounded alike.
+        return series, max(
+            _quick_series(r / 2**p, mpfr(0))[0] / (r / 2 ** (p + 1) * (1 - r)) for p in range(40)
+        )
+    assert k or abs(t_high) >= r, "the sum of the table's logarithm and r is not in order"
+    series, rest = _quick_series(r, half_place(1 + r))
+    count = 2 * abs(k)
+    ln2_high, ln2_low = constant("kLn2High"), constant("kLn2Low")
+    size = count * ln2_high + 1
+    low_parts = 2 * half_place(size) + count * abs(ln2_low) + abs(t_low)
+    least = min(abs(gmpy2.log(low)), abs(gmpy2.log(high)))
+    if k:
+        ends = max(abs(gmpy2.log(low)), abs(gmpy2.log(high)))
+        least = abs(k) * gmpy2.const_log2() - ends
+    others = (
+        U * U  # the table
+        + count * abs(gmpy2.const_log2() - ln2_high - ln2_low) * 2
+        + 4 * half_place(low_parts)
+        + half_place(low_parts + rest)  # low
+    )
+    return series + others, (series + others) / least
+
+
+def quick_sigmoid_relative():
+    """An error of E passes on with a factor of at most 1; high + low is at least 0.978."""
+    passed_on = quick_exp_error() / mpfr("0.978") * (1 + mpfr(2) ** -20)
+    correction = 4 * U + 8 * U * U  # of q, which is 3 roundings off, by q_low
+    return passed_on + 6 * U * correction + 4 * U * U
+
+
 # ---- quotients ----
 
 
@@ -206,6 +330,7 @@ REFERENCES = {
     "tanh": lambda x, _: gmpy2.tanh(mpfr(x)),
     "reduced_exp": _reduced_reference,
 }
+REFERENCES |= {f"quick_{name}": REFERENCES[name] for name in ("exp", "log", "sigmoid")}
 
 
 def relative(exact):
@@ -214,6 +339,11 @@ def relative(exact):
 
 def absolute(_):
     return 1
+
+
+def of_power(exact):
+    """Of 2^k, for a number in [2^k, 2^(k + 1))."""
+    return mpfr(2) ** (gmpy2.get_exp(exact) - 1)
 
 
 def of_exponential(expm1):
@@ -267,6 +397,7 @@ def main():
         return measured(probe, name, x[kind or name], size)
 
     log_absolute, log_relative = log_errors()
+    quick_absolute, quick_relative = quick_log_errors()
     # Name, bound, claimed, used, measured; claims and uses are exponents of 2.
     rows = [
         ("reduced_exp", ReducedExp(False).error, -74, 0, met("reduced_exp", "exp", absolute)),
@@ -288,6 +419,22 @@ def main():
             0,
             max(met("expm1", kind, of_exponential) for kind in ("expm1", "expm1 from 1")),
         ),
+        ("quick_exp, of 2^k", quick_exp_error(), -61.3, -61, met("quick_exp", "exp", of_power)),
+        ("quick_log", quick_relative, -59.1, log2(mpfr(1.125)) - 59, met("quick_log", "log")),
+        (
+            "quick_log, absolute",
+            quick_absolute,
+            -67.1,
+            log2(mpfr(1.125)) - 67,
+            met("quick_log", "log", absolute),
+        ),
+        (
+            "quick_sigmoid",
+            quick_sigmoid_relative(),
+            -61.2,
+            log2(mpfr(1.0625)) - 61,
+            met("quick_sigmoid", "sigmoid"),
+        ),
         ("pair_quotient", quotient_relative(), -100, 0, mpfr(0)),
         ("sigmoid", sigmoid_relative(), -71, -69, met("sigmoid")),
         ("tanh", tanh_relative(), -65, -64, met("tanh")),
@@ -299,7 +446,7 @@ def main():
         sample = log2(error) if error else -math.inf
         good = sample <= log2(bound) <= claimed < used
         failed = failed or not good
-        figures = f"{log2(bound):8.2f} {claimed:8} {used or '-':>5} {sample:10.2f}"
+        figures = f"{log2(bound):8.2f} {claimed:8} {round(used, 2) or '-':>6} {sample:10.2f}"
         print(f"{name:23} {figures}  {'' if good else 'FAILED'}".rstrip())
     return 1 if failed else 0
 

@@ -4,6 +4,7 @@
 
 #include "korvex/arithmetic/elementary/logarithm.h"
 #include "korvex/arithmetic/elementary/logistic.h"
+#include "korvex/arithmetic/elementary/quick_tries.h"
 
 namespace {
 
@@ -49,8 +50,24 @@ void tanh_phase(double x, double* out) {
   write(pair_quotient(e, fast_two_sum(sum.value, sum.error + e.error)), out);
 }
 
-constexpr Phase kPhases[] = {exp_phase,   reduced_exp_phase, log_phase,
-                             expm1_phase, sigmoid_phase,     tanh_phase};
+void quick_exp_phase(double x, double* out) {
+  const auto e = quick_exp(x);
+  out[0] = e.high;
+  out[1] = e.low;
+  out[2] = static_cast<double>(static_cast<std::int64_t>(e.exponent) >> kFractionBits);
+}
+
+void quick_log_phase(double x, double* out) { write(quick_log(x), out); }
+
+void quick_sigmoid_phase(double x, double* out) {
+  const auto s = quick_sigmoid_pair(x);
+  write(s.ratio, out);
+  out[2] = exponent_field(s.unit) - kExponentBias;
+}
+
+constexpr Phase kPhases[] = {exp_phase,       reduced_exp_phase, log_phase,
+                             expm1_phase,     sigmoid_phase,     tanh_phase,
+                             quick_exp_phase, quick_log_phase,   quick_sigmoid_phase};
 
 bool is_decided(int function, double x) {
   if (function == 0) {
@@ -62,6 +79,15 @@ bool is_decided(int function, double x) {
   if (function == 4) {
     return round_pair(sigmoid_pair(x), kSigmoidError).is_decided;
   }
+  if (function == 6) {
+    return quick_exponential(x).is_decided;
+  }
+  if (function == 7) {
+    return quick_logarithm(x).is_decided;
+  }
+  if (function == 8) {
+    return quick_sigmoid(x).is_decided;
+  }
   return function == 5 && fast_tanh(x).is_decided;
 }
 
@@ -70,14 +96,15 @@ bool is_decided(int function, double x) {
 extern "C" {
 
 // out: three numbers for each argument. function: 0 exp, 1 the reduced exp, 2 log, 3 expm1,
-// 4 sigmoid, 5 tanh; arguments in the range of the phase.
+// 4 sigmoid, 5 tanh, 6 to 8 the first tries of exp, log and sigmoid; arguments in the range of the
+// phase.
 void probe_pairs(int function, const double* x, double* out, std::size_t n) {
   for (std::size_t i = 0; i < n; ++i) {
     kPhases[function](x[i], out + 3 * i);
   }
 }
 
-// How many of the arguments need the accurate phase.
+// How many of the arguments need the next phase.
 std::size_t probe_undecided(int function, const double* x, std::size_t n) {
   std::size_t count = 0;
   for (std::size_t i = 0; i < n; ++i) {

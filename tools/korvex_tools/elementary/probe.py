@@ -11,7 +11,17 @@ import numpy as np
 
 from korvex_tools.source_tree import SOURCE_TREE
 
-FUNCTIONS = {"exp": 0, "reduced_exp": 1, "log": 2, "expm1": 3, "sigmoid": 4, "tanh": 5}
+FUNCTIONS = {
+    "exp": 0,
+    "reduced_exp": 1,
+    "log": 2,
+    "expm1": 3,
+    "sigmoid": 4,
+    "tanh": 5,
+    "quick_exp": 6,
+    "quick_log": 7,
+    "quick_sigmoid": 8,
+}
 
 
 class Probe:

@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the first tries of exp, log and sigmoid ask of a vector register beside lanes.h: integers of
+// 64 bits in its lanes, and entries of their tables for each lane.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+#include "korvex/arithmetic/elementary/quick_tries.h"
+#include "korvex/kernels/host/lanes.h"
+
+namespace korvex::arithmetic {
+
+KORVEX_INLINE HostBits operator+(HostBits a, HostBits b) { return a.value + b.value; }
+KORVEX_INLINE HostBits operator+(HostBits a, std::uint64_t b) { return a.value + b; }
+KORVEX_INLINE HostBits operator<<(HostBits a, int count) { return a.value << count; }
+KORVEX_INLINE HostBits operator|(HostBits a, std::uint64_t b) { return a.value | b; }
+
+// Sixteen numbers are two registers of AVX-512, of which one instruction picks.
+struct SixteenPowers {
+  alignas(64) double high[16];
+  alignas(64) double low[16];
+  constexpr SixteenPowers() : high(), low() {
+    for (int j = 0; j < 16; ++j) {
+      high[j] = kPowerTable[4 * j].high;
+      low[j] = kPowerTable[4 * j].low;
+    }
+  }
+};
+inline constexpr SixteenPowers kSixteenPowers;
+
+// Other bits of j than the last four are not looked at.
+KORVEX_INLINE PowerEntries sixteenth_power(HostBits j) {
+  PowerEntries entries;
+#if defined(__AVX512F__)
+  const auto picked = [&](const double* table) {
+    return _mm512_permutex2var_pd(_mm512_load_pd(table), reinterpret_cast<__m512i>(j.value),
+                                  _mm512_load_pd(table + 8));
+  };
+  entries.high = picked(kSixteenPowers.high);
+  entries.low = picked(kSixteenPowers.low);
+#else
+  const HostBits place = (j & 15) << 2;
+  load_pairs([&](int i) { return &kPowerTable[place.value[i]].high; }, entries.high, entries.low);
+#endif
+  return entries;
+}
+
+// The table of log with entries of 32 bytes, each a register of AVX.
+struct WideLogTable {
+  struct alignas(32) Entry {
+    double number[4];
+  };
+  Entry entry[kLogEntries];
+  constexpr WideLogTable() : entry() {
+    for (int i = 0; i < kLogEntries; ++i) {
+      entry[i] = {{kLogTable[i].reciprocal, kLogTable[i].high, kLogTable[i].low, 0.0}};
+    }
+  }
+};
+inline constexpr WideLogTable kWideLogTable;
+
+// Precondition: every lane is below kLogEntries.
+KORVEX_INLINE LogEntries quick_log_entry(HostBits index) {
+  LogEntries entries;
+  const auto at = [&](int i) { return kWideLogTable.entry[index.value[i]].number; };
+#if defined(__AVX512F__)
+  // By the compiler's own shuffles: g++ 12 warns of its intrinsic functions for these.
+  using Entry __attribute__((vector_size(32))) = double;
+  const auto pair = [&](int i) -> HostDoubles::Vector {
+    Entry first, second;
+    std::memcpy(&first, at(i), sizeof first);
+    std::memcpy(&second, at(i + 1), sizeof second);
+    return __builtin_shufflevector(first, second, 0, 1, 2, 3, 4, 5, 6, 7);
+  };
+  const auto p01 = pair(0), p23 = pair(2), p45 = pair(4), p67 = pair(6);
+  // Reciprocals and lows of lanes 0 to 3 and 4 to 7, and the numbers between them.
+  const auto even_left = __builtin_shufflevector(p01, p23, 0, 8, 2, 10, 4, 12, 6, 14);
+  const auto even_right = __builtin_shufflevector(p45, p67, 0, 8, 2, 10, 4, 12, 6, 14);
+  const auto odd_left = __builtin_shufflevector(p01, p23, 1, 9, 3, 11, 5, 13, 7, 15);
+  const auto odd_right = __builtin_shufflevector(p45, p67, 1, 9, 3, 11, 5, 13, 7, 15);
+  entries.reciprocal = __builtin_shufflevector(even_left, even_right, 0, 4, 1, 5, 8, 12, 9, 13);
+  entries.high = __builtin_shufflevector(odd_left, odd_right, 0, 4, 1, 5, 8, 12, 9, 13);
+  entries.low = __builtin_shufflevector(even_left, even_right, 2, 6, 3, 7, 10, 14, 11, 15);
+#elif defined(__AVX2__)
+  const __m256d e0 = _mm256_load_pd(at(0)), e1 = _mm256_load_pd(at(1));
+  const __m256d e2 = _mm256_load_pd(at(2)), e3 = _mm256_load_pd(at(3));
+  const __m256d even01 = _mm256_unpacklo_pd(e0, e1), even23 = _mm256_unpacklo_pd(e2, e3);
+  entries.reciprocal = _mm256_permute2f128_pd(even01, even23, 0x20);
+  entries.low = _mm256_permute2f128_pd(even01, even23, 0x31);
+  entries.high =
+      _mm256_permute2f128_pd(_mm256_unpackhi_pd(e0, e1), _mm256_unpackhi_pd(e2, e3), 0x20);
+#else
+  for (int i = 0; i < kHostLanes; ++i) {
+    entries.reciprocal.value[i] = at(i)[0];
+    entries.high.value[i] = at(i)[1];
+    entries.low.value[i] = at(i)[2];
+  }
+#endif
+  return entries;
+}
+
+}  // namespace korvex::arithmetic
