@@ -3,8 +3,7 @@
 
 The arithmetic is that of `korvex.tqx_runtime`, behind other doors: arrays of NumPy, torch, CuPy and
 whatever has DLPack on the CPU, of any real dtype, whole or in parts; nothing needs to be activated.
-Those of torch and CuPy on a GPU are worked on there, whole; along an axis and by segment they are
-refused.
+Those of torch and CuPy on a GPU are worked on there.
 A result is the exact value correctly rounded, so it depends on the elements alone: not on their
 order, their layout, threads, processors, or how they were cut into parts.
 

@@ -16,7 +16,7 @@ import numpy as np
 from numpy.exceptions import AxisError
 
 from korvex.exact import _native, _threads
-from korvex.exact._arrays import Operand, Real
+from korvex.exact._arrays import Real
 from korvex.exact._homes import Array, empty, give_parts, in_format
 from korvex.exact._spread import Spread
 from korvex.exact._state import MOMENTS, State, accumulated
@@ -84,7 +84,12 @@ def reduce_along(
     """Reduce one operand, or the halves of a complex one apart."""
     operand = spread.operand
     refuse_parts(spread)
-    refuse_device("x", operand)
+    if operand.device is not None:
+        from korvex.exact import _device_axes
+
+        refuse_mesh("x", spread)
+        of_states = _device_axes.Function(function, divisor, scale)
+        return _device_axes.reduce_along(operand, axes[:2], axes.shape, of_states, form)
     parts = []
     for half in operand.halves():
         operands = [transposed(half, "x", axes)]
@@ -99,7 +104,11 @@ def reduce_one_by_one(
     """Reduce a real operand by a state of moments for each output in turn."""
     operand = spread.operand
     refuse_parts(spread)
-    refuse_device("x", operand)
+    if operand.device is not None:
+        from korvex.exact import _device_axes
+
+        refuse_mesh("x", spread)
+        return _device_axes.reduce_one_by_one(operand, axes[:2], axes.shape, form, rounded)
     [half] = operand.halves()
     view, elements, _ = transposed(half, "x", axes)
     values = [
@@ -136,13 +145,12 @@ def refuse_parts(*spreads: Spread) -> None:
         )
 
 
-def refuse_device(name: str, operand: Operand) -> None:
-    """Say what to do with an array on a GPU instead."""
-    if operand.device is not None:
+def refuse_mesh(name: str, spread: Spread) -> None:
+    """Say what to do with a DTensor on GPUs, all of which have its elements, instead."""
+    if spread.layout is not None:
         raise TypeError(
-            f"{name} is in the memory of a GPU, and axis= of an array there is not built yet: "
-            f"reduce it whole, or copy it to the host, {name}.cpu() in torch and {name}.get() in "
-            "CuPy"
+            f"{name} is a DTensor on GPUs, and axis= of one is not built yet: give "
+            f"{name}.to_local(), or reduce it whole"
         )
 
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Matrix products and running sums on a GPU, each element rounded once there.
+"""Matrix products on a GPU, each element rounded once there.
 
 The kernel of products reads contiguous float64; other operands are copied to that by a kernel,
 exactly. A 64-bit integer is two doubles, itself rounded and the rest; then each of them meets each
@@ -10,51 +10,72 @@ stream, with memory of the arrays' library, and nothing waits for them.
 
 from __future__ import annotations
 
+import math
 from typing import Any
+
+import numpy as np
 
 from korvex.exact._arrays import Real
 from korvex.exact._device_state import DeviceState
+from korvex.exact._device_views import launch
 from korvex.exact._devices import FORMAT_NUMBERS, Device, Run
 from korvex.exact._state import DOT, WORD_BYTES
 
 # Numbered as in korvex/kernels/states.h, where the next two stand as well.
 WHOLE, REST, FINITE = range(3)
-SEGMENT_WORDS = 224
 BLOCK = 256  # threads
 
 _WIDE = {FORMAT_NUMBERS["int64"], FORMAT_NUMBERS["uint64"]}
 # An element of more products, and a product of one element, is a dot product of its own: the
 # kernel of products has one thread for each, and slices for no more.
 MOST_DEPTH = 1 << 17
-MOST_SEGMENTS = 8192  # 15 MB
-_LEAST_SEGMENT = 32  # elements
 
 # One of the products that are added up: two operands, and which part of each.
 Term = tuple[Run, int, Run, int]
 
 
-def _launch(device: Device, kernel: str, *arguments: int) -> None:
-    from korvex.exact import _cuda
-
-    _cuda.launch(kernel, device.ordinal, device.handle(device.stream()), *arguments)
-
-
 # --- Matrices
 
 
-def matmul(device: Device, left: list[Real], right: list[Real], form: str, shape: Any) -> Any:
-    """The product of two matrices, or of the halves of complex ones."""
+def matmul(
+    device: Device,
+    left: list[Real],
+    right: list[Real],
+    batch: tuple[int, ...],
+    form: str,
+    shape: Any,
+) -> Any:
+    """Products of matrices, or of the halves of complex ones, one after the other of a batch."""
+    size = left[0].values.shape[-2] * right[0].values.shape[-1]
+    halves = max(len(left), len(right))
+    out = device.empty(math.prod(batch) * size * halves, form)
+    for place, index in enumerate(np.ndindex(*batch) if size else ()):
+        own_left, own_right = ([_at(half, index) for half in each] for each in (left, right))
+        _multiply_one(device, own_left, own_right, out, place * size * halves, form)
+    return (out if halves == 1 else device.joined(out)).reshape(shape)
+
+
+def _at(half: Real, index: tuple[int, ...]) -> Real:
+    """The matrix of one index of a batch, of which each axis of length 1 has but one."""
+    axes = half.values.shape[:-2]
+    own = index[len(index) - len(axes) :]
+    place = tuple(0 if n == 1 else i for n, i in zip(axes, own, strict=True))
+    return half._replace(values=half.values[place]) if place else half
+
+
+def _multiply_one(
+    device: Device, left: list[Real], right: list[Real], out: Any, first: int, form: str
+) -> None:
+    """Write the product of two matrices from one element of the result on."""
     rows, depth = left[0].values.shape
     columns = right[0].values.shape[1]
     sums = _sums_of_products(left, right)
-    out = device.empty(rows * columns * len(sums), form)
     for half, pairs in enumerate(sums):
         if rows * columns == 1 or depth * _most_terms(device, pairs) > MOST_DEPTH:
-            _multiply_by_states(device, pairs, out, half, len(sums), form)
-        elif rows * columns:
+            _multiply_by_states(device, pairs, out, first + half, len(sums), form)
+        else:
             terms = _terms(device, pairs)
-            _multiply(device, terms, (rows, columns, depth), out, half, len(sums), form)
-    return (out if len(sums) == 1 else device.joined(out)).reshape(shape)
+            _multiply(device, terms, (rows, columns, depth), out, first + half, len(sums), form)
 
 
 def _sums_of_products(left: list[Real], right: list[Real]) -> list[list[tuple[Real, Real]]]:
@@ -95,7 +116,7 @@ def _multiply(
     terms: list[Term],
     extents: tuple[int, int, int],
     out: Any,
-    half: int,
+    first: int,
     halves: int,
     form: str,
 ) -> None:
@@ -104,7 +125,7 @@ def _multiply(
     b = _doubles(device, [(run, part) for _, _, run, part in terms], columns)
     width = _tile_width(rows, columns)
     tiles = -(-columns // width) * -(-rows // (BLOCK // width))
-    _launch(
+    launch(
         device,
         "korvex_multiply",
         tiles,
@@ -114,7 +135,7 @@ def _multiply(
         rows,
         columns,
         depth * len(terms),
-        device.address(out) + half * out.itemsize,
+        device.address(out) + first * out.itemsize,
         halves,
         FORMAT_NUMBERS[form],
     )
@@ -133,7 +154,7 @@ def _doubles(device: Device, parts: list[tuple[Run, int]], inner: int) -> Run:
         if each.elements:
             first = address + place * inner * WORD_BYTES
             arguments = (*each.arguments(), part, inner, len(parts), first)
-            _launch(device, "korvex_widen", each.elements, *arguments)
+            launch(device, "korvex_widen", each.elements, *arguments)
     return Run(run.elements * len(parts), address, WORD_BYTES, number, made)
 
 
@@ -152,7 +173,7 @@ def _multiply_by_states(
     device: Device,
     pairs: list[tuple[Real, Real]],
     out: Any,
-    half: int,
+    first: int,
     halves: int,
     form: str,
 ) -> None:
@@ -163,27 +184,4 @@ def _multiply_by_states(
             for a, b in pairs:
                 x, y = a.values[row, :], b.values[:, column]
                 state.accumulate(a._replace(values=x), b._replace(values=y))
-            state.round_into(out, (row * columns + column) * halves + half, form)
-
-
-# --- Running sums
-
-
-def cumulative_sum(device: Device, x: Real, form: str, include_initial: bool) -> Any:
-    """The sums of the first elements of a vector, with that of none where it is asked for."""
-    [count] = x.values.shape
-    run = device.run(x.values, True)
-    if include_initial:
-        out = device.zeros(count + 1, form)
-    else:
-        out = device.empty(count, form)
-    if count:
-        segments = min(-(-count // _LEAST_SEGMENT), MOST_SEGMENTS)
-        memory = device.empty(segments * SEGMENT_WORDS, "int64")
-        shared = (segments, device.address(memory), count)
-        first = device.address(out) + int(include_initial) * out.itemsize
-        _launch(device, "korvex_sum_segments", *shared, *run.arguments())
-        _launch(device, "korvex_join_segments", *shared)
-        arguments = (*shared, *run.arguments(), first, FORMAT_NUMBERS[form])
-        _launch(device, "korvex_running_sums", *arguments)
-    return out
+            state.round_into(out, first + (row * columns + column) * halves, form)

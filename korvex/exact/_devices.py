@@ -71,12 +71,24 @@ class Device:
     def copy(self, words: Any) -> Any:
         raise NotImplementedError
 
+    def from_host(self, values: Any) -> Any:
+        """A copy of a NumPy array, made on the current stream."""
+        raise NotImplementedError
+
     def to_host(self, words: Any) -> Any:
         """A NumPy array with what has been written on the current stream; waits for that."""
         raise NotImplementedError
 
     def overwrite(self, words: Any, values: Any) -> None:
         """Write the values of a NumPy array, on the current stream."""
+        raise NotImplementedError
+
+    def extremes(self, numbers: Any) -> tuple[int, int]:
+        """The least and the largest of some integers as int64 has them; waits for them."""
+        raise NotImplementedError
+
+    def counts(self, numbers: Any, length: int) -> Any:
+        """How often each of 0 to length - 1 occurs among integers that are none else."""
         raise NotImplementedError
 
     def joined(self, halves: Any) -> Any:
@@ -169,11 +181,21 @@ class TorchDevice(Device):
     def copy(self, words: Any) -> Any:
         return words.clone()
 
+    def from_host(self, values: Any) -> Any:
+        return self._torch.from_numpy(values).to(self.name)
+
     def to_host(self, words: Any) -> Any:
         return words.cpu().numpy()
 
     def overwrite(self, words: Any, values: Any) -> None:
         words.copy_(self._torch.from_numpy(values))
+
+    def extremes(self, numbers: Any) -> tuple[int, int]:
+        low, high = numbers.to(self._torch.int64).aminmax()
+        return int(low), int(high)
+
+    def counts(self, numbers: Any, length: int) -> Any:
+        return self._torch.bincount(numbers.to(self._torch.int64), minlength=length)
 
     def joined(self, halves: Any) -> Any:
         return self._torch.view_as_complex(halves.reshape(len(halves) // 2, 2))
@@ -222,6 +244,10 @@ class CupyDevice(Device):
         with self._cupy.cuda.Device(self.ordinal):
             return words.copy()
 
+    def from_host(self, values: Any) -> Any:
+        with self._cupy.cuda.Device(self.ordinal):
+            return self._cupy.asarray(values)
+
     def to_host(self, words: Any) -> Any:
         with self._cupy.cuda.Device(self.ordinal):
             return self._cupy.asnumpy(words)
@@ -229,6 +255,15 @@ class CupyDevice(Device):
     def overwrite(self, words: Any, values: Any) -> None:
         with self._cupy.cuda.Device(self.ordinal):
             words.set(values)
+
+    def extremes(self, numbers: Any) -> tuple[int, int]:
+        with self._cupy.cuda.Device(self.ordinal):
+            words = numbers.astype("int64")
+            return int(words.min()), int(words.max())
+
+    def counts(self, numbers: Any, length: int) -> Any:
+        with self._cupy.cuda.Device(self.ordinal):
+            return self._cupy.bincount(numbers.astype("int64"), minlength=length)
 
     def joined(self, halves: Any) -> Any:
         return halves.view("complex64" if halves.itemsize == 4 else "complex128")

@@ -2,7 +2,7 @@
 """Functions over a whole array or along axes: exact inside, one correct rounding of each output.
 
 Names and keywords are those of the Python array API standard; a result is as the input is. What is
-not there, an axis of what lies on a GPU or in several processes, is an error that says so.
+not there, an axis of what lies in several processes, is an error that says so.
 """
 
 from __future__ import annotations

@@ -14,7 +14,7 @@ from korvex.exact._axes import (
     checked_axis,
     is_integer,
     reduced,
-    refuse_device,
+    refuse_mesh,
     refuse_parts,
     viewable,
 )
@@ -70,9 +70,14 @@ def vecdot(x: Any, y: Any, /, *, axis: int = -1, dtype: Any = None, group: Any =
     form = format_of(dtype, is_complex)
     if len(first.shape) > 1 or len(second.shape) > 1:
         refuse_parts(x_spread, y_spread)
-        for name, operand in pair:
-            refuse_device(name, operand)
-        return give_parts(home, _along(first, second, axis, form), form)
+        shape = _broadcast(first.shape, second.shape, axis)
+        if first.device is not None:
+            from korvex.exact import _device_axes
+
+            refuse_mesh("x", x_spread)
+            refuse_mesh("y", y_spread)
+            return _device_axes.vecdot(first, second, axis, shape, form)
+        return give_parts(home, _along(first, second, axis, shape, form), form)
     if x_spread.layout != y_spread.layout:
         raise ValueError("x and y are DTensors that are cut in different ways: redistribute one")
     if first.device is not None and x_spread.is_one_array and not is_complex:
@@ -88,11 +93,10 @@ def vecdot(x: Any, y: Any, /, *, axis: int = -1, dtype: Any = None, group: Any =
     return give_values(home, [value], form, ())
 
 
-def _along(x: Operand, y: Operand, axis: int, form: str) -> list[Array]:
-    """The products along an axis of conj(x) and y, or their halves."""
+def _along(x: Operand, y: Operand, axis: int, shape: tuple[int, ...], form: str) -> list[Array]:
+    """The products along an axis of conj(x) and y, or their halves; `shape` has the axis last."""
     x_halves = [_vectors_last(half, "x", axis) for half in x.halves()]
     y_halves = [_vectors_last(half, "y", axis) for half in y.halves()]
-    shape = _broadcast(x_halves[0], y_halves[0], axis)
     xr, *xi = [Real(np.broadcast_to(half.values, shape), half.format) for half in x_halves]
     yr, *yi = [Real(np.broadcast_to(half.values, shape), half.format) for half in y_halves]
     kept = len(shape) - 1
@@ -114,14 +118,18 @@ def _vectors_last(half: Real, name: str, axis: int) -> Real:
     return Real(np.moveaxis(values, axis, -1), form)
 
 
-def _broadcast(x: Real, y: Real, axis: int) -> tuple[int, ...]:
+def _broadcast(x: tuple[int, ...], y: tuple[int, ...], axis: int) -> tuple[int, ...]:
+    """The shape of both operands together, with the axis last."""
+    places = [axis % len(shape) for shape in (x, y)]
+    moved = [
+        (*shape[:n], *shape[n + 1 :], shape[n]) for shape, n in zip((x, y), places, strict=True)
+    ]
     try:
-        return np.broadcast_shapes(x.values.shape, y.values.shape)
+        return np.broadcast_shapes(*moved)
     except ValueError:
-        x_shape, y_shape = (np.moveaxis(each.values, -1, axis).shape for each in (x, y))
         raise ValueError(
-            f"x has the shape {x_shape} and y has {y_shape}: but for axis {axis} they must be "
-            "equal, or 1 where they are not"
+            f"x has the shape {x} and y has {y}: but for axis {axis} they must be equal, or 1 "
+            "where they are not"
         ) from None
 
 
@@ -203,7 +211,7 @@ def matmul(a: Any, b: Any, /, *, dtype: Any = None, group: Any = None) -> Any:
     batch = _batch(first.shape, second.shape)
     shape = batch + first.shape[-2:-1] + (second.shape[-1:] if len(second.shape) > 1 else ())
     if first.device is not None:
-        return _on_device(first, second, form, shape)
+        return _on_device(first, second, batch, form, shape)
     left = [_matrices(half, "a", True, batch) for half in first.halves()]
     right = [_matrices(half, "b", False, batch) for half in second.halves()]
     if group is not None:
@@ -217,21 +225,24 @@ def matmul(a: Any, b: Any, /, *, dtype: Any = None, group: Any = None) -> Any:
     return give_parts(home, parts, form)
 
 
-def _on_device(first: Operand, second: Operand, form: str, shape: tuple[int, ...]) -> Any:
+def _on_device(
+    first: Operand,
+    second: Operand,
+    batch: tuple[int, ...],
+    form: str,
+    shape: tuple[int, ...],
+) -> Any:
     from korvex.exact import _device_products
 
-    for name, operand in (("a", first), ("b", second)):
-        if len(operand.shape) > 2:
-            refuse_cuda("matmul of batches", (name, operand))
     left = [_matrix(half, row=True) for half in first.halves()]
     right = [_matrix(half, row=False) for half in second.halves()]
     assert first.device is not None
-    return _device_products.matmul(first.device, left, right, form, shape)
+    return _device_products.matmul(first.device, left, right, batch, form, shape)
 
 
 def _matrix(half: Real, row: bool) -> Real:
-    """A matrix as it is, and a vector as a matrix of one row or one column."""
-    if half.values.ndim == 2:
+    """Matrices as they are, and a vector as a matrix of one row or one column."""
+    if half.values.ndim > 1:
         return half
     return Real(half.values[None, :] if row else half.values[:, None], half.format)
 
@@ -343,13 +354,13 @@ def cumulative_sum(
         raise TypeError(f"include_initial must be a bool, not {type(include_initial).__name__}")
     place = _running_axis(operand.shape, axis)
     outer, inner = operand.shape[:place], operand.shape[place + 1 :]
-    if outer or inner:
-        refuse_device("x", operand)
     [half] = operand.halves()
     if operand.device is not None:
-        from korvex.exact import _device_products
+        from korvex.exact import _device_running
 
-        return _device_products.cumulative_sum(operand.device, half, form, bool(include_initial))
+        return _device_running.cumulative_sum(
+            operand.device, half, place, form, bool(include_initial)
+        )
     sums = empty((*outer, operand.shape[place] + bool(include_initial), *inner), form)
     if outer or inner:
         values, elements, _ = viewable(half, "x")

@@ -12,7 +12,7 @@ from typing import Any
 import numpy as np
 
 from korvex.exact import _native, _threads
-from korvex.exact._arrays import Operand, Real, as_operand, check_same_home, refuse_cuda
+from korvex.exact._arrays import Operand, Real, as_operand, check_same_home
 from korvex.exact._homes import Array, empty, format_of, give_parts
 from korvex.exact._operators import takes_operator, through_operator
 
@@ -57,13 +57,14 @@ def segment_sum(x: Any, ids: Any, /, num_segments: int, *, dtype: Any = None) ->
         return through_operator("segment_sum", x, ids, num_segments, dtype=dtype)
     operand, numbers = as_operand(x, "x"), as_operand(ids, "ids")
     check_same_home([("x", operand), ("ids", numbers)])
-    refuse_cuda("segment_sum", ("x", operand), ("ids", numbers))
     segments = checked_length(num_segments, "num_segments")
     if not operand.shape:
         raise ValueError("x has no axis: korvex.exact.segment_sum takes arrays with one or more")
     rows = operand.shape[0]
     _check_numbers(numbers, "ids", rows, f"x has {rows} along its first axis")
     form = format_of(dtype, operand.is_complex)
+    if operand.device is not None:
+        return _on_device(operand, 0, numbers, "ids", segments, None, form)
     parts = _summed(operand, 0, numbers, "ids", segments, None, form)
     return give_parts(operand.home, parts, form)
 
@@ -104,18 +105,20 @@ def bincount(ids: Any, /, weights: Any = None, minlength: int = 0, *, dtype: Any
     array([0.5, 0. , 0. , 1. , 0. ])
     """
     numbers = as_operand(ids, "ids")
-    refuse_cuda("bincount", ("ids", numbers))
     least = checked_length(minlength, "minlength")
     if weights is None:
         if dtype is not None:
             raise ValueError("dtype is for sums of weights, and there are none: counts are int64")
         _check_numbers(numbers, "ids")
-        length = _count_of(numbers.values, least)
+        length = _count_of(numbers, least)
+        if numbers.device is not None:
+            from korvex.exact import _device_segments
+
+            return _device_segments.counts(numbers, length)
         counts = np.bincount(numbers.values.astype(np.int64, copy=False), minlength=length)
         return numbers.home.give(counts.astype(np.int64, copy=False), "int64")
     operand = as_operand(weights, "weights")
     check_same_home([("ids", numbers), ("weights", operand)])
-    refuse_cuda("bincount", ("weights", operand))
     if operand.is_complex:
         raise TypeError("weights is complex, and bincount takes real arrays only")
     if len(operand.shape) != 1:
@@ -123,7 +126,9 @@ def bincount(ids: Any, /, weights: Any = None, minlength: int = 0, *, dtype: Any
         raise ValueError(f"weights has {axes} axes: korvex.exact takes an array with one there")
     _check_numbers(numbers, "ids", operand.shape[0], f"weights has {operand.shape[0]}")
     form = format_of(dtype)
-    length = _count_of(numbers.values, least)
+    length = _count_of(numbers, least)
+    if numbers.device is not None:
+        return _on_device(operand, 0, numbers, "ids", length, None, form)
     parts = _summed(operand, 0, numbers, "ids", length, None, form)
     return give_parts(numbers.home, parts, form)
 
@@ -170,9 +175,7 @@ def index_add(x: Any, /, dim: int, index: Any, source: Any, *, dtype: Any = None
     """
     operand, added = as_operand(x, "x"), as_operand(source, "source")
     numbers = as_operand(index, "index")
-    every = (("x", operand), ("index", numbers), ("source", added))
-    check_same_home(every)
-    refuse_cuda("index_add", *every)
+    check_same_home([("x", operand), ("index", numbers), ("source", added)])
     axis = _axis_of(operand.shape, dim)
     _check_slices(operand.shape, added.shape, axis)
     slices = added.shape[axis]
@@ -180,9 +183,26 @@ def index_add(x: Any, /, dim: int, index: Any, source: Any, *, dtype: Any = None
     if operand.is_complex != added.is_complex:
         raise TypeError("x and source must be both real or both complex")
     form = format_of(dtype, operand.is_complex)
+    if operand.device is not None:
+        return _on_device(added, axis, numbers, "index", operand.shape[axis], operand, form)
     parts = _summed(added, axis, numbers, "index", operand.shape[axis], operand, form)
     ordered = [np.ascontiguousarray(np.moveaxis(part, 0, axis)) for part in parts]
     return give_parts(operand.home, ordered, form)
+
+
+def _on_device(
+    x: Operand,
+    axis: int,
+    numbers: Operand,
+    name: str,
+    segments: int,
+    initial: Operand | None,
+    form: str,
+) -> Any:
+    """The same on a GPU, as one array with the axes of x in their order."""
+    from korvex.exact import _device_segments
+
+    return _device_segments.summed(x, axis, numbers, name, segments, initial, form)
 
 
 def _summed(
@@ -236,22 +256,32 @@ def _check_numbers(
 ) -> None:
     """They are integers in one axis, as many as expected: `whose` says by what."""
     values = numbers.values
-    if numbers.format is not None or not isinstance(values, np.ndarray):
-        raise TypeError(f"{name} has the dtype bfloat16: korvex.exact takes integers there")
-    if values.dtype.kind not in "iu":
-        raise TypeError(f"{name} has the dtype {values.dtype}: korvex.exact takes integers there")
-    if values.ndim != 1:
+    if numbers.device is not None:
+        dtype = numbers.device.format_of(values)
+    elif numbers.format is not None or not isinstance(values, np.ndarray):
+        dtype = "bfloat16"
+    else:
+        dtype = str(values.dtype)
+    if not dtype.startswith(("int", "uint")):
+        raise TypeError(f"{name} has the dtype {dtype}: korvex.exact takes integers there")
+    if len(numbers.shape) != 1:
         raise ValueError(
-            f"{name} has {values.ndim} axes: korvex.exact takes an array with one there"
+            f"{name} has {len(numbers.shape)} axes: korvex.exact takes an array with one there"
         )
-    if expected is not None and values.shape[0] != expected:
-        raise ValueError(f"{name} has {values.shape[0]} elements, and {whose}")
+    if expected is not None and numbers.shape[0] != expected:
+        raise ValueError(f"{name} has {numbers.shape[0]} elements, and {whose}")
 
 
-def _count_of(values: Array, least: int) -> int:
+def _count_of(numbers: Operand, least: int) -> int:
     """How many numbers from 0 on there are up to the largest; none may be negative."""
-    if not values.size:
+    values = numbers.values
+    if not numbers.shape[0]:
         return least
+    if numbers.device is not None:
+        low, high = numbers.device.extremes(values)
+        if 0 <= low and high <= _LARGEST:
+            return max(least, high + 1)
+        values = numbers.device.to_host(values)  # one of them is wrong
     low, high = int(values.min()), int(values.max())
     if low < 0:
         first = int(np.argmax(values < 0))

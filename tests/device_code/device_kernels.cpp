@@ -78,6 +78,12 @@ const DeviceKernel kStateKernels[] = {
     {"korvex_sum_segments", call<korvex_sum_segments>},
     {"korvex_join_segments", call<korvex_join_segments>},
     {"korvex_running_sums", call<korvex_running_sums>},
+    {"korvex_add_axes", call<korvex_add_axes>},
+    {"korvex_multiply_axes", call<korvex_multiply_axes>},
+    {"korvex_add_by_ids", call<korvex_add_by_ids>},
+    {"korvex_round_states", call<korvex_round_states>},
+    {"korvex_sum_columns", call<korvex_sum_columns>},
+    {"korvex_running_axes", call<korvex_running_axes>},
 };
 static_assert(std::size(kStateKernels) == kernels::kStateKernelCount);
 

@@ -2,8 +2,11 @@
 """What tests of `korvex.exact` have in common."""
 
 import gc
+import os
 
 import pytest
+import stub_gpu
+import subprocess_run
 
 from korvex import exact
 from korvex.exact import _native
@@ -34,3 +37,33 @@ def quick_collections():
     gc.freeze()
     yield
     gc.unfreeze()
+
+
+# --- GPUs over a stub of the driver
+
+
+@pytest.fixture(scope="session")
+def stub(tmp_path_factory):
+    shared = tmp_path_factory.getbasetemp()
+    if "PYTEST_XDIST_WORKER" in os.environ:
+        shared = shared.parent
+    return stub_gpu.build(shared / "stub_gpu")
+
+
+@pytest.fixture
+def run(stub, tmp_path):
+    """Run a script over the stub driver, with kernel files by these names."""
+
+    def run_script(library, script, files=("sm_80", "sm_90"), **environment):
+        launcher = stub_gpu.install(tmp_path / "installation", *files)
+        paths = [str(stub), os.environ.get("LD_LIBRARY_PATH")]
+        environment = {
+            "LD_LIBRARY_PATH": os.pathsep.join(filter(None, paths)),
+            "KORVEX_TEST_LAUNCHER": str(launcher),
+        } | environment
+        lines = script.splitlines()
+        margin = min(len(text) - len(text.lstrip()) for text in lines if text.strip())
+        body = "\n".join(text[margin:] for text in lines)
+        return subprocess_run.run_python(stub_gpu.PREAMBLE + library + body, **environment)
+
+    return run_script

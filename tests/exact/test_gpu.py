@@ -5,75 +5,19 @@ Values and states against those of the same arrays in host memory, bit for bit; 
 driver: kernels, devices, streams, their order. No GPU takes part.
 """
 
-import os
 import re
 from pathlib import Path
 
-import pytest
-import stub_gpu
 import subprocess_run
+from stub_gpu import CUPY, TORCH
 
-from korvex.exact import _device_products, _devices
-
-PREAMBLE = """
-import os, sys
-import numpy as np
-import pytest
-import stub_gpu
-
-driver = stub_gpu.StubDriver()
-stub_gpu.import_launcher(os.environ["KORVEX_TEST_LAUNCHER"])
-"""
-CUPY = """
-cupy = stub_gpu.cupy_module(driver)
-from korvex import exact
-
-def on(values, device=0):
-    return stub_gpu.CupyArray(values, device)
-
-def value(array):
-    with cupy.cuda.Device(array.device.id):
-        return cupy.asnumpy(array)[()]
-
-def bits(x):
-    return np.asarray(x).tobytes()
-
-rng = np.random.default_rng(5)
-x = np.ldexp(rng.standard_normal(3000), rng.integers(-60, 60, 3000))
-y = rng.standard_normal(3000)
-"""
-TORCH = """
-torch, CudaTensor = stub_gpu.pretend_torch_has_a_gpu(driver)
-from korvex import exact
-"""
-
-
-@pytest.fixture(scope="session")
-def stub(tmp_path_factory):
-    shared = tmp_path_factory.getbasetemp()
-    if "PYTEST_XDIST_WORKER" in os.environ:
-        shared = shared.parent
-    return stub_gpu.build(shared / "stub_gpu")
-
-
-@pytest.fixture
-def run(stub, tmp_path):
-    """Run a script over the stub driver, with kernel files by these names."""
-
-    def run_script(library, script, files=("sm_80", "sm_90"), **environment):
-        launcher = stub_gpu.install(tmp_path / "installation", *files)
-        paths = [str(stub), os.environ.get("LD_LIBRARY_PATH")]
-        environment = {
-            "LD_LIBRARY_PATH": os.pathsep.join(filter(None, paths)),
-            "KORVEX_TEST_LAUNCHER": str(launcher),
-        } | environment
-        lines = script.splitlines()
-        margin = min(len(text) - len(text.lstrip()) for text in lines if text.strip())
-        body = "\n".join(text[margin:] for text in lines)
-        return subprocess_run.run_python(PREAMBLE + library + body, **environment)
-
-    return run_script
-
+from korvex.exact import (
+    _device_products,
+    _device_running,
+    _device_segments,
+    _devices,
+    _native,
+)
 
 # --- Values
 
@@ -324,7 +268,7 @@ def test_running_sums(run):
     run(
         MATRICES,
         """
-        from korvex.exact import _device_products
+        from korvex.exact import _device_running
         inf, most = np.inf, np.finfo(float).max
         cases = [x, x[::-3], y[:33], x[:1], x[:0], rng.integers(-(2**63), 2**63 - 1, 500),
                  rng.integers(0, 2**64 - 1, 500, dtype=np.uint64), x[:100] > 0,
@@ -332,7 +276,7 @@ def test_running_sums(run):
                  np.where(np.arange(200) == 150, inf, 1.0),
                  np.where(np.arange(90) == 5, np.nan, 1.0)]
         for segments in (8192, 7):
-            _device_products.MOST_SEGMENTS = segments
+            _device_running.MOST_SEGMENTS = segments
             for array in cases:
                 for form in ("float64", "float32", "float16"):
                     for initial in (False, True):
@@ -345,7 +289,7 @@ def test_running_sums(run):
         assert driver.take_launches() == [
             ("korvex_sum_segments", 0, 5, 1), ("korvex_join_segments", 0, 5, 1),
             ("korvex_running_sums", 0, 5, 1)]
-        _device_products.MOST_SEGMENTS = 8192
+        _device_running.MOST_SEGMENTS = 8192
         exact.cumulative_sum(on(np.ones(3333)))  # 105 segments
         assert [blocks for *_, blocks in driver.take_launches()] == [4, 1, 4]
         for wrong, text in ((x.reshape(2, -1), "x has 2 axes"),):
@@ -626,22 +570,13 @@ def test_what_has_no_kernels_is_refused_by_name(run):
             (lambda: exact.matmul(on(np.ones((2, 3))), on(np.ones(3)), group=object()),
              "a is in the memory of a GPU, and korvex.exact.matmul with a group has no kernels for "
              "GPUs yet: copy it to the host, a.cpu() in torch and a.get() in CuPy"),
-            (lambda: exact.matmul(on(np.ones(3)), on(np.ones((2, 3, 2)))),
-             "b is in the memory of a GPU, and korvex.exact.matmul of batches has no kernels for "
-             "GPUs yet: copy it to the host, b.cpu() in torch and b.get() in CuPy"),
-            *((call,
-               "x is in the memory of a GPU, and axis= of an array there is not built yet: reduce "
-               "it whole, or copy it to the host, x.cpu() in torch and x.get() in CuPy")
-              for call in (lambda: exact.sum(on(np.ones((2, 3))), axis=0),
-                           lambda: exact.mean(on(np.ones((2, 3))), axis=1),
-                           lambda: exact.var(on(np.ones((2, 3))), axis=1),
-                           lambda: exact.cumulative_sum(on(np.ones((2, 3))), axis=1),
-                           lambda: exact.vecdot(on(np.ones((2, 3))), on(np.ones((2, 3)))))),
         ):
             with pytest.raises(TypeError) as error:
                 call()
             assert str(error.value) == text
         for call in (lambda: exact.sum(on(x), dtype="bfloat16"),
+                     lambda: exact.sum(on(x.reshape(50, 60)), axis=0, dtype="bfloat16"),
+                     lambda: exact.segment_sum(on(x), on(np.arange(3000)), 3000, dtype="bfloat16"),
                      lambda: exact.matmul(on(x), on(x), dtype="bfloat16"),
                      lambda: exact.cumulative_sum(on(x), dtype="bfloat16"),
                      lambda: exact.cumulative_sum(on(x), dtype="bfloat16", include_initial=True)):
@@ -716,12 +651,21 @@ def test_sizes_of_memory_and_parts_are_those_of_the_kernels():
     parts = re.search(r"enum ElementPart : int \{(.*?)\};", text, re.DOTALL).group(1)
     names = re.findall(r"k(\w+)Part", parts)
     assert [getattr(_device_products, name.upper()) for name in names] == [0, 1, 2]
-    assert f"kSegmentWords = {_device_products.SEGMENT_WORDS};" in text
+    assert f"kSegmentWords = {_device_running.SEGMENT_WORDS};" in text
     table = (tree / "korvex" / "kernels" / "table.h").read_text()
     assert f"kGridBlock = {_device_products.BLOCK};" in table
     element = (tree / "korvex" / "arithmetic" / "exact" / "matrix_product.h").read_text()
     assert "kLongestElement = std::int64_t{1} << 17;" in element
     assert _device_products.MOST_DEPTH == 1 << 17
+    functions = re.search(r"enum StateFunctionNumber : int \{(.*?)\};", text, re.DOTALL).group(1)
+    names = re.findall(r"k(\w+)Function", functions)
+    numbers = ["TOTAL", "MEAN", "VARIANCE", "DEVIATION", "DOT_PRODUCT", "NORM"]
+    assert [name.lower() for name in names] == [
+        *(number.lower().replace("_", "") for number in numbers),
+        "settle",
+    ]
+    assert [getattr(_native, number) for number in numbers] == list(range(6))
+    assert _device_segments.SETTLE == 6
 
 
 def test_device_names(run):

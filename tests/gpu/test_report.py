@@ -125,7 +125,7 @@ def test_launches_on_the_whole_device_and_kernels_of_states_have_stages(options,
         assert found[name].environment["KORVEX_LAUNCH"] == "device"
     assert found["tqx_var_kernel"].environment.get("KORVEX_LAUNCH") is None
     states = [name.removeprefix("states ") for name in found if name.startswith("states ")]
-    assert tuple(states) == kernel_table.of_states() and len(states) == 9
+    assert tuple(states) == kernel_table.of_states() and len(states) == 15
 
 
 def test_name_of_a_kernel_selects_its_tests_alone():

@@ -120,6 +120,45 @@ def test_running_sums_on_a_gpu(on_gpu, kernel, form):
         np.testing.assert_array_equal(found, exact.cumulative_sum(x), strict=True)
 
 
+@pytest.mark.parametrize("form", ["float64", "float32", "int64"])
+@pytest.mark.parametrize(
+    "kernel",
+    ["korvex_add_axes", "korvex_multiply_axes", "korvex_round_states", "korvex_sum_columns"],
+)
+def test_axes_on_a_gpu(on_gpu, kernel, form):
+    functions = (exact.sum, exact.mean, exact.var, exact.std, exact.vector_norm)
+    for shape in ((3, 5), (1, 100_001), (70_000, 7), (33, 4097), (300, 3000)):
+        for kind in ("normal", "any bits"):
+            table = draw_values(form, shape[0] * shape[1], kind).reshape(shape)
+            own = on_gpu(table)
+            for x, given in ((table, own), (table.T, own.T), (table[::2, ::3], own[::2, ::3])):
+                for axis in (0, 1):
+                    for function in functions:
+                        found = function(given, axis=axis).cpu().numpy()
+                        np.testing.assert_array_equal(found, function(x, axis=axis), strict=True)
+
+
+@pytest.mark.parametrize("form", ["float64", "float32", "int64"])
+@pytest.mark.parametrize("kernel", ["korvex_add_by_ids"])
+def test_sums_by_segment_on_a_gpu(on_gpu, kernel, form):
+    draw = np.random.default_rng(4)
+    for n, columns, segments in ((5, 1, 2), (300_001, 1, 1000), (5000, 8, 70_000)):
+        x = draw_values(form, n * columns, "normal").reshape(n, columns)
+        ids = draw.integers(0, segments, n)
+        found = exact.segment_sum(on_gpu(x), on_gpu(ids), segments).cpu().numpy()
+        np.testing.assert_array_equal(found, exact.segment_sum(x, ids, segments), strict=True)
+
+
+@pytest.mark.parametrize("form", ["float64", "float32", "int64"])
+@pytest.mark.parametrize("kernel", ["korvex_running_axes"])
+def test_running_sums_of_vectors_on_a_gpu(on_gpu, kernel, form):
+    for shape in ((300, 5), (2, 5000), (1000, 300)):
+        x = draw_values(form, shape[0] * shape[1], "normal").reshape(shape)
+        for axis in (0, 1):
+            found = exact.cumulative_sum(on_gpu(x), axis=axis).cpu().numpy()
+            np.testing.assert_array_equal(found, exact.cumulative_sum(x, axis=axis), strict=True)
+
+
 def found_bytes(form: str) -> int:
     return bits_of(0.0, form).itemsize
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "tests/launches/result_array.h"
 #include "tests/launches/state_data.h"
 
 namespace korvex::launches {
@@ -20,57 +21,6 @@ bool is_wide(int format) {
   return format == kernels::kInt64Format || format == kernels::kUint64Format;
 }
 
-StateArray junk_array(const char* name, std::int64_t bytes) {
-  StateArray array;
-  array.name = name;
-  array.bytes.resize(static_cast<std::size_t>(bytes), 0xa5);
-  array.is_unwritten = true;
-  return array;
-}
-
-// The result is there twice: as the host writes it, and as the device does.
-class Result {
- public:
-  Result(StateRunner& device, std::int64_t count, int format, std::int64_t step)
-      : bytes_(static_cast<std::size_t>(kBytes[format])),
-        step_(static_cast<std::size_t>(step)),
-        expected_(static_cast<std::size_t>(count) * bytes_),
-        array_(junk_array("out", count * step * kBytes[format])) {
-    device.place(array_);
-  }
-
-  void* of_host() { return expected_.data(); }
-  std::uint64_t address() const { return array_.address; }
-
-  // Between the elements of the result nothing is written.
-  void require_same(StateRunner& device) {
-    device.read(array_);
-    for (std::size_t i = 0; i < array_.bytes.size() / bytes_; ++i) {
-      const unsigned char* found = array_.bytes.data() + i * bytes_;
-      const bool is_between = i % step_ != 0;
-      const bool is_same =
-          is_between ? std::all_of(found, found + bytes_, [](auto each) { return each == 0xa5; })
-                     : std::memcmp(found, expected_.data() + i / step_ * bytes_, bytes_) == 0;
-      if (!is_same) {
-        std::uint64_t bits = 0;
-        std::uint64_t of_host = 0;
-        std::memcpy(&bits, found, bytes_);
-        std::memcpy(&of_host, expected_.data() + i / step_ * bytes_, bytes_);
-        std::ostringstream text;
-        text << "result differs: element " << i / step_ << " is " << std::hex << bits
-             << ", on the host " << (is_between ? 0xa5 : of_host);
-        throw Failure(text.str());
-      }
-    }
-  }
-
- private:
-  std::size_t bytes_;
-  std::size_t step_;
-  std::vector<unsigned char> expected_;
-  StateArray array_;
-};
-
 class ArrayRun {
  public:
   ArrayRun(StateRunner& device, const korvex_exact_functions& host, const StateCase& one)
@@ -79,7 +29,7 @@ class ArrayRun {
   void multiply() {
     DrawnOperand a = draw_operand(random_, case_.a, case_.rows * case_.depth, "a");
     DrawnOperand b = draw_operand(random_, case_.b, case_.depth * case_.columns, "b");
-    Result result(device_, case_.rows * case_.columns, case_.format, case_.step);
+    ResultArray result(device_, case_.rows * case_.columns, case_.format, case_.step);
     multiply_on_host(a, b, result.of_host());
     const std::int64_t copies =
         std::int64_t{is_wide(case_.a.format) ? 2 : 1} * (is_wide(case_.b.format) ? 2 : 1);
@@ -97,7 +47,7 @@ class ArrayRun {
 
   void run_sums() {
     DrawnOperand x = draw_operand(random_, case_.a, case_.depth, "x");
-    Result result(device_, case_.depth, case_.format, 1);
+    ResultArray result(device_, case_.depth, case_.format, case_.step);
     const korvex_exact_array array = {x.array.bytes.data() + x.first, case_.a.format, 1,
                                       &case_.depth, &x.byte_stride};
     const korvex_exact_running running = {case_.format, 0, 1};
@@ -113,7 +63,7 @@ class ArrayRun {
     launch("korvex_sum_segments", elements);
     launch("korvex_join_segments", {elements[0], elements[1], elements[2]});
     std::vector<std::uint64_t> values = elements;
-    values.insert(values.end(), {result.address(), word(case_.format)});
+    values.insert(values.end(), {result.address(), word(case_.step), word(case_.format)});
     launch("korvex_running_sums", values);
     result.require_same(device_);
   }
@@ -236,6 +186,7 @@ class CaseMaker {
     } else {
       one.depth = size(random, 700);
       one.segments = 1 + random.below(random.below(2) == 0 ? 6 : 150);
+      one.step = 1 + random.below(2);
     }
     return one;
   }

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "tests/launches/array_cases.h"
+#include "tests/launches/many_cases.h"
 #include "tests/launches/state_data.h"
 
 namespace korvex::launches {
@@ -211,6 +212,9 @@ std::string name_of(const StateCase& one) {
   if (one.arrays) {
     name << name_of(*one.arrays);
   }
+  if (one.many) {
+    name << name_of(*one.many);
+  }
   return name.str();
 }
 
@@ -220,6 +224,8 @@ void run_state_case(StateRunner& device, const korvex_exact_functions& host, con
     const std::string_view kernel = one.kernel->name;
     if (one.arrays) {
       run_array_case(device, host, one);
+    } else if (one.many) {
+      run_many_case(device, host, one);
     } else if (kernel == "korvex_settle_state") {
       run_settling(device, host, one);
     } else if (kernel == "korvex_round_state") {
@@ -332,6 +338,9 @@ std::vector<StateCase> state_cases_of(const StateKernelRow& kernel, bool is_long
                                       std::uint64_t seed) {
   if (is_of_arrays(kernel)) {
     return array_cases_of(kernel, is_long, seed);
+  }
+  if (is_of_many(kernel)) {
+    return many_cases_of(kernel, is_long, seed);
   }
   CaseMaker maker(kernel, is_long, seed);
   const std::string_view name = kernel.name;

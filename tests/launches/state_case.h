@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Launches of the kernels of exact states on drawn data, for whatever runs device code on a host:
 // several into one state, which must then be that of the host library, word for word; those of one
-// matrix product or running sum (array_cases.h), whose results must be the host library's.
+// matrix product or running sum (array_cases.h) and of many states (many_cases.h), whose results
+// must be the host library's.
 #pragma once
 
 #include <cstdint>
@@ -76,6 +77,26 @@ struct ArrayCase {
   Shape shape;
 };
 
+// What is done with an array of some dimensions.
+enum class ManyWay {
+  kAxes,     // reductions by states
+  kColumns,  // by a thread for each output
+  kIds,      // sums by segment
+  kRunning,  // running sums of vectors
+};
+
+// Reductions along some dimensions, sums by segment, running sums. Shapes and layouts are drawn by
+// the seed.
+struct ManyCase {
+  ManyWay way = ManyWay::kAxes;
+  int function = kernels::kTotalFunction;
+  StateOperand a;
+  StateOperand b;                        // of dot products
+  int pairs = 1;                         // of those: the products of the second are taken away
+  int format = kernels::kFloat64Format;  // of the result
+  Shape shape;
+};
+
 // Additions to one state; of the kernels that settle and round, drawn words; of the others arrays.
 struct StateCase {
   const kernels::StateKernelRow* kernel = nullptr;
@@ -83,6 +104,7 @@ struct StateCase {
   std::vector<StateAddition> additions;
   std::uint64_t seed = 0;
   std::optional<ArrayCase> arrays = std::nullopt;
+  std::optional<ManyCase> many = std::nullopt;
 };
 
 std::string name_of(const StateCase& one);

@@ -24,6 +24,39 @@ import numpy as np
 _SOURCE = Path(__file__).resolve().parent.parent / "exact" / "stub_cuda"
 NAME = "korvex.exact._cuda"
 
+# How scripts for a process with the stub begin: for either library the last two together.
+PREAMBLE = """
+import os, sys
+import numpy as np
+import pytest
+import stub_gpu
+
+driver = stub_gpu.StubDriver()
+stub_gpu.import_launcher(os.environ["KORVEX_TEST_LAUNCHER"])
+"""
+CUPY = """
+cupy = stub_gpu.cupy_module(driver)
+from korvex import exact
+
+def on(values, device=0):
+    return stub_gpu.CupyArray(values, device)
+
+def value(array):
+    with cupy.cuda.Device(array.device.id):
+        return cupy.asnumpy(array)[()]
+
+def bits(x):
+    return np.asarray(x).tobytes()
+
+rng = np.random.default_rng(5)
+x = np.ldexp(rng.standard_normal(3000), rng.integers(-60, 60, 3000))
+y = rng.standard_normal(3000)
+"""
+TORCH = """
+torch, CudaTensor = stub_gpu.pretend_torch_has_a_gpu(driver)
+from korvex import exact
+"""
+
 
 def build(folder):
     """Build the stub driver in `folder`, once for all processes of a run; return its folder."""
@@ -139,6 +172,15 @@ class CupyArray:
     def copy(self):
         return self._like(self.values.copy())
 
+    def astype(self, dtype):
+        return self._like(self.values.astype(dtype))
+
+    def min(self):
+        return self.values.min()
+
+    def max(self):
+        return self.values.max()
+
     def set(self, values):
         self.values[...] = values
 
@@ -195,6 +237,9 @@ def cupy_module(driver):
     cupy.empty = lambda count, dtype: made(np.full(count, 7, dtype))
     cupy.asarray = lambda values: made(np.array(values))
     cupy.ascontiguousarray = lambda array: array._like(np.ascontiguousarray(array.values))
+    cupy.bincount = lambda array, minlength: array._like(
+        np.bincount(array.values, minlength=minlength)
+    )
     cupy.asnumpy = on_host
     sys.modules["cupy"] = cupy
     return cupy

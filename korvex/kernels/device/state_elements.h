@@ -144,6 +144,11 @@ class StateElements {
     other.first_ += count * stride_;
     return other;
   }
+  KORVEX_INLINE StateElements moved(std::int64_t bytes) const {
+    StateElements other = *this;
+    other.first_ += bytes;
+    return other;
+  }
   KORVEX_INLINE double operator[](int place) const {
     std::uint64_t raw[1];
     double value[1];

@@ -153,15 +153,34 @@ KORVEX_HD void add_elements_by_grid(const Thread& thread, const StateElements& x
 
 // Counts the products of a tile that are not finite, where one factor is a wide integer: an
 // infinity must meet the whole integer, not its halves, which may be 0 or of another sign.
-template <class Thread>
-KORVEX_COLD void count_special_products(const CountingThread<Thread>& thread,
-                                        const StateElements& x, const StateElements& y, int count) {
+template <class Thread, class Elements>
+KORVEX_COLD void count_special_products(const CountingThread<Thread>& thread, Elements x,
+                                        Elements y, int count) {
   for (int place = thread.lane(); place < count; place += kLanes) {
     const double x_factor = x.whole(place);
     const double y_factor = y.whole(place);
     if (!arithmetic::is_finite(x_factor) || !arithmetic::is_finite(y_factor)) {
       thread.count_special(arithmetic::mul_rn(x_factor, y_factor));
     }
+  }
+}
+
+// Adds the products of a tile, of which elements may be wide integers.
+template <class Thread, class Elements>
+KORVEX_INLINE void add_products_of_tile(const CountingThread<Thread>& counting,
+                                        const WarpProducts<CountingThread<Thread>>& products,
+                                        Elements x, Elements y, int count) {
+  if (x.is_wide() != y.is_wide()) {
+    count_special_products(counting, x, y, count);
+    x = x.finite();
+    y = y.finite();
+  }
+  const int x_halves = x.is_wide() ? 2 : 1;
+  const int y_halves = y.is_wide() ? 2 : 1;
+  // One loop, as the code of a tile is long.
+  for (int pass = 0; pass < x_halves * y_halves; ++pass) {
+    products.add_tile(pass % x_halves == 0 ? x : x.low(), pass / x_halves == 0 ? y : y.low(),
+                      count);
   }
 }
 
@@ -174,22 +193,8 @@ KORVEX_HD void add_products_by_grid(const Thread& thread, const StateElements& x
   const CountingThread<Thread> counting(thread, block.specials);
   const WarpProducts<CountingThread<Thread>> products(counting, block.found.digits[thread.warp()],
                                                       block.found.special);
-  const bool one_is_wide = x.is_wide() != y.is_wide();
-  const int x_halves = x.is_wide() ? 2 : 1;
-  const int y_halves = y.is_wide() ? 2 : 1;
   for_tiles_of_warp<kDotTile>(thread, n, [&](std::int64_t begin, int count) {
-    StateElements x_tile = x + begin;
-    StateElements y_tile = y + begin;
-    if (one_is_wide) {
-      count_special_products(counting, x_tile, y_tile, count);
-      x_tile = x_tile.finite();
-      y_tile = y_tile.finite();
-    }
-    // One loop, as the code of a tile is long.
-    for (int pass = 0; pass < x_halves * y_halves; ++pass) {
-      products.add_tile(pass % x_halves == 0 ? x_tile : x_tile.low(),
-                        pass / x_halves == 0 ? y_tile : y_tile.low(), count);
-    }
+    add_products_of_tile(counting, products, x + begin, y + begin, count);
   });
   hand_in_to_state(thread, n, block, state);
 }

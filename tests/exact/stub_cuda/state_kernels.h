@@ -7,9 +7,14 @@
 #include <cstring>
 #include <vector>
 
+#include "korvex/kernels/device/state_axes.h"
+#include "korvex/kernels/device/state_columns.h"
+#include "korvex/kernels/device/state_functions.h"
+#include "korvex/kernels/device/state_ids.h"
 #include "korvex/kernels/device/state_products.h"
 #include "korvex/kernels/device/state_segments.h"
 #include "korvex/kernels/device/state_sums.h"
+#include "korvex/kernels/device/state_vectors.h"
 #include "tests/device_code/simulated_grid.h"
 
 namespace korvex::kernels {
@@ -70,7 +75,57 @@ inline bool run_array_kernel(int row, unsigned blocks, const std::uint64_t* valu
     default:
       return run_on_grid<NoMemory>(blocks, [&](const auto& thread, NoMemory&) {
         write_running_sums_by_grid(thread, elements, segments,
-                                   {pointer(6), 1, static_cast<int>(number(7))});
+                                   {pointer(6), number(7), static_cast<int>(number(8))});
+      });
+  }
+}
+
+struct FunctionMemories {
+  FunctionMemory of_worker[kFunctionWorkers];
+};
+
+// Kernels of many states.
+inline bool run_kernel_of_many(int row, unsigned blocks, const std::uint64_t* values) {
+  const auto number = [values](int i) { return static_cast<std::int64_t>(values[i]); };
+  const auto format = [values](int i) { return static_cast<int>(values[i]); };
+  const auto pointer = [values](int i) { return reinterpret_cast<void*>(values[i]); };
+  const auto words = [values](int i) { return reinterpret_cast<std::int64_t*>(values[i]); };
+  switch (row) {
+    case 9:
+      return run_on_grid<TeamMemory<arithmetic::ExactSum>>(
+          blocks, [&](const auto& thread, auto& block) {
+            add_axes_by_grid(thread, number(0), number(1), AxisPlan(words(2)),
+                             {pointer(3), format(4), 0}, {words(5), words(7), number(6), 1}, block);
+          });
+    case 10:
+      return run_on_grid<TeamMemory<arithmetic::ExactProductSum>>(
+          blocks, [&](const auto& thread, auto& block) {
+            multiply_axes_by_grid(thread, number(0), number(1), AxisPlan(words(2)),
+                                  {pointer(3), format(4), 0}, {pointer(5), format(6), 1},
+                                  {words(8), words(10), number(9), number(7)}, block);
+          });
+    case 11:
+      return run_on_grid<NoMemory>(blocks, [&](const auto& thread, NoMemory&) {
+        const SegmentIds ids{static_cast<const unsigned char*>(pointer(2)), number(3), format(4)};
+        add_by_ids_by_grid(thread, number(0), number(1), ids, SegmentPlan(words(5)),
+                           StateElements(pointer(6), 0, format(7)),
+                           {words(8), number(9), number(10), words(11)});
+      });
+    case 13:
+      return run_on_grid<ColumnMemory>(blocks, [&](const auto& thread, auto& block) {
+        sum_columns_by_grid(thread, number(0), AxisPlan(words(1)), {pointer(2), format(3), 0},
+                            {format(4), number(5)}, {pointer(6), number(7), format(8)}, block);
+      });
+    case 14:
+      return run_on_grid<NoMemory>(blocks, [&](const auto& thread, NoMemory&) {
+        write_running_axes_by_grid(thread, number(0), {number(1), pointer(2)}, AxisPlan(words(3)),
+                                   {pointer(4), format(5), 0}, {pointer(6), format(7)});
+      });
+    default:
+      return run_on_grid<FunctionMemories>(blocks, [&](const auto& thread, auto& block) {
+        round_states_by_grid(thread, number(0), words(1),
+                             {format(2), number(3), values[4], values[5]},
+                             {pointer(6), number(7), format(8)}, block.of_worker);
       });
   }
 }
@@ -105,6 +160,13 @@ inline bool run_state_kernel(int row, unsigned blocks, const std::uint64_t* valu
         round_by_block(thread, kind, words, values[2] != 0, static_cast<int>(values[3]),
                        reinterpret_cast<void*>(values[4]), block);
       });
+    case 9:
+    case 10:
+    case 11:
+    case 12:
+    case 13:
+    case 14:
+      return run_kernel_of_many(row, blocks, values);
     default:
       return run_array_kernel(row, blocks, values, elements(values + (row == 4 ? 1 : 3)));
   }
