@@ -25,8 +25,8 @@ crossing=(-DCMAKE_SYSTEM_NAME=Linux -DCMAKE_SYSTEM_PROCESSOR=aarch64
   -DCMAKE_CXX_COMPILER=aarch64-linux-gnu-g++)
 quietly() { "$@" >"$folder/log.txt" 2>&1 || { cat "$folder/log.txt"; exit 1; }; }
 quietly cmake -S . -B "$folder/package" "${crossing[@]}" -DKORVEX_CUDA_ARCHITECTURES=none \
-  "-DCMAKE_CXX_FLAGS=-isystem $folder/include" -DPython_SOABI=cpython-313-aarch64-linux-gnu \
-  "-DPython_INCLUDE_DIR=$root/usr/include/python3.13"
+  "-DCMAKE_CXX_FLAGS=-isystem $folder/include" -DKORVEX_PYTHON_SUFFIX=cpython-313-aarch64-linux-gnu.so \
+  "-DKORVEX_PYTHON_INCLUDE=$root/usr/include/python3.13"
 quietly cmake --build "$folder/package" --parallel "$jobs"
 quietly cmake -S cmake/verify -B "$folder/levels" "${crossing[@]}"
 quietly cmake --build "$folder/levels" --parallel "$jobs"
