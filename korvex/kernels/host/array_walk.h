@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 #include "korvex/kernels/host/exact.h"
 #include "korvex/kernels/host/formats.h"
@@ -23,24 +24,28 @@ constexpr std::int64_t kLongRun = 1024;  // elements side by side that are worth
 constexpr std::int64_t kReadAhead = 2048;  // bytes: memory's latency at full speed
 constexpr std::int64_t kLine = 64;         // bytes of a cache that are fetched together
 
+// The even elements of two registers.
+template <class Vector, std::size_t... kIndices>
+KORVEX_INLINE Vector even_elements(Vector first, Vector second, std::index_sequence<kIndices...>) {
+  return __builtin_shufflevector(first, second, static_cast<int>(2 * kIndices)...);
+}
+
 // Every second element: whole registers are read, and half of each is kept. Returns how many were
 // copied; it leaves the last ones, so that nothing behind them is read.
 template <std::int64_t kBytes>
 std::int64_t copy_every_second(char* to, const char* from, std::int64_t count) {
-  constexpr int kLanes = 8 * arithmetic::kHostLanes / kBytes;
+  constexpr std::int64_t kRegisterBytes = std::int64_t{8} * arithmetic::kHostLanes;
+  constexpr std::int64_t kLanes = kRegisterBytes / kBytes;
   using Element = std::conditional_t<kBytes == 8, std::uint64_t, std::uint32_t>;
-  using Vector __attribute__((vector_size(8 * arithmetic::kHostLanes))) = Element;
-  Vector even;
-  for (int lane = 0; lane < kLanes; ++lane) {
-    even[lane] = static_cast<Element>(2 * lane);
-  }
+  using Vector __attribute__((vector_size(kRegisterBytes))) = Element;
   std::int64_t i = 0;
   for (; i + kLanes < count; i += kLanes) {
     __builtin_prefetch(from + kReadAhead);  // reads nothing, so it may point past the end
     __builtin_prefetch(from + kReadAhead + kLine);
     Vector halves[2];
     std::memcpy(halves, from, sizeof halves);
-    const Vector kept = __builtin_shuffle(halves[0], halves[1], even);
+    const Vector kept =
+        even_elements(halves[0], halves[1], std::make_index_sequence<std::size_t{kLanes}>());
     std::memcpy(to, &kept, sizeof kept);
     from += sizeof halves;
     to += sizeof kept;
