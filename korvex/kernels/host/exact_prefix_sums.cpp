@@ -184,13 +184,13 @@ void scan(const Line& line, std::int64_t begin, std::int64_t end, int format, Pr
     const auto write_narrow = [&](std::int64_t i, const ValueAndError& limbs) {
       out.write(first_out + i * step, rounded_once(limbs.value, sign_of(limbs.error), narrow));
     };
-    double* const doubles = out.doubles() == nullptr ? nullptr : out.doubles() + first_out;
+    double* const doubles = narrow == nullptr ? out.doubles_from(first_out) : nullptr;
     const auto write_double = [doubles, step](std::int64_t i, const ValueAndError& limbs) {
       doubles[i * step] = arithmetic::add_rn(limbs.value, 0.0);  // -0 to +0
     };
     if (x.low != nullptr) {
       scan_elements<true>(x, prefix, write_narrow, write_any);
-    } else if (doubles != nullptr) {
+    } else if (narrow == nullptr) {
       scan_elements<false>(x, prefix, write_double, write_any);
     } else {
       scan_elements<false>(x, prefix, write_narrow, write_any);

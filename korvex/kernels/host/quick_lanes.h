@@ -91,11 +91,15 @@ KORVEX_INLINE LogEntries quick_log_entry(HostBits index) {
   entries.high =
       _mm256_permute2f128_pd(_mm256_unpackhi_pd(e0, e1), _mm256_unpackhi_pd(e2, e3), 0x20);
 #else
+  HostDoubles::Vector reciprocal = {}, high = {}, low = {};  // g++ for Arm warns without the zeros
   for (int i = 0; i < kHostLanes; ++i) {
-    entries.reciprocal.value[i] = at(i)[0];
-    entries.high.value[i] = at(i)[1];
-    entries.low.value[i] = at(i)[2];
+    reciprocal[i] = at(i)[0];
+    high[i] = at(i)[1];
+    low[i] = at(i)[2];
   }
+  entries.reciprocal = reciprocal;
+  entries.high = high;
+  entries.low = low;
 #endif
   return entries;
 }

@@ -36,10 +36,8 @@ class ResultArray {
  public:
   ResultArray(void* out, int format) : out_(out), format_(format) {}
 
-  // Null where the format is not float64.
-  double* doubles() const {
-    return narrow_format(format_) == nullptr ? static_cast<double*>(out_) : nullptr;
-  }
+  // From the i-th element on. Precondition: the format is float64.
+  double* doubles_from(std::int64_t i) const { return static_cast<double*>(out_) + i; }
 
   // Precondition: the format holds x exactly.
   void write(std::int64_t i, double x) const {
