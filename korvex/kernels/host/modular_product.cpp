@@ -145,7 +145,7 @@ class ModularProduct {
                                   offset / kBlockColumns * kBlockColumns * shape.depth +
                                   offset % kBlockColumns * kQuad;
       write_lines(right_, column, k, depth, right_weights_, Operand::kRight,
-                  {bytes, bytes + kLines * kQuad, kLines, shape.right_bytes(),
+                  {bytes, bytes + std::int64_t{kLines} * kQuad, kLines, shape.right_bytes(),
                    std::int64_t{kBlockColumns} * kQuad, nullptr, 0},
                   work);
     }
