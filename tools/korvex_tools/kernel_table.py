@@ -17,7 +17,7 @@ _ROW = re.compile(r'^\s*\{"(\w+)",\s*"(\w+)",\s*(\w+),\s*"([^"]*)"([^}]*)\}', re
 
 
 _DEVICE_LAUNCH = re.compile(r'\{"(\w+_device\w*_kernel)",\s*(\w+),')
-_STATE_ROW = re.compile(r'\{"(korvex_\w+)", "[^"]*", \d+,\s*(\w+),')
+_STATE_ROW = re.compile(r'\{"(korvex_\w+)",\s*"[^"]*", \d+,\s*(\w+),')
 
 
 class Row(NamedTuple):

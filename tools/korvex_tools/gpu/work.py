@@ -179,6 +179,12 @@ WITHOUT_ELEMENTS = {
     "korvex_settle_state": "one block on the digits of one state",
     "korvex_round_state": "one block on the digits of one state",
     "korvex_join_segments": "one block on at most 8192 segments",
+    "korvex_round_states": "a warp on the digits of each state",
+    **dict.fromkeys(
+        ("korvex_add_axes", "korvex_multiply_axes", "korvex_sum_columns", "korvex_running_axes"),
+        "its accesses are as far apart as the axes are, which no one figure describes",
+    ),
+    "korvex_add_by_ids": "atomic additions, whose time is that of the busiest segment",
 }
 
 _LOADS = ("LD", "LDG", "LDS", "LDGSTS")
