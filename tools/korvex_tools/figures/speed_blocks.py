@@ -32,6 +32,8 @@ def costs(records: Records) -> Lines:
 
 
 def ratio_of(ours: float, other: float) -> str:
+    if round(ours / other, 2) == 1:
+        return "the same time"
     if ours > other:
         return f"{ours / other:.2f} times its time"
     return f"{other / ours:.{0 if other > 10 * ours else 2}f} times faster"
