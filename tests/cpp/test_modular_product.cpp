@@ -448,7 +448,7 @@ void plans_cost_what_they_take() {
   CHECK(tame.moduli == arithmetic::ResidueSystem::count_for(2 + 6 + 2));
   CHECK(tame.cost == host::cost_by_residues(extents, tame.moduli));
 
-  matrices.a[7 * 64] = 0x1p-100;
+  matrices.a[448] = 0x1p-100;  // of row 7
   const MatricesInMemory with_wild_row(matrices);
   const host::ModularLines wild_left(with_wild_row.product.a, 100, 64);
   const host::ModularPlan wild = host::cheapest_plan(wild_left, right, extents, false);

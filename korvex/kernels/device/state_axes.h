@@ -91,7 +91,7 @@ class AxisElements {
       return;
     }
     for (int i = 0; i < kCount; ++i) {
-      into[i] = folded_value(elements_, plan_, operand_, begin_ + i * kLanes + lane);
+      into[i] = folded_value(elements_, plan_, operand_, begin_ + std::int64_t{i} * kLanes + lane);
     }
   }
 

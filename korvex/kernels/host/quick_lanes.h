@@ -3,6 +3,7 @@
 // 64 bits in its lanes, and entries of their tables for each lane.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -21,7 +22,7 @@ struct SixteenPowers {
   alignas(64) double high[16];
   alignas(64) double low[16];
   constexpr SixteenPowers() : high(), low() {
-    for (int j = 0; j < 16; ++j) {
+    for (std::size_t j = 0; j < 16; ++j) {
       high[j] = kPowerTable[4 * j].high;
       low[j] = kPowerTable[4 * j].low;
     }
