@@ -160,7 +160,8 @@ def _of_segments(bytes_: int, most: str) -> Work:
     return Work(Threads.DEVICE, bytes_, (one,), most_blocks=_SEGMENT_BLOCKS)
 
 
-# By the way for the format that takes the most operations, which 64-bit integers are.
+# By the way for the format that takes the most operations, which 64-bit integers are; along axes of
+# rows whose elements lie together, and of columns that do.
 _OF_STATES = {
     "korvex_add_elements": _over_device(8, Pass("DADD", elements=_SUM_TILE)),
     "korvex_add_products": _over_device(16, Pass("DADD", elements=_DOT_TILE)),
@@ -168,6 +169,10 @@ _OF_STATES = {
     "korvex_multiply": Work(Threads.DEVICE, 1, (_PRODUCTS_OF_ELEMENT,), "a multiply-add"),
     "korvex_sum_segments": _of_segments(8, "DADD"),
     "korvex_running_sums": _of_segments(16, "DADD"),
+    "korvex_add_axes": _over_device(8, Pass("DADD", elements=_SUM_TILE)),
+    "korvex_multiply_axes": _over_device(16, Pass("DADD", elements=_DOT_TILE)),
+    "korvex_sum_columns": _over_device(8, Pass("DADD", elements=1, is_innermost=True)),
+    "korvex_running_axes": _over_device(16, Pass("DADD", elements=1, is_strided=True)),
 }
 
 WORK = {**_OF_TABLE, **_ON_WHOLE_DEVICE, **_OF_STATES}
@@ -180,10 +185,6 @@ WITHOUT_ELEMENTS = {
     "korvex_round_state": "one block on the digits of one state",
     "korvex_join_segments": "one block on at most 8192 segments",
     "korvex_round_states": "a warp on the digits of each state",
-    **dict.fromkeys(
-        ("korvex_add_axes", "korvex_multiply_axes", "korvex_sum_columns", "korvex_running_axes"),
-        "its accesses are as far apart as the axes are, which no one figure describes",
-    ),
     "korvex_add_by_ids": "atomic additions, whose time is that of the busiest segment",
 }
 
