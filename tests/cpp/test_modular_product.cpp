@@ -461,6 +461,16 @@ void residues_are_taken_where_they_are_faster_beyond_doubt() {
   CHECK(host::is_worth(790, 1000) && !host::is_worth(810, 1000));
 }
 
+// Small products leave threads alone that would cost more to start than they take over.
+void threads_start_where_there_is_work_for_them() {
+  CHECK(host::useful_threads(0, 8) == 1 && host::useful_threads(599999, 8) == 1);
+  CHECK(host::useful_threads(600000, 8) == 2 && host::useful_threads(600000, 1) == 1);
+  CHECK(host::useful_threads(899999, 8) == 2 && host::useful_threads(1e30, 8) == 8);
+  CHECK(host::useful_threads(1e30, 0) == 1 && host::useful_threads(1e30, -1) == 1);
+  CHECK(host::useful_threads(host::cost_by_residues({64, 64, 64}, 18), 2) == 1);
+  CHECK(host::useful_threads(host::cost_by_residues({128, 128, 128}, 19), 2) == 2);
+}
+
 // ---- Wrong residues
 
 void expect_found(const Matrices& matrices, const ProductLimbs& expected,
@@ -549,6 +559,7 @@ int test_modular_product() {
   any_number_of_threads_gives_the_same_bits();
   plans_cost_what_they_take();
   residues_are_taken_where_they_are_faster_beyond_doubt();
+  threads_start_where_there_is_work_for_them();
   one_wrong_residue_is_found_and_repaired();
   one_wrong_residue_shows_where_nobody_looks();
   panels_stay_within_their_memory();

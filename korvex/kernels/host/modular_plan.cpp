@@ -21,8 +21,7 @@ int bits_of_count(std::int64_t n) {
   return n <= 1 ? 0 : static_cast<int>(std::bit_width(static_cast<std::uint64_t>(n - 1)));
 }
 
-// Of whole products measured on one thread of a processor of 2.5 GHz (benchmarks/bench_matmul.py);
-// only their proportions count.
+// Of whole products measured on one thread of a processor of 2.5 GHz (benchmarks/bench_matmul.py).
 constexpr double kSliceElement = 120;  // of the result
 constexpr double kSliceProduct = 0.85;
 constexpr double kSliceProductOfFew = 2.5;  // where columns are too few for the lanes
@@ -36,6 +35,9 @@ constexpr double kOperandElement = 10;
 constexpr double kModulusElement = 0.8;  // the same three for each modulus
 constexpr double kModulusOperandElement = 0.3;
 constexpr double kModulusProduct = 0.0042;
+
+// Less is not worth a thread, which has to start and to find residues that others find as well.
+constexpr double kLeastCostOfThread = 300000;
 
 // Elements of more bits take six slices after three.
 constexpr int kBitsOfFewSlices = 150;
@@ -86,6 +88,11 @@ bool is_worth_reading(const ProductExtents& extents) {
       kStartOfReading + static_cast<double>((extents.m + extents.n) * extents.k) * kReadElement;
   return reading < 0.06 * cost_by_slices(extents, 0) &&
          is_worth(cost_by_residues(extents, kFewestModuli), cost_by_slices(extents, kWide));
+}
+
+int useful_threads(double cost, int threads) {
+  const double useful = std::min(cost / kLeastCostOfThread, static_cast<double>(threads));
+  return useful < 1 ? 1 : static_cast<int>(useful);
 }
 
 // The widest lines are left out first.

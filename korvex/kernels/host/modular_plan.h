@@ -19,8 +19,8 @@ constexpr std::int64_t padded(std::int64_t n, std::int64_t unit) {
   return (n + unit - 1) / unit * unit;
 }
 
-// In nanoseconds, of which only the proportions count. bits: of the products of elements, from the
-// highest to the lowest.
+// In nanoseconds of one thread, roughly; between ways only the proportions count. bits: of the
+// products of elements, from the highest to the lowest.
 double cost_by_residues(const ProductExtents& extents, int moduli);
 double cost_by_slices(const ProductExtents& extents, int bits);
 
@@ -43,6 +43,9 @@ struct ModularPlan {
 // four times the largest integer, and where it is checked 256 times that.
 ModularPlan cheapest_plan(const ModularLines& left, const ModularLines& right,
                           const ProductExtents& extents, bool is_checked);
+
+// How many of the threads work of this cost is worth: one at least.
+int useful_threads(double cost, int threads);
 
 // Residues and reduced products of all threads together. What stands on their stacks, or for each
 // line, comes on top: 64 KiB a thread and four bytes a line.

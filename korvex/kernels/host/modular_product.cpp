@@ -314,8 +314,9 @@ ModularOutcome multiply_by_residues(const MatrixProduct& product, const ProductS
   left.set_most_bits(plan.left_bits);
   right.set_most_bits(plan.right_bits);
   const ModularProduct modular(product, sink, left, right, plan, options);
-  const std::int64_t found =
-      run_on_threads(modular, extents, plan.moduli, std::max(1, options.threads));
+  const int threads =
+      options.is_wanted ? std::max(1, options.threads) : useful_threads(plan.cost, options.threads);
+  const std::int64_t found = run_on_threads(modular, extents, plan.moduli, threads);
   multiply_some_lines(product, sink, left.left_out(), right.left_out(), options.threads);
   return {true, found, plan.moduli};
 }
