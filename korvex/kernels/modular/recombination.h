@@ -41,7 +41,7 @@ class Recombination {
 
  private:
   friend struct RecombinedRow;
-  static constexpr int kMostGroups = arithmetic::kMostModuli / kQuad;
+  static constexpr int kMostGroups = arithmetic::ResidueSystem::kMostModuli / kQuad;
   static constexpr int kMostDoubles = 8;
 
   int count_;     // of moduli
