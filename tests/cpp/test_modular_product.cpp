@@ -455,7 +455,8 @@ void wild_lines_leave_others_alone() {
 
 void only_wild_lines_are_left_to_slices() {
   const Matrices matrices = constant_matrices(20, 70, 3, kNan, 1.0);
-  CHECK(!by_residues(matrices).outcome.is_done);
+  const ModularResult result = by_residues(matrices);
+  CHECK(!result.outcome.is_done && result.outcome.found == 0 && result.outcome.moduli == 0);
   expect_same_or_nothing(matrices);
 }
 
@@ -560,6 +561,15 @@ void threads_start_where_there_is_work_for_them() {
         2);
 }
 
+// Nobody asked for residues, and one product is not worth reading it twice.
+void small_products_are_left_to_slices() {
+  const Matrices matrices = constant_matrices(2, 2, 2, 1.0, 1.0);
+  const MatricesInMemory in_memory(matrices);
+  ProductLimbs limbs = untouched(matrices);
+  CHECK(!host::multiply_by_residues(in_memory.product, arrays_of(limbs, matrices), {}).is_done);
+  CHECK(are_same(limbs, untouched(matrices)));
+}
+
 // ---- Wrong residues
 
 void expect_found(const Matrices& matrices, const ProductLimbs& expected,
@@ -593,6 +603,18 @@ void one_wrong_residue_is_found_and_repaired() {
   }
 }
 
+// In the first panel, at its borders, and in those beside and below it.
+void wrong_residues_are_found_in_every_panel() {
+  Random random(117);
+  const Matrices matrices = draw_matrices(random, Shape::kNarrow, 530, 600, 5);
+  const ProductLimbs expected = by_slices(matrices);
+  for (const std::int64_t row : {0, 143, 144, 511, 512, 529}) {
+    for (const std::int64_t column : {0, 511, 512, 527, 528, 599}) {
+      expect_found(matrices, expected, {row, column, 1, 1});
+    }
+  }
+}
+
 // The control: without the redundant modulus the same fault shows in the limbs.
 void one_wrong_residue_shows_where_nobody_looks() {
   Random random(114);
@@ -609,6 +631,7 @@ void one_wrong_residue_shows_where_nobody_looks() {
 // ---- Memory
 
 void panels_stay_within_their_memory() {
+  CHECK(host::kMostProductBytes == std::int64_t{60} << 20);
   const int most = engine->table.residue_bytes == 1 ? 48 : 15;
   for (const int moduli : {1, most / 2, most}) {
     for (const int threads : {1, 2, 7, 16, 64, 256}) {
@@ -616,7 +639,10 @@ void panels_stay_within_their_memory() {
         const host::PanelShape shape =
             host::panel_shape(engine->table, {extent, extent, 10 * extent}, moduli, threads);
         const std::int64_t ranges = std::min<std::int64_t>(threads, shape.most_ranges(moduli));
-        CHECK(ranges * shape.bytes(moduli) <= std::int64_t{64} << 20);
+        CHECK(ranges * shape.bytes(moduli) <= host::kMostProductBytes);
+        const std::int64_t of_modulus = shape.plane_bytes() + shape.left_bytes() +
+                                        shape.right_bytes() + shape.rows * engine->table.row_bytes;
+        CHECK(shape.bytes(moduli) == moduli * of_modulus);
         CHECK(ranges >= std::min(threads, 28));
       }
     }
@@ -643,6 +669,7 @@ void run(const Engine& under_test) {
   any_number_of_threads_gives_the_same_bits();
   plans_cost_what_they_take();
   one_wrong_residue_is_found_and_repaired();
+  wrong_residues_are_found_in_every_panel();
   one_wrong_residue_shows_where_nobody_looks();
   panels_stay_within_their_memory();
 }
@@ -654,6 +681,7 @@ int test_modular_product() {
   systems_bring_their_constants<arithmetic::DoubleResidueSystem>();
   residues_are_taken_where_they_are_faster_beyond_doubt();
   threads_start_where_there_is_work_for_them();
+  small_products_are_left_to_slices();
   if (modular::can_run()) {
     products_of_the_largest_residues();
     products_of_random_residues();

@@ -182,7 +182,7 @@ def systems() -> list[Row]:
                 0),
         at_most("numbers of moduli whose M / 4 the digits do not reach", short, 0),
         at_most("digits of radix 2^16, of M", 2 * wide_most, CONSTANTS["kDigits"]),
-        at_most("doubles of 48 bits", -(-wide_most // 3), 8),
+        at_most("doubles of 48 bits", -(-wide_most // 3), 7),
         below("exponent of the highest double", 48 * 7 + 49, 1023),
     ]  # fmt: skip
 

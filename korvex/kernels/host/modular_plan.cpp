@@ -30,7 +30,6 @@ constexpr double kSliceProduct = 1.3;
 #endif
 constexpr double kSliceProductOfFew = 2.5;  // where columns are too few for the lanes
 constexpr int kFewColumns = 8;
-constexpr double kStart = 30000;
 constexpr double kStartOfReading = 5000;
 constexpr double kReadElement = 0.7;
 
@@ -99,6 +98,7 @@ const ModularEngine kByteEngine = {
     .fewest_rows = 4,
     .fewest_columns = modular::kBlockColumns,
     .fewest_moduli = 4,
+    .start = 30000,
     .element = 8,
     .operand_element = 10,
     .modulus_element = 0.8,
@@ -119,10 +119,11 @@ const ModularEngine kDoubleEngine = {
     .fewest_rows = modular::kDoubleBlockRows,
     .fewest_columns = modular::kDoubleBlockColumns,
     .fewest_moduli = 2,
+    .start = 12000,
     .element = 20,
-    .operand_element = 8,
+    .operand_element = 4,
     .modulus_element = 3,
-    .modulus_operand_element = 2,
+    .modulus_operand_element = 0.9,
     .modulus_product = modular::kDoubleLanes == 8 ? 0.042 : 0.065,
 };
 
@@ -132,7 +133,7 @@ double cost_by_residues(const ModularEngine& engine, const ProductExtents& exten
   const auto k = static_cast<double>(extents.k);
   const auto operand =
       static_cast<double>(padded(extents.m, kLines) + padded(extents.n, kLines)) * k;
-  return kStart +
+  return engine.start +
          m * n * (engine.element + moduli * (engine.modulus_element + k * engine.modulus_product)) +
          operand * (engine.operand_element + moduli * engine.modulus_operand_element);
 }

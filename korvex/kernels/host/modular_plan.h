@@ -38,7 +38,8 @@ struct ModularEngine {
   std::int64_t fewest_rows;
   std::int64_t fewest_columns;
   int fewest_moduli;  // of integers, say
-  double element;     // of the result
+  double start;
+  double element;  // of the result
   double operand_element;
   double modulus_element;  // the same for each modulus
   double modulus_operand_element;

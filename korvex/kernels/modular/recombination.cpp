@@ -363,8 +363,6 @@ KORVEX_VNNI std::uint64_t Recombination::write_limbs(const Row& row) const {
       return work.write<6>();
     case 7:
       return work.write<7>();
-    case 8:
-      return work.write<8>();
     default:
       return work.write<3>();
   }
