@@ -65,7 +65,7 @@ struct DigitNumber {
     for (int place = kDigits - 1; place >= 0; --place) {
       const std::uint32_t highest = digit[static_cast<std::size_t>(place)];
       if (highest != 0) {
-        return kBits * place + std::bit_width(highest);
+        return kBits * place + static_cast<int>(std::bit_width(highest));
       }
     }
     return 0;
