@@ -5,12 +5,12 @@ Against `torch.matmul` in float64, against a product in two doubles per element 
 operations, and on the smallest size against `Fraction`. Exact elements are compared with rational
 arithmetic before anything is timed. A second part compares the two ways of the kernel, by slices
 and by residues, on many shapes: with each other, with `torch.matmul`, and with integer matrices of
-FLINT where python-flint is installed.
+FLINT where python-flint is installed. `--fma` compares them in the libraries for processors without
+AVX-512 VNNI, where residues are multiplied as doubles.
 """
 
 import argparse
 import ctypes
-import math
 import os
 import random
 from collections.abc import Callable
@@ -43,7 +43,7 @@ LARGEST_FOR_TORCH_PAIRS = 512
 FRACTION_SIZE = 24
 
 # The ways of launch.h.
-CHOSEN, BY_SLICES = 0, 1
+CHOSEN, BY_SLICES, IN_DOUBLES = 0, 1, 3
 # By residues, where the processor can: against slices and against torch.matmul, on processor time.
 JUDGED_WAYS_FROM = 512
 TIMES_OF_SLICES, TIMES_OF_TORCH, TIMES_ON_TWO_THREADS = 3.0, 7.0, 1.6
@@ -56,6 +56,8 @@ NORMAL, WIDE, MIXED = "N(0,1)", "N(0,1) * 2^U(-30,30)", "N(0,1), one row times 2
 MIXED_SIZES = (256, 512)
 # One wild row goes by slices; all others take what they take without it.
 TIMES_OF_PARTS = 1.1
+# Residues in doubles are worth having from here on, where the products are large.
+TIMES_OF_SLICES_IN_DOUBLES = 1.3
 BATCHES = ((64, 16), (64, 48))  # matrices, and their size
 LEAST_PRODUCTS, MOST_CALLS = 1 << 14, 100  # of what is timed at a time
 REPEATS_OF_LARGE = 3  # from 1024 on
@@ -280,7 +282,13 @@ def judge_ways(row: dict[str, Any]) -> list[dict[str, Any]]:
 
 def has_residues() -> bool:
     library = HostLibrary(best_instruction_set(), 1)
-    return ctypes.CDLL(str(library.path)).korvex_host_has_products_by_residues() == 1
+    return residues_of(library) == "bytes"
+
+
+def residues_of(library: HostLibrary) -> str:
+    function = ctypes.CDLL(str(library.path)).korvex_host_residues_of_products
+    function.restype = ctypes.c_char_p
+    return function().decode()
 
 
 def print_ways(runs: list[dict[str, Any]]) -> None:
@@ -306,51 +314,61 @@ def print_ways(runs: list[dict[str, Any]]) -> None:
     )
 
 
-# --- A trial: float64 products of moduli, for processors without VNNI
+# --- Residues in doubles, for processors without VNNI
 
 
-def most_bits(x: torch.Tensor) -> int:
-    """Of the elements of a row as integers: from its highest to its lowest bit."""
-    mantissas, exponents = torch.frexp(x)
-    integers = (mantissas * 2.0**53).to(torch.int64).abs()
-    zeros = torch.log2((integers & -integers).to(torch.float64)).to(torch.int64)
-    lowest = (exponents - 53 + zeros).min(dim=1).values
-    return int((exponents.max(dim=1).values - lowest).max())
-
-
-def float64_moduli(a: torch.Tensor, b: torch.Tensor) -> int:
-    """How many: sums of k products of residues next to zero are at most 2^53."""
-    bits_of_k = (a.shape[1] - 1).bit_length()
-    needed = most_bits(a) + most_bits(b.t()) + bits_of_k + 2
-    return math.ceil(needed / ((53 - bits_of_k) / 2 + 1))
-
-
-def try_float64_products(repeats: int) -> None:
-    """The kernel for FMA beside the products alone that float64 moduli would take.
-
-    Residues and limbs come on top: the gain that is printed is one that no such kernel can pass.
-    """
+def compare_in_doubles(largest: int, repeats: int) -> None:
+    """The ways of the library for FMA, and of that for AVX-512 as if there were no VNNI."""
     if os.environ.get("MKL_ENABLE_INSTRUCTIONS") != "AVX2":
         raise SystemExit("set MKL_ENABLE_INSTRUCTIONS=AVX2, so that torch uses FMA as well")
-    library = HostLibrary("fma", 1)
-    rows = []
-    for size in (256, 512):
-        for data in (NORMAL, WIDE):
-            a, b = operands(size, size, size, data)
-            count = float64_moduli(a, b)
-            candidates: Candidates = {
-                "kernel": kernel_call(library, a, b, 1),
-                "products": again(torch_call(a, b), count),
-            }
-            timings = measure(candidates, repeats)
-            took = [nanoseconds(timings[e].processor_least, size**3) for e in candidates]
-            rows.append([str(size), data, str(count), *(f"{e:.3f}" for e in took)])
-            rows[-1].append(f"{took[0] / took[1]:.2f}")
-    print_table(
-        "Library for FMA, 1 thread, least processor time, ns per multiply-add",
-        ["n", "data", "moduli", "kernel", "products alone", "gain at most"],
-        rows,
-    )
+    sets = [name for name in usable_instruction_sets() if name != "base"]
+    squares = [(size, size, size) for size in SQUARES if size <= largest]
+    others = [shape for shape in OTHER_SHAPES if max(shape) <= 4 * largest]
+    for instruction_set in sets:
+        library = HostLibrary(instruction_set, 1)
+        way = CHOSEN if residues_of(library) == "doubles" else IN_DOUBLES
+        runs = [
+            run_in_doubles(library, way, shape, data, repeats)
+            for shape in squares + others
+            for data in (NORMAL, WIDE)
+        ]
+        chosen = "as chosen" if way == CHOSEN else "in doubles"
+        print_table(
+            f"Library {instruction_set}, residues in doubles, 1 thread, least processor time, "
+            "ns per multiply-add",
+            ["rows x columns x products", "data", "torch, FMA", "by slices", chosen, "gain"],
+            [row for row, _ in runs],
+        )
+        print_targets([target for _, targets in runs for target in targets])
+
+
+def run_in_doubles(
+    library: HostLibrary, way: int, shape: tuple[int, int, int], data: str, repeats: int
+) -> tuple[list[str], list[dict[str, Any]]]:
+    m, n, k = shape
+    a, b = operands(m, n, k, data)
+    call = kernel_call(library, a, b, 1)
+    candidates: Candidates = {
+        "torch.matmul": torch_call(a, b),
+        "by slices": on_way(call, library, BY_SLICES),
+        "in doubles": on_way(call, library, way),
+    }
+    expected = [limb.clone() for limb in candidates["by slices"]()]
+    for limb, other in zip(candidates["in doubles"](), expected, strict=True):
+        if not torch.equal(limb.view(torch.int64), other.view(torch.int64)):
+            raise AssertionError(f"residues in doubles differ, {shape}")
+    took = times_of_ways(candidates, m * n * k, repeats)["ns_per_multiply_add_processor"]
+    gain = took["by slices"] / took["in doubles"]
+    targets = [
+        {
+            "candidate": f"{library.path.name}, n = {m}, {data}",
+            "times_of_slices_at_least": TIMES_OF_SLICES_IN_DOUBLES,
+            "times_of_slices": round(gain, 2),
+            "met": gain >= TIMES_OF_SLICES_IN_DOUBLES,
+        }
+    ]
+    row = [f"{m} x {n} x {k}", data, *(f"{time:.4g}" for time in took.values()), f"{gain:.2f}"]
+    return row, targets if min(shape) >= JUDGED_WAYS_FROM else []
 
 
 # --- One size
@@ -436,11 +454,11 @@ def main() -> None:
     parser.add_argument("--large", action="store_true", help="also 2048; takes minutes")
     parser.add_argument("--ways", action="store_true", help="the two ways alone, not recorded")
     parser.add_argument(
-        "--fma", action="store_true", help="a trial without AVX-512 alone, not recorded"
+        "--fma", action="store_true", help="residues in doubles alone, not recorded"
     )
     options = parser.parse_args()
     if options.fma:
-        return try_float64_products(options.repeats)
+        return compare_in_doubles(options.n, options.repeats)
     sizes = [size for size in (FRACTION_SIZE, 64, 128, 256, 512) if size <= options.n]
     if options.quick:
         sizes, options.repeats = [FRACTION_SIZE], min(options.repeats, 3)

@@ -290,8 +290,10 @@ def _at(half: Real, index: tuple[int, ...]) -> Real:
 def _factors(left: list[Real], right: list[Real]) -> list[tuple[Real, Real]]:
     """For each half of the result two real matrices whose product it is.
 
-    The two products of halves that are added become one, of matrices laid side by side, so that
-    their sum is rounded once.
+    The two products of halves that are added become one, of matrices whose elements come in turn
+    along the dimension that is summed over, so that their sum is rounded once. So they lie already
+    in the rows of a complex `a`, or in the columns of `b`: the larger one that does is read in
+    place, and the halves of the other are laid out beside it.
     """
     if len(left) == len(right) == 1:
         return [(left[0], right[0])]
@@ -300,10 +302,28 @@ def _factors(left: list[Real], right: list[Real]) -> list[tuple[Real, Real]]:
     if len(left) == 1:
         return [(left[0], half) for half in right]
     (a, ai), (b, bi) = ([half.values for half in halves] for halves in (left, right))
-    return [
-        (Real(np.hstack([a, -ai])), Real(np.vstack([b, bi]))),
-        (Real(np.hstack([a, ai])), Real(np.vstack([bi, b]))),
-    ]
+    rows, columns = _in_turn(a), _in_turn(b.T)
+    if columns is not None and (rows is None or b.size > a.size):
+        pairs = ((_laid_out(a.T, -ai.T).T, columns.T), (_laid_out(ai.T, a.T).T, columns.T))
+    else:
+        rows = _laid_out(a.T, ai.T).T if rows is None else rows
+        pairs = ((rows, _laid_out(b, -bi)), (rows, _laid_out(bi, b)))
+    return [(Real(x), Real(y)) for x, y in pairs]
+
+
+def _in_turn(half: Array) -> Array | None:
+    """The rows of a complex matrix as real and imaginary parts in turn, where they lie so."""
+    if half.strides[1] != 2 * half.itemsize:
+        return None
+    shape = (half.shape[0], 2 * half.shape[1])
+    return np.lib.stride_tricks.as_strided(
+        half, shape, (half.strides[0], half.itemsize), writeable=False
+    )
+
+
+def _laid_out(first: Array, second: Array) -> Array:
+    """The rows of two matrices in turn."""
+    return np.stack([first, second], axis=1).reshape(2 * first.shape[0], first.shape[1])
 
 
 def _product(a: Real, b: Real, form: str) -> Array:

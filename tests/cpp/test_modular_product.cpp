@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The matrix product by residues: the same limbs as by slices, for every kind of line, and wrong
-// residues found.
-//
-// Skipped with status 77 where the processor cannot run it.
+// residues found. Once for each engine that the library and the processor have: products of bytes,
+// products of doubles.
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -14,6 +13,7 @@
 #include "korvex/arithmetic/exact/residue_system.h"
 #include "korvex/kernels/host/modular_plan.h"
 #include "korvex/kernels/host/modular_product.h"
+#include "korvex/kernels/modular/double_products.h"
 #include "korvex/kernels/modular/instructions.h"
 #include "korvex/kernels/modular/products.h"
 #include "product_checks.h"
@@ -24,6 +24,21 @@ namespace {
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+
+// The engine under test.
+struct Engine {
+  const char* name;
+  host::EngineChoice choice;
+  const host::ModularEngine& table;
+  int fewest_moduli_of_doubles;  // of N(0,1), say
+  int most_moduli_of_doubles;
+  int largest_difference;  // of a residue, that stays one
+};
+
+constexpr Engine kBytes = {"bytes", host::EngineChoice::kBytes, host::kByteEngine, 15, 20, 14};
+constexpr Engine kDoubles = {"doubles", host::EngineChoice::kDoubles, host::kDoubleEngine, 5, 7,
+                             4000000};
+const Engine* engine = &kBytes;
 
 struct ModularResult {
   ProductLimbs limbs;
@@ -73,6 +88,7 @@ ModularResult by_residues(const Matrices& matrices, host::ModularOptions options
   ModularResult result = {untouched(matrices), {}};
   const MatricesInMemory in_memory(matrices);
   options.is_wanted = true;
+  options.engine = engine->choice;
   result.outcome =
       host::multiply_by_residues(in_memory.product, arrays_of(result.limbs, matrices), options);
   return result;
@@ -187,7 +203,7 @@ void expect_congruent(const std::vector<int>& a, const std::vector<int>& b, std:
 
 // The largest sums: they stay within 2^24 after the correction, and are reduced as all others.
 void products_of_the_largest_residues() {
-  for (const std::uint8_t p : arithmetic::kModuli) {
+  for (const int p : arithmetic::ResidueSystem::kModuli) {
     const int largest = p / 2 + 1;
     const std::size_t quads = modular::kDepth / 4;
     const std::vector<int> high(quads * 64 * 4, largest);
@@ -198,9 +214,74 @@ void products_of_the_largest_residues() {
   }
 }
 
+// Residues as doubles in blocks, of so many lines each, from those line by line.
+std::vector<double> blocked_doubles(const std::vector<int>& x, std::size_t depth,
+                                    std::size_t lines) {
+  std::vector<double> blocks(x.size());
+  for (std::size_t i = 0; i < x.size(); ++i) {
+    const std::size_t line = i / depth;
+    blocks[line / lines * lines * depth + i % depth * lines + line % lines] = x[i];
+  }
+  return blocks;
+}
+
+// Checks every element of two blocks of rows and two of columns, of twice the products.
+void expect_congruent_doubles(const std::vector<int>& a, const std::vector<int>& b, int modulus) {
+  constexpr std::size_t kRowsOfTile = modular::kDoubleBlockRows;
+  constexpr std::size_t kColumnsOfTile = modular::kDoubleBlockColumns;
+  const std::size_t depth = a.size() / (2 * kRowsOfTile);
+  const std::vector<double> left = blocked_doubles(a, depth, kRowsOfTile);
+  const std::vector<double> right = blocked_doubles(b, depth, kColumnsOfTile);
+  std::vector<float> plane(std::size_t{4} * modular::kDoubleTile, 7.0F);
+  const modular::DoubleProduct product = {left.data(),
+                                          right.data(),
+                                          2,
+                                          2,
+                                          static_cast<std::int64_t>(depth),
+                                          static_cast<std::int64_t>(depth),
+                                          modulus};
+  modular::multiply_double_residues(product, {plane.data(), 2, false});
+  modular::multiply_double_residues(product, {plane.data(), 2, true});
+  bool is_right = true;
+  for (std::size_t row = 0; row < 2 * kRowsOfTile; ++row) {
+    for (std::size_t column = 0; column < 2 * kColumnsOfTile; ++column) {
+      std::int64_t expected = 0;
+      for (std::size_t k = 0; k < depth; ++k) {
+        expected += std::int64_t{2} * a[row * depth + k] * b[column * depth + k];
+      }
+      const std::size_t tile = row / kRowsOfTile * 2 + column / kColumnsOfTile;
+      const auto found = static_cast<std::int64_t>(
+          plane[tile * modular::kDoubleTile + row % kRowsOfTile * kColumnsOfTile +
+                column % kColumnsOfTile]);
+      is_right =
+          is_right && (found - expected) % modulus == 0 && std::abs(found) <= modulus / 2 + 1;
+    }
+  }
+  CHECK(is_right);
+}
+
+// The largest sums reach 2^53 as nearly as the moduli let them; random ones at any depth.
+void products_of_double_residues() {
+  Random random(116);
+  for (const int p : arithmetic::DoubleResidueSystem::kModuli) {
+    const int largest = p / 2 + 1;
+    for (const std::int64_t depth : {std::int64_t{1}, std::int64_t{77}, modular::kDoubleDepth}) {
+      const auto k = static_cast<std::size_t>(2 * depth);
+      std::vector<int> a(k * modular::kDoubleBlockRows, largest);
+      std::vector<int> b(k * modular::kDoubleBlockColumns, largest);
+      expect_congruent_doubles(a, b, p);
+      std::fill(b.begin(), b.end(), -largest);
+      expect_congruent_doubles(a, b, p);
+      std::generate(a.begin(), a.end(), [&] { return random.between(-largest, largest); });
+      std::generate(b.begin(), b.end(), [&] { return random.between(-largest, largest); });
+      expect_congruent_doubles(a, b, p);
+    }
+  }
+}
+
 void products_of_random_residues() {
   Random random(101);
-  for (const std::uint8_t p : arithmetic::kModuli) {
+  for (const int p : arithmetic::ResidueSystem::kModuli) {
     for (const std::size_t quads : {1U, 2U, 77U}) {
       std::vector<int> a(quads * 16 * 4);
       std::vector<int> b(quads * 64 * 4);
@@ -213,18 +294,19 @@ void products_of_random_residues() {
   }
 }
 
+template <class System>
 void systems_bring_their_constants() {
-  for (int count = 1; count <= arithmetic::kMostModuli; ++count) {
-    const arithmetic::ResidueSystem system(count);
+  for (int count = 1; count <= System::kMostModuli; ++count) {
+    const System system(count);
     for (int t = 0; t < count; ++t) {
-      int residue = 0;
-      for (int place = arithmetic::ByteNumber::kDigits - 1; place >= 0; --place) {
-        residue = (residue * 256 + system.quotient_digit(t, place)) % system.modulus(t);
+      const std::int64_t modulus = system.modulus(t);
+      std::int64_t residue = 0;
+      for (int place = System::kDigits - 1; place >= 0; --place) {
+        residue = ((residue << System::kDigitBits) + system.quotient_digit(t, place)) % modulus;
       }
-      CHECK(residue * system.inverse(t) % system.modulus(t) == 1);
+      CHECK(system.inverse(t) > 0 && residue * system.inverse(t) % modulus == 1);
     }
-    CHECK(arithmetic::ResidueSystem::count_for(
-              arithmetic::kBitsOfModuli[static_cast<std::size_t>(count - 1)]) == count);
+    CHECK(System::count_for(System::kBitsOfModuli[static_cast<std::size_t>(count - 1)]) == count);
   }
 }
 
@@ -242,6 +324,11 @@ void sizes_around_the_borders_of_blocks() {
   }
   expect_same(draw_matrices(random, Shape::kNarrow, 20, 600, 30));
   expect_same(draw_matrices(random, Shape::kNarrow, 600, 20, 30));
+  // Blocks of products, in several panels.
+  for (const std::size_t k : {255U, 256U, 257U, 511U, 513U}) {
+    expect_same(draw_matrices(random, Shape::kNarrow, 530, 23, k));
+    expect_same(draw_matrices(random, Shape::kNarrow, 23, 550, k));
+  }
 }
 
 void each_shape_of_data() {
@@ -332,8 +419,8 @@ void integers_take_few_moduli() {
   Random random(106);
   const int integers = expect_same(draw_matrices(random, Shape::kIntegers, 40, 70, 100));
   const int doubles = expect_same(draw_matrices(random, Shape::kNarrow, 40, 70, 100));
-  CHECK(integers >= 1 && integers <= 5);
-  CHECK(doubles >= 15 && doubles <= 20);
+  CHECK(integers >= 1 && integers <= engine->table.fewest_moduli + 1);
+  CHECK(doubles >= engine->fewest_moduli_of_doubles && doubles <= engine->most_moduli_of_doubles);
 }
 
 void zeros_give_plus_zero() {
@@ -368,7 +455,8 @@ void wild_lines_leave_others_alone() {
 
 void only_wild_lines_are_left_to_slices() {
   const Matrices matrices = constant_matrices(20, 70, 3, kNan, 1.0);
-  CHECK(!by_residues(matrices).outcome.is_done);
+  const ModularResult result = by_residues(matrices);
+  CHECK(!result.outcome.is_done && result.outcome.found == 0 && result.outcome.moduli == 0);
   expect_same_or_nothing(matrices);
 }
 
@@ -443,15 +531,16 @@ void plans_cost_what_they_take() {
   const MatricesInMemory in_memory(matrices);
   const host::ModularLines left(in_memory.product.a, 100, 64);
   const host::ModularLines right(in_memory.product.b, 130, 64);
-  const host::ModularPlan tame = host::cheapest_plan(left, right, extents, false);
+  const host::ModularPlan tame = host::cheapest_plan(engine->table, left, right, extents, false);
   CHECK(tame.left_bits == 1 && tame.right_bits == 1 && tame.bits == 2 + 6);
-  CHECK(tame.moduli == arithmetic::ResidueSystem::count_for(2 + 6 + 2));
-  CHECK(tame.cost == host::cost_by_residues(extents, tame.moduli));
+  CHECK(tame.moduli == engine->table.count_for(2 + 6 + 2));
+  CHECK(tame.cost == host::cost_by_residues(engine->table, extents, tame.moduli));
 
   matrices.a[448] = 0x1p-100;  // of row 7
   const MatricesInMemory with_wild_row(matrices);
   const host::ModularLines wild_left(with_wild_row.product.a, 100, 64);
-  const host::ModularPlan wild = host::cheapest_plan(wild_left, right, extents, false);
+  const host::ModularPlan wild =
+      host::cheapest_plan(engine->table, wild_left, right, extents, false);
   CHECK(wild.left_bits == 1 && wild.moduli == tame.moduli);
   CHECK(wild.cost == tame.cost + host::cost_by_slices({1, 130, 64}, 200));
 }
@@ -459,6 +548,26 @@ void plans_cost_what_they_take() {
 void residues_are_taken_where_they_are_faster_beyond_doubt() {
   CHECK(host::is_worth(0.79, 1.0) && !host::is_worth(0.81, 1.0));
   CHECK(host::is_worth(790, 1000) && !host::is_worth(810, 1000));
+}
+
+// Small products leave threads alone that would cost more to start than they take over.
+void threads_start_where_there_is_work_for_them() {
+  CHECK(host::useful_threads(0, 8) == 1 && host::useful_threads(599999, 8) == 1);
+  CHECK(host::useful_threads(600000, 8) == 2 && host::useful_threads(600000, 1) == 1);
+  CHECK(host::useful_threads(899999, 8) == 2 && host::useful_threads(1e30, 8) == 8);
+  CHECK(host::useful_threads(1e30, 0) == 1 && host::useful_threads(1e30, -1) == 1);
+  CHECK(host::useful_threads(host::cost_by_residues(host::kByteEngine, {64, 64, 64}, 18), 2) == 1);
+  CHECK(host::useful_threads(host::cost_by_residues(host::kByteEngine, {128, 128, 128}, 19), 2) ==
+        2);
+}
+
+// Nobody asked for residues, and one product is not worth reading it twice.
+void small_products_are_left_to_slices() {
+  const Matrices matrices = constant_matrices(2, 2, 2, 1.0, 1.0);
+  const MatricesInMemory in_memory(matrices);
+  ProductLimbs limbs = untouched(matrices);
+  CHECK(!host::multiply_by_residues(in_memory.product, arrays_of(limbs, matrices), {}).is_done);
+  CHECK(are_same(limbs, untouched(matrices)));
 }
 
 // ---- Wrong residues
@@ -486,9 +595,22 @@ void one_wrong_residue_is_found_and_repaired() {
     CHECK(are_same(clean.limbs, expected));
     CHECK(clean.outcome.moduli > by_residues(matrices).outcome.moduli);
     for (int modulus = 0; modulus < clean.outcome.moduli; ++modulus) {
-      for (const int difference : {1, -1, 3, 14, -14}) {
+      for (const int difference :
+           {1, -1, 3, engine->largest_difference, -engine->largest_difference}) {
         expect_found(matrices, expected, {random.below(20), random.below(70), modulus, difference});
       }
+    }
+  }
+}
+
+// In the first panel, at its borders, and in those beside and below it.
+void wrong_residues_are_found_in_every_panel() {
+  Random random(117);
+  const Matrices matrices = draw_matrices(random, Shape::kNarrow, 530, 600, 5);
+  const ProductLimbs expected = by_slices(matrices);
+  for (const std::int64_t row : {0, 143, 144, 511, 512, 529}) {
+    for (const std::int64_t column : {0, 511, 512, 527, 528, 599}) {
+      expect_found(matrices, expected, {row, column, 1, 1});
     }
   }
 }
@@ -509,29 +631,27 @@ void one_wrong_residue_shows_where_nobody_looks() {
 // ---- Memory
 
 void panels_stay_within_their_memory() {
-  for (const int moduli : {1, 20, 48}) {
+  CHECK(host::kMostProductBytes == std::int64_t{60} << 20);
+  const int most = engine->table.residue_bytes == 1 ? 48 : 15;
+  for (const int moduli : {1, most / 2, most}) {
     for (const int threads : {1, 2, 7, 16, 64, 256}) {
       for (const std::int64_t extent : {1, 64, 1000, 100000}) {
         const host::PanelShape shape =
-            host::panel_shape({extent, extent, 10 * extent}, moduli, threads);
+            host::panel_shape(engine->table, {extent, extent, 10 * extent}, moduli, threads);
         const std::int64_t ranges = std::min<std::int64_t>(threads, shape.most_ranges(moduli));
-        CHECK(ranges * shape.bytes(moduli) <= std::int64_t{64} << 20);
+        CHECK(ranges * shape.bytes(moduli) <= host::kMostProductBytes);
+        const std::int64_t of_modulus = shape.plane_bytes() + shape.left_bytes() +
+                                        shape.right_bytes() + shape.rows * engine->table.row_bytes;
+        CHECK(shape.bytes(moduli) == moduli * of_modulus);
         CHECK(ranges >= std::min(threads, 28));
       }
     }
   }
 }
 
-}  // namespace
-
-int test_modular_product() {
-  if (!modular::can_run()) {
-    std::printf("this processor has no AVX-512 VNNI\n");
-    return 77;
-  }
-  systems_bring_their_constants();
-  products_of_the_largest_residues();
-  products_of_random_residues();
+void run(const Engine& under_test) {
+  engine = &under_test;
+  std::printf("products of %s\n", engine->name);
   sizes_around_the_borders_of_blocks();
   each_shape_of_data();
   exponents_over_the_whole_range();
@@ -548,10 +668,31 @@ int test_modular_product() {
   sums_near_overflow();
   any_number_of_threads_gives_the_same_bits();
   plans_cost_what_they_take();
-  residues_are_taken_where_they_are_faster_beyond_doubt();
   one_wrong_residue_is_found_and_repaired();
+  wrong_residues_are_found_in_every_panel();
   one_wrong_residue_shows_where_nobody_looks();
   panels_stay_within_their_memory();
+}
+
+}  // namespace
+
+int test_modular_product() {
+  systems_bring_their_constants<arithmetic::ResidueSystem>();
+  systems_bring_their_constants<arithmetic::DoubleResidueSystem>();
+  residues_are_taken_where_they_are_faster_beyond_doubt();
+  threads_start_where_there_is_work_for_them();
+  small_products_are_left_to_slices();
+  if (modular::can_run()) {
+    products_of_the_largest_residues();
+    products_of_random_residues();
+    run(kBytes);
+  } else {
+    std::printf("no products of bytes here\n");
+  }
+  if (modular::can_run_doubles()) {
+    products_of_double_residues();
+    run(kDoubles);
+  }
   return Tally::all().finish();
 }
 

@@ -2,6 +2,7 @@
 """Functions over a whole array give the exact value rounded once, in every format."""
 
 import math
+import tracemalloc
 from fractions import Fraction
 
 import exact_oracle as oracle
@@ -332,6 +333,46 @@ def test_complex_matrices():
             assert result[i, j] == exact.matmul(a[i], b[:, j])
     assert np.array_equal(exact.matmul(a.real, b).imag, exact.matmul(a.real, b.imag))
     assert np.array_equal(exact.matmul(a, b.real).imag, exact.matmul(a.imag, b.real))
+
+
+COMPLEX_LAYOUTS = {
+    "rows": lambda x: x.copy(),
+    "columns": lambda x: np.asfortranarray(x),
+    "apart": lambda x: np.repeat(np.repeat(x, 2, axis=0), 3, axis=1)[::2, ::3],
+    "rows apart": lambda x: np.repeat(x, 2, axis=0)[::2],
+    "backwards": lambda x: x[::-1, ::-1].copy()[::-1, ::-1],
+    "one row of all": lambda x: np.broadcast_to(x[:1], x.shape),
+    "read-only": lambda x: np.frombuffer(x.tobytes(), x.dtype).reshape(x.shape),
+    "single": lambda x: x.astype(np.complex64),
+}
+
+
+@pytest.mark.parametrize("left", COMPLEX_LAYOUTS)
+@pytest.mark.parametrize("right", COMPLEX_LAYOUTS)
+@pytest.mark.parametrize("shape", [(3, 4, 5), (5, 4, 3), (1, 6, 1), (2, 0, 3), (2, 1, 2)])
+def test_complex_matrices_of_every_layout(left, right, shape):
+    m, k, n = shape
+    source = np.random.default_rng(3)
+    x, y = (source.standard_normal((e, f, 2)) @ [1, 1j] for e, f in ((m, k), (k, n)))
+    a, b = COMPLEX_LAYOUTS[left](x), COMPLEX_LAYOUTS[right](y)
+    result = exact.matmul(a, b)
+    real = exact.matmul(np.hstack([a.real, -a.imag]), np.vstack([b.real, b.imag]))
+    imag = exact.matmul(np.hstack([a.real, a.imag]), np.vstack([b.imag, b.real]))
+    assert result.real.tobytes() == real.tobytes()
+    assert result.imag.tobytes() == imag.tobytes()
+
+
+def test_the_larger_complex_matrix_is_not_copied():
+    """Where its halves come in turn along the dimension that is summed over."""
+    large, small = np.ones((500, 400), np.complex128), np.ones((400, 1), np.complex128)
+    for a, b in ((large, small), (small.T, large.T)):
+        exact.matmul(a, b)
+        tracemalloc.start()
+        try:
+            exact.matmul(a, b)
+            assert tracemalloc.get_traced_memory()[1] < large.nbytes / 10
+        finally:
+            tracemalloc.stop()
 
 
 def test_dtypes_of_complex_results():

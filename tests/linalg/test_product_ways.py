@@ -3,15 +3,17 @@
 
 import ctypes
 import os
+import re
 import subprocess
 import sys
+from pathlib import Path
 
 import numpy as np
 import pytest
 
-from korvex.emulation._library import HostLibrary, best_instruction_set, usable_instruction_sets
+from korvex.emulation._library import HostLibrary, usable_instruction_sets
 
-CHOSEN, BY_SLICES, BY_RESIDUES = range(3)
+CHOSEN, BY_SLICES, BY_RESIDUES, BY_DOUBLES = range(4)
 
 
 def product(library, way, a, b):
@@ -54,6 +56,7 @@ def test_all_ways_leave_the_same_bits(instruction_set, spread):
         a, b = matrices(*shape, spread)
         expected = product(library, BY_SLICES, a, b)
         assert product(library, BY_RESIDUES, a, b) == expected
+        assert product(library, BY_DOUBLES, a, b) == expected
         assert product(library, CHOSEN, a, b) == expected
 
 
@@ -80,9 +83,23 @@ def test_a_product_that_checks_itself_is_the_same():
     assert found[0] == found[1]
 
 
-def test_only_the_last_instruction_set_has_residues():
+def residues_of(library):
+    function = ctypes.CDLL(str(library.path)).korvex_host_residues_of_products
+    function.restype = ctypes.c_char_p
+    return function().decode()
+
+
+def test_libraries_with_fma_have_residues():
     for instruction_set in usable_instruction_sets():
-        library = HostLibrary(instruction_set, 1)
-        has = ctypes.CDLL(str(library.path)).korvex_host_has_products_by_residues()
-        assert has in (0, 1)
-        assert has == 0 or instruction_set == best_instruction_set() == "avx512"
+        found = residues_of(HostLibrary(instruction_set, 1))
+        if instruction_set == "avx512":
+            assert found == ("bytes" if "avx512_vnni" in flags() else "doubles")
+        else:
+            assert found == {"base": "", "fma": "doubles"}[instruction_set]
+
+
+def flags():
+    """What Linux says of this processor."""
+    text = Path("/proc/cpuinfo").read_text()
+    found = re.search(r"^flags\s*:(.*)$", text, re.MULTILINE)
+    return found[1].split() if found else []

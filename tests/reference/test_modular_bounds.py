@@ -17,7 +17,16 @@ def test_every_bound_holds(capsys):
 
 @pytest.mark.parametrize(
     ("name", "value"),
-    [("kDepth", 2048), ("kHighest", 600), ("kDigits", 40), ("kFractionBits", 8)],
+    [
+        ("kDepth", 2048),
+        ("kHighest", 600),
+        ("kDigits", 40),
+        ("kFractionBits", 8),
+        ("kDoubleDepth", 257),
+        ("kDoubleDigitBits", 30),
+        ("kMostDoubleDigits", 6),
+        ("kMostDoubles", 7),
+    ],
 )
 def test_a_worse_constant_breaks_a_bound(monkeypatch, capsys, name, value):
     monkeypatch.setitem(modular_bounds.CONSTANTS, name, value)
@@ -37,3 +46,24 @@ def test_moduli_are_those_of_the_header():
     assert len(found) == 48
     assert math.lcm(*found) == math.prod(found)
     assert math.prod(found).bit_length() == 335
+
+
+def test_moduli_of_doubles_are_those_of_the_header():
+    found = modular_bounds.DOUBLE_MODULI
+    assert len(found) == modular_bounds.DOUBLE["kMostModuli"] == 15
+    assert found[0] == 11863000 and found == sorted(found, reverse=True)
+    assert math.lcm(*found) == math.prod(found)
+    assert math.prod(found).bit_length() == 353
+
+
+def test_a_larger_modulus_of_doubles_breaks_a_bound(monkeypatch, capsys):
+    larger = [11864000, *modular_bounds.DOUBLE_MODULI[1:]]
+    monkeypatch.setattr(modular_bounds, "DOUBLE_MODULI", larger)
+    assert modular_bounds.main() == 1
+    assert "sum of products, and what the plane held, doubles" in capsys.readouterr().out
+
+
+def test_a_redundant_modulus_of_doubles_needs_its_bits(monkeypatch, capsys):
+    monkeypatch.setitem(modular_bounds.DOUBLE, "kLargestModulus", 2**26)
+    assert modular_bounds.main() == 1
+    assert "a wrong element in units of B, doubles" in capsys.readouterr().out

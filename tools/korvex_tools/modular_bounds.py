@@ -20,13 +20,20 @@ HEADERS = {
     "kLargestModulus": "korvex/arithmetic/exact/residue_system.h",
     "kMostModuli": "korvex/arithmetic/exact/residue_system.h",
     "kDigits": "korvex/arithmetic/exact/residue_system.h",
-    "kFractionBits": "korvex/arithmetic/exact/residue_system.h",
+    "kFractionBits": "korvex/kernels/modular/recombination.cpp",
     "kMostDwords": "korvex/kernels/modular/residues.h",
     "kDepth": "korvex/kernels/modular/residues.h",
     "kHighest": "korvex/kernels/host/modular_lines.h",
+    "kMostBits": "korvex/kernels/modular/elements.h",
+    "kDoubleDepth": "korvex/kernels/modular/double_products.h",
+    "kDoubleDigitBits": "korvex/kernels/modular/double_residues.h",
+    "kMostDoubleDigits": "korvex/kernels/modular/double_residues.h",
+    "kMostDoubles": "korvex/kernels/modular/double_recombination.h",
 }
 LONGEST_FLOAT32 = 2**24  # integers up to it are float32
 INT32 = 2**31
+LONGEST_FLOAT64 = 2**53
+SHIFTED = 2**51  # integers below it may be added to 1.5 * 2^52
 
 Row = tuple[str, object, str, object, bool]
 
@@ -39,18 +46,28 @@ def constant(name: str) -> int:
 CONSTANTS = {name: constant(name) for name in HEADERS}
 
 
-def moduli() -> list[int]:
+def constants_of_double_moduli() -> dict[str, int]:
+    text = (SOURCE_TREE / HEADERS["kMostModuli"]).read_text()
+    body = re.search(r"struct DoubleModuli \{(.*?)\};", text, re.DOTALL)[1]
+    return {name: int(value) for name, value in re.findall(r"(k\w+) = (\d+);", body)}
+
+
+DOUBLE = constants_of_double_moduli()
+
+
+def moduli(largest: int, most: int) -> list[int]:
     """Largest first, each coprime to all before it."""
     found: list[int] = []
-    candidate = CONSTANTS["kLargestModulus"]
-    while len(found) < CONSTANTS["kMostModuli"]:
+    candidate = largest
+    while len(found) < most:
         if all(math.gcd(candidate, other) == 1 for other in found):
             found.append(candidate)
         candidate -= 1
     return found
 
 
-MODULI = moduli()
+MODULI = moduli(CONSTANTS["kLargestModulus"], CONSTANTS["kMostModuli"])
+DOUBLE_MODULI = moduli(DOUBLE["kLargestModulus"], DOUBLE["kMostModuli"])
 
 
 def float32(x: Fraction) -> Fraction:
@@ -165,7 +182,7 @@ def systems() -> list[Row]:
                 0),
         at_most("numbers of moduli whose M / 4 the digits do not reach", short, 0),
         at_most("digits of radix 2^16, of M", 2 * wide_most, CONSTANTS["kDigits"]),
-        at_most("doubles of 48 bits", -(-wide_most // 3), 8),
+        at_most("doubles of 48 bits", -(-wide_most // 3), 7),
         below("exponent of the highest double", 48 * 7 + 49, 1023),
     ]  # fmt: skip
 
@@ -189,19 +206,105 @@ def limbs() -> list[Row]:
 
 def plans() -> list[Row]:
     """For every width of elements: M is at least four times the largest sum of K products."""
+    return [
+        at_most(f"numbers of bits that the moduli chosen do not hold, {name}", unheld(found), 0)
+        for name, found in (("bytes", MODULI), ("doubles", DOUBLE_MODULI))
+    ]
+
+
+def unheld(found: list[int]) -> int:
     wrong = 0
     product, kept = 1, []
-    for p in MODULI:
+    for p in found:
         product *= p
         kept.append((product.bit_length() - 1, product))
     for bits in range(1, kept[-1][0] + 1):
         chosen = next(m for whole, m in kept if whole >= bits)
         wrong += chosen < 2**bits
-    return [at_most("numbers of bits that the moduli chosen do not hold", wrong, 0)]
+    return wrong
+
+
+# --- Products of doubles
+
+
+def largest_double_residue(p: int) -> int:
+    """Of an integer of at most 2^53: half of p, and what the rounded inverse is off."""
+    off = abs(Fraction(1.0 / p) - Fraction(1, p)) * LONGEST_FLOAT64 * p
+    return math.floor(Fraction(p, 2) + off)
+
+
+def double_products() -> list[Row]:
+    digit = 2 ** CONSTANTS["kDoubleDigitBits"]
+    digits = CONSTANTS["kMostDoubleDigits"]
+    # The highest digit is the largest; the others are at most half of the radix.
+    power = DOUBLE_MODULI[0] // 2 + 1
+    sum_of_digits = (digit + (digits - 1) * digit // 2) * power
+    residue = max(largest_double_residue(p) for p in DOUBLE_MODULI)
+    highest_digit = max(
+        2 ** (bits - CONSTANTS["kDoubleDigitBits"] * (digits_of(bits) - 1))
+        for bits in range(1, CONSTANTS["kMostBits"] + 1)
+    )
+    quotient = max(Fraction(LONGEST_FLOAT64, p) for p in DOUBLE_MODULI)
+    above = max(largest_double_residue(p) - p // 2 for p in DOUBLE_MODULI)
+    return [
+        at_most("highest digit of an element, doubles", highest_digit, digit),
+        at_most("digits of an element, doubles", digits_of(CONSTANTS["kMostBits"]), digits),
+        at_most("sum of an element's digits times powers, doubles", sum_of_digits, LONGEST_FLOAT64),
+        below("quotient by p, beside the shifter 1.5 * 2^52", math.ceil(quotient), SHIFTED),
+        at_most("residue above p / 2, of an integer up to 2^53", above, 1),
+        at_most("any residue, as a float32", residue, LONGEST_FLOAT32),
+        at_most("sum of products, and what the plane held, doubles",
+                CONSTANTS["kDoubleDepth"] * residue**2 + residue, LONGEST_FLOAT64),
+    ]  # fmt: skip
+
+
+def digits_of(bits: int) -> int:
+    return max(1, -(-bits // CONSTANTS["kDoubleDigitBits"]))
+
+
+def double_recombination() -> list[Row]:
+    radix = 2 ** DOUBLE["kDigitBits"]
+    e = [largest_double_residue(p) for p in DOUBLE_MODULI]
+    fractions = [Fraction(x, p) for x, p in zip(e, DOUBLE_MODULI, strict=True)]
+    quotient = math.ceil(sum(fractions))
+    # Each of the additions and each inverse rounds by 2^-53 of at most the whole sum.
+    off = 2 * len(e) * sum(fractions) * Fraction(1, 2**53)
+    column = (sum(e) + quotient) * (radix - 1)
+    carry = math.ceil(Fraction(column, radix - 1)) + 1
+    bits = math.prod(DOUBLE_MODULI).bit_length()
+    doubles = -(-bits // (2 * DOUBLE["kDigitBits"]))
+    # The lower columns are at most half of the radix, so what the highest has left is C itself,
+    # below M, and a half: at most one more than the radix where it is the highest digit of M.
+    highest = radix + 1
+    rest = sum(Fraction(radix // 2 * (radix + 1), radix ** (2 * i)) for i in range(1, doubles + 1))
+    rest *= (1 + Fraction(1, 2**53)) ** doubles
+    return [
+        below("sum of e_t / p_t, off by, doubles", float(off), 0.25),
+        below("a column and a carry, doubles", column + carry, LONGEST_FLOAT64),
+        below("a carry, beside the shifter 1.5 * 2^52", carry, SHIFTED),
+        at_most("two columns as a double", highest * radix + radix // 2, LONGEST_FLOAT64),
+        below("sum of the doubles below one, in its unit", float(rest), 1),
+        at_most("doubles of two columns", doubles, CONSTANTS["kMostDoubles"]),
+        at_most("digits of M, doubles", 2 * doubles, DOUBLE["kDigits"]),
+        at_most("double moduli with a common factor",
+                sum(math.gcd(p, math.prod(DOUBLE_MODULI) // p) != 1 for p in DOUBLE_MODULI), 0),
+    ]  # fmt: skip
+
+
+def double_limbs() -> list[Row]:
+    product = 4 * 2**24  # M in units of B, the largest right integer, at least
+    step = Fraction(product, DOUBLE["kLargestModulus"])
+    bits = math.prod(DOUBLE_MODULI).bit_length()
+    highest = CONSTANTS["kHighest"]
+    return [
+        below("1, and a wrong element in units of B, doubles", 1, float(step - 1)),
+        below("highest bit of an integer times the power of a row", bits + highest, 1023),
+    ]
 
 
 def main() -> int:
     rows = [*residues(), *products(), *recombination(), *systems(), *plans(), *limbs()]
+    rows += [*double_products(), *double_recombination(), *double_limbs()]
     width = max(len(row[0]) for row in rows)
     for name, found, relation, allowed, holds in rows:
         print(f"{name:{width}}  {found} {relation} {allowed}{'' if holds else '  DOES NOT HOLD'}")

@@ -9,6 +9,7 @@
 #include "korvex/kernels/host/float_environment.h"
 #include "korvex/kernels/host/product_way.h"
 #include "korvex/kernels/host/shells.h"
+#include "korvex/kernels/modular/double_lanes.h"
 #include "korvex/kernels/modular/instructions.h"
 #include "korvex/kernels/processor.h"
 #include "korvex/kernels/table.h"
@@ -127,7 +128,9 @@ int korvex_host_launch(int index, const unsigned grid[3], const unsigned block[3
 
 void korvex_host_set_product_way(int way) { korvex::host::product_settings.way = way; }
 
-int korvex_host_has_products_by_residues(void) { return korvex::modular::can_run() ? 1 : 0; }
+const char* korvex_host_residues_of_products(void) {
+  return korvex::modular::can_run() ? "bytes" : korvex::modular::can_run_doubles() ? "doubles" : "";
+}
 
 const char* korvex_host_instruction_set(void) {
 #if defined(__AVX512F__)

@@ -42,13 +42,14 @@ enum {
   KORVEX_HOST_PRODUCTS_BY_COST = 0,  // whichever is expected to be faster: the default
   KORVEX_HOST_PRODUCTS_BY_SLICES = 1,
   KORVEX_HOST_PRODUCTS_BY_RESIDUES = 2,  // wherever processor and operands allow it
+  KORVEX_HOST_PRODUCTS_BY_DOUBLES = 3,   // the same, in doubles also where bytes can be taken
 };
 
 // For tests and benchmarks: the way of the products that start from now on, in this library.
 KORVEX_HOST_API void korvex_host_set_product_way(int way);
 
-// 1 where the library and the processor can take products by residues, else 0.
-KORVEX_HOST_API int korvex_host_has_products_by_residues(void);
+// What residues are multiplied as here: "bytes" or "doubles"; "" where neither can be.
+KORVEX_HOST_API const char* korvex_host_residues_of_products(void);
 
 // "base", "fma" or "avx512": which of the libraries this is.
 KORVEX_HOST_API const char* korvex_host_instruction_set(void);

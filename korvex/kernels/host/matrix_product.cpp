@@ -324,7 +324,11 @@ void add_element(const MatrixProduct& product, std::int64_t i, std::int64_t j,
 void multiply_on_host(const MatrixProduct& product, const ProductSink& sink, int threads) {
   const int way = product_settings.way;
   ModularOptions options;
-  options.is_wanted = way == KORVEX_HOST_PRODUCTS_BY_RESIDUES;
+  options.is_wanted =
+      way == KORVEX_HOST_PRODUCTS_BY_RESIDUES || way == KORVEX_HOST_PRODUCTS_BY_DOUBLES;
+  if (way == KORVEX_HOST_PRODUCTS_BY_DOUBLES) {
+    options.engine = EngineChoice::kDoubles;
+  }
   options.is_checked = product_settings.is_checked;
   options.threads = threads;
   if (way == KORVEX_HOST_PRODUCTS_BY_SLICES ||

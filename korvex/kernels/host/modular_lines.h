@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "korvex/kernels/host/matrix_product.h"
+#include "korvex/kernels/modular/elements.h"
 #include "korvex/kernels/modular/extents.h"
-#include "korvex/kernels/modular/residues.h"
 
 namespace korvex::host {
 

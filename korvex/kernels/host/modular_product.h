@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The matrix product by residues: products of bytes for a few dozen moduli, and each element from
-// its residues, with the same limbs as every other way.
+// The matrix product by residues: products of bytes for a few dozen moduli, or of doubles for
+// several, and each element from its residues, with the same limbs as every other way.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,11 @@ struct PlantedFault {
   int difference;  // added to the residue
 };
 
+// kBest: products of bytes where the processor has them, else of doubles.
+enum class EngineChoice { kBest, kBytes, kDoubles };
+
 struct ModularOptions {
+  EngineChoice engine = EngineChoice::kBest;
   // Takes every line that residues can hold, however small the product is.
   bool is_wanted = false;
   // One modulus more than needed: an element with a wrong residue is found, and summed anew.

@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Highest and lowest bits of elements, eight at a time.
+// Highest and lowest bits of elements, a vector at a time.
 #include "korvex/kernels/modular/extents.h"
 
-#include "korvex/arithmetic/base/binary64.h"
-#include "korvex/kernels/modular/instructions.h"
+#include <algorithm>
 
-#ifdef KORVEX_HAS_MODULAR_CODE
-#include <immintrin.h>
-#endif
+#include "korvex/arithmetic/base/binary64.h"
+#include "korvex/kernels/modular/double_lanes.h"
 
 namespace korvex::modular {
 
@@ -25,60 +23,71 @@ Extent ExtentCollector::extent() const {
           static_cast<std::int16_t>(lowest)};
 }
 
-#ifdef KORVEX_HAS_MODULAR_CODE
+#ifdef KORVEX_HAS_DOUBLE_CODE
 
 namespace {
 
 // The exponent of the lowest bit is that of the lowest bit of the significand, as a double, and the
-// shift of the significand. Lanes of zero hold `none`.
-KORVEX_VNNI_INLINE void collect(__m512d x, __m512i& largest, __m512i& lowest) {
-  const __m512i magnitude = _mm512_castpd_si512(_mm512_abs_pd(x));
-  largest = _mm512_max_epi64(largest, magnitude);
-  const __m512i field = _mm512_srli_epi64(magnitude, arithmetic::kFractionBits);
-  const __mmask8 is_normal = _mm512_test_epi64_mask(field, field);
-  const __m512i fraction =
-      _mm512_and_si512(magnitude, _mm512_set1_epi64(arithmetic::kFractionMask));
-  const __m512i significand = _mm512_mask_or_epi64(
-      fraction, is_normal, fraction, _mm512_set1_epi64(arithmetic::kFractionMask + 1));
-  const __m512i lowest_bit =
-      _mm512_and_si512(significand, _mm512_sub_epi64(_mm512_setzero_si512(), significand));
-  const __m512i place = _mm512_srli_epi64(_mm512_castpd_si512(_mm512_cvtepi64_pd(lowest_bit)),
-                                          arithmetic::kFractionBits);
-  const __m512i shift = _mm512_max_epi64(field, _mm512_set1_epi64(1));
-  const __m512i exponent = _mm512_add_epi64(
-      _mm512_add_epi64(place, shift),
-      _mm512_set1_epi64(arithmetic::kUnitExponent - arithmetic::kExponentBias - 1));
-  const __mmask8 is_some = _mm512_test_epi64_mask(magnitude, magnitude);
-  lowest = _mm512_mask_min_epi64(lowest, is_some, lowest, exponent);
+// shift of the significand. Lanes of zero keep what they have.
+KORVEX_INLINE void collect(Doubles x, Integers& largest, Integers& lowest) {
+  const Integers magnitude = reinterpret_cast<Integers>(magnitude_of(x));
+  largest = magnitude > largest ? magnitude : largest;
+  const Integers field = magnitude >> arithmetic::kFractionBits;
+  const Integers fraction = magnitude & static_cast<std::int64_t>(arithmetic::kFractionMask);
+  const Integers hidden_bit =
+      (field != 0) & static_cast<std::int64_t>(arithmetic::kFractionMask + 1);
+  const Integers significand = fraction | hidden_bit;
+  const Integers lowest_bit = significand & -significand;
+  // Added to the bits of 2^52, an integer up to 2^52 becomes its lowest ones.
+  const std::int64_t shifter = static_cast<std::int64_t>(arithmetic::exponent_bits(1023 + 52));
+  const Doubles as_double = reinterpret_cast<Doubles>(lowest_bit + shifter) - 0x1p+52;
+  const Integers place = reinterpret_cast<Integers>(as_double) >> arithmetic::kFractionBits;
+  const Integers shift = field - 1 - (field == 0);  // 0 for subnormal numbers too
+  const Integers exponent = place + shift + (arithmetic::kUnitExponent - arithmetic::kExponentBias);
+  lowest = ((magnitude != 0) & (exponent < lowest)) ? exponent : lowest;
+}
+
+// Doubles that may be less than a vector; those beyond the last are zeros.
+KORVEX_INLINE Doubles load_some(const double* x, std::int64_t count) {
+  double padded[kDoubleLanes] = {};
+  std::copy(x, x + count, padded);
+  return load<Doubles>(padded);
 }
 
 }  // namespace
 
-KORVEX_VNNI void collect_along(const double* x, std::int64_t count, ExtentCollector& line) {
-  __m512i largest = _mm512_set1_epi64(line.largest);
-  __m512i lowest = _mm512_set1_epi64(line.lowest);
+void collect_along(const double* x, std::int64_t count, ExtentCollector& line) {
+  Integers largest = line.largest + Integers{};
+  Integers lowest = line.lowest + Integers{};
   std::int64_t i = 0;
-  for (; i + 8 <= count; i += 8) {
-    collect(_mm512_loadu_pd(x + i), largest, lowest);
+  for (; i + kDoubleLanes <= count; i += kDoubleLanes) {
+    collect(load<Doubles>(x + i), largest, lowest);
   }
   if (i < count) {
-    const auto mask = static_cast<__mmask8>((1 << (count - i)) - 1);
-    collect(_mm512_maskz_loadu_pd(mask, x + i), largest, lowest);
+    collect(load_some(x + i, count - i), largest, lowest);
   }
-  line.largest = _mm512_reduce_max_epi64(largest);
-  line.lowest = _mm512_reduce_min_epi64(lowest);
+  for (int lane = 0; lane < kDoubleLanes; ++lane) {
+    line.largest = std::max<std::int64_t>(line.largest, largest[lane]);
+    line.lowest = std::min<std::int64_t>(line.lowest, lowest[lane]);
+  }
 }
 
-KORVEX_VNNI void collect_across(const double* x, std::int64_t count, std::int64_t* largest,
-                                std::int64_t* lowest) {
-  for (std::int64_t i = 0; i < count; i += 8) {
-    const std::int64_t left = count - i;
-    const auto mask = static_cast<__mmask8>(left >= 8 ? 255 : (1 << left) - 1);
-    __m512i large = _mm512_maskz_loadu_epi64(mask, largest + i);
-    __m512i low = _mm512_maskz_loadu_epi64(mask, lowest + i);
-    collect(_mm512_maskz_loadu_pd(mask, x + i), large, low);
-    _mm512_mask_storeu_epi64(largest + i, mask, large);
-    _mm512_mask_storeu_epi64(lowest + i, mask, low);
+void collect_across(const double* x, std::int64_t count, std::int64_t* largest,
+                    std::int64_t* lowest) {
+  std::int64_t i = 0;
+  for (; i + kDoubleLanes <= count; i += kDoubleLanes) {
+    Integers large = load<Integers>(largest + i);
+    Integers low = load<Integers>(lowest + i);
+    collect(load<Doubles>(x + i), large, low);
+    store(large, largest + i);
+    store(low, lowest + i);
+  }
+  for (; i < count; ++i) {
+    Integers large = largest[i] + Integers{};
+    Integers low = lowest[i] + Integers{};
+    collect(load_some(x + i, 1), large, low);
+    largest[i] = large[0];
+    lowest[i] = low[0];
   }
 }
 

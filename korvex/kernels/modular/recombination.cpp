@@ -5,36 +5,44 @@
 #include <algorithm>
 
 #include "korvex/arithmetic/base/binary64.h"
-#include "korvex/arithmetic/exact/exact_product_sum.h"
 #include "korvex/kernels/modular/instructions.h"
+#include "korvex/kernels/modular/slow_element.h"
 
 #ifdef KORVEX_HAS_MODULAR_CODE
 #include <immintrin.h>
 #endif
 
 namespace korvex::modular {
+namespace {
+
+// 2^16 / p, rounded to an integer.
+constexpr int kFractionBits = 16;
+std::uint32_t fraction_of(int p) {
+  return static_cast<std::uint32_t>(((2 << kFractionBits) / p + 1) / 2);
+}
+
+}  // namespace
 
 Recombination::Recombination(const arithmetic::ResidueSystem& system, int bits)
     : count_(system.count()),
       groups_((system.count() + kQuad - 1) / kQuad),
-      doubles_((system.wide_digits() + 2) / 3),
+      doubles_(system.digits_of(kDigitsOfDouble * arithmetic::ResidueSystem::kDigitBits)),
       limit_(arithmetic::power_of_two(bits)) {
   const auto index = [](int i) { return static_cast<std::size_t>(i); };
   for (int t = 0; t < count_; ++t) {
     const int shift = 8 * (t % kQuad);
-    const auto fraction = static_cast<std::uint32_t>(system.fraction(t));
+    const auto fraction = fraction_of(system.modulus(t));
     fractions_[0][index(t / kQuad)] |= (fraction >> 8) << shift;
     fractions_[1][index(t / kQuad)] |= (fraction & 255) << shift;
   }
-  for (int place = 0; place < 2 * system.wide_digits(); ++place) {
+  for (int place = 0; place < 2 * system.digits_of(16); ++place) {
     const auto word = [&](int group) -> std::uint32_t& {
       return digits_[index(place / kDigitsOfDouble)][index(group)][index(place % kDigitsOfDouble)];
     };
     for (int t = 0; t < count_; ++t) {
-      word(t / kQuad) |= static_cast<std::uint32_t>(system.quotient_digit(t, place))
-                         << (8 * (t % kQuad));
+      word(t / kQuad) |= system.quotient_digit(t, place) << (8 * (t % kQuad));
     }
-    word(groups_) = static_cast<std::uint32_t>(system.product_digit(place));
+    word(groups_) = system.product_digit(place);
   }
 }
 
@@ -184,17 +192,6 @@ KORVEX_VNNI_INLINE __mmask8 is_nearest(__m512d limb, __m512d next, __m512d rest)
       _mm512_mul_pd(_mm512_add_pd(rest, _mm512_abs_pd(next)), _mm512_set1_pd(1 + 0x1p-40));
   return is_exact | (_mm512_cmp_pd_mask(_mm512_add_pd(limb, more), limb, _CMP_EQ_OQ) &
                      _mm512_cmp_pd_mask(_mm512_sub_pd(limb, more), limb, _CMP_EQ_OQ));
-}
-
-// The limbs of the sum of integers * 2^exponent.
-KORVEX_COLD void round_element(const double* integers, int count, int exponent, double* limbs) {
-  arithmetic::ExactProductSum sum;
-  const double first = arithmetic::power_of_two(exponent / 2);
-  const double second = arithmetic::power_of_two(exponent - exponent / 2);
-  for (int i = 0; i < count; ++i) {
-    sum.add_wide_product(arithmetic::mul_rn(integers[i], first), second);  // exact
-  }
-  sum.round<arithmetic::kElementLimbs>(limbs);
 }
 
 }  // namespace
@@ -366,8 +363,6 @@ KORVEX_VNNI std::uint64_t Recombination::write_limbs(const Row& row) const {
       return work.write<6>();
     case 7:
       return work.write<7>();
-    case 8:
-      return work.write<8>();
     default:
       return work.write<3>();
   }

@@ -41,8 +41,8 @@ class Recombination {
 
  private:
   friend struct RecombinedRow;
-  static constexpr int kMostGroups = arithmetic::kMostModuli / kQuad;
-  static constexpr int kMostDoubles = 8;
+  static constexpr int kMostGroups = arithmetic::ResidueSystem::kMostModuli / kQuad;
+  static constexpr int kMostDoubles = 7;
 
   int count_;     // of moduli
   int groups_;    // of four of them

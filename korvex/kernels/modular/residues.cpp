@@ -153,30 +153,6 @@ KORVEX_VNNI void reduce(const Digits& digits, int quads, const Weights& weights,
 
 }  // namespace
 
-KORVEX_VNNI void transpose_eight(const double* const (&lines)[8], int i, ElementChunk& chunk,
-                                 int first_line) {
-  __m512d pairs[8];
-  __m512d fours[8];
-  for (int j = 0; j < 8; j += 2) {
-    const __m512d even = _mm512_loadu_pd(lines[j] + i);
-    const __m512d odd = _mm512_loadu_pd(lines[j + 1] + i);
-    pairs[j] = _mm512_unpacklo_pd(even, odd);      // elements 0, 2, 4, 6 of both
-    pairs[j + 1] = _mm512_unpackhi_pd(even, odd);  // 1, 3, 5, 7
-  }
-  for (int j = 0; j < 2; ++j) {
-    fours[j] = _mm512_shuffle_f64x2(pairs[j], pairs[j + 2], 0x88);      // 0, 4 of four lines
-    fours[j + 2] = _mm512_shuffle_f64x2(pairs[j], pairs[j + 2], 0xdd);  // 2, 6
-    fours[j + 4] = _mm512_shuffle_f64x2(pairs[j + 4], pairs[j + 6], 0x88);
-    fours[j + 6] = _mm512_shuffle_f64x2(pairs[j + 4], pairs[j + 6], 0xdd);
-  }
-  for (int j = 0; j < 4; ++j) {
-    _mm512_store_pd(chunk.x[i + j] + first_line,
-                    _mm512_shuffle_f64x2(fours[j], fours[j + 4], 0x88));
-    _mm512_store_pd(chunk.x[i + j + 4] + first_line,
-                    _mm512_shuffle_f64x2(fours[j], fours[j + 4], 0xdd));
-  }
-}
-
 void write_residues(const ElementChunk& chunk, const LineScales& scales, const Weights& weights,
                     Operand operand, const ResiduePlaces& to) {
   const int quads = (chunk.count + kQuad - 1) / kQuad;
@@ -189,7 +165,6 @@ void write_residues(const ElementChunk& chunk, const LineScales& scales, const W
 
 #else
 
-void transpose_eight(const double* const (&)[8], int, ElementChunk&, int) {}
 void write_residues(const ElementChunk&, const LineScales&, const Weights&, Operand,
                     const ResiduePlaces&) {}
 

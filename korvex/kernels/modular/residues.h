@@ -8,48 +8,28 @@
 
 #include <array>
 #include <cstdint>
-#include <memory>
 
 #include "korvex/arithmetic/exact/residue_system.h"
+#include "korvex/kernels/modular/elements.h"
 
 namespace korvex::modular {
 
-constexpr int kLines = 16;      // side by side
-constexpr int kChunk = 64;      // elements of a line that are taken at a time
 constexpr int kMostDwords = 6;  // digits of an element
-constexpr int kMostBits = 32 * kMostDwords;
+static_assert(32 * kMostDwords >= kMostBits);
 constexpr std::int64_t kDepth = 1024;  // elements of a line in one block, at most
 constexpr int kQuad = 4;               // elements of a line that lie together
 
 // What one operand's residues are made with.
 struct Weights {
   // The bytes of 256^i times the operand's factor, next to zero, four a word; for each modulus.
-  std::array<std::array<std::uint32_t, kMostDwords>, arithmetic::kMostModuli> powers;
+  std::array<std::array<std::uint32_t, kMostDwords>, arithmetic::ResidueSystem::kMostModuli> powers;
   int count;   // of moduli
   int dwords;  // digits of an element
 };
 
-enum class Operand { kLeft, kRight };
-
 // For the left operand the factors are the inverses of M / p_t: so the products' residues are the
 // e_t of ResidueSystem. For the right one they are 1.
 Weights weights_for(const arithmetic::ResidueSystem& system, Operand operand, int bits);
-
-// How sixteen lines are scaled: element * 2^minus_exponent is an integer below 2^kMostBits. Lines
-// that are not in the mask count as zeros.
-struct LineScales {
-  alignas(64) double minus_exponent[kLines];
-  std::uint16_t mask;
-};
-
-// A chunk of sixteen lines: x[i][line]. Those beyond `count` are zeros, up to a whole quad.
-struct ElementChunk {
-  alignas(64) double x[kChunk][kLines];
-  int count;
-};
-
-// Writes the elements i, ..., i + 7 of eight lines: element i of line j is lines[j][i].
-void transpose_eight(const double* const (&lines)[8], int i, ElementChunk& chunk, int first_line);
 
 // Where the residues of a chunk go: quad q of modulus t to bytes + t * modulus_stride +
 // q * quad_stride, four bytes a line, and those of the last lines to `rest` likewise.

@@ -91,6 +91,9 @@ OWN_TESTS = {
     H + "launch.h": "host_kernels out_of_memory",
     H + "matrix_product.h": "matrix_product",
     H + "mixed_products.h": "exact",
+    H + "aligned_memory.h": WITH_VNNI,
+    H + "byte_engine.h": WITH_VNNI,
+    H + "double_engine.h": WITH_VNNI,
     H + "modular_lines.h": WITH_VNNI,
     H + "modular_plan.h": WITH_VNNI,
     H + "modular_product.h": WITH_VNNI,
@@ -123,6 +126,15 @@ OWN_TESTS = {
     H + "some_lines.cpp": WITH_VNNI,
     H + "sum.cpp": KERNELS,
     H + "unary.cpp": KERNELS,
+    M + "double_lanes.h": WITH_VNNI,
+    M + "double_products.cpp": WITH_VNNI,
+    M + "double_products.h": WITH_VNNI,
+    M + "double_recombination.cpp": WITH_VNNI,
+    M + "double_recombination.h": WITH_VNNI,
+    M + "double_residues.cpp": WITH_VNNI,
+    M + "double_residues.h": WITH_VNNI,
+    M + "elements.cpp": WITH_VNNI,
+    M + "elements.h": WITH_VNNI,
     M + "extents.cpp": WITH_VNNI,
     M + "extents.h": WITH_VNNI,
     M + "instructions.h": WITH_VNNI,
@@ -133,6 +145,7 @@ OWN_TESTS = {
     M + "reduction.h": WITH_VNNI,
     M + "residues.cpp": WITH_VNNI,
     M + "residues.h": WITH_VNNI,
+    M + "slow_element.h": WITH_VNNI,
 }
 SPLITS = re.compile(r"__AVX|__FMA__|kFmaIsFast")  # source that is not the same for all of them
 
