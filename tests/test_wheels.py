@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """How `make wheels` names, compiles, packs and tries: each step by itself, no compiler."""
 
+import hashlib
+import json
 import os
 import shutil
 import subprocess
@@ -11,7 +13,7 @@ from pathlib import Path
 import pytest
 
 from korvex_tools.check_wheel import Wheel, record_faults
-from korvex_tools.wheels import build, compiler, interpreters, make, trial
+from korvex_tools.wheels import build, compiler, interpreters, make, notes, trial
 from korvex_tools.wheels.interpreters import Missing
 from korvex_tools.wheels.make import Outcome
 from korvex_tools.wheels.pack import pack
@@ -69,7 +71,7 @@ def zig(tmp_path, monkeypatch):
 
 
 @pytest.mark.parametrize("processor", PROCESSORS)
-def test_the_compiler_is_told_processor_and_c_library_at_every_call(zig, tmp_path, processor):
+def test_every_call_of_the_compiler_names_processor_and_c_library(zig, tmp_path, processor):
     made = compiler.make_compiler(processor, tmp_path / processor)
     subprocess.run([made.path, "-c", tmp_path / "made.o"], check=True)
     for line in zig.read_text().splitlines():
@@ -196,12 +198,11 @@ def test_a_wheel_is_packed_the_same_each_time(base, tree, tmp_path):
 def test_pip_installs_what_was_packed_from_the_file(base, tree, tmp_path, monkeypatch):
     """For the processor that is named, and for no other; --no-index asks nobody."""
     wheel = pack(base, tree, ARM, tmp_path / "dist")
-    options = ("--no-deps", "--no-index")
-    trial.install_for(ARM, tmp_path / "site", [str(wheel)], *options)
+    trial.install_for(ARM, tmp_path / "site", str(wheel), "--no-index")
     assert (tmp_path / "site" / "korvex" / "tqx_runtime.so").read_bytes() == b"built"
     for other in (Target("x86_64", "3.14"), Target("aarch64", "3.13")):
         with pytest.raises(subprocess.CalledProcessError):
-            trial.install_for(other, tmp_path / "other", [str(wheel)], *options)
+            trial.install_for(other, tmp_path / "other", str(wheel), "--no-index")
 
 
 # --- What is said at the end
@@ -215,13 +216,13 @@ def attempted(monkeypatch, name, outcome, behaviour):
 
     monkeypatch.setattr(trial, name, fail)
     make.attempt(outcome, Path("python3"), [])
-    return outcome.text()
+    return outcome.state()
 
 
 def test_a_trial_that_cannot_be_made_is_said_and_is_no_failure(monkeypatch):
     outcome = Outcome(ARM, Path("wheel"), ["0.9 MB without a fault"])
     text = attempted(monkeypatch, "emulated", outcome, Missing("no qemu"))
-    assert text == "CPython 3.14 on aarch64: made; 0.9 MB without a fault; NOT TRIED: no qemu"
+    assert text == "made; 0.9 MB without a fault; NOT TRIED: no qemu"
     assert not outcome.failed
 
 
@@ -229,7 +230,7 @@ def test_a_trial_that_fails_is_a_failure(monkeypatch):
     outcome = Outcome(Target("x86_64", "3.12"), Path("wheel"))
     error = subprocess.CalledProcessError(1, ["python", "-m", "pytest"])
     text = attempted(monkeypatch, "natively", outcome, error)
-    assert text == "CPython 3.12 on x86_64: FAILED; tried, and python -m pytest failed"
+    assert text == "FAILED; tried, and python -m pytest failed"
 
 
 def test_wheels_with_other_bits_fail():
@@ -247,6 +248,65 @@ def test_wheels_with_other_bits_fail():
     assert other.lines == ["its checksum is not that of CPython 3.12 on x86_64"]
 
 
-def test_no_qemu_is_said(bare_path, tmp_path):
-    with pytest.raises(Missing, match="no qemu for aarch64"):
+def test_no_interpreter_for_arm_is_said(bare_path, tmp_path):
+    with pytest.raises(Missing, match="^Debian's CPython 3.14 for aarch64: No apt-get"):
         trial.emulated(Path("wheel"), ARM, tmp_path)
+
+
+# --- On another processor
+
+
+def test_an_emulated_interpreter_is_one_program(tmp_path, monkeypatch):
+    """It hands on its own name, which its children are started by, and all arguments."""
+    programs = tmp_path / "root" / "usr" / "bin"
+    programs.mkdir(parents=True)
+    monkeypatch.setattr(trial, "fetch", lambda *arguments: tmp_path / "root")
+    monkeypatch.setattr(trial, "fetch_emulator", lambda folder: tmp_path / "root")
+    qemu = programs / "qemu-aarch64"
+    qemu.write_text('#!/bin/sh\nprintf "%s\\n" "$@"\n')
+    qemu.chmod(0o755)
+    python = trial.emulated_interpreter(ARM, tmp_path)
+    called = subprocess.check_output([python, "-c", "a b"], text=True).splitlines()
+    assert called == ["-0", str(python), "-L", str(tmp_path / "root"), *called[4:]]
+    assert called[4:] == [str(programs / "python3.14"), "-c", "a b"]
+
+
+def test_packages_for_another_processor_have_the_versions_of_the_constraints():
+    chosen = trial.constrained(trial.EMULATED_REQUIREMENTS)
+    assert len(chosen) == len(trial.EMULATED_REQUIREMENTS)
+    assert all("==" in line for line in chosen)
+    assert set(chosen) <= set((SOURCE_TREE / "constraints.txt").read_text().splitlines())
+
+
+# --- Notes of a release
+
+
+def test_notes_say_what_became_of_each_wheel(base, tree, tmp_path):
+    wheel = pack(base, tree, ARM, tmp_path / "dist")
+    (tmp_path / "compilers.json").write_text(
+        json.dumps({"a.cubin": "NVRTC 12.9", "b.cubin": "NVRTC 12.9", "c.cubin": "nvcc 13.0"})
+    )
+    rows = [(wheel, "made; 0.9 MB without a fault; NOT TRIED: no qemu")]
+    path = notes.write(tmp_path / "dist", rows, tmp_path, "2.28")
+    assert path.name == "release-notes-1.0.md"
+    text = path.read_text()
+    assert text.startswith("# korvex-tqx 1.0\n\nCommit ")
+    digest = hashlib.sha256(wheel.read_bytes()).hexdigest()
+    assert text.endswith(
+        "All hold the same kernels for GPUs: 2 files by NVRTC 12.9, 1 files by nvcc 13.0.\n\n"
+        "| wheel | SHA-256 | outcome |\n|---|---|---|\n"
+        f"| `{wheel.name}` | `{digest}` | made; 0.9 MB without a fault; NOT TRIED: no qemu |\n"
+    )
+
+
+@pytest.mark.parametrize(("version", "expected"), [("1.0", "- one\n"), ("2.0", "- next\n")])
+def test_notes_hold_the_changes_of_their_version(tmp_path, monkeypatch, version, expected):
+    (tmp_path / "CHANGELOG.md").write_text(
+        "# Changes\n\n## [Unreleased]\n\n- next\n\n## [1.0] - 2026-01-01\n\n- one\n"
+    )
+    monkeypatch.setattr(notes, "SOURCE_TREE", tmp_path)
+    assert notes.changes(version) == expected
+
+
+def test_notes_of_wheels_without_kernels_say_so():
+    assert notes.sentence_on(None) == "They hold no kernels for GPUs."

@@ -2,11 +2,13 @@
 """Makes all wheels into dist/, checks each as a file, installs it from that file and tries it.
 
 usage: python -P -m korvex_tools.wheels [--processors NAME...] [--versions 3.N...]
-       [--architectures all|none|NUMBER;...] [--only-build] [-- PYTEST_ARGUMENT...]
+       [--architectures all|none|NUMBER;...] [--kernels FOLDER] [--only-build]
+       [-- PYTEST_ARGUMENT...]
 
 Needs what the extra `release` brings, and an interpreter of each version: one that is found here,
-else Debian's. What cannot be tried is said, and is no failure; a wheel that fails is one. The last
-lines are one for each wheel; the exit status is 1 if one of them says FAILED.
+else Debian's. What cannot be tried is said, and is no failure; a wheel that fails is one. The notes
+of a release go beside the wheels. The last lines are one for each wheel; the exit status is 1 if
+one of them says FAILED.
 """
 
 import argparse
@@ -17,12 +19,12 @@ from pathlib import Path
 
 from korvex_tools import check_wheel
 from korvex_tools.source_tree import SOURCE_TREE
-from korvex_tools.wheels import trial
+from korvex_tools.wheels import notes, trial
 from korvex_tools.wheels.build import build_tree, make_kernels
 from korvex_tools.wheels.compiler import make_compiler
 from korvex_tools.wheels.interpreters import Missing, copy_headers, find
 from korvex_tools.wheels.pack import make_base, pack
-from korvex_tools.wheels.targets import PROCESSORS, VERSIONS, Target, targets
+from korvex_tools.wheels.targets import GLIBC, PROCESSORS, VERSIONS, Target, targets
 
 WORK = SOURCE_TREE / "build" / "wheels"
 CUDA_COMPILERS = SOURCE_TREE / "build" / "cuda-compilers"
@@ -37,9 +39,8 @@ class Outcome:
     failed: bool = False
     checksum: str | None = None  # of one exact sum, which is the same for all wheels
 
-    def text(self) -> str:
-        state = "FAILED" if self.failed else "made"
-        return f"{self.target}: {state}; " + "; ".join(self.lines)
+    def state(self) -> str:
+        return "; ".join(["FAILED" if self.failed else "made", *self.lines])
 
 
 def main(arguments: list[str]) -> int:
@@ -49,7 +50,7 @@ def main(arguments: list[str]) -> int:
         interpreters = {version: find(version, WORK) for version in options.versions}
     except Missing as reason:
         raise SystemExit(str(reason)) from None
-    kernels = kernels_for(options.architectures)
+    kernels = options.kernels or kernels_for(options.architectures)
     base = make_base(WORK / "base")
     outcomes = []
     for target in targets(tuple(options.processors), tuple(options.versions)):
@@ -64,8 +65,10 @@ def main(arguments: list[str]) -> int:
             print(f"trying {outcome.wheel.name}", flush=True)
             attempt(outcome, interpreters[outcome.target.version], options.pytest)
     compare(outcomes)
+    rows = [(outcome.wheel, outcome.state()) for outcome in outcomes]
+    print(notes.write(DIST, rows, kernels, ".".join(map(str, GLIBC))))
     for outcome in outcomes:
-        print(outcome.text())
+        print(f"{outcome.target}: {outcome.state()}")
     return int(any(outcome.failed for outcome in outcomes))
 
 
@@ -83,6 +86,7 @@ def parse(arguments: list[str]) -> argparse.Namespace:
     parser.add_argument("--processors", nargs="+", choices=PROCESSORS, default=PROCESSORS)
     parser.add_argument("--versions", nargs="+", choices=VERSIONS, default=VERSIONS)
     parser.add_argument("--architectures", default="all", help="of GPUs, as CMake takes them")
+    parser.add_argument("--kernels", type=Path, help="those of another build of this tree")
     parser.add_argument("--only-build", action="store_true", help="check files, try nothing")
     parser.add_argument("pytest", nargs="*", help="arguments of pytest, after --")
     return parser.parse_args(arguments)

@@ -2,9 +2,9 @@
 """A wheel as its user has it: installed from the file into something new, and run there.
 
 Natively in a new environment, by the whole suite. Those of another processor by qemu, which runs
-Debian's interpreter of that processor: imports, exact sums and the command on certified data.
-What is not of this project comes from the index; korvex comes from the file, which pip is handed
-with --no-index.
+Debian's interpreter of that processor: imports and exact sums, the verification against
+tests/golden in its short form, and the demonstration. What is not of this project comes from the
+index; korvex comes from the file, which pip is handed with --no-index.
 """
 
 import os
@@ -15,14 +15,20 @@ from collections.abc import Iterable
 from pathlib import Path
 
 from korvex_tools.source_tree import SOURCE_TREE
-from korvex_tools.wheels.interpreters import Missing, fetch
+from korvex_tools.wheels.interpreters import fetch, fetch_emulator
 from korvex_tools.wheels.targets import Target
 
 PIP = ("-m", "pip", "--quiet", "--disable-pip-version-check", "install")
 
-# What `korvex.exact` and the command need. torch is not among them: that of Arm needs the libraries
-# of CUDA, and `make verify-arm` tries korvex with it.
-EMULATED_REQUIREMENTS = ("numpy", "rich", "tqdm")
+# What verification and demonstration import, each by name: the conditions that packages put on what
+# they need would be answered for this processor.
+EMULATED_REQUIREMENTS = """
+    filelock fsspec jinja2 markdown-it-py markupsafe mdurl mpmath networkx numpy pygments rich
+    setuptools sympy tqdm typing-extensions
+""".split()
+# The last release whose wheel for Arm does without the libraries of CUDA, some gigabytes;
+# `make verify-arm` takes the release that the tests ask for.
+EMULATED_TORCH = "torch==2.10.*"
 
 # An exact sum by rational numbers, and its digest; and an exception of C++.
 IMPORTS = """
@@ -40,7 +46,8 @@ try:
 except TypeError:
     print(sys.version.split()[0], platform.machine(), total.checksum())
 """
-COMMAND_ON_DATA = ("-m", "korvex", "sum", "examples/data/NumAcc4.txt")
+VERIFICATION = ("-m", "korvex_tools.verify", "--only", "base-1", "--need", "base-1")
+DEMONSTRATION = ("examples/demo.py", "--emulated")
 
 
 def run(*command: object, **environment: str) -> str:
@@ -92,26 +99,47 @@ def natively(
 
 
 def emulated(wheel: Path, target: Target, work: Path) -> tuple[str, str]:
-    """Debian's interpreter, unpacked; NumPy and what the command needs from the index."""
-    names = (f"qemu-{target.processor}-static", f"qemu-{target.processor}")
-    qemu = next(filter(None, map(shutil.which, names)), None)
-    if qemu is None:
-        raise Missing(f"no qemu for {target.processor} (Debian, Ubuntu: qemu-user-static)")
-    root = fetch(target.processor, target.version, work)
+    """Debian's interpreter and emulator, unpacked; the rest from the index."""
+    python = emulated_interpreter(target, work)
     site = work / f"site-{target.tag}-{target.processor}"
     shutil.rmtree(site, ignore_errors=True)
-    install_for(target, site, EMULATED_REQUIREMENTS)
-    install_for(target, site, [str(wheel)], "--no-deps", "--no-index")
-    python = [qemu, "-L", root, root / "usr" / "bin" / f"python{target.version}", "-P"]
-    version, _, checksum = run(*python, "-c", IMPORTS, PYTHONPATH=str(site)).split()
-    run(*python, *COMMAND_ON_DATA, PYTHONPATH=str(site))
-    return checksum, f"imported, summed and read certified data by qemu, on CPython {version}"
+    install_for(target, site, EMULATED_TORCH, *constrained(EMULATED_REQUIREMENTS))
+    install_for(target, site, str(wheel), "--no-index")
+    names = {
+        "PYTHONPATH": f"{site}{os.pathsep}{SOURCE_TREE / 'tools'}",
+        "KORVEX_EMULATION_ANY_TORCH": "1",
+    }
+    version, _, checksum = run(python, "-P", "-c", IMPORTS, **names).split()
+    said = run(python, "-P", *VERIFICATION, "--results", work / "verify", **names).splitlines()
+    run(python, *DEMONSTRATION, **names)
+    figures = said[-1].partition("; report")[0]
+    return checksum, f"CPython {version} by qemu: imports, demonstration, verification: {figures}"
 
 
-def install_for(target: Target, site: Path, what: Iterable[str], *options: str) -> None:
+def emulated_interpreter(target: Target, work: Path) -> Path:
+    """A program that stands for an interpreter of another processor, in children of it as well."""
+    name = f"qemu-{target.processor}"
+    root = fetch(target.processor, target.version, work)
+    qemu = fetch_emulator(work) / "usr" / "bin" / name
+    python = root / "usr" / "bin" / f"python{target.version}"
+    stand_in = python.with_name(f"emulated-{python.name}")
+    # Its own name is what the interpreter takes for sys.executable.
+    stand_in.write_text(f'#!/bin/sh\nexec "{qemu}" -0 "$0" -L "{root}" "{python}" "$@"\n')
+    stand_in.chmod(0o755)
+    return stand_in
+
+
+def constrained(names: Iterable[str]) -> list[str]:
+    """These packages in the versions of constraints.txt."""
+    lines = (SOURCE_TREE / "constraints.txt").read_text().splitlines()
+    versions = {line.partition("==")[0].lower().replace("_", "-"): line for line in lines}
+    return [versions[name] for name in names]
+
+
+def install_for(target: Target, site: Path, *what: str) -> None:
     """By this machine's pip, which chooses wheels as that of the target would."""
     versions = [f"manylinux_2_{minor}_{target.processor}" for minor in range(17, 42)]
     platforms = [part for name in versions for part in ("--platform", name)]
     tags = ["--python-version", target.version, "--implementation", "cp", "--abi", target.tag]
-    command = [sys.executable, *PIP, "--target", site, *platforms, *tags, "--abi", "none"]
-    run(*command, "--only-binary=:all:", *options, *what)
+    command = [sys.executable, *PIP, "--no-deps", "--target", site, *platforms, *tags]
+    run(*command, "--abi", "none", "--only-binary=:all:", *what)
