@@ -64,7 +64,9 @@ def segment_sum(x: Any, ids: Any, /, num_segments: int, *, dtype: Any = None) ->
     _check_numbers(numbers, "ids", rows, f"x has {rows} along its first axis")
     form = format_of(dtype, operand.is_complex)
     if operand.device is not None:
-        return _on_device(operand, 0, numbers, "ids", segments, None, form)
+        from korvex.exact import _device_segments
+
+        return _device_segments.summed(operand, 0, numbers, "ids", segments, None, form)
     parts = _summed(operand, 0, numbers, "ids", segments, None, form)
     return give_parts(operand.home, parts, form)
 
@@ -128,7 +130,9 @@ def bincount(ids: Any, /, weights: Any = None, minlength: int = 0, *, dtype: Any
     form = format_of(dtype)
     length = _count_of(numbers, least)
     if numbers.device is not None:
-        return _on_device(operand, 0, numbers, "ids", length, None, form)
+        from korvex.exact import _device_segments
+
+        return _device_segments.summed(operand, 0, numbers, "ids", length, None, form)
     parts = _summed(operand, 0, numbers, "ids", length, None, form)
     return give_parts(numbers.home, parts, form)
 
@@ -178,31 +182,18 @@ def index_add(x: Any, /, dim: int, index: Any, source: Any, *, dtype: Any = None
     check_same_home([("x", operand), ("index", numbers), ("source", added)])
     axis = _axis_of(operand.shape, dim)
     _check_slices(operand.shape, added.shape, axis)
-    slices = added.shape[axis]
+    length, slices = operand.shape[axis], added.shape[axis]
     _check_numbers(numbers, "index", slices, f"source has {slices} along axis {axis}")
     if operand.is_complex != added.is_complex:
         raise TypeError("x and source must be both real or both complex")
     form = format_of(dtype, operand.is_complex)
     if operand.device is not None:
-        return _on_device(added, axis, numbers, "index", operand.shape[axis], operand, form)
-    parts = _summed(added, axis, numbers, "index", operand.shape[axis], operand, form)
+        from korvex.exact import _device_segments
+
+        return _device_segments.summed(added, axis, numbers, "index", length, operand, form)
+    parts = _summed(added, axis, numbers, "index", length, operand, form)
     ordered = [np.ascontiguousarray(np.moveaxis(part, 0, axis)) for part in parts]
     return give_parts(operand.home, ordered, form)
-
-
-def _on_device(
-    x: Operand,
-    axis: int,
-    numbers: Operand,
-    name: str,
-    segments: int,
-    initial: Operand | None,
-    form: str,
-) -> Any:
-    """The same on a GPU, as one array with the axes of x in their order."""
-    from korvex.exact import _device_segments
-
-    return _device_segments.summed(x, axis, numbers, name, segments, initial, form)
 
 
 def _summed(

@@ -39,6 +39,16 @@ KORVEX_HD bool bit_at(const Number& x, int position) {
   return (bits_from(x, position) & 1) != 0;
 }
 
+// Words of zeros below the lowest bit that is set; all where there is none.
+template <class Number>
+KORVEX_HD int zero_words(const Number& x) {
+  int count = 0;
+  while (count < Number::kWords && x.at(count) == 0) {
+    ++count;
+  }
+  return count;
+}
+
 // Whether x is no multiple of 2^position.
 template <class Number>
 KORVEX_HD bool any_below(const Number& x, int position) {
@@ -81,6 +91,23 @@ KORVEX_COLD double nearest(const Number& x, int exponent, bool has_more) {
   const bool is_half_set = (kept_and_half & 1) != 0;
   const bool is_up = is_half_set && ((kept & 1) != 0 || has_more || any_below(x, last - 1));
   return from_bits(exponent_bits(field) + kept + (is_up ? 1 : 0));
+}
+
+// The same rounded to odd, for formats that have fewer bits: where something is left, the last bit
+// is set. Precondition where has_more: the last bit that a double keeps is not below x.
+template <class Number>
+KORVEX_COLD double nearest_odd(const Number& x, int exponent, bool has_more) {
+  const int highest = highest_bit(x);
+  if (highest < 0) {
+    return 0.0;
+  }
+  const int last = last_kept_bit(highest, exponent);
+  const int field = last + exponent - kUnitExponent;
+  if (field >= 2046) {
+    return infinity();
+  }
+  const std::uint64_t kept = bits_from(x, last) | (has_more || any_below(x, last) ? 1 : 0);
+  return from_bits(exponent_bits(field) + kept);
 }
 
 // magnitude or its negative; zero is +0 for both.

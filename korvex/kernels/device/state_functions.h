@@ -57,16 +57,6 @@ struct FunctionMemory : SumMemory {
   Quotient other;
 };
 
-// Words of zeros below the first bit of a number; all where it is 0.
-template <int kWords>
-KORVEX_HD int zero_words(const arithmetic::Natural<kWords>& x) {
-  int count = 0;
-  while (count < kWords && x.word[count] == 0) {
-    ++count;
-  }
-  return count;
-}
-
 // Rounds (x + t) * 2^exponent or its root, where 0 < t < 1 if has_more, else t = 0.
 struct NumberRounding {
   int format;
@@ -80,19 +70,7 @@ struct NumberRounding {
     if (!is_narrow_result(format)) {
       return nearest(x, exponent, has_more);
     }
-    const int highest = highest_bit(x);
-    if (highest < 0) {
-      return 0.0;
-    }
-    // To odd, in the encoding of nearest().
-    const int last = last_kept_bit(highest, exponent);
-    const int field = last + exponent - kUnitExponent;
-    if (field >= 2046) {
-      return infinity();
-    }
-    const bool is_cut = has_more || any_below(x, last);
-    const std::uint64_t kept = bits_from(x, last) | (is_cut ? 1 : 0);
-    return round_to_format(from_bits(exponent_bits(field) + kept), narrow_result(format));
+    return round_to_format(nearest_odd(x, exponent, has_more), narrow_result(format));
   }
 
   // Preconditions: exponent is even; where has_more, x has at least 130 bits.
@@ -178,7 +156,7 @@ class FunctionWorker {
     }
     constexpr int kFraction = 128;  // bits: the quotient has more than 64
     const bool is_negative = memory_.sum.magnitude(memory_.total);
-    const int cut = 64 * zero_words(memory_.total);
+    const int cut = 64 * arithmetic::zero_words(memory_.total);
     arithmetic::shift_down(memory_.total, cut - kFraction, memory_.quotient);
     const bool has_more =
         arithmetic::divide(memory_.quotient, static_cast<std::uint64_t>(function_.elements));
@@ -202,8 +180,8 @@ class FunctionWorker {
     Memory& m = memory_;
     m.sum.magnitude(m.total);
     m.products.magnitude(m.squares);
-    const int of_total = zero_words(m.total);
-    const int of_squares = zero_words(m.squares) / 2;
+    const int of_total = arithmetic::zero_words(m.total);
+    const int of_squares = arithmetic::zero_words(m.squares) / 2;
     const int cut = of_total < of_squares ? of_total : of_squares;
     arithmetic::shift_down(m.total, 64 * cut, m.total);
     arithmetic::shift_down(m.squares, 128 * cut, m.squares);

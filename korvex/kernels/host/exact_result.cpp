@@ -39,16 +39,6 @@ double rounded_sum(Sum& sum, const arithmetic::NarrowFormat* narrow) {
 
 // ---- A big number
 
-// Words of zeros below its first bit; all where it is 0.
-template <int kWords>
-int zero_words(const Natural<kWords>& x) {
-  int count = 0;
-  while (count < kWords && x.word[count] == 0) {
-    ++count;
-  }
-  return count;
-}
-
 // (x + t) * 2^exponent rounded once, where 0 < t < 1 if has_more, else t = 0. Precondition where
 // has_more: x has at least 64 bits, and 2^exponent is below half of the least double.
 template <int kWords>
@@ -57,20 +47,7 @@ double rounded(const Natural<kWords>& x, int exponent, bool has_more,
   if (narrow == nullptr) {
     return arithmetic::nearest(x, exponent, has_more);
   }
-  const int highest = arithmetic::highest_bit(x);
-  if (highest < 0) {
-    return 0.0;
-  }
-  // To odd, in the encoding of nearest().
-  const int last = arithmetic::last_kept_bit(highest, exponent);
-  const int field = last + exponent - arithmetic::kUnitExponent;
-  if (field >= 2046) {
-    return arithmetic::infinity();
-  }
-  const bool is_cut = has_more || arithmetic::any_below(x, last);
-  const std::uint64_t kept = arithmetic::bits_from(x, last) | (is_cut ? 1 : 0);
-  return arithmetic::round_to_format(arithmetic::from_bits(arithmetic::exponent_bits(field) + kept),
-                                     *narrow);
+  return arithmetic::round_to_format(arithmetic::nearest_odd(x, exponent, has_more), *narrow);
 }
 
 // The root of (x + t) * 2^exponent, likewise. Preconditions: exponent is even; where has_more, x
@@ -168,7 +145,7 @@ double ExactResult::mean(CountedSum& sum) const {
   constexpr int kFraction = 128;  // bits: the quotient has more than 64
   LongAccumulator::Magnitude units;
   const bool is_negative = sum.magnitude(units);
-  const int cut = 64 * zero_words(units);
+  const int cut = 64 * arithmetic::zero_words(units);
   Natural<LongAccumulator::kWords + kFraction / 64> quotient;
   arithmetic::shift_down(units, cut - kFraction, quotient);
   const bool has_more = arithmetic::divide(quotient, static_cast<std::uint64_t>(count_));
@@ -265,7 +242,7 @@ double ExactResult::of_variance(Part& part) const {
   ProductAccumulator::Magnitude squares;
   part.sum.magnitude(sum);
   part.products.magnitude(squares);
-  const int cut = std::min(zero_words(sum), zero_words(squares) / 2);
+  const int cut = std::min(arithmetic::zero_words(sum), arithmetic::zero_words(squares) / 2);
   arithmetic::shift_down(sum, 64 * cut, sum);
   arithmetic::shift_down(squares, 128 * cut, squares);
   Natural<70 + kFraction / 64> numerator;
