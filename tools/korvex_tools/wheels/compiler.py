@@ -57,10 +57,12 @@ def find_zig() -> Path:
 def make_compiler(processor: str, folder: Path) -> Compiler:
     """A compiler for a processor as a program of its own, and the unwinder to link with."""
     folder.mkdir(parents=True, exist_ok=True)
-    # -fno-sanitize: zig adds checks where nothing is optimised, and brings no library for them.
+    # -O2 where CMake names no level, as it tries the compiler: zig compiles its own C++ library for
+    # each level that it meets, in minutes. Without one it would also add checks for undefined
+    # behaviour, and it brings no library for them.
     command = f"{find_zig()} c++ -target {processor}-linux-gnu.{GLIBC[0]}.{GLIBC[1]}"
     path = folder / f"zig-{processor}"
-    text = f'#!/bin/sh\nexec {command} -fno-sanitize=undefined "$@"\n'
+    text = f'#!/bin/sh\nexec {command} -O2 -fno-sanitize=undefined "$@"\n'
     # A compiler of another date would compile everything anew.
     if not path.exists() or path.read_text() != text:
         path.write_text(text)

@@ -47,8 +47,11 @@ def find(version: str, folder: Path) -> Path:
 
 
 def fetch(processor: str, version: str, folder: Path) -> Path:
-    """Debian's interpreter with its headers and libraries: the folder that stands for /."""
-    packages = [f"python{version}-dev", f"python{version}-venv"]
+    """Debian's interpreter with its headers and libraries: the folder that stands for /.
+
+    The runtime of C++ is what the modules of others link to.
+    """
+    packages = [f"python{version}-dev", f"python{version}-venv", "libstdc++6"]
     what = f"CPython {version} for {processor}"
     return fetch_packages(processor, folder / f"debian-{processor}-{version}", packages, what)
 
