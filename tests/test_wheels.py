@@ -75,7 +75,9 @@ def test_every_call_of_the_compiler_names_processor_and_c_library(zig, tmp_path,
     made = compiler.make_compiler(processor, tmp_path / processor)
     subprocess.run([made.path, "-c", tmp_path / "made.o"], check=True)
     for line in zig.read_text().splitlines():
-        assert line.startswith(f"c++ -target {processor}-linux-gnu.2.28 -O2 -fno-sanitize=undefined ")
+        assert line.startswith(
+            f"c++ -target {processor}-linux-gnu.2.28 -O2 -fno-sanitize=undefined "
+        )
 
 
 def test_the_system_s_unwinder_stands_before_the_compiler_s(zig, tmp_path):

@@ -23,8 +23,8 @@ PIP = ("-m", "pip", "--quiet", "--disable-pip-version-check", "install")
 # What verification and demonstration import, each by name: the conditions that packages put on what
 # they need would be answered for this processor.
 EMULATED_REQUIREMENTS = """
-    filelock fsspec jinja2 markdown-it-py markupsafe mdurl mpmath networkx numpy pyarrow pygments rich
-    setuptools sympy tqdm typing-extensions
+    filelock fsspec jinja2 markdown-it-py markupsafe mdurl mpmath networkx numpy pyarrow pygments
+    rich setuptools sympy tqdm typing-extensions
 """.split()
 # The last release whose wheel for Arm does without the libraries of CUDA, some gigabytes;
 # `make verify-arm` takes the release that the tests ask for.
