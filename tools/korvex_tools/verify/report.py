@@ -103,6 +103,8 @@ def line_of(report: dict[str, Any], file: str) -> str:
     changed = " with changes" if report["tree_has_changes"] else ""
     values = sorted({row["values"] for row in compared})
     counted = " to ".join(f"{number:,}" for number in dict.fromkeys((values[0], values[-1])))
+    if report["form"] == "short":
+        counted += " (short form)"
     differences = sum(len(row["differences"]) for row in compared)
     return (
         f"| {report['date'][:10]} | [{commit}](verification/{file}){changed} "
