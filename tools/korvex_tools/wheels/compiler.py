@@ -48,10 +48,10 @@ class Compiler:
 
 
 def find_zig() -> Path:
-    specification = importlib.util.find_spec("ziglang")
-    if specification is None or specification.origin is None:
+    package = importlib.util.find_spec("ziglang")
+    if package is None or package.origin is None:
         raise SystemExit("The wheels are compiled by zig: pip install ziglang (the extra release).")
-    return Path(specification.origin).parent / "zig"
+    return Path(package.origin).parent / "zig"
 
 
 def make_compiler(processor: str, folder: Path) -> Compiler:
