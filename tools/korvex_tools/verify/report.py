@@ -96,13 +96,16 @@ def line_of(report: dict[str, Any], file: str) -> str:
     rows = report["configurations"].values()
     compared = [row for row in rows if "cases" in row]
     skipped = [name for name, row in report["configurations"].items() if "cases" not in row]
-    names = ", ".join(n for n, row in report["configurations"].items() if "cases" in row)
+    # Of libraries that were named, the file without its folder.
+    names = ", ".join(Path(n).name for n, row in report["configurations"].items() if "cases" in row)
     left_out = f"; not: {', '.join(skipped)}" if skipped else ""
     gpu = f"{report['gpu']}, {report['driver']}" if report["gpu"] else "none"
     commit = (report["commit"] or "unknown")[:10]
     changed = " with changes" if report["tree_has_changes"] else ""
     values = sorted({row["values"] for row in compared})
     counted = " to ".join(f"{number:,}" for number in dict.fromkeys((values[0], values[-1])))
+    if report["form"] == "short":
+        counted += " (short form)"
     differences = sum(len(row["differences"]) for row in compared)
     return (
         f"| {report['date'][:10]} | [{commit}](verification/{file}){changed} "
