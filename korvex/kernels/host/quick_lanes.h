@@ -48,6 +48,15 @@ KORVEX_INLINE std::uint8_t lanes_with(HostFlags flags) {
 #endif
 }
 
+// The flag in the lanes whose bits are set, as lanes_with() leaves them.
+KORVEX_INLINE HostFlags flags_of(std::uint8_t lanes) {
+  HostBits::Vector bits = {};
+  for (int i = 0; i < kHostLanes; ++i) {
+    bits[i] = std::uint64_t{1} << i;
+  }
+  return {(bits & lanes) != 0};
+}
+
 // Sixteen numbers are two registers of AVX-512, of which one instruction picks.
 struct SixteenPowers {
   alignas(64) double high[16];

@@ -3,6 +3,7 @@
 #include "korvex/arithmetic/elementary/unary.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
@@ -32,16 +33,29 @@ void run_unary(const Arguments& arguments) {
 // Elements between two looks at those that a first try has left open.
 constexpr int kChunk = 512;
 
-// The places of the lanes left open; a byte has a bit for each decided lane of a register.
+// The lanes left open of eight registers; of each a byte has a bit for each decided lane.
 template <int Lanes>
-int open_places(const std::uint8_t* decided, int registers, std::uint16_t* places) {
-  constexpr std::uint64_t kAll = (std::uint64_t{1} << Lanes) - 1;
-  constexpr std::uint64_t kAllOfEight = kAll * 0x0101010101010101;
+std::uint64_t open_of_eight(const std::uint8_t* decided) {
+  constexpr std::uint64_t kAllOfEight = ((1 << Lanes) - 1) * std::uint64_t{0x0101010101010101};
+  std::uint64_t eight;
+  std::memcpy(&eight, decided, sizeof eight);
+  return ~eight & kAllOfEight;
+}
+
+template <int Lanes>
+int open_lanes(const std::uint8_t* decided, int registers) {
   int count = 0;
   for (int first = 0; first < registers; first += 8) {
-    std::uint64_t eight;
-    std::memcpy(&eight, decided + first, sizeof eight);
-    for (std::uint64_t open = ~eight & kAllOfEight; open != 0; open &= open - 1) {
+    count += std::popcount(open_of_eight<Lanes>(decided + first));
+  }
+  return count;
+}
+
+template <int Lanes>
+int open_places(const std::uint8_t* decided, int registers, std::uint16_t* places) {
+  int count = 0;
+  for (int first = 0; first < registers; first += 8) {
+    for (auto open = open_of_eight<Lanes>(decided + first); open != 0; open &= open - 1) {
       const int bit = arithmetic::trailing_zeros(open);
       places[count++] = static_cast<std::uint16_t>((first + bit / 8) * Lanes + bit % 8);
     }
@@ -119,6 +133,20 @@ __attribute__((noinline)) void try_registers(const double* x, double* out, int r
   }
 }
 
+// The second try of all registers of a chunk with an open lane, in place: less than gathering where
+// a good part is open.
+template <class Lanes, RoundedOf<typename Lanes::Value> (*Again)(typename Lanes::Value)>
+__attribute__((noinline)) void try_all_again(const double* x, double* out, int registers,
+                                             std::uint8_t* decided) {
+  for (int i = 0; i < registers; ++i) {
+    const auto tried = Again(Lanes::load(x + i * Lanes::kCount));
+    double* const results = out + i * Lanes::kCount;
+    const auto before = arithmetic::flags_of(decided[i]);
+    Lanes::store(results, arithmetic::selected(before, Lanes::load(results), tried.value));
+    decided[i] |= arithmetic::lanes_with(tried.is_decided);
+  }
+}
+
 // A function of which a first try decides most elements, several at a time, for a chunk that x and
 // out do not share. What it leaves open is gathered and finished together: a branch for each
 // register would be mispredicted where a lane is open, and wait for the try to end.
@@ -134,6 +162,11 @@ void tried_chunk(const double* x, double* out, int members) {
     try_registers<Try>(x, out, registers, decided);
   }
   std::memset(decided + registers, 0xff, 7);  // up to a multiple of 8
+  if constexpr (LanesAgain::kCount > 1) {
+    if (open_lanes<kLanes>(decided, registers) > members / 4) {
+      try_all_again<LanesAgain, Again>(x, out, registers, decided);
+    }
+  }
   std::uint16_t places[kChunk];
   int open = open_places<kLanes>(decided, registers, places);
   for (int i = registers * kLanes; i < members; ++i) {
