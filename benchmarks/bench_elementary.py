@@ -3,7 +3,8 @@
 
 The kernels of all host libraries against torch, NumPy and mpmath (53 bits), in turns, on one
 thread; with the share of inputs that need the accurate phase, and of results that each candidate
-rounds wrongly, judged by MPFR.
+rounds wrongly, judged by MPFR. `--binades` times each binade of arguments instead, and prints the
+slowest of each function.
 """
 
 import ctypes
@@ -126,9 +127,80 @@ def judge(name, rows):
     return targets
 
 
+# Usual arguments, to which the time of each binade is compared.
+USUAL = {"exp": (-1, 1), "log": (0.5, 2), "sigmoid": (-3, 3), "tanh": (-1, 1)}
+MOST_OF_USUAL = 3.0
+
+
+def binades(name):
+    """Label and sign of 2^k: exponents of positive arguments, and of negative ones but for log."""
+    signs = (1,) if name == "log" else (1, -1)
+    lower = [*range(-1074, -64, 40), *range(-64, 12), *range(12, 1024, 40), 1023]
+    return [(sign, exponent) for sign in signs for exponent in lower]
+
+
+def run_binades(name, instruction_set, options):
+    """The least time of each binade of arguments, and of zeros, over that of usual arguments."""
+    generator = np.random.default_rng(SEED)
+    arguments = {"usual": generator.uniform(*USUAL[name], options.n), "0": np.zeros(options.n)}
+    for sign, exponent in binades(name):
+        x = np.ldexp(sign * generator.uniform(1, 2, options.n), exponent)
+        arguments[f"{'-' if sign < 0 else ''}2^{exponent}"] = x
+    if name == "log":  # binades of |x - 1|
+        for sign in (1, -1):
+            for exponent in range(-52, -1):
+                offset = np.ldexp(sign * generator.uniform(1, 2, options.n), exponent)
+                arguments[f"1 {'-' if sign < 0 else '+'} 2^{exponent}"] = 1 + offset
+    calls = {label: kernel_call(instruction_set, name, x) for label, x in arguments.items()}
+    timings = measure(calls, options.repeats)
+    usual = timings.pop("usual").processor_least
+    ratios = {label: timing.processor_least / usual for label, timing in timings.items()}
+    worst = max(ratios, key=ratios.__getitem__)
+    return {
+        "function": name,
+        "instruction_set": instruction_set,
+        "usual_ns_per_element": round(usual / options.n * 1e9, 2),
+        "binades": len(ratios),
+        "worst": worst,
+        "worst_over_usual": round(ratios[worst], 2),
+        "met": ratios[worst] <= MOST_OF_USUAL,
+    }
+
+
+def print_binades(options):
+    """The slowest binade of each function; nothing is recorded."""
+    rows = [
+        run_binades(name, instruction_set, options)
+        for name in USUAL
+        for instruction_set in reversed(usable_instruction_sets())
+    ]
+    print_table(
+        f"Binades of arguments, n = {options.n}; at most {MOST_OF_USUAL} times the usual time",
+        ["kernel", "usual, ns", "binades", "slowest", "over usual", "met"],
+        [
+            [
+                f"tqx_{row['function']}_kernel, {row['instruction_set']}",
+                f"{row['usual_ns_per_element']:.2f}",
+                str(row["binades"]),
+                row["worst"],
+                f"{row['worst_over_usual']:.2f}",
+                "yes" if row["met"] else "NO",
+            ]
+            for row in rows
+        ],
+    )
+
+
 def main():
     parser = host_parser(__doc__, 400_000, "elements", 9)
+    parser.add_argument(
+        "--binades", action="store_true", help="the slowest binade of each function alone"
+    )
     options = parser.parse_args()
+    if options.binades:
+        options.n = min(options.n, 20_000)
+        print_binades(options)
+        return
     cut_short(options, n=20_000, repeats=3)
     torch.set_num_threads(1)
     probe = Probe()

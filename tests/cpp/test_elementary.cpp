@@ -78,8 +78,8 @@ void check_first_try(const double* ordinary, int count, double most_open, const 
     }
   }
   CHECK(open <= most_open * 4 * count);
-  const double borders[] = {708.0, 709.78, 709.79, 745.2, 746.0, 19.07,     38.1,
-                            kInf,  -kInf,  0.0,    -0.0,  1.0,   0x1p-1074, std::nan("")};
+  const double borders[] = {708.0, 709.78, 709.785, 745.2, 746.0, 19.07, 38.1,      650.5,
+                            599.5, kInf,   -kInf,   0.0,   -0.0,  1.0,   0x1p-1074, std::nan("")};
   for (const double border : borders) {
     for (const double x : {border, -border, std::nextafter(border, 0.0)}) {
       const Rounded tried = Try(x);
@@ -87,6 +87,53 @@ void check_first_try(const double* ordinary, int count, double most_open, const 
       CHECK_SAME_BITS(tried.is_decided ? tried.value : value, value);
       CHECK(tried.is_decided == is_usual(x));
     }
+  }
+}
+
+// Beside the least normal number results change from a relative to an absolute grid.
+void subnormal_results_agree() {
+  Random random(82);
+  int open = 0;
+  for (int i = 0; i < 20000; ++i) {
+    const double unit = static_cast<double>(random_bits(random) >> 11) * 0x1p-53;
+    for (const double x : {-707.5 - 39 * unit, -708.3964185322641 - unit * 0x1p-30}) {
+      const double value = exponential(x);
+      for (const Rounded tried : {any_exponential(x), any_sigmoid(x)}) {
+        CHECK_SAME_BITS(tried.is_decided ? tried.value : value, value);
+        open += tried.is_decided ? 0 : 1;
+      }
+      CHECK_SAME_BITS(sigmoid(x), value);
+    }
+  }
+  CHECK(open < 1200);  // of 80000: 2^-7 of each gap at most
+}
+
+// k^2 2^-105 lies on a midpoint beside k 2^-52 where k^2 has one bit less than k.
+void logarithms_beside_one_agree() {
+  Random random(83);
+  int decided = 0;
+  const auto check = [&](double x) {
+    const double expected = logarithm(x);
+    CHECK_SAME_BITS(logarithm_beside_one(x), expected);
+    const Rounded tried = short_logarithm(x - 1);
+    CHECK_SAME_BITS(tried.is_decided ? tried.value : expected, expected);
+    decided += tried.is_decided ? 1 : 0;
+  };
+  for (int k = 1; k < 300; ++k) {
+    check(1 + k * 0x1p-52);
+    check(1 - k * 0x1p-53);
+  }
+  for (int i = 0; i < 3000; ++i) {
+    const int places = 1 + random.below(25);
+    const int k = (1 << places) + random.below(1 << places);
+    const int few = k >> (places / 2) << (places / 2);
+    check(1 + k * 0x1p-52);
+    check(1 + few * 0x1p-52);
+    check(1 - few * 0x1p-53);
+  }
+  CHECK(decided > 9500);  // of 9598
+  for (const double x : {1.0, 0.0, -1.0, kInf, std::nan(""), 2.0, 0x1p-1074}) {
+    CHECK_SAME_BITS(logarithm_beside_one(x), logarithm(x));
   }
 }
 
@@ -98,9 +145,15 @@ void first_tries_agree() {
     const double unit = static_cast<double>(random_bits(random) >> 11) * 0x1p-53;
     value = std::ldexp(unit - 0.5, random.below(34) - 24);
   }
-  check_first_try<quick_exponential, exponential>(x, kCount, 0.01,
-                                                  [](double v) { return absolute(v) < 708; });
-  check_first_try<quick_sigmoid, sigmoid>(x, kCount, 0.015, [](double v) { return v > -708; });
+  const auto is_any = [](double) { return true; };
+  check_first_try<quick_exponential, exponential>(
+      x, kCount, 0.01, [](double v) { return v > -708 && v <= kExpOverflow; });
+  check_first_try<any_exponential, exponential>(x, kCount, 0.01, is_any);
+  check_first_try<quick_sigmoid, sigmoid>(x, kCount, 0.015, [](double v) { return v > -650; });
+  check_first_try<any_sigmoid, sigmoid>(x, kCount, 0.015,
+                                        [](double v) { return v < -600 || is_nan(v); });
+  check_first_try<quick_tanh, hyperbolic_tangent>(x, kCount, 0.03,
+                                                  [](double v) { return !is_nan(v); });
   check_first_try<try_tanh, hyperbolic_tangent>(x, kCount, 0.0025,
                                                 [](double v) { return absolute(v) >= 0x1p-27; });
   for (double& value : x) {
@@ -108,6 +161,7 @@ void first_tries_agree() {
   }
   check_first_try<quick_logarithm, logarithm>(
       x, kCount, 0.015, [](double v) { return v >= 0x1p-1022 && v <= kLargest; });
+  check_first_try<any_logarithm, logarithm>(x, kCount, 0.015, is_any);
 }
 
 // Results so near to the midpoint of two doubles that the pair of the fast phase rounds to the
@@ -246,6 +300,8 @@ void test_elementary() {
   tables_of_log_hold_logarithms();
   phases_agree();
   first_tries_agree();
+  subnormal_results_agree();
+  logarithms_beside_one_agree();
   the_fast_phase_knows_its_error();
   widths_agree();
   special_arguments();

@@ -187,3 +187,46 @@ def test_threads_and_instruction_sets_leave_no_trace(name):
         results.append(by_library("base", 1)(name, x))
     for result in results[1:]:
         assert np.array_equal(results[0].view(np.uint64), result.view(np.uint64))
+
+
+CHUNK = 512  # as in korvex/kernels/host/unary.cpp
+
+
+def launched(library, name, x, out):
+    pointers = [ctypes.c_void_p(array.ctypes.data) for array in (x, out)]
+    row = library.kernels[f"tqx_{name}_kernel"]
+    library.launch(row, (1, 1, 1), (row.block, 1, 1), [*pointers, ctypes.c_int64(len(x))])
+    return out
+
+
+def mixed(count):
+    """Arguments of every kind of try side by side, in places that are not regular."""
+    rng = np.random.default_rng(11)
+    special = [0.0, -0.0, np.inf, -np.inf, np.nan, 2.0**-1074, -(2.0**-1040), -744.4, -709.0, 709.9]
+    return np.where(
+        rng.random(count) < 0.3,
+        rng.choice(special, count),
+        rng.choice([-1.0, 1.0], count) * np.exp2(rng.uniform(-40, 11, count)),
+    )
+
+
+@pytest.mark.parametrize("instruction_set", USABLE)
+@pytest.mark.parametrize("name", ["exp", "log", "sigmoid", "tanh"])
+def test_place_in_a_chunk_changes_no_bit(name, instruction_set):
+    library = HostLibrary(instruction_set, 1)
+    x = mixed(2 * CHUNK + 17)
+    one_by_one = np.array(
+        [launched(library, name, x[i : i + 1], np.empty(1))[0] for i in range(len(x))]
+    )
+    for count in (1, 7, 8, 9, 63, 65, CHUNK - 1, CHUNK, CHUNK + 1, len(x)):
+        result = launched(library, name, x[:count].copy(), np.empty(count))
+        assert result.tobytes() == one_by_one[:count].tobytes()
+
+
+@pytest.mark.parametrize("instruction_set", USABLE)
+@pytest.mark.parametrize("name", ["exp", "log", "sigmoid", "tanh"])
+def test_result_may_take_the_place_of_its_argument(name, instruction_set):
+    library = HostLibrary(instruction_set, 1)
+    x = mixed(3 * CHUNK + 5)
+    expected = launched(library, name, x, np.empty_like(x))
+    assert launched(library, name, x, x).tobytes() == expected.tobytes()

@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the first tries of exp, log and sigmoid ask of a vector register beside lanes.h: integers of
-// 64 bits in its lanes, and entries of their tables for each lane.
+// What the first tries of exp, log, sigmoid and tanh ask of a vector register beside lanes.h:
+// integers of 64 bits in its lanes, and entries of their tables for each lane.
 #pragma once
+
+#if defined(__x86_64__)
+#include <emmintrin.h>
+#endif
 
 #include <cstddef>
 #include <cstdint>
@@ -17,6 +21,42 @@ KORVEX_INLINE HostBits operator+(HostBits a, std::uint64_t b) { return a.value +
 KORVEX_INLINE HostBits operator<<(HostBits a, int count) { return a.value << count; }
 KORVEX_INLINE HostBits operator|(HostBits a, std::uint64_t b) { return a.value | b; }
 
+KORVEX_INLINE HostFlags either(HostFlags a, HostFlags b) { return {a.mask | b.mask}; }
+KORVEX_INLINE HostFlags operator!=(HostDoubles a, HostDoubles b) { return {a.value != b.value}; }
+
+// b where either is NaN, as on one double.
+KORVEX_INLINE HostDoubles greater(HostDoubles a, HostDoubles b) {
+#if defined(__AVX2__) && !defined(__AVX512F__)
+  return _mm256_max_pd(a.value, b.value);
+#elif defined(__x86_64__) && !defined(__AVX512F__)
+  return _mm_max_pd(a.value, b.value);
+#else
+  return a.value > b.value ? a.value : b.value;
+#endif
+}
+
+// A bit for each lane with the flag, that of the first lane last.
+KORVEX_INLINE std::uint8_t lanes_with(HostFlags flags) {
+#if defined(__AVX512F__)
+  return static_cast<std::uint8_t>(_mm512_movepi64_mask(reinterpret_cast<__m512i>(flags.mask)));
+#elif defined(__AVX2__)
+  return static_cast<std::uint8_t>(_mm256_movemask_pd(reinterpret_cast<__m256d>(flags.mask)));
+#elif defined(__x86_64__)
+  return static_cast<std::uint8_t>(_mm_movemask_pd(reinterpret_cast<__m128d>(flags.mask)));
+#else
+  return static_cast<std::uint8_t>((flags.mask[0] & 1) | (flags.mask[1] & 2));
+#endif
+}
+
+// The flag in the lanes whose bits are set, as lanes_with() leaves them.
+KORVEX_INLINE HostFlags flags_of(std::uint8_t lanes) {
+  HostBits::Vector bits = {};
+  for (int i = 0; i < kHostLanes; ++i) {
+    bits[i] = std::uint64_t{1} << i;
+  }
+  return {(bits & lanes) != 0};
+}
+
 // Sixteen numbers are two registers of AVX-512, of which one instruction picks.
 struct SixteenPowers {
   alignas(64) double high[16];
@@ -30,6 +70,11 @@ struct SixteenPowers {
 };
 inline constexpr SixteenPowers kSixteenPowers;
 
+template <class Entry>
+KORVEX_INLINE const Entry* at_byte(const Entry* table, std::uint64_t offset) {
+  return reinterpret_cast<const Entry*>(reinterpret_cast<const char*>(table) + offset);
+}
+
 // Other bits of j than the last four are not looked at.
 KORVEX_INLINE PowerEntries sixteenth_power(HostBits j) {
   PowerEntries entries;
@@ -41,8 +86,11 @@ KORVEX_INLINE PowerEntries sixteenth_power(HostBits j) {
   entries.high = picked(kSixteenPowers.high);
   entries.low = picked(kSixteenPowers.low);
 #else
-  const HostBits place = (j & 15) << 2;
-  load_pairs([&](int i) { return &kPowerTable[place.value[i]].high; }, entries.high, entries.low);
+  // In bytes from the beginning: what an index costs a lane is then done for all at once.
+  const HostBits place = (j & 15) << 6;
+  static_assert(4 * sizeof(PowerEntry) == 1 << 6);
+  load_pairs([&](int i) { return &at_byte(kPowerTable, place.value[i])->high; }, entries.high,
+             entries.low);
 #endif
   return entries;
 }
@@ -61,10 +109,11 @@ struct WideLogTable {
 };
 inline constexpr WideLogTable kWideLogTable;
 
-// Precondition: every lane is below kLogEntries.
-KORVEX_INLINE LogEntries quick_log_entry(HostBits index) {
+// Precondition: every lane is a multiple of kLogEntryBytes, below kLogEntries of them.
+KORVEX_INLINE LogEntries quick_log_entry(HostBits place) {
+  static_assert(sizeof(WideLogTable::Entry) == kLogEntryBytes);
   LogEntries entries;
-  const auto at = [&](int i) { return kWideLogTable.entry[index.value[i]].number; };
+  const auto at = [&](int i) { return at_byte(kWideLogTable.entry, place.value[i])->number; };
 #if defined(__AVX512F__)
   // By the compiler's own shuffles: g++ 12 warns of its intrinsic functions for these.
   using Entry __attribute__((vector_size(32))) = double;

@@ -2,7 +2,10 @@
 // Shells of the kernels of one operand for the host: one result for each element.
 #include "korvex/arithmetic/elementary/unary.h"
 
+#include <algorithm>
+#include <bit>
 #include <cstdint>
+#include <cstring>
 
 #include "korvex/arithmetic/elementary/logarithm.h"
 #include "korvex/arithmetic/elementary/logistic.h"
@@ -27,37 +30,166 @@ void run_unary(const Arguments& arguments) {
                    arguments.threads(), [](double x) { return Function(x); });
 }
 
-template <double (*Function)(double)>
-__attribute__((noinline)) double out_of_line(double x) {
-  return Function(x);
+// Elements between two looks at those that a first try has left open.
+constexpr int kChunk = 512;
+
+// The lanes left open of eight registers; of each a byte has a bit for each decided lane.
+template <int Lanes>
+std::uint64_t open_of_eight(const std::uint8_t* decided) {
+  constexpr std::uint64_t kAllOfEight = ((1 << Lanes) - 1) * std::uint64_t{0x0101010101010101};
+  std::uint64_t eight;
+  std::memcpy(&eight, decided, sizeof eight);
+  return ~eight & kAllOfEight;
 }
 
-// Writes the lanes that the first try has not decided.
-template <class Lanes, double (*Function)(double), class Real>
-__attribute__((noinline)) void finish_undecided(Real x, const RoundedOf<Real>& tried, double* out) {
-  for (int lane = 0; lane < Lanes::kCount; ++lane) {
-    if (!arithmetic::lane(tried.is_decided, lane)) {
-      out[lane] = Function(arithmetic::lane(x, lane));
+template <int Lanes>
+int open_lanes(const std::uint8_t* decided, int registers) {
+  int count = 0;
+  for (int first = 0; first < registers; first += 8) {
+    count += std::popcount(open_of_eight<Lanes>(decided + first));
+  }
+  return count;
+}
+
+template <int Lanes>
+int open_places(const std::uint8_t* decided, int registers, std::uint16_t* places) {
+  int count = 0;
+  for (int first = 0; first < registers; first += 8) {
+    for (auto open = open_of_eight<Lanes>(decided + first); open != 0; open &= open - 1) {
+      const int bit = arithmetic::trailing_zeros(open);
+      places[count++] = static_cast<std::uint16_t>((first + bit / 8) * Lanes + bit % 8);
     }
+  }
+  return count;
+}
+
+// Of fewer open elements than this, each is worked out by itself.
+constexpr int kLeastTogether = 4;
+
+// Writes the results at these places: by the second try, with the lanes of a register full, and one
+// by one what that leaves open too.
+template <class Lanes, RoundedOf<typename Lanes::Value> (*Again)(typename Lanes::Value),
+          double (*Function)(double)>
+__attribute__((noinline)) void finish_open(const double* x, double* out,
+                                           const std::uint16_t* places, int count) {
+  int done = 0;
+  if constexpr (Lanes::kCount > 1) {
+    while (count - done >= kLeastTogether) {
+      const int members = std::min(count - done, Lanes::kCount);
+      double together[Lanes::kCount];
+      for (int i = 0; i < Lanes::kCount; ++i) {
+        together[i] = x[places[done + std::min(i, members - 1)]];
+      }
+      const auto tried = Again(Lanes::load(together));
+      double results[Lanes::kCount];
+      Lanes::store(results, tried.value);
+      const int decided = arithmetic::lanes_with(tried.is_decided);
+      for (int i = 0; i < members; ++i) {
+        out[places[done + i]] = results[i];
+      }
+      for (int i = 0; decided != (1 << Lanes::kCount) - 1 && i < members; ++i) {
+        if ((decided >> i & 1) == 0) {
+          out[places[done + i]] = Function(together[i]);
+        }
+      }
+      done += members;
+    }
+  }
+  for (; done < count; ++done) {
+    out[places[done]] = Function(x[places[done]]);
   }
 }
 
-// A function whose first try decides nearly every element, several at a time. All other steps are
-// calls, so that the loop holds the first try alone.
-template <class Lanes, RoundedOf<typename Lanes::Value> (*Try)(typename Lanes::Value),
+// While it lives, subnormal operands and results of x86-64 count as zeros, as these processors take
+// over a hundred cycles for each. A first try decides nothing by a number that small: it returns
+// tiny arguments by their bits, and leaves results below 2^-1021 open.
+class WithoutSubnormals {
+ public:
+#if defined(__x86_64__)
+  WithoutSubnormals() : before_(_mm_getcsr()) { _mm_setcsr(before_ | kFlushToZero | kAsZeros); }
+  ~WithoutSubnormals() { _mm_setcsr(before_); }
+
+ private:
+  static constexpr unsigned kFlushToZero = 0x8000;
+  static constexpr unsigned kAsZeros = 0x40;
+  unsigned before_;
+#else
+  WithoutSubnormals() {}
+  ~WithoutSubnormals() {}
+#endif
+  WithoutSubnormals(const WithoutSubnormals&) = delete;
+  WithoutSubnormals& operator=(const WithoutSubnormals&) = delete;
+};
+
+// A function of its own, so that no operation moves to where subnormal numbers count.
+template <RoundedOf<arithmetic::HostDoubles> (*Try)(arithmetic::HostDoubles)>
+__attribute__((noinline)) void try_registers(const double* x, double* out, int registers,
+                                             std::uint8_t* decided) {
+  constexpr int kLanes = HostLanes::kCount;
+  for (int i = 0; i < registers; ++i) {
+    const auto tried = Try(HostLanes::load(x + i * kLanes));
+    HostLanes::store(out + i * kLanes, tried.value);
+    decided[i] = arithmetic::lanes_with(tried.is_decided);
+  }
+}
+
+// The second try of all registers of a chunk with an open lane, in place: less than gathering where
+// a good part is open.
+template <class Lanes, RoundedOf<typename Lanes::Value> (*Again)(typename Lanes::Value)>
+__attribute__((noinline)) void try_all_again(const double* x, double* out, int registers,
+                                             std::uint8_t* decided) {
+  for (int i = 0; i < registers; ++i) {
+    const auto tried = Again(Lanes::load(x + i * Lanes::kCount));
+    double* const results = out + i * Lanes::kCount;
+    const auto before = arithmetic::flags_of(decided[i]);
+    Lanes::store(results, arithmetic::selected(before, Lanes::load(results), tried.value));
+    decided[i] |= arithmetic::lanes_with(tried.is_decided);
+  }
+}
+
+// A function of which a first try decides most elements, several at a time, for a chunk that x and
+// out do not share. What it leaves open is gathered and finished together: a branch for each
+// register would be mispredicted where a lane is open, and wait for the try to end.
+template <RoundedOf<arithmetic::HostDoubles> (*Try)(arithmetic::HostDoubles), class LanesAgain,
+          RoundedOf<typename LanesAgain::Value> (*Again)(typename LanesAgain::Value),
+          double (*Function)(double)>
+void tried_chunk(const double* x, double* out, int members) {
+  constexpr int kLanes = HostLanes::kCount;
+  std::uint8_t decided[kChunk / kLanes + 7];
+  const int registers = members / kLanes;
+  {
+    const WithoutSubnormals scope;
+    try_registers<Try>(x, out, registers, decided);
+  }
+  std::memset(decided + registers, 0xff, 7);  // up to a multiple of 8
+  if constexpr (LanesAgain::kCount > 1) {
+    if (open_lanes<kLanes>(decided, registers) > members / 4) {
+      try_all_again<LanesAgain, Again>(x, out, registers, decided);
+    }
+  }
+  std::uint16_t places[kChunk];
+  int open = open_places<kLanes>(decided, registers, places);
+  for (int i = registers * kLanes; i < members; ++i) {
+    places[open++] = static_cast<std::uint16_t>(i);
+  }
+  if (open != 0) {
+    finish_open<LanesAgain, Again, Function>(x, out, places, open);
+  }
+}
+
+template <RoundedOf<arithmetic::HostDoubles> (*Try)(arithmetic::HostDoubles), class LanesAgain,
+          RoundedOf<typename LanesAgain::Value> (*Again)(typename LanesAgain::Value),
           double (*Function)(double)>
 void tried_range(const double* x, double* out, std::int64_t count) {
-  std::int64_t i = 0;
-  for (; i + Lanes::kCount <= count; i += Lanes::kCount) {
-    const auto argument = Lanes::load(x + i);
-    const auto tried = Try(argument);
-    Lanes::store(out + i, tried.value);
-    if (!arithmetic::all(tried.is_decided)) [[unlikely]] {
-      finish_undecided<Lanes, Function>(argument, tried, out + i);
+  double copied[kChunk];
+  for (std::int64_t first = 0; first < count; first += kChunk) {
+    const auto members = static_cast<int>(std::min<std::int64_t>(count - first, kChunk));
+    const double* arguments = x + first;
+    if (x == out) {
+      std::memcpy(copied, arguments, static_cast<std::size_t>(members) * sizeof(double));
+      arguments = copied;
     }
-  }
-  for (; i < count; ++i) {
-    out[i] = out_of_line<Function>(x[i]);
+    tried_chunk<Try, LanesAgain, Again, Function>(arguments, out + first, members);
   }
 }
 
@@ -77,10 +209,12 @@ void run_relu(const Arguments& arguments) { run_unary<arithmetic::relu>(argument
 void run_neg(const Arguments& arguments) { run_unary<arithmetic::negated>(arguments); }
 
 void exp_range(const double* x, double* out, std::int64_t count) {
-  tried_range<HostLanes, arithmetic::quick_exponential, arithmetic::exponential>(x, out, count);
+  tried_range<arithmetic::quick_exponential, HostLanes, arithmetic::any_exponential,
+              arithmetic::exponential>(x, out, count);
 }
 void log_range(const double* x, double* out, std::int64_t count) {
-  tried_range<HostLanes, arithmetic::quick_logarithm, arithmetic::logarithm>(x, out, count);
+  tried_range<arithmetic::quick_logarithm, HostLanes, arithmetic::any_logarithm,
+              arithmetic::logarithm_beside_one>(x, out, count);
 }
 void sqrt_range(const double* x, double* out, std::int64_t count) {
   for (std::int64_t i = 0; i < count; ++i) {
@@ -88,10 +222,12 @@ void sqrt_range(const double* x, double* out, std::int64_t count) {
   }
 }
 void sigmoid_range(const double* x, double* out, std::int64_t count) {
-  tried_range<HostLanes, arithmetic::quick_sigmoid, arithmetic::sigmoid>(x, out, count);
+  tried_range<arithmetic::quick_sigmoid, HostLanes, arithmetic::any_sigmoid, arithmetic::sigmoid>(
+      x, out, count);
 }
 void tanh_range(const double* x, double* out, std::int64_t count) {
-  tried_range<ElementLanes, arithmetic::try_tanh, arithmetic::hyperbolic_tangent>(x, out, count);
+  tried_range<arithmetic::quick_tanh, ElementLanes, arithmetic::try_tanh,
+              arithmetic::hyperbolic_tangent>(x, out, count);
 }
 
 void run_exp(const Arguments& arguments) { run_range<exp_range>(arguments); }

@@ -116,15 +116,15 @@ def expm1_relative():
 # ---- log ----
 
 
-def log_errors():
-    """Absolute and relative."""
+def log_errors(entry_errors):
+    """Absolute and relative, by what gives both for an entry of the table."""
     entries = table("kLogTable")
     worst = mpfr(0), mpfr(0)
     for i, entry in enumerate(entries):
         halved = i >= int(re.search(r"kLogHalfFrom = (\d+)", TABLES)[1])
         low, high = (mpfr(1 + (i + end) / 256) / (2 if halved else 1) for end in (0, 1))
         for k in (0, *(2**p for p in range(11)), *(-(2**p) for p in range(11))):
-            worst = tuple(map(max, worst, _log_entry(entry, low, high, k)))
+            worst = tuple(map(max, worst, entry_errors(entry, low, high, k)))
     return worst
 
 
@@ -175,69 +175,92 @@ def half_place(size):
     return mpfr(2) ** (int(gmpy2.floor(gmpy2.log2(size))) - 53)
 
 
-def _twice_rounded_horner(coefficients, r):
-    """As _horner_error, of products and sums that are rounded by themselves."""
-    error, value = mpfr(0), mpfr(0)
-    for i, exact in enumerate(coefficients):
-        product = r * value
-        value = abs(exact) + product
-        is_power = 1 / exact in (2, 4, 8)  # which is exact
-        error = r * error + (0 if is_power else half_place(abs(exact)))
-        error += half_place(product) + half_place(value) if i else 0
+def _paired_error(coefficients, r):
+    """Of paired_series, lowest coefficient first; products and sums rounded by themselves."""
+
+    def constant_error(exact):
+        return mpfr(0) if 1 / exact in (2, 4, 8) else half_place(exact)  # powers are exact
+
+    def pair(low, high):
+        product = r * high
+        value = low + product
+        error = constant_error(low) + r * constant_error(high)
+        return value, error + half_place(product) + half_place(value)
+
+    square = r * r
+    value, error = coefficients[6], constant_error(coefficients[6])
+    for place in (4, 2, 0):
+        others, others_error = pair(*coefficients[place : place + 2])
+        product = square * value
+        error = square * error + half_place(square) * value + half_place(product) + others_error
+        value = others + product
+        error += half_place(value)
     return error
 
 
-def quick_exp_error():
-    """Absolute, of high + low in [0.978, 2.05]: for a table value of 2."""
+def _quick_reduction():
+    """Bounds of r, of r_low and of the error of both."""
     count = 746 * 16 / gmpy2.const_log2() + 1
     step = gmpy2.const_log2() / 16
     step_high, step_low = 4 * constant("kExpStepHigh"), 4 * constant("kExpStepLow")
     r = step / 2 * (1 + 4 * U * count)
     second = count * abs(step_low)
     r_low = half_place(r)
-    reduction = (
+    error = (
         count * abs(step - step_high - step_low) * 2  # 120-bit log 2
         + 3 * half_place(second)  # the product, twice, and the difference before the last step
         + 2 * half_place(r_low + second)
     )
-    tail_error = _twice_rounded_horner([1 / gmpy2.fac(k) for k in range(8, 1, -1)], r)
+    return r, r_low, error
+
+
+def quick_exp_error(head=2):
+    """Absolute, of high + low, for table values up to the one given; the largest is below 2."""
+    r, r_low, reduction = _quick_reduction()
+    tail_error = _paired_error([1 / gmpy2.fac(k) for k in range(2, 9)], r)
     tail = (gmpy2.exp(r) - 1 - r) / r**2
     rest = r**2 * tail + r_low
-    cross = U * (1 + r) * 2 + half_place(2 * r)
-    low = 2 * rest + cross
+    table = U * (1 + r) * head  # t.low (1 + r)
+    cross = table + half_place(head * r)
+    # Without a fused multiply-add: head less its first 26 bits by those of r.
+    others = mpfr(2) ** -25 * r
+    low = head * rest + cross
     relative = (
         reduction * (1 + r)
         + r**9 / gmpy2.fac(9) * (1 + r)  # the series is cut
         + r_low * r * (1 + r)  # r_low enters to first order
         + r**2 * tail_error
         + half_place(r**2) * tail
-        + 2 * half_place(rest)
+        + 3 * half_place(rest + mpfr(2) ** -25 * r)  # the last with what r has beside 26 bits
         + U * U  # the table
     )
     return (
-        2 * relative
+        head * relative
         + U * rest  # the table's second word meets r alone
-        + 5 * half_place(cross)  # 2 for t.low r + t.low, one for that + the product's error
+        + 2 * half_place(table)
+        + 3 * half_place(cross + others)
         + 2 * half_place(low)  # head rest + cross
-        + half_place(low + half_place(mpfr(2) * (1 + r)))  # + sum.error
+        + half_place(low + half_place(mpfr(head) * (1 + r)))  # + sum.error
     )
 
 
-def quick_log_errors():
-    """Absolute and relative."""
-    entries = table("kLogTable")
-    worst = mpfr(0), mpfr(0)
-    for i, entry in enumerate(entries):
-        halved = i >= int(re.search(r"kLogHalfFrom = (\d+)", TABLES)[1])
-        low, high = (mpfr(1 + (i + end) / 256) / (2 if halved else 1) for end in (0, 1))
-        for k in (0, *(2**p for p in range(11)), *(-(2**p) for p in range(11))):
-            worst = tuple(map(max, worst, _quick_log_entry(entry, low, high, k)))
-    return worst
+def _direct_quick_exp_error(r):
+    """As quick_exp_error, for arguments up to r that nothing is taken off."""
+    tail_error = _paired_error([1 / gmpy2.fac(k) for k in range(2, 9)], r)
+    tail = (gmpy2.exp(r) - 1 - r) / r**2
+    rest = r**2 * tail
+    return (
+        r**9 / gmpy2.fac(9) * (1 + r)  # the series is cut
+        + r**2 * tail_error
+        + U * r**2 * tail
+        + 3 * U * (rest + mpfr(2) ** -25 * r)
+        + U * (rest + U * (1 + r))  # + sum.error
+    )
 
 
 def _quick_series(r, r_low):
     """Of r + rest, and an upper bound of rest, for arguments up to r."""
-    tail_error = _twice_rounded_horner([mpfr(1) / n for n in range(8, 1, -1)], r)
+    tail_error = _paired_error([mpfr(1) / n for n in range(2, 9)], r)
     tail = (r + gmpy2.log1p(-r)) / -(r**2)  # the larger side
     rest = r**2 * tail + 2 * r_low
     error = (
@@ -282,11 +305,54 @@ def _quick_log_entry(entry, low, high, k):
     return series + others, (series + others) / least
 
 
+def _quick_quotient_relative():
+    """Of n / d by a quotient cut to 26 bits, whose correction is up to 2^-25 of it."""
+    correction = mpfr(2) ** -25 * (1 + mpfr(2) ** -20)
+    return 8 * U * correction
+
+
 def quick_sigmoid_relative():
     """An error of E passes on with a factor of at most 1; high + low is at least 0.978."""
     passed_on = quick_exp_error() / mpfr("0.978") * (1 + mpfr(2) ** -20)
-    correction = 4 * U + 8 * U * U  # of q, which is 3 roundings off, by q_low
-    return passed_on + 6 * U * correction + 4 * U * U
+    return passed_on + _quick_quotient_relative() + 4 * U * U
+
+
+def of_tanh(result):
+    """The size of a result that the error of quick_tanh is relative to."""
+    return result**2 + abs(result) * mpfr(2) ** -23
+
+
+def quick_tanh_errors():
+    """Absolute, and relative to of_tanh.
+
+    tanh is (T - w) / (T + w) with T = exp(2 x) / 2^k and w = 2^-k, which passes an error of T on
+    with the factor 2 w / (T + w)^2.
+    """
+    r, _, _ = _quick_reduction()
+    ratios = []
+    absolute_error = mpfr(0)
+    own = _quick_quotient_relative() + 8 * U * U
+    for n in range(1, 16 * 59):
+        k, head = n // 16, gmpy2.exp2(mpfr(n % 16) / 16)
+        w, least = mpfr(2) ** -k, head * gmpy2.exp(-r) * (1 - 2 * U)
+        error = quick_exp_error(head) * 2 * w / (least + w) ** 2 * (1 + mpfr(2) ** -20)
+        # What is below the numerator's last place is not relative to it where that is small.
+        error += own + 2 * U * U / (least + w)
+        absolute_error = max(absolute_error, error)
+        with gmpy2.context(CONTEXT, round=gmpy2.RoundDown):
+            result = (least - w) / (least + w)
+        ratios.append(error / of_tanh(result))
+    # No multiple of log(2)/16 is taken off.
+    upper = r
+    while upper > mpfr(2) ** -27:
+        lower = upper * mpfr("0.98")
+        with gmpy2.context(CONTEXT, round=gmpy2.RoundDown):
+            result = gmpy2.tanh(lower / 2)
+        error = _direct_quick_exp_error(upper) / 2 + own * upper / 2 + 2 * U * U
+        absolute_error = max(absolute_error, error)
+        ratios.append(error / of_tanh(result))
+        upper = lower
+    return absolute_error, max(ratios)
 
 
 # ---- quotients ----
@@ -330,7 +396,7 @@ REFERENCES = {
     "tanh": lambda x, _: gmpy2.tanh(mpfr(x)),
     "reduced_exp": _reduced_reference,
 }
-REFERENCES |= {f"quick_{name}": REFERENCES[name] for name in ("exp", "log", "sigmoid")}
+REFERENCES |= {f"quick_{name}": REFERENCES[name] for name in ("exp", "log", "sigmoid", "tanh")}
 
 
 def relative(exact):
@@ -373,16 +439,18 @@ def samples(count):
 
     near = np.concatenate([1 - spread(-40, -7), 1 + spread(-40, -7), uniform(0.99, 1.01)])
     direct = spread(-30, -8)
+    tanh = np.concatenate(
+        [direct / 2, uniform(0.0027, 0.03), uniform(0.0027, 0.5), uniform(0.5, 20)]
+    )
     return {
         "exp": np.concatenate([uniform(-745, 709), uniform(-1, 1)]),
         "direct": direct,
         "log": np.concatenate([near, uniform(0.5, 2), spread(-1000, 1000)]),
         "expm1": np.concatenate([direct, uniform(0.0054, 0.06), uniform(0.0054, 1)]),
         "expm1 from 1": uniform(1, 39),
-        "sigmoid": np.concatenate([uniform(-700, 38), uniform(-3, 3)]),
-        "tanh": np.concatenate(
-            [direct / 2, uniform(0.0027, 0.03), uniform(0.0027, 0.5), uniform(0.5, 19)]
-        ),
+        "sigmoid": np.concatenate([uniform(-650, 38), uniform(-3, 3)]),
+        "tanh": tanh,
+        "quick_tanh": tanh[tanh >= 2.0**-27],
     }
 
 
@@ -391,13 +459,17 @@ def main():
     parser.add_argument("--count", type=int, default=20_000, help="sample of each kind")
     options = parser.parse_args()
     gmpy2.set_context(CONTEXT)
-    x, probe = samples(options.count), Probe()
+    x = samples(options.count)
+    probes = Probe(), Probe(options=())  # with and without a fused multiply-add
 
     def met(name, kind=None, size=relative):
-        return measured(probe, name, x[kind or name], size)
+        # Other phases have the same bits with both.
+        used = probes if name.startswith("quick") else probes[:1]
+        return max(measured(probe, name, x[kind or name], size) for probe in used)
 
-    log_absolute, log_relative = log_errors()
-    quick_absolute, quick_relative = quick_log_errors()
+    log_absolute, log_relative = log_errors(_log_entry)
+    quick_absolute, quick_relative = log_errors(_quick_log_entry)
+    tanh_absolute_error, tanh_relative_error = quick_tanh_errors()
     # Name, bound, claimed, used, measured; claims and uses are exponents of 2.
     rows = [
         ("reduced_exp", ReducedExp(False).error, -74, 0, met("reduced_exp", "exp", absolute)),
@@ -419,21 +491,41 @@ def main():
             0,
             max(met("expm1", kind, of_exponential) for kind in ("expm1", "expm1 from 1")),
         ),
-        ("quick_exp, of 2^k", quick_exp_error(), -61.3, -61, met("quick_exp", "exp", of_power)),
-        ("quick_log", quick_relative, -59.1, log2(mpfr(1.125)) - 59, met("quick_log", "log")),
+        (
+            "quick_exp, of 2^k",
+            quick_exp_error(),
+            -61,
+            log2(mpfr(1.0625)) - 61,
+            met("quick_exp", "exp", of_power),
+        ),
+        ("quick_log", quick_relative, -58.8, log2(mpfr(1.25)) - 59, met("quick_log", "log")),
         (
             "quick_log, absolute",
             quick_absolute,
-            -67.1,
-            log2(mpfr(1.125)) - 67,
+            -66.9,
+            log2(mpfr(1.25)) - 67,
             met("quick_log", "log", absolute),
         ),
         (
             "quick_sigmoid",
             quick_sigmoid_relative(),
-            -61.2,
+            -61,
             log2(mpfr(1.0625)) - 61,
             met("quick_sigmoid", "sigmoid"),
+        ),
+        (
+            "quick_tanh, of_tanh",
+            tanh_relative_error,
+            -49.5,
+            log2(mpfr(1.75)) - 50,
+            met("quick_tanh", "quick_tanh", of_tanh),
+        ),
+        (
+            "quick_tanh, absolute",
+            tanh_absolute_error,
+            -62.5,
+            -62,
+            met("quick_tanh", "quick_tanh", absolute),
         ),
         ("pair_quotient", quotient_relative(), -100, 0, mpfr(0)),
         ("sigmoid", sigmoid_relative(), -71, -69, met("sigmoid")),

@@ -59,15 +59,12 @@ void quick_exp_phase(double x, double* out) {
 
 void quick_log_phase(double x, double* out) { write(quick_log(x), out); }
 
-void quick_sigmoid_phase(double x, double* out) {
-  const auto s = quick_sigmoid_pair(x);
-  write(s.ratio, out);
-  out[2] = exponent_field(s.unit) - kExponentBias;
-}
+void quick_sigmoid_phase(double x, double* out) { write(quick_sigmoid_pair(x), out); }
+void quick_tanh_phase(double x, double* out) { write(quick_tanh_pair(x), out); }
 
-constexpr Phase kPhases[] = {exp_phase,       reduced_exp_phase, log_phase,
-                             expm1_phase,     sigmoid_phase,     tanh_phase,
-                             quick_exp_phase, quick_log_phase,   quick_sigmoid_phase};
+constexpr Phase kPhases[] = {
+    exp_phase,  reduced_exp_phase, log_phase,       expm1_phase,         sigmoid_phase,
+    tanh_phase, quick_exp_phase,   quick_log_phase, quick_sigmoid_phase, quick_tanh_phase};
 
 bool is_decided(int function, double x) {
   if (function == 0) {
@@ -88,6 +85,9 @@ bool is_decided(int function, double x) {
   if (function == 8) {
     return quick_sigmoid(x).is_decided;
   }
+  if (function == 9) {
+    return quick_tanh(x).is_decided;
+  }
   return function == 5 && fast_tanh(x).is_decided;
 }
 
@@ -96,8 +96,8 @@ bool is_decided(int function, double x) {
 extern "C" {
 
 // out: three numbers for each argument. function: 0 exp, 1 the reduced exp, 2 log, 3 expm1,
-// 4 sigmoid, 5 tanh, 6 to 8 the first tries of exp, log and sigmoid; arguments in the range of the
-// phase.
+// 4 sigmoid, 5 tanh, 6 to 9 the first tries of exp, log, sigmoid and tanh; arguments in the range
+// of the phase.
 void probe_pairs(int function, const double* x, double* out, std::size_t n) {
   for (std::size_t i = 0; i < n; ++i) {
     kPhases[function](x[i], out + 3 * i);

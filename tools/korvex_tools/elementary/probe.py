@@ -21,6 +21,7 @@ FUNCTIONS = {
     "quick_exp": 6,
     "quick_log": 7,
     "quick_sigmoid": 8,
+    "quick_tanh": 9,
 }
 
 
