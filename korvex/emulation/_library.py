@@ -4,6 +4,7 @@
 from __future__ import annotations
 
 import ctypes
+import functools
 import os
 from collections.abc import Sequence
 from pathlib import Path
@@ -21,6 +22,17 @@ MOST_THREADS = 2**31 - 1  # a C int
 _OUT_OF_MEMORY = 2  # what a launch returns then: korvex/kernels/host/launch.h
 
 _Extent = ctypes.c_uint * 3
+
+
+@functools.lru_cache(maxsize=256)
+def _extent(x: int, y: int, z: int) -> ctypes.Array[ctypes.c_uint]:
+    """Return a grid or a block as C takes it; it only reads them."""
+    return _Extent(x, y, z)
+
+
+@functools.cache
+def _pointers(count: int) -> type[ctypes.Array[ctypes.c_void_p]]:
+    return ctypes.c_void_p * count
 
 
 class KernelRow(NamedTuple):
@@ -86,10 +98,10 @@ class HostLibrary:
         MemoryError
             If the host has no memory for the kernel's workspace; its operands are as they were.
         """
-        pointers = (ctypes.c_void_p * len(values))(*map(ctypes.addressof, values))
+        pointers = _pointers(len(values))(*map(ctypes.addressof, values))
         failed = call_and_survive_exit(
             self._functions.korvex_host_launch,
-            (kernel.number, _Extent(*grid), _Extent(*block), pointers, self.threads),
+            (kernel.number, _extent(*grid), _extent(*block), pointers, self.threads),
         )
         if failed == _OUT_OF_MEMORY:
             raise MemoryError(f"out of memory on the emulated device: {kernel.name}")

@@ -95,6 +95,7 @@ def _each_for_itself(call: Call) -> Any:
     return results
 
 
+@plain
 @rule("indexing")
 def _indexing(call: Call) -> Any:
     container, index, *assigned = call.args
@@ -152,9 +153,15 @@ def _device(call: Call) -> Any:
     return getattr(Tensor, call.name)(*call.args, **call.kwargs)
 
 
-@rule("factory", "query")
-def _query(call: Call) -> Any:
+@rule("factory")
+def _factory(call: Call) -> Any:
     return call.run()
+
+
+@plain
+@rule("query")
+def _query(call: Call) -> Any:
+    return call.run()  # no tensor
 
 
 @rule("module")

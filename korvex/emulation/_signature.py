@@ -25,6 +25,7 @@ _MOST_EXTENT = {
 }
 _MOST_STRIDING_GRID = (_MOST_BLOCKS, _MOST_BLOCKS, 65535)
 _MOST_THREADS = 1024
+_THREE_INTS = (int, int, int)
 _MOST_THREADS_OF_FUNCTION = 256  # of a block that the caller chooses: korvex/kernels/table.h
 _PARAMETER = re.compile(r"(\w+):(?:(i64)|(f64)(?:\[([\w*]+)\])?)")
 
@@ -98,6 +99,8 @@ def check_arguments(
     ValueError
         If a size is negative or beyond 64 bits, or an array is not contiguous or too short.
     """
+    if _are_usual(parameters, arguments, array_type):
+        return list(arguments)
     if len(arguments) != len(parameters):
         names = ", ".join(p.name for p in parameters)
         raise TypeError(
@@ -111,6 +114,39 @@ def check_arguments(
         if parameter.kind == "array":
             _check_array(kernel, parameter, given)
     return list(given.values())
+
+
+def _are_usual(
+    parameters: tuple[Parameter, ...], arguments: tuple[Any, ...], array_type: type
+) -> bool:
+    """Whether nothing is wrong and each argument is of the very type, as in nearly all launches.
+
+    All else goes through the checks one by one, which find the message.
+    """
+    if len(arguments) != len(parameters):
+        return False
+    sizes: dict[str, int] = {}
+    for (name, kind, _), argument in zip(parameters, arguments, strict=True):
+        if kind == "i64":
+            if type(argument) is not int or not 0 <= argument <= _MOST_I64:
+                return False
+            sizes[name] = argument
+        elif type(argument) is not (array_type if kind == "array" else float):
+            return False
+    return all(
+        argument.element_type == "float64"
+        and argument.is_contiguous
+        and argument.element_count >= _least_count(parameter, sizes)
+        for parameter, argument in zip(parameters, arguments, strict=True)
+        if parameter.kind == "array"
+    )
+
+
+def _least_count(parameter: Parameter, sizes: dict[str, int]) -> int:
+    least = 1
+    for factor in parameter.factors:
+        least *= int(factor) if factor.isdigit() else sizes[factor]
+    return least
 
 
 def _value_of(kernel: str, parameter: Parameter, argument: Any, array_type: type) -> Any:
@@ -142,6 +178,11 @@ def items_of(value: Any) -> tuple[Any, ...] | None:
     return tuple.__getitem__(value, slice(None)) if _holds(value, tuple) else None
 
 
+def is_of_plain_ints(extent: Any) -> bool:
+    """Whether it is a tuple of three `int` themselves, of which equal ones mean the same."""
+    return type(extent) is tuple and tuple(map(type, extent)) == _THREE_INTS
+
+
 def _check_array(kernel: str, parameter: Parameter, given: dict[str, Any]) -> None:
     array: Array = given[parameter.name]
     if array.element_type != "float64":
@@ -150,9 +191,7 @@ def _check_array(kernel: str, parameter: Parameter, given: dict[str, Any]) -> No
         )
     if not array.is_contiguous:
         raise ValueError(f"{kernel}: {parameter.name!r} must be contiguous")
-    least = 1
-    for factor in parameter.factors:
-        least *= int(factor) if factor.isdigit() else given[factor]
+    least = _least_count(parameter, given)
     if array.element_count < least:
         raise ValueError(
             f"{kernel}: {parameter.name!r} must have at least {'*'.join(parameter.factors)} = "

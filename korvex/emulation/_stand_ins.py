@@ -10,7 +10,13 @@ from typing import Any
 import torch
 
 from korvex.emulation._library import HostLibrary, KernelRow
-from korvex.emulation._signature import check_arguments, check_block, check_grid, items_of
+from korvex.emulation._signature import (
+    check_arguments,
+    check_block,
+    check_grid,
+    is_of_plain_ints,
+    items_of,
+)
 from korvex.emulation._tensor import Tensor, host_alias
 
 _C_TYPES: dict[str, Any] = {
@@ -20,12 +26,16 @@ _C_TYPES: dict[str, Any] = {
 }
 
 
+_MOST_EXTENTS = 64  # that a kernel remembers
+
+
 class DeviceArray:
     """A view of an emulated tensor, as a kernel takes it; it keeps the memory alive."""
 
     def __init__(self, host: torch.Tensor) -> None:
         self._host = host
-        self.element_type = str(host.dtype).removeprefix("torch.")
+        is_usual = host.dtype is torch.float64
+        self.element_type = "float64" if is_usual else str(host.dtype).removeprefix("torch.")
         self.element_count = host.numel()
         self.is_contiguous = host.is_contiguous()
         self.pointer = host.data_ptr()
@@ -48,7 +58,9 @@ def from_dlpack(array: Any) -> DeviceArray:
             f"{type(array).__name__}{device}: move it with .cuda()"
         )
     host = host_alias(array)
-    host.__dlpack__()  # torch raises here what it would raise for a real device
+    is_lent = host.dtype is torch.float64 and host.layout is torch.strided
+    if not is_lent or host.requires_grad or host.is_neg():
+        host.__dlpack__()  # torch raises here what it would raise for a real device
     return DeviceArray(host)
 
 
@@ -64,6 +76,8 @@ class Kernel:
     def __init__(self, library: HostLibrary, row: KernelRow) -> None:
         self._library = library
         self._row = row
+        self._c_types = [_C_TYPES[parameter.kind] for parameter in row.parameters]
+        self._extents: dict[Any, tuple[Any, Any]] = {}  # checked before, by what was given
 
     def __repr__(self) -> str:
         return f"<emulated kernel {self._row.name}>"
@@ -91,16 +105,29 @@ class Kernel:
 
     def _run(self, grid: Any, block: Any, arguments: Any) -> None:
         row = self._row
-        grid_extent = check_grid(row.name, grid, row.strides_along_y)
-        block_extent = check_block(row.name, block, row.block)
-        items = items_of(arguments)
+        grid_extent, block_extent = self._checked_extents(grid, block)
+        items = arguments if type(arguments) is tuple else items_of(arguments)
         if items is None:
             raise TypeError(f"{row.name}: args must be a tuple, not {type(arguments).__name__}")
         checked = check_arguments(row.name, row.parameters, items, DeviceArray)
         if 0 not in grid_extent:
-            kinds = (parameter.kind for parameter in row.parameters)
-            values = [_C_TYPES[kind](value) for kind, value in zip(kinds, checked, strict=True)]
+            values = [make(value) for make, value in zip(self._c_types, checked, strict=True)]
             self._library.launch(row, grid_extent, block_extent, values)
+
+    def _checked_extents(self, grid: Any, block: Any) -> tuple[Any, Any]:
+        is_plain = is_of_plain_ints(grid) and is_of_plain_ints(block)
+        if is_plain and (seen := self._extents.get((grid, block))):
+            return seen
+        row = self._row
+        extents = (
+            check_grid(row.name, grid, row.strides_along_y),
+            check_block(row.name, block, row.block),
+        )
+        if is_plain:
+            if len(self._extents) >= _MOST_EXTENTS:
+                self._extents.clear()
+            self._extents[grid, block] = extents
+        return extents
 
 
 def make_cupy() -> types.ModuleType:

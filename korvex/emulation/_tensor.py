@@ -10,7 +10,7 @@ from __future__ import annotations
 
 import copy
 import enum
-from collections.abc import Callable
+from collections.abc import Callable, Iterable
 from typing import Any, NoReturn
 
 import torch
@@ -40,8 +40,15 @@ class Tensor(torch.Tensor):
         kwargs: dict[str, Any] | None = None,
     ) -> Any:
         # Nearly all calls are of this kind, and a program makes many.
-        if not kwargs and rule_of(func).is_plain and _PLAIN_OPERANDS.issuperset(map(type, args)):
-            result = call_as_host(func, types, args, {})
+        if rule_of(func).is_plain and (
+            _PLAIN_OPERANDS.issuperset(map(type, args)) or _are_plain(args)
+        ):
+            if not kwargs:
+                result = call_as_host(func, types, args, _NO_KEYWORDS)
+            elif _are_plain(kwargs.values()):
+                result = call_as_host(func, types, args, kwargs)
+            else:
+                return dispatch(func, args, kwargs)
             if type(result) is torch.Tensor:
                 result.__class__ = cls
                 return result
@@ -131,7 +138,21 @@ class Tensor(torch.Tensor):
         return result
 
 
-_PLAIN_OPERANDS = {Tensor, bool, int, float, complex, str, type(None), torch.dtype, torch.Size}
+_NO_KEYWORDS: dict[str, Any] = {}
+_PLAIN_OPERANDS = {
+    *(Tensor, bool, int, float, complex, str, slice),
+    *(type(None), type(Ellipsis), torch.dtype, torch.Size),
+}
+
+
+def _are_plain(operands: Iterable[Any]) -> bool:
+    """Whether all are plain operands, or lists and tuples of them."""
+    return all(
+        _PLAIN_OPERANDS.issuperset(map(type, each))
+        if type(each) in (list, tuple)
+        else type(each) in _PLAIN_OPERANDS
+        for each in operands
+    )
 
 
 def adopt(value: Any) -> Any:

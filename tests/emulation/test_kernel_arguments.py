@@ -247,6 +247,20 @@ def test_array_keeps_the_memory_of_its_tensor_alive(module):
     assert out.tolist() == [3000.0, 0.0, 0.0, 0.0]
 
 
+def test_extents_that_equal_checked_ones_are_checked_by_their_types(module):
+    x, out = tensors_of(module, 8, 4)
+    kernel = module._NATIVE_LOADER.get_kernel("tqx_sum_seq_kernel")
+    kernel.function(ONE, ONE, (x, out, 8))
+    for grid, block in [((True, 1, 1), ONE), (ONE, (1, True, 1)), ((1.0, 1, 1), ONE)]:
+        with pytest.raises(TypeError, match="must be a tuple of three int"):
+            kernel.function(grid, block, (x, out, 8))
+
+
+def tensors_of(module, *counts):
+    made = (torch.ones(count, dtype=torch.float64, device="cuda") for count in counts)
+    return [module.cp.from_dlpack(each) for each in made]
+
+
 # --- from_dlpack
 
 

@@ -236,6 +236,16 @@ def test_means_that_a_rest_decides():
         assert found(exact.mean(rows, axis=0)) == expected
 
 
+@EACH_FORMAT
+@pytest.mark.parametrize("count", [2, 3, 5, 10, 12])
+def test_means_that_are_two_doubles_exactly(form, count):
+    """Sums that the count divides leave ties, and means without an error, beside all others."""
+    drawn_values = np.random.default_rng(9).standard_normal((400, count))
+    drawn_values[:, 0] += count * np.ldexp(1.0, np.arange(400) % 3 - 54)
+    result = exact.mean(drawn_values, axis=1, dtype=form)
+    assert found(result) == [expected_of("mean", row.tolist(), form) for row in drawn_values]
+
+
 @given(
     high=st.floats(0.5, 2),
     last=st.integers(-1080, -40),

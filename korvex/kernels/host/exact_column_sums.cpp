@@ -68,7 +68,7 @@ struct SumColumns {
   bool result(std::int64_t i, const ExactResult& rounding, std::int64_t, double* found) const {
     const auto value = arithmetic::two_sum(sum[i], error[i]);  // exact
     return lost[i] == 0 && arithmetic::is_finite(value.value) &&
-           rounding.of_pair(value.value, value.error, found);
+           rounding.of_pair(value.value, value.error, true, found);
   }
 
  private:

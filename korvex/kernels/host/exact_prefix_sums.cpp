@@ -17,6 +17,7 @@
 #include "korvex/kernels/host/exact_calls.h"
 #include "korvex/kernels/host/lanes.h"
 #include "korvex/kernels/host/result_format.h"
+#include "korvex/kernels/host/running_limbs.h"
 
 namespace korvex::host {
 namespace {
@@ -108,71 +109,22 @@ double result_of(const PrefixSum& prefix, const ValueAndError& limbs,
   return rounded_once(limbs.value, sign_of(limbs.error), narrow);
 }
 
-// The sum so far as two doubles in any order. An addition waits for the one before it in the value
-// of each double alone, and not in an error or in the rounding of the result.
-struct RunningPair {
-  double high;
-  double low;
+// Elements of two arrays of doubles, for a RunningSum.
+struct Halves {
+  const double* high;
+  const double* low;
 
-  // True where the pair is now larger by exactly x; false, with nothing changed, where it is not.
-  // The limit is below that of limbs by more than all errors together, so the sum of both is too.
-  KORVEX_INLINE bool try_add(double x) {
-    const ValueAndError upper = arithmetic::two_sum(high, x);           // exact below the limit
-    const ValueAndError lower = arithmetic::two_sum(low, upper.error);  // exact likewise
-    if (lower.error != 0 || !(arithmetic::absolute(upper.value) < arithmetic::kLimbLimit / 4)) {
-      return false;  // NaN too
-    }
-    high = upper.value;
-    low = lower.value;
-    return true;
+  template <class Sum>
+  KORVEX_INLINE bool try_add(Sum& sum, std::int64_t i) const {
+    return sum.try_add(high[i]) && sum.try_add(low[i]);
   }
-
-  KORVEX_INLINE ValueAndError limbs() const { return arithmetic::two_sum(high, low); }  // exact
+  ValueAndError add_to(PrefixSum& prefix, std::int64_t i) const {
+    prefix.next(high[i]);
+    return prefix.next(low[i]);
+  }
 };
 
-// Adds elements while two doubles hold the sum, and calls write(i, limbs) for each. Returns the
-// first that they cannot take.
-template <bool kHasLow, class Write>
-KORVEX_INLINE std::int64_t scan_by_pair(const Elements& x, std::int64_t i, PrefixSum& prefix,
-                                        const Write& write) {
-  RunningPair pair = {prefix.limbs().value, prefix.limbs().error};
-  for (; i < x.count; ++i) {
-    RunningPair next = pair;
-    if (!next.try_add(x.high[i])) {
-      break;
-    }
-    if constexpr (kHasLow) {
-      if (!next.try_add(x.low[i])) {
-        break;
-      }
-    }
-    pair = next;
-    write(i, pair.limbs());
-  }
-  prefix.come_back(pair.limbs());
-  return i;
-}
-
-// Calls write(i, limbs) where these are far below the largest double, else write_any(i, limbs).
-template <bool kHasLow, class Write, class WriteAny>
-void scan_elements(const Elements& x, PrefixSum& prefix, const Write& write,
-                   const WriteAny& write_any) {
-  for (std::int64_t i = 0; i < x.count; ++i) {
-    if (prefix.is_two_limbs()) {
-      i = scan_by_pair<kHasLow>(x, i, prefix, write);
-      if (i == x.count) {
-        return;
-      }
-    }
-    ValueAndError limbs = prefix.next(x.high[i]);
-    if constexpr (kHasLow) {
-      limbs = prefix.next(x.low[i]);
-    }
-    write_any(i, limbs);
-  }
-}
-
-void scan(const Line& line, std::int64_t begin, std::int64_t end, int format, PrefixSum& prefix,
+void scan(const Line& line, std::int64_t begin, std::int64_t end, int format, RunningSum& prefix,
           const ResultArray& out) {
   const arithmetic::NarrowFormat* narrow = narrow_format(format);
   line.blocks(begin, end, [&](const Elements& x, std::int64_t first) {
@@ -189,11 +141,11 @@ void scan(const Line& line, std::int64_t begin, std::int64_t end, int format, Pr
       doubles[i * step] = arithmetic::add_rn(limbs.value, 0.0);  // -0 to +0
     };
     if (x.low != nullptr) {
-      scan_elements<true>(x, prefix, write_narrow, write_any);
+      prefix.scan(Halves{x.high, x.low}, x.count, write_narrow, write_any);
     } else if (narrow == nullptr) {
-      scan_elements<false>(x, prefix, write_double, write_any);
+      prefix.scan(SingleDoubles{x.high}, x.count, write_double, write_any);
     } else {
-      scan_elements<false>(x, prefix, write_narrow, write_any);
+      prefix.scan(SingleDoubles{x.high}, x.count, write_narrow, write_any);
     }
   });
 }
@@ -201,9 +153,9 @@ void scan(const Line& line, std::int64_t begin, std::int64_t end, int format, Pr
 void scan_by_threads(const Line& line, int ranges, int format, const ResultArray& out) {
   const std::vector<Start> starts =
       ranges == 1 ? std::vector<Start>() : starts_of_ranges(line, ranges);
-  for_each_of_ranges<PrefixSum>(
+  for_each_of_ranges<RunningSum>(
       line.size, ranges,
-      [&](std::int64_t begin, std::int64_t end, PrefixSum& prefix) {
+      [&](std::int64_t begin, std::int64_t end, RunningSum& prefix) {
         for (const Start& start : starts) {
           if (start.begin == begin) {
             prefix.start(start.sum);
@@ -211,7 +163,7 @@ void scan_by_threads(const Line& line, int ranges, int format, const ResultArray
         }
         scan(line, begin, end, format, prefix, out);
       },
-      [](const PrefixSum&) {});
+      [](const RunningSum&) {});
 }
 
 // A line for each index of the dimensions of an array but the last.
@@ -275,7 +227,7 @@ class Lines {
   }
 
   void scan_group(const Line* group, int count) const {
-    const auto prefixes = std::make_unique<PrefixSum[]>(static_cast<std::size_t>(count));
+    const auto prefixes = std::make_unique<RunningSum[]>(static_cast<std::size_t>(count));
     for (std::int64_t first = 0; first < size_; first += kLineBlock) {
       const std::int64_t end = std::min(size_, first + kLineBlock);
       for (int g = 0; g < count; ++g) {

@@ -105,7 +105,7 @@ double ExactResult::of_sum(CountedSum& sum) const {
 
 // The quotient q of value by the count has an exact rest r, so the mean is q + (r + error) / count.
 // Where that rounds alike from both ends of what the rest may be, it is known.
-bool ExactResult::of_pair(double value, double error, double* result) const {
+bool ExactResult::of_pair(double value, double error, bool is_whole, double* result) const {
   if (function_ == KORVEX_EXACT_TOTAL || value == 0) {
     *result = arithmetic::add_rn(rounded_once(value, sign_of(error), narrow_), 0.0);  // -0 to +0
     return true;
@@ -117,7 +117,8 @@ bool ExactResult::of_pair(double value, double error, double* result) const {
   const auto count = static_cast<double>(count_);                   // exact
   const double quotient = arithmetic::div_rn(value, count);         // rounded
   const double rest = arithmetic::fma_rn(-quotient, count, value);  // exact
-  const double correction = (rest + error) / count;                 // three roundings
+  const auto left = arithmetic::two_sum(rest, error);               // exact
+  const double correction = left.value / count;                     // two roundings
   const auto mean = arithmetic::two_sum(quotient, correction);      // exact
   const double size = arithmetic::absolute(rest) + arithmetic::absolute(error);
   const double slack = size / count * 0x1p-46;  // above the error of `correction` 100 times
@@ -125,7 +126,9 @@ bool ExactResult::of_pair(double value, double error, double* result) const {
                        mean.value + (mean.error - slack) == mean.value &&
                        (arithmetic::absolute(mean.error) > slack || size == 0);
   *result = rounded_once(mean.value, sign_of(mean.error), narrow_);
-  return is_sure;
+  // Of few elements the mean often is two doubles exactly: ties and means without an error are.
+  return is_sure ||
+         (is_whole && left.error == 0 && arithmetic::fma_rn(-correction, count, left.value) == 0);
 }
 
 double ExactResult::mean(CountedSum& sum) const {
@@ -136,10 +139,10 @@ double ExactResult::mean(CountedSum& sum) const {
     return arithmetic::canonical_nan();
   }
   CountedSum copy = sum;
-  double limbs[2];
-  copy.round<2>(limbs);
+  double limbs[3];
+  copy.round<3>(limbs);
   double result;
-  if (arithmetic::is_finite(limbs[0]) && of_pair(limbs[0], limbs[1], &result)) {
+  if (arithmetic::is_finite(limbs[0]) && of_pair(limbs[0], limbs[1], limbs[2] == 0, &result)) {
     return result;
   }
   constexpr int kFraction = 128;  // bits: the quotient has more than 64

@@ -30,8 +30,9 @@ class ExactResult {
   double of_sum(CountedSum& sum) const;  // precondition: the function is a sum or a mean
 
   // The same of a sum that is value + error, where a look at the two decides the rounding: else
-  // false. Precondition: value = RN(value + error), finite; the function is a sum or a mean.
-  bool of_pair(double value, double error, double* result) const;
+  // false. Unless is_whole, error is the sum less value rounded. Precondition: value is the sum
+  // rounded, and finite; the function is a sum or a mean.
+  bool of_pair(double value, double error, bool is_whole, double* result) const;
 
   // The same of deviations of all elements from one number, which is 0 for a norm. Preconditions:
   // the function is a variance, its root, or a norm; the elements are at most kMostDeviations.

@@ -4,6 +4,7 @@
 //
 // Each thread takes a range of elements, and the partial results are joined in order. All of them
 // are exact, or lie on a grid, so no result depends on the number of threads.
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -13,6 +14,10 @@
 #include "korvex/arithmetic/exact/prefix_sums.h"
 #include "korvex/arithmetic/exact/variance.h"
 #include "korvex/kernels/host/lanes.h"
+#include "korvex/kernels/host/quick_log_sum.h"
+#include "korvex/kernels/host/quick_product.h"
+#include "korvex/kernels/host/quick_squares.h"
+#include "korvex/kernels/host/running_limbs.h"
 #include "korvex/kernels/host/shells.h"
 #include "korvex/kernels/host/threads.h"
 
@@ -22,8 +27,6 @@ using arithmetic::ExactProductSum;
 using arithmetic::ExactSum;
 using arithmetic::FastProduct;
 using arithmetic::HostLanes;
-using arithmetic::Moments;
-using arithmetic::PrefixSum;
 
 namespace {
 
@@ -37,6 +40,47 @@ void reduce_ranges(const double* x, std::int64_t n, int threads, const Work& wor
       },
       [&total](const Part& part) { total.add(part); });
 }
+
+ExactProductSum exact_squares(const double* x, std::int64_t n, int threads) {
+  ExactProductSum squares;
+  reduce_ranges(
+      x, n, threads,
+      [](const double* from, std::int64_t count, ExactProductSum& part) {
+        arithmetic::add_products<HostLanes>(from, from, count, part);
+      },
+      squares);
+  return squares;
+}
+
+// The exact sum of some elements, and the quick one of their squares.
+struct QuickMoments {
+  static constexpr std::int64_t kBlock = 2048;  // elements that the first cache holds for both
+
+  ExactSum sum;
+  QuickSquares squares;
+
+  void add(const QuickMoments& other) {
+    sum.add(other.sum);
+    squares.add(other.squares);
+  }
+
+  void add_elements(const double* x, std::int64_t n) {
+    arithmetic::ChunkedSum<HostLanes, arithmetic::kSumStreams> chunks(sum);
+    for (std::int64_t begin = 0; begin < n; begin += kBlock) {
+      const std::int64_t count = std::min(kBlock, n - begin);
+      chunks.add({x + begin}, count);
+      squares.add(x + begin, count);
+    }
+  }
+
+  // The first two canonical limbs of the sum.
+  arithmetic::ValueAndError limbs() const {
+    ExactSum copy = sum;
+    double limbs[2];
+    copy.round<2>(limbs);
+    return {limbs[0], limbs[1]};
+  }
+};
 
 // Where a range begins, and the sum of all elements before it.
 struct Start {
@@ -83,31 +127,91 @@ class HostRunner {
   int threads_;
 };
 
+// As first_log_sum_exp(), for elements of which the largest is known: none is special, and there
+// are two or more.
+arithmetic::Rounded fast_log_sum_of(const HostRunner& runner, double largest, std::int64_t n) {
+  const auto sum = runner.over<arithmetic::ExpSum>(
+      [=](const double* x, std::int64_t count, arithmetic::ExpSum& part) {
+        for (std::int64_t i = 0; i < count; ++i) {
+          part.add_term(x[i], largest);
+        }
+      });
+  return arithmetic::fast_log_sum(largest, sum, n);
+}
+
+// Whether the first tries decide the logarithm of the sum of exponentials, which then goes to
+// out[0]: those of exp side by side, then the one of log_sum_exp().
+bool try_log_sum(const HostRunner& runner, std::int64_t n, double* out) {
+  constexpr double kMostLargest = 0x1p+30;
+  constexpr std::int64_t kMostTerms = std::int64_t{1} << 40;
+  if (n < 2 || n > kMostTerms) {
+    return false;
+  }
+  const auto head = runner.over<QuickLargest>(
+      [](const double* x, std::int64_t count, QuickLargest& part) { part.add_range(x, count); });
+  const double largest = head.value();
+  if (!head.is_of_finite()) {
+    return false;
+  }
+  if (arithmetic::absolute(largest) < kMostLargest) {
+    const auto sum =
+        runner.over<QuickExpSum>([=](const double* x, std::int64_t count, QuickExpSum& part) {
+          part.add_range(x, count, largest);
+        });
+    if (quick_log_sum(largest, sum, n, out)) {
+      return true;
+    }
+  }
+  const arithmetic::Rounded fast = fast_log_sum_of(runner, largest, n);
+  out[0] = fast.value;
+  return fast.is_decided;
+}
+
 }  // namespace
 
-// Arguments: x, out_mean, out_var, n.
+// Arguments: x, out_mean, out_var, n. The exact sum gives the mean, and with the quick squares
+// nearly always the variance; where it does not, the exact sum of the squares follows.
 void run_var(const Arguments& arguments) {
-  Moments moments;
+  const double* x = arguments.array(0);
+  const std::int64_t n = arguments.integer(3);
+  double& mean = arguments.array(1)[0];
+  double& variance = arguments.array(2)[0];
+  mean = arithmetic::canonical_nan();
+  variance = arithmetic::canonical_nan();
+  QuickMoments moments;
   reduce_ranges(
-      arguments.array(0), arguments.integer(3), arguments.threads(),
-      [](const double* x, std::int64_t count, Moments& part) {
-        part.add_elements<HostLanes>(x, count);
+      x, n, arguments.threads(),
+      [](const double* from, std::int64_t count, QuickMoments& part) {
+        part.add_elements(from, count);
       },
       moments);
+  if (n <= 0 || !moments.sum.is_sum_of_finite()) {
+    return;
+  }
+  const bool is_decided = n > 1 && quick_variance(moments.squares, moments.limbs(), n, &variance);
   arithmetic::VarianceWorkspace work;
-  arithmetic::write_variance(moments, arguments.integer(3), work, arguments.array(1),
-                             arguments.array(2));
+  const bool is_negative = moments.sum.magnitude(work.sum);
+  mean = arithmetic::mean_of(work, is_negative, n);
+  if (n > 1 && !is_decided) {
+    ExactProductSum squares = exact_squares(x, n, arguments.threads());
+    squares.magnitude(work.squares);
+    variance = arithmetic::variance_of(work, n);
+  }
 }
 
 // Arguments: x, out, n.
 void run_norm(const Arguments& arguments) {
-  ExactProductSum squares;
+  const double* x = arguments.array(0);
+  const std::int64_t n = arguments.integer(2);
+  QuickSquares quick;
   reduce_ranges(
-      arguments.array(0), arguments.integer(2), arguments.threads(),
-      [](const double* x, std::int64_t count, ExactProductSum& part) {
-        arithmetic::add_products<HostLanes>(x, x, count, part);
-      },
-      squares);
+      x, n, arguments.threads(),
+      [](const double* from, std::int64_t count, QuickSquares& part) { part.add(from, count); },
+      quick);
+  if (quick_norm(quick, arguments.array(1))) {
+    return;
+  }
+  ExactProductSum squares = exact_squares(x, n, arguments.threads());
   arithmetic::NormWorkspace work;
   arithmetic::write_norm(squares, work, arguments.array(1));
 }
@@ -116,6 +220,16 @@ void run_norm(const Arguments& arguments) {
 void run_prod(const Arguments& arguments) {
   const double* x = arguments.array(0);
   const std::int64_t n = arguments.integer(3);
+  QuickProduct quick;
+  reduce_ranges(
+      x, n, arguments.threads(),
+      [](const double* from, std::int64_t count, QuickProduct& part) {
+        part.add_range(from, count);
+      },
+      quick);
+  if (quick.write_limbs(arguments.array(1), arguments.array(2))) {
+    return;
+  }
   FastProduct product;
   reduce_ranges(
       x, n, arguments.threads(),
@@ -136,24 +250,28 @@ void run_cumsum(const Arguments& arguments) {
   const std::int64_t n = arguments.integer(3);
   const int ranges = range_count(n, arguments.threads());
   const std::vector<Start> starts = starts_of_ranges(x, n, ranges);
-  for_each_of_ranges<PrefixSum>(
+  for_each_of_ranges<RunningSum>(
       n, ranges,
-      [&](std::int64_t begin, std::int64_t end, PrefixSum& prefix) {
+      [&](std::int64_t begin, std::int64_t end, RunningSum& sum) {
         for (const Start& start : starts) {
           if (start.begin == begin) {
-            prefix.start(start.sum);
+            sum.start(start.sum);
           }
         }
-        prefix.scan(x + begin, end - begin, out + begin, out_err + begin);
+        sum.scan(x + begin, end - begin, out + begin, out_err + begin);
       },
-      [](const PrefixSum&) {});
+      [](const RunningSum&) {});
 }
 
 // Arguments: x, out, n.
 void run_logsumexp(const Arguments& arguments) {
+  const double* x = arguments.array(0);
   const std::int64_t n = arguments.integer(2);
-  const HostRunner runner(arguments.array(0), n, arguments.threads());
-  arguments.array(1)[0] = arithmetic::log_sum_exp(runner, n);
+  double* out = arguments.array(1);
+  const HostRunner runner(x, n, arguments.threads());
+  if (!try_log_sum(runner, n, out)) {
+    out[0] = arithmetic::log_sum_exp(runner, n);
+  }
 }
 
 }  // namespace korvex::host
