@@ -195,8 +195,8 @@ KORVEX_INLINE ValueAndErrorOf<Real> quick_log(Real x, Real bias = Real(kLogBias)
   const Real m = from_bits(bits - (field << kFractionBits) + kOne);
   const Real biased = from_bits(field | to_bits(0x1p+52));
   const Real k = sub_rn(biased, bias);  // exact
-  const auto& t = quick_log_entry((bits >> (kEntryPlace - 5)) &
-                                  std::uint64_t{(kLogEntries - 1) * kLogEntryBytes});
+  constexpr std::uint64_t kPlaces = std::uint64_t{kLogEntries - 1} * kLogEntryBytes;
+  const auto& t = quick_log_entry((bits >> (kEntryPlace - 5)) & kPlaces);
   const Real product = mul_rn(m, Real(t.reciprocal));
   const Real rl = short_product_error(m, Real(t.reciprocal), product);
   const Real rh = sub_rn(product, 1.0);  // exact (Sterbenz)

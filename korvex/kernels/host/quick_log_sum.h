@@ -29,7 +29,7 @@ class QuickLargest {
   KORVEX_COLD void add_range(const double* x, std::int64_t n) {
     using Lanes = arithmetic::HostLanes;
     constexpr int kStreams = 4;
-    constexpr std::int64_t kStep = Lanes::kCount * kStreams;
+    constexpr std::int64_t kStep = std::int64_t{Lanes::kCount} * kStreams;
     Lanes::Value least_negated[kStreams];
     Lanes::Bits specials = arithmetic::to_bits(Lanes::Value(0.0));
     for (Lanes::Value& each : least_negated) {
@@ -39,7 +39,7 @@ class QuickLargest {
     for (; i + kStep <= n; i += kStep) {
 #pragma GCC unroll 4
       for (int stream = 0; stream < kStreams; ++stream) {
-        const auto value = Lanes::load(x + i + stream * Lanes::kCount);
+        const auto value = Lanes::load(x + i + std::int64_t{stream} * Lanes::kCount);
         // The next exponent above all of finite numbers carries into the sign.
         specials |= arithmetic::to_bits(arithmetic::absolute(value)) + kOneExponent;
         least_negated[stream] = arithmetic::lesser(-value, least_negated[stream]);
@@ -134,7 +134,8 @@ class QuickExpSum {
     for (std::int64_t i = 0; i < count; i += kStep) {
 #pragma GCC unroll 2
       for (int stream = 0; stream < kStreams; ++stream) {
-        add_term(Lanes::load(x + i + stream * Lanes::kCount), largest, sum[stream], rests[stream]);
+        add_term(Lanes::load(x + i + std::int64_t{stream} * Lanes::kCount), largest, sum[stream],
+                 rests[stream]);
       }
     }
     for (int stream = 0; stream < kStreams; ++stream) {

@@ -135,7 +135,8 @@ class QuickSquares {
       Lanes::look_ahead(x + i);
 #pragma GCC unroll 4
       for (int stream = 0; stream < kStreams; ++stream) {
-        add_square(Lanes::load(x + i + stream * Lanes::kCount), sum[stream], rests[stream]);
+        add_square(Lanes::load(x + i + std::int64_t{stream} * Lanes::kCount), sum[stream],
+                   rests[stream]);
       }
     }
     const Value limit(arithmetic::power_of_two(exponent_ + 1));

@@ -105,7 +105,7 @@ class RootOnDemand {
   std::int64_t n_;
   double eps_;
   mutable std::once_flag once_;
-  mutable InverseRoot root_;
+  mutable InverseRoot root_{};
 };
 
 // Decided are results that are normal and far from overflow, and those of an element that is zero:

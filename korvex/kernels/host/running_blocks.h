@@ -220,7 +220,7 @@ class RunningBlock {
 
     KORVEX_INLINE static void keep(const Value* last, Sum& sum) {
       sum.part_count = kParts;
-      for (int k = 0; k < kMostParts; ++k) {
+      for (std::size_t k = 0; k < sum.part.size(); ++k) {
         sum.part[k] = k < kParts ? arithmetic::lane(last[k], 0) : 0.0;
       }
     }

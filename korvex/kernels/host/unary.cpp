@@ -127,8 +127,8 @@ __attribute__((noinline)) void try_registers(const double* x, double* out, int r
                                              std::uint8_t* decided) {
   constexpr int kLanes = HostLanes::kCount;
   for (int i = 0; i < registers; ++i) {
-    const auto tried = Try(HostLanes::load(x + i * kLanes));
-    HostLanes::store(out + i * kLanes, tried.value);
+    const auto tried = Try(HostLanes::load(x + std::int64_t{i} * kLanes));
+    HostLanes::store(out + std::int64_t{i} * kLanes, tried.value);
     decided[i] = arithmetic::lanes_with(tried.is_decided);
   }
 }
@@ -139,8 +139,8 @@ template <class Lanes, RoundedOf<typename Lanes::Value> (*Again)(typename Lanes:
 __attribute__((noinline)) void try_all_again(const double* x, double* out, int registers,
                                              std::uint8_t* decided) {
   for (int i = 0; i < registers; ++i) {
-    const auto tried = Again(Lanes::load(x + i * Lanes::kCount));
-    double* const results = out + i * Lanes::kCount;
+    const auto tried = Again(Lanes::load(x + std::int64_t{i} * Lanes::kCount));
+    double* const results = out + std::int64_t{i} * Lanes::kCount;
     const auto before = arithmetic::flags_of(decided[i]);
     Lanes::store(results, arithmetic::selected(before, Lanes::load(results), tried.value));
     decided[i] |= arithmetic::lanes_with(tried.is_decided);

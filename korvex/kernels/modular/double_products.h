@@ -19,7 +19,7 @@ constexpr int kDoubleColumns = 48;  // what lies beside each other is a multiple
 static_assert(kDoubleColumns % kDoubleBlockColumns == 0);
 // What lies beside each other in a tile of a plane: so many columns for each row of a block of
 // rows.
-constexpr std::int64_t kDoubleTile = kDoubleBlockRows * kDoubleBlockColumns;
+constexpr std::int64_t kDoubleTile = std::int64_t{kDoubleBlockRows} * kDoubleBlockColumns;
 
 // The residues of one modulus, block by block, and within a block element by element.
 struct DoubleProduct {
