@@ -40,6 +40,7 @@ std::vector<std::vector<double>> run(host::Shell* shell, const std::vector<doubl
   auto n = static_cast<std::int64_t>(x.size());
   double value = number == nullptr ? 0.0 : *number;
   std::vector<void*> values;
+  values.reserve(pointers.size() + 2);
   for (double*& pointer : pointers) {
     values.push_back(static_cast<void*>(&pointer));
   }
