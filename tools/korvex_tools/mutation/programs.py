@@ -88,6 +88,10 @@ def all_programs() -> dict[str, Program]:
     for name in ("parallel_sum", "parallel_dot"):
         found[name] = Program(name, (f"tests/device_code/test_{name}.cpp",))
     found[WITH_VNNI] = Program(WITH_VNNI, ("tests/cpp/test_modular_product.cpp", *PRODUCT_SOURCES))
+    reductions = (f"{HOST}/reductions.cpp", f"{HOST}/rms_norm.cpp")
+    found["quick_reductions"] = Program(
+        "quick_reductions", ("tests/cpp/test_quick_reductions.cpp", *reductions)
+    )
     found["out_of_memory"] = Program(
         "out_of_memory", ("tests/cpp/test_out_of_memory.cpp", *HOST_SOURCES)
     )
