@@ -20,6 +20,7 @@
 #include "korvex/arithmetic/elementary/logarithm.h"
 #include "korvex/kernels/host/quick_lanes.h"
 #include "korvex/kernels/host/quick_squares.h"
+#include "korvex/kernels/host/triple_sum.h"
 
 namespace korvex::host {
 
@@ -94,11 +95,7 @@ class QuickExpSum {
   }
 
   KORVEX_COLD void add(const QuickExpSum& other) {
-    for (int lane = 0; lane < arithmetic::kHostLanes; ++lane) {
-      joined_.add(arithmetic::lane(other.lanes_.total, lane));
-      joined_.add_rest(arithmetic::lane(other.lanes_.rest, lane));
-      joined_.last += arithmetic::lane(other.lanes_.last, lane);
-    }
+    add_lanes(other.lanes_, joined_);
     padding_ += other.padding_;
   }
 
@@ -106,8 +103,7 @@ class QuickExpSum {
   KORVEX_COLD arithmetic::ValueAndError sum() const {
     TripleSum<double> all = joined_;
     all.add(-static_cast<double>(padding_));  // exactly: exp(0) is found as 1
-    const auto upper = arithmetic::two_sum(all.total, all.rest);
-    return arithmetic::two_sum(upper.value, arithmetic::add_rn(upper.error, all.last));
+    return as_pair(all);
   }
 
  private:
@@ -161,7 +157,7 @@ class QuickExpSum {
   }
 
   std::int64_t padding_ = 0;
-  TripleSum<Value> lanes_;
+  LaneSums lanes_;
   TripleSum<double> joined_;
 };
 

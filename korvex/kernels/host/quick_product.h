@@ -6,7 +6,7 @@
 // multiplied by m and loses its lowest word: less than one unit of what is left. It loses at most
 // one leading bit a factor, so with kFactors factors before its leading zeros are shifted out it is
 // never below 2^(191 - kFactors), and a loss is below one part in 2^(191 - kFactors). Of n factors,
-// and the joining of some running products, less than (n + 2^10) 2^-160 of the product is lost.
+// and the joining of some running products, less than (n + 2^10) 2^-159 of the product is lost.
 // Both limbs are monotonic in the product (element_product.h), so where both ends of that interval
 // give the same two they are those of the product.
 //

@@ -21,27 +21,9 @@
 #include "korvex/arithmetic/base/portability.h"
 #include "korvex/arithmetic/exact/chunked_sum.h"
 #include "korvex/kernels/host/lanes.h"
+#include "korvex/kernels/host/triple_sum.h"
 
 namespace korvex::host {
-
-// A sum of three doubles: the first two are exact, but for what the third takes.
-template <class Value>
-struct TripleSum {
-  Value total = Value(0.0);
-  Value rest = Value(0.0);
-  Value last = Value(0.0);
-
-  KORVEX_INLINE void add(Value value) {
-    const auto next = arithmetic::two_sum(total, value);  // exact
-    total = next.value;
-    add_rest(next.error);
-  }
-  KORVEX_INLINE void add_rest(Value value) {
-    const auto next = arithmetic::two_sum(rest, value);  // exact
-    rest = next.value;
-    last = arithmetic::add_rn(last, next.error);  // rounded
-  }
-};
 
 class QuickSquares {
  public:
@@ -69,14 +51,8 @@ class QuickSquares {
     is_usable_ = is_usable_ && other.is_usable_;
     count_ += other.count_;
     exponent_ = other.exponent_ > exponent_ ? other.exponent_ : exponent_;
-    for (int lane = 0; lane < arithmetic::kHostLanes; ++lane) {
-      joined_.add(arithmetic::lane(other.lanes_.total, lane));
-      joined_.add_rest(arithmetic::lane(other.lanes_.rest, lane));
-      joined_.last += arithmetic::lane(other.lanes_.last, lane);
-    }
-    joined_.add(other.joined_.total);
-    joined_.add_rest(other.joined_.rest);
-    joined_.last += other.joined_.last;
+    add_lanes(other.lanes_, joined_);
+    joined_.add(other.joined_);
   }
 
   // The sum of the squares as value + error, and twice above what that is off by, but for 2^-105 of
@@ -85,9 +61,7 @@ class QuickSquares {
     if (!is_usable_ || count_ >= kMostElements || !(joined_.total >= kLeast)) {
       return false;
     }
-    const auto upper = arithmetic::two_sum(joined_.total, joined_.rest);  // exact
-    const double lower = arithmetic::add_rn(upper.error, joined_.last);   // off by 2^-106
-    sum = arithmetic::two_sum(upper.value, lower);                        // exact
+    sum = as_pair(joined_);
     slack = arithmetic::mul_rn(static_cast<double>(count_), power_of_two(exponent_ - 99));
     return true;
   }
@@ -174,7 +148,7 @@ class QuickSquares {
   bool is_usable_ = true;
   int exponent_ = kLeastExponent;
   std::int64_t count_ = 0;
-  TripleSum<Value> lanes_;
+  LaneSums lanes_;
   TripleSum<double> joined_;
 };
 

@@ -100,8 +100,8 @@ __attribute__((noinline)) void finish_open(const double* x, double* out,
   }
 }
 
-// While it lives, subnormal operands and results of x86-64 count as zeros, as these processors take
-// over a hundred cycles for each. A first try decides nothing by a number that small: it returns
+// While it lives, subnormal operands and results of x86-64 count as zeros, as these processors are
+// slow with them. A first try decides nothing by a number that small: it returns
 // tiny arguments by their bits, and leaves results below 2^-1021 open.
 class WithoutSubnormals {
  public:

@@ -107,6 +107,7 @@ OWN_TESTS = {
     H + "running_limbs.h": "quick_reductions exact",
     H + "terms.h": "exact",
     H + "threads.h": "host_kernels out_of_memory",
+    H + "triple_sum.h": "quick_reductions",
     H + "dot.cpp": KERNELS,
     H + "exact.cpp": CALLS,
     H + "exact_axes.cpp": CALLS,
