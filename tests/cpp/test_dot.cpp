@@ -20,11 +20,15 @@ using arithmetic::HostLanes;
 constexpr double kMax = std::numeric_limits<double>::max();
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
-void expect_exact(const Pairs& pairs) {
+void expect_limbs_of(const Pairs& pairs) {
   const auto limbs = [&](int count) {
     return canonical_product_limbs(pairs.x.data(), pairs.y.data(), 1, pairs.size(), count);
   };
   CHECK(all_dots_give(pairs, limbs(4), limbs(3)));
+}
+
+void expect_exact(const Pairs& pairs) {
+  expect_limbs_of(pairs);
   for (const double limb : dot_limbs<HostLanes>(pairs)) {
     Tally::all().record(limb);
   }
@@ -200,7 +204,7 @@ void products_are_exact_on_both_sides_of_the_least_that_is_split() {
 // The limit itself is no small product, and the double below it is one, of either sign.
 template <class Lanes>
 void expect_small_products_to_be_seen() {
-  using Cascade = arithmetic::ProductCascade<Lanes, 3, 2>;
+  using Cascade = arithmetic::ProductCascade<Lanes, 3, 2, false>;
   const double limit = arithmetic::kLeastSplitProduct;
   CHECK_SAME_BITS(limit, std::ldexp(1.0, arithmetic::kLeastSplitExponent));
   CHECK(arithmetic::kLeastSplitExponent >= -969);  // the condition of two_product
@@ -238,6 +242,41 @@ void an_outlier_anywhere_is_kept() {
   }
 }
 
+// A product at either end of the window of a plan, a binade beyond, or zero, early and late.
+void products_around_a_window_are_kept() {
+  Random random(56);
+  // The first products lie below 2^2, and two binades are left for larger ones.
+  const int bottom = arithmetic::ExponentWindow::bottom(3);
+  for (const int scale : {arithmetic::kLeastSplitExponent + 28, -930, 0, 900, 947}) {
+    Pairs pairs;
+    for (int i = 0; i < 2500; ++i) {
+      pairs.append(random.with_exponent(scale / 2), random.with_exponent(scale - scale / 2));
+    }
+    for (const std::size_t place : {5U, 64U, 2499U}) {
+      const double before = pairs.x[place];
+      for (const int offset : {bottom - 2, bottom - 1, bottom, 2, 3, 4, 12, 23}) {
+        pairs.x[place] = std::ldexp(random.sign() * (1 + 0x1p-52), scale / 2 + offset);
+        expect_limbs_of(pairs);
+      }
+      pairs.x[place] = random.sign() * 0.0;
+      expect_limbs_of(pairs);
+      pairs.x[place] = before;
+    }
+  }
+}
+
+// As large as the window of the first products allows, and with rests and errors as large.
+void a_window_filled_to_the_brim_stays_exact() {
+  for (const double x : {0x1.fffffffffffffp+1, -0x1.6a09e667f3bcdp+1, 0x1.0000000000001p+1}) {
+    for (const double y : {x, -x, 0x1.fffffffffffffp+0, 0x1p-29}) {
+      Pairs pairs{std::vector<double>(64, 1.0), std::vector<double>(64, 1.0)};
+      pairs.x.resize(3000, x);
+      pairs.y.resize(3000, y);
+      expect_limbs_of(pairs);
+    }
+  }
+}
+
 }  // namespace
 
 void test_dot() {
@@ -255,6 +294,8 @@ void test_dot() {
   products_are_exact_on_both_sides_of_the_least_that_is_split();
   a_cascade_sees_products_below_the_least_that_is_split();
   an_outlier_anywhere_is_kept();
+  products_around_a_window_are_kept();
+  a_window_filled_to_the_brim_stays_exact();
 }
 
 }  // namespace korvex::test

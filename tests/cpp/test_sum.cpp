@@ -271,6 +271,73 @@ void cascades_hold_ordinary_numbers() {
   expect_a_cascade_to_hold_ordinary_numbers<arithmetic::HostLanes>();
 }
 
+// A cascade in a window takes what lies in it, and notices each number that does not.
+template <class Lanes>
+void expect_a_window_to_be_kept(int top) {
+  using Cascade = arithmetic::BiasedCascade<Lanes, 2, 2, arithmetic::kSliceBits, true>;
+  const int bottom = arithmetic::ExponentWindow::bottom(top);
+  const auto notices = [&](double x, std::size_t place) {
+    std::vector<double> step(Cascade::kStep, std::ldexp(1.0, top));
+    step[place] = x;
+    Cascade cascade(top + arithmetic::kBiasAboveExponent, bottom);
+    cascade.feed(step.data());
+    return !cascade.is_exact();
+  };
+  for (std::size_t place = 0; place < Cascade::kStep; ++place) {
+    for (const double sign : {1.0, -1.0}) {
+      const double end = std::ldexp(sign, top + 1);
+      CHECK(!notices(std::ldexp(sign, bottom), place));
+      CHECK(!notices(std::nextafter(end, 0.0), place));
+      for (const double x :
+           {std::nextafter(std::ldexp(sign, bottom), 0.0), 0.0 * sign, end, kMax * sign,
+            kInf * sign, 0x1p-1074 * sign, std::numeric_limits<double>::quiet_NaN()}) {
+        CHECK(notices(x, place));
+      }
+    }
+  }
+}
+
+void windows_are_kept() {
+  const int highest = arithmetic::CascadePlan<arithmetic::Addends>::kHighestBias;
+  for (const int top : {arithmetic::kMinExponent + arithmetic::ExponentWindow::kExponents - 1, -500,
+                        0, 700, highest - arithmetic::kBiasAboveExponent}) {
+    expect_a_window_to_be_kept<arithmetic::ScalarLanes>(top);
+    expect_a_window_to_be_kept<arithmetic::HostLanes>(top);
+  }
+}
+
+// Numbers at both ends of the window of a plan and a binade beyond, and zeros, early and late.
+void elements_around_a_window_are_kept() {
+  Random random(47);
+  const int bottom = arithmetic::ExponentWindow::bottom(2);  // two binades are left for the largest
+  for (const int scale : {-1000, -992, 0, 948, 949, 1001}) {
+    std::vector<double> x(3000);
+    for (double& element : x) {
+      element = random.with_exponent(scale);
+    }
+    for (const std::size_t place : {5U, 64U, 2999U}) {
+      const double before = x[place];
+      for (const int offset : {bottom - 1, bottom, 1, 2, 3, 9, 11, 22}) {
+        x[place] = std::ldexp(random.sign() * (1 + 0x1p-52), scale + offset);
+        CHECK(all_ways_give(x, canonical_limbs(x, 4), canonical_limbs(x, 2)));
+      }
+      x[place] = random.sign() * 0.0;
+      CHECK(all_ways_give(x, canonical_limbs(x, 4), canonical_limbs(x, 2)));
+      x[place] = before;
+    }
+  }
+}
+
+// As large as the window of the first elements allows, and with rests as large.
+void a_window_filled_to_the_brim_stays_exact() {
+  for (const double x : {0x1.fffffffffffffp+2, -0x1.fffffffffffffp+2, 4 + (0x1p-42 - 0x1p-50),
+                         -4 - (0x1p-42 - 0x1p-50)}) {
+    std::vector<double> elements(64, 1.0);
+    elements.resize(4500, x);
+    CHECK(all_ways_give(elements, canonical_limbs(elements, 4), canonical_limbs(elements, 2)));
+  }
+}
+
 // Slices reach from above the largest element to the last bit of the smallest, or to 2^-1074, and
 // there is none too many.
 void plans_cover_their_elements() {
@@ -296,6 +363,7 @@ void plans_cover_their_elements() {
 
 void test_sum() {
   cascades_hold_ordinary_numbers();
+  windows_are_kept();
   plans_cover_their_elements();
   empty_and_zero_sums_are_plus_zero();
   a_sum_that_overflows_midway_comes_back();
@@ -313,6 +381,8 @@ void test_sum() {
   large_counts_of_large_units_stay_finite();
   an_outlier_anywhere_is_kept();
   a_partial_sum_that_leaves_the_binade_and_returns();
+  elements_around_a_window_are_kept();
+  a_window_filled_to_the_brim_stays_exact();
 }
 
 }  // namespace korvex::test

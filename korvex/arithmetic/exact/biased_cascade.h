@@ -4,8 +4,9 @@
 //
 // Each element goes to the first slice (slice.h), what that leaves to the second, whose grid is
 // finer, and so on. Two things are tested, over the whole run: that no partial sum of the first
-// slice left its binade, and that nothing was left below the last slice. The bounds are proved in
-// docs/numerics_sum.md.
+// slice left its binade, and that nothing was left below the last slice. Where all exponents lie in
+// a window that the slices cover, neither can happen, and looking at them takes fewer steps. The
+// bounds are proved in docs/numerics_sum.md.
 #pragma once
 
 #include "korvex/arithmetic/base/binary64.h"
@@ -21,8 +22,23 @@ constexpr int kSliceBits = 45;
 // Elements below 2^(e+1) in magnitude, kCascadeSteps of them, keep a slice of k = e + 9 inside.
 constexpr int kBiasAboveExponent = 9;
 
-// kBits: how far the bias of a slice lies below that of the slice before it.
-template <class Lanes, int kSlices, int kStreams, int kBits = kSliceBits>
+// The exponents that addends to the first slice may have in a window: those up to the one that the
+// slice was chosen for, a power of two of them.
+struct ExponentWindow {
+  static constexpr int kLog2 = 5;
+  static constexpr int kExponents = 1 << kLog2;
+  static_assert(kExponents <= kSliceBits - kBiasAboveExponent + 1, "more than two slices cover");
+
+  KORVEX_INLINE static int bottom(int top) { return top - kExponents + 1; }
+  // Of the bits of all addends, each less those of 2^bottom: was one outside?
+  KORVEX_INLINE static bool left(std::uint64_t seen) {
+    return seen << 1 >> (kFractionBits + 1 + kLog2) != 0;
+  }
+};
+
+// kBits: how far the bias of a slice lies below that of the slice before it. kInWindow: for addends
+// in an ExponentWindow, zeros not among them, which two slices take in full.
+template <class Lanes, int kSlices, int kStreams, int kBits = kSliceBits, bool kInWindow = false>
 class BiasedCascade {
  public:
   static constexpr int kStep = Lanes::kCount * kStreams;  // elements of one call of feed
@@ -30,6 +46,10 @@ class BiasedCascade {
   // Precondition: kMinExponent <= bias_exponent - (kSlices - 1) * kBits, and at most
   // kCascadeSteps calls of feed follow.
   KORVEX_INLINE explicit BiasedCascade(int bias_exponent) { start<0>(bias_exponent); }
+  KORVEX_INLINE BiasedCascade(int bias_exponent, int window_bottom) : BiasedCascade(bias_exponent) {
+    static_assert(kInWindow);
+    window_bottom_ = to_bits(Value(power_of_two(window_bottom)));
+  }
 
   // Adds x[0] to x[kStep - 1].
   KORVEX_INLINE void feed(const double* x) {
@@ -39,6 +59,9 @@ class BiasedCascade {
 
   // True where count() tells the exact sum of all that was fed.
   KORVEX_INLINE bool is_exact() const {
+    if constexpr (kInWindow) {
+      return !ExponentWindow::left(Lanes::any(moved_)) && !has_rest(Lanes::any(lost_));
+    }
     return !moved_out(Lanes::any(moved_)) && !has_rest(Lanes::any(lost_));
   }
 
@@ -75,8 +98,14 @@ class BiasedCascade {
   template <int kSlice, int kStream>
   KORVEX_INLINE void cascade(Value x) {
     static_assert(kSlice < kSlices && kStream < kStreams);
+    if constexpr (kInWindow && kSlice + 1 == kSlices) {
+      slice_[kSlice][kStream] = add_rn(slice_[kSlice][kStream], x);  // exact
+      return;
+    }
     const Value rest = add_to_slice(slice_[kSlice][kStream], x);
-    if constexpr (kSlice == 0) {
+    if constexpr (kSlice == 0 && kInWindow) {
+      moved_ |= to_bits(x) - window_bottom_;
+    } else if constexpr (kSlice == 0) {
       moved_ |= to_bits(slice_[0][kStream]) ^ to_bits(bias_[0]);
     }
     if constexpr (kSlice + 1 < kSlices) {
@@ -98,8 +127,11 @@ class BiasedCascade {
 
   Value bias_[kSlices];
   Value slice_[kSlices][kStreams];
-  Bits moved_{};  // its exponent and sign bits are 0 while the first slices stay in their binade
-  Bits lost_{};   // zero but for the sign bit while nothing is left below the last slices
+  // Its exponent and sign bits are 0 while the first slices stay in their binade. In a window: its
+  // bits above those of the window, but for the sign, are 0 while all elements are inside.
+  Bits moved_{};
+  Bits window_bottom_;  // of kInWindow
+  Bits lost_{};         // zero but for the sign bit while nothing is left below the last slices
 };
 
 }  // namespace korvex::arithmetic

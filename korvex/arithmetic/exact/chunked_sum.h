@@ -6,7 +6,8 @@
 // at the chunk's exponents, plan anew and run it once more; where no plan suits, give each element
 // to the long accumulator, and do not try the cascade for a few chunks. So nothing is ever lost,
 // and the result does not depend on the plan. Counts of grid units are kept as integers over
-// many chunks and go into the ExactSum when the plan changes.
+// many chunks and go into the ExactSum when the plan changes. Where lanes run side by side, a
+// cascade for elements in a window of exponents is tried first, as it takes fewer steps.
 //
 // Once a NaN or an infinity was among the terms, finite ones cannot change what comes out: the rest
 // is only searched for what can, a NaN or an infinity of the other sign, and not added.
@@ -48,14 +49,16 @@ struct ExponentRange {
 // Terms that are the elements of an array.
 //
 // A type of terms says what they are summed in (Sum), how a chunk of them runs through slices
-// (Cascade, run), how they are added one by one (add, add_wide), which exponents they have (range)
-// and what tells finite ones from others (load, add_specials).
+// (Cascade, run), from which exponent on one for a window is exact (kLeastInWindow), how they
+// are added one by one (add, add_wide), which exponents they have (range) and what tells finite
+// ones from others (load, add_specials).
 struct Addends {
   using Sum = ExactSum;
   static constexpr int kBits = kSliceBits;  // from slice to slice
   static constexpr int kMinSlices = 2;
-  template <class Lanes, int kSlices, int kStreams>
-  using Cascade = BiasedCascade<Lanes, kSlices, kStreams, kBits>;
+  static constexpr int kLeastInWindow = kMinExponent;
+  template <class Lanes, int kSlices, int kStreams, bool kInWindow>
+  using Cascade = BiasedCascade<Lanes, kSlices, kStreams, kBits, kInWindow>;
 
   const double* x;
 
@@ -164,6 +167,12 @@ class ChunkedSum {
   static constexpr int kChunksOfRest = 8;   // without the cascade after a chunk it cannot hold
   // A count grows by at most kStep * 2^51 a chunk.
   static_assert(kStep * kChunksOfPlan <= 1 << 11, "counts must stay below 2^62");
+  static constexpr bool kHasWindow = Lanes::kCount > 1;
+  // For a window a plan is made from the first elements of a chunk, as short sums would otherwise
+  // spend more on the plan than on the cascade, and holds elements so many binades above these.
+  static constexpr std::int64_t kLook = kHasWindow ? 64 : kChunk;
+  static constexpr int kHeadroom = kHasWindow ? 2 : 0;
+  static_assert(kLook % kStep == 0);
 
   // The next chunk out of `rest` elements: a whole number of steps.
   KORVEX_INLINE static std::int64_t chunk_size(std::int64_t rest) {
@@ -225,11 +234,17 @@ class ChunkedSum {
 
   // A plan for the largest element, with as few slices as may do. False where there is none.
   KORVEX_COLD bool plan_afresh(const Terms& terms, std::int64_t count) {
-    const ExponentRange range = terms.range(count);
-    if (!range.is_finite || range.highest + kBiasAboveExponent > Plan::kHighestBias) {
+    const std::int64_t looked_at = count < kLook ? count : kLook;
+    const ExponentRange range = terms.range(looked_at);
+    if (!range.is_finite || range.highest + kHeadroom + kBiasAboveExponent > Plan::kHighestBias) {
       return false;
     }
-    adopt({range.highest, Terms::usual_bottom(range.highest), Plan::kMinSlices});
+    const int top = range.highest + kHeadroom;
+    adopt({top, Terms::usual_bottom(top), Plan::kMinSlices});
+    if constexpr (kHasWindow) {
+      is_in_window_ =
+          ExponentWindow::bottom(top) >= Terms::kLeastInWindow && lies_in_window(terms, looked_at);
+    }
     return true;
   }
 
@@ -268,12 +283,39 @@ class ChunkedSum {
         return run<kSlices + 1>(terms, count);
       }
     }
-    typename Terms::template Cascade<Lanes, kSlices, kStreams> cascade(plan_.bias_exponent());
+    if constexpr (kHasWindow && kSlices == Plan::kMinSlices) {
+      if (is_in_window_) {
+        typename Terms::template Cascade<Lanes, kSlices, kStreams, true> cascade(
+            plan_.bias_exponent(), ExponentWindow::bottom(plan_.top));
+        is_in_window_ = runs<kSlices>(cascade, terms, count);
+        if (is_in_window_) {
+          return true;
+        }
+      }
+    }
+    typename Terms::template Cascade<Lanes, kSlices, kStreams, false> cascade(
+        plan_.bias_exponent());
+    return runs<kSlices>(cascade, terms, count);
+  }
+
+  // Adds what the cascade holds after the chunk, where that is exact.
+  template <int kSlices, class Cascade>
+  KORVEX_INLINE bool runs(Cascade& cascade, const Terms& terms, std::int64_t count) {
     if (!terms.run(cascade, count)) {
       return false;
     }
     keep<0, kSlices>(cascade);
     return true;
+  }
+
+  // Whether so many elements are in the window: often they show that others are zeros.
+  KORVEX_COLD bool lies_in_window(const Terms& terms, std::int64_t count) const {
+    const typename Lanes::Value least(power_of_two(ExponentWindow::bottom(plan_.top)));
+    typename Lanes::Bits seen{};
+    for (std::int64_t i = 0; i < count; i += Lanes::kCount) {
+      seen |= to_bits(terms.from(i).template load<Lanes>()) - to_bits(least);
+    }
+    return !ExponentWindow::left(Lanes::any(seen));
   }
 
   template <int kSlice, int kSlices, class Cascade>
@@ -295,8 +337,9 @@ class ChunkedSum {
   Plan plan_;
   // Grid units of each slice of plan_, at most 2^62 in magnitude; zero beyond plan_.slices.
   std::int64_t count_[kMaxSlices];
-  int chunks_of_plan_ = 0;  // chunks for which plan_ still stands
-  int chunks_of_rest_ = 0;  // chunks for which the cascade is not tried
+  int chunks_of_plan_ = 0;     // chunks for which plan_ still stands
+  int chunks_of_rest_ = 0;     // chunks for which the cascade is not tried
+  bool is_in_window_ = false;  // whether a cascade for elements in a window is tried
 };
 
 }  // namespace korvex::arithmetic

@@ -85,9 +85,9 @@ class Counted : public Base {
 };
 
 // A cascade fed from a source of doubles that is more than a pointer to them.
-template <class Lanes, int kSlices, int kStreams>
-class SourceCascade : public BiasedCascade<Lanes, kSlices, kStreams> {
-  using Base = BiasedCascade<Lanes, kSlices, kStreams>;
+template <class Lanes, int kSlices, int kStreams, bool kInWindow>
+class SourceCascade : public BiasedCascade<Lanes, kSlices, kStreams, kSliceBits, kInWindow> {
+  using Base = BiasedCascade<Lanes, kSlices, kStreams, kSliceBits, kInWindow>;
 
  public:
   using Base::Base;
@@ -146,8 +146,9 @@ struct CountedTerms {
   using Sum = CountedSum;
   static constexpr int kBits = kSliceBits;
   static constexpr int kMinSlices = 2;
-  template <class CascadeLanes, int kSlices, int kStreams>
-  using Cascade = SourceCascade<CascadeLanes, kSlices, kStreams>;
+  static constexpr int kLeastInWindow = kMinExponent;
+  template <class CascadeLanes, int kSlices, int kStreams, bool kInWindow>
+  using Cascade = SourceCascade<CascadeLanes, kSlices, kStreams, kInWindow>;
 
   Source source;
 

@@ -19,9 +19,11 @@ namespace korvex::arithmetic {
 // 53 - 1 - log2(2 * kCascadeSteps): so the slices after the first cannot leave their binade.
 constexpr int kProductSliceBits = 44;
 
-template <class Lanes, int kSlices, int kStreams>
-class ProductCascade : public BiasedCascade<Lanes, kSlices, kStreams, kProductSliceBits> {
-  using Base = BiasedCascade<Lanes, kSlices, kStreams, kProductSliceBits>;
+// kInWindow: for rounded products in an ExponentWindow, none too small for an exact error.
+template <class Lanes, int kSlices, int kStreams, bool kInWindow>
+class ProductCascade
+    : public BiasedCascade<Lanes, kSlices, kStreams, kProductSliceBits, kInWindow> {
+  using Base = BiasedCascade<Lanes, kSlices, kStreams, kProductSliceBits, kInWindow>;
   using Value = typename Base::Value;
 
  public:
@@ -44,12 +46,28 @@ class ProductCascade : public BiasedCascade<Lanes, kSlices, kStreams, kProductSl
     const Value y = Lanes::load(y_step + kStream * Lanes::kCount);
     const Value product = mul_rn(x, y);                // rounded
     const Value error = product_error(x, y, product);  // exact unless small_ is set
-    small_ |= Lanes::is_below(product, kLeastSplitProduct);
-    this->template cascade<0, kStream>(product);
-    this->template cascade<1, kStream>(error);
+    if constexpr (kInWindow) {
+      take_in_window<kStream>(product, error);
+    } else {
+      small_ |= Lanes::is_below(product, kLeastSplitProduct);
+      this->template cascade<0, kStream>(product);
+      this->template cascade<1, kStream>(error);
+    }
     if constexpr (kStream + 1 < kStreams) {
       feed_stream<kStream + 1>(x_step, y_step);
     }
+  }
+
+  // What the second slice leaves of product and error are so near that their sum is exact.
+  template <int kStream>
+  KORVEX_INLINE void take_in_window(Value product, Value error) {
+    static_assert(kSlices == 3);
+    this->moved_ |= to_bits(product) - this->window_bottom_;
+    Value& second = this->slice_[1][kStream];
+    const Value rest = add_to_slice(this->slice_[0][kStream], product);
+    const Value rest_of_rest = add_to_slice(second, rest);
+    const Value addend = add_rn(rest_of_rest, add_to_slice(second, error));  // exact
+    this->lost_ |= to_bits(add_to_slice(this->slice_[2][kStream], addend));
   }
 
   typename Base::Bits small_{};  // of products below kLeastSplitProduct
@@ -60,8 +78,9 @@ struct Products {
   using Sum = ExactProductSum;
   static constexpr int kBits = kProductSliceBits;
   static constexpr int kMinSlices = 3;
-  template <class Lanes, int kSlices, int kStreams>
-  using Cascade = ProductCascade<Lanes, kSlices, kStreams>;
+  static constexpr int kLeastInWindow = kLeastSplitExponent + 1;
+  template <class Lanes, int kSlices, int kStreams, bool kInWindow>
+  using Cascade = ProductCascade<Lanes, kSlices, kStreams, kInWindow>;
 
   const double* x;
   const double* y;
