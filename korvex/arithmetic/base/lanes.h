@@ -24,6 +24,8 @@ struct ScalarLanes {
   static constexpr int kCount = 1;  // doubles in a Value
   // Of a biased cascade; with more of them the long accumulator is faster.
   static constexpr int kMaxSlices = 4;
+  // Whether a cascade for a window of exponents is tried first.
+  static constexpr bool kTriesWindow = false;
 
   KORVEX_INLINE static Value load(const double* x) { return *x; }
   KORVEX_INLINE static void store(double* out, Value x) { *out = x; }

@@ -6,7 +6,7 @@
 // at the chunk's exponents, plan anew and run it once more; where no plan suits, give each element
 // to the long accumulator, and do not try the cascade for a few chunks. So nothing is ever lost,
 // and the result does not depend on the plan. Counts of grid units are kept as integers over
-// many chunks and go into the ExactSum when the plan changes. Where lanes run side by side, a
+// many chunks and go into the ExactSum when the plan changes. On a host a
 // cascade for elements in a window of exponents is tried first, as it takes fewer steps.
 //
 // Once a NaN or an infinity was among the terms, finite ones cannot change what comes out: the rest
@@ -133,8 +133,16 @@ struct CascadePlan {
   }
 };
 
+// Whether a cascade for elements in a window is tried; nothing where none ever is.
+template <bool kTries>
+struct WindowTrial {
+  bool is_in_window_ = false;
+};
+template <>
+struct WindowTrial<false> {};
+
 template <class Lanes, int kStreams, class Terms = Addends>
-class ChunkedSum {
+class ChunkedSum : private WindowTrial<Lanes::kTriesWindow> {
  public:
   using Sum = typename Terms::Sum;
 
@@ -167,12 +175,12 @@ class ChunkedSum {
   static constexpr int kChunksOfRest = 8;   // without the cascade after a chunk it cannot hold
   // A count grows by at most kStep * 2^51 a chunk.
   static_assert(kStep * kChunksOfPlan <= 1 << 11, "counts must stay below 2^62");
-  static constexpr bool kHasWindow = Lanes::kCount > 1;
+  static constexpr bool kHasWindow = Lanes::kTriesWindow;
   // For a window a plan is made from the first elements of a chunk, as short sums would otherwise
   // spend more on the plan than on the cascade, and holds elements so many binades above these.
-  static constexpr std::int64_t kLook = kHasWindow ? 64 : kChunk;
+  static constexpr std::int64_t kLook = 64;
   static constexpr int kHeadroom = kHasWindow ? 2 : 0;
-  static_assert(kLook % kStep == 0);
+  static_assert(!kHasWindow || kLook % kStep == 0);
 
   // The next chunk out of `rest` elements: a whole number of steps.
   KORVEX_INLINE static std::int64_t chunk_size(std::int64_t rest) {
@@ -234,7 +242,7 @@ class ChunkedSum {
 
   // A plan for the largest element, with as few slices as may do. False where there is none.
   KORVEX_COLD bool plan_afresh(const Terms& terms, std::int64_t count) {
-    const std::int64_t looked_at = count < kLook ? count : kLook;
+    const std::int64_t looked_at = kHasWindow && count > kLook ? kLook : count;
     const ExponentRange range = terms.range(looked_at);
     if (!range.is_finite || range.highest + kHeadroom + kBiasAboveExponent > Plan::kHighestBias) {
       return false;
@@ -242,7 +250,7 @@ class ChunkedSum {
     const int top = range.highest + kHeadroom;
     adopt({top, Terms::usual_bottom(top), Plan::kMinSlices});
     if constexpr (kHasWindow) {
-      is_in_window_ =
+      this->is_in_window_ =
           ExponentWindow::bottom(top) >= Terms::kLeastInWindow && lies_in_window(terms, looked_at);
     }
     return true;
@@ -284,23 +292,18 @@ class ChunkedSum {
       }
     }
     if constexpr (kHasWindow && kSlices == Plan::kMinSlices) {
-      if (is_in_window_) {
+      if (this->is_in_window_) {
         typename Terms::template Cascade<Lanes, kSlices, kStreams, true> cascade(
             plan_.bias_exponent(), ExponentWindow::bottom(plan_.top));
-        is_in_window_ = runs<kSlices>(cascade, terms, count);
-        if (is_in_window_) {
+        if (terms.run(cascade, count)) {
+          keep<0, kSlices>(cascade);
           return true;
         }
+        this->is_in_window_ = false;
       }
     }
     typename Terms::template Cascade<Lanes, kSlices, kStreams, false> cascade(
         plan_.bias_exponent());
-    return runs<kSlices>(cascade, terms, count);
-  }
-
-  // Adds what the cascade holds after the chunk, where that is exact.
-  template <int kSlices, class Cascade>
-  KORVEX_INLINE bool runs(Cascade& cascade, const Terms& terms, std::int64_t count) {
     if (!terms.run(cascade, count)) {
       return false;
     }
@@ -337,9 +340,8 @@ class ChunkedSum {
   Plan plan_;
   // Grid units of each slice of plan_, at most 2^62 in magnitude; zero beyond plan_.slices.
   std::int64_t count_[kMaxSlices];
-  int chunks_of_plan_ = 0;     // chunks for which plan_ still stands
-  int chunks_of_rest_ = 0;     // chunks for which the cascade is not tried
-  bool is_in_window_ = false;  // whether a cascade for elements in a window is tried
+  int chunks_of_plan_ = 0;  // chunks for which plan_ still stands
+  int chunks_of_rest_ = 0;  // chunks for which the cascade is not tried
 };
 
 }  // namespace korvex::arithmetic

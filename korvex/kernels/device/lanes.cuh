@@ -114,6 +114,7 @@ struct DeviceLanes {
   using Bits = DeviceBits;
   static constexpr int kCount = kDeviceLanes;
   static constexpr int kMaxSlices = 4;
+  static constexpr bool kTriesWindow = false;
 
   // Precondition: x lies in shared memory, at a multiple of 16 bytes.
   __device__ __forceinline__ static Value load(const double* x) {

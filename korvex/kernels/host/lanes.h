@@ -305,6 +305,7 @@ struct HostLanes {
   using Bits = HostBits;
   static constexpr int kCount = kHostLanes;
   static constexpr int kMaxSlices = 6;
+  static constexpr bool kTriesWindow = true;
   static constexpr std::ptrdiff_t kLookAhead = 2048;  // bytes: memory's latency at full speed
 
   KORVEX_INLINE static Value load(const double* x) {
