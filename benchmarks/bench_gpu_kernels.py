@@ -4,9 +4,10 @@
 Kernels are launched through the driver as the package launches them and timed by its events, so no
 Python stands between. Kernels of one thread or one block get a hundredth of the elements; over the
 whole device, as with KORVEX_LAUNCH=device, they get all, and the launches of one call are timed
-together. Sums into a state are of 64-bit integers, the format that takes them longest. A prediction
-that is missed is no failure: it says where the model is wrong, or the kernel. The last line printed
-is JSON.
+together. Kernels of exact states get 64-bit integers, the format that takes them longest, in
+launches that korvex.exact makes. Those whose time is not in proportion to elements are named with
+the reason. A prediction that is missed is no failure: it says where the model is wrong, or the
+kernel. The last line printed is JSON.
 """
 
 import statistics
@@ -23,7 +24,8 @@ from korvex_tools.gpu.launches import Launch, usual_shape
 from korvex_tools.gpu.model import TOLERANCE
 from korvex_tools.gpu.package_loaders import WORD_BYTES, WholeDevice, states_on
 from korvex_tools.gpu.predict import recorded_for, time_text
-from korvex_tools.gpu.work import WORK, Threads
+from korvex_tools.gpu.state_launches import OPERATIONS, DriverMemory, made
+from korvex_tools.gpu.work import WITHOUT_ELEMENTS, WORK, Threads
 
 SEED = 19480717
 
@@ -51,11 +53,20 @@ def count_of(sizes: dict[str, int]) -> int:
     return product
 
 
-def median_seconds(device: Any, work: Callable[[], None], repeats: int) -> float:
+def nothing() -> None:
+    """Before a launch that reads nothing which others make."""
+
+
+def median_seconds(
+    device: Any, work: Callable[[], None], repeats: int, before: Callable[[], None] = nothing
+) -> float:
     """Of what the device does for work(), after one round that counts for nothing."""
-    work()
-    device.wait()
-    return statistics.median(device.seconds(work) for _ in range(repeats))
+    seconds = []
+    for _ in range(1 + repeats):
+        before()
+        device.wait()
+        seconds.append(device.seconds(work))
+    return statistics.median(seconds[1:])
 
 
 def time_kernel(
@@ -82,7 +93,7 @@ def time_sum_into_state(device: Any, kernel: str, both: list[np.ndarray], repeat
     arguments = [n]
     device.write(addresses[0], words)
     for address, values in zip(addresses[1:], operands, strict=True):
-        device.write(address, (values * 2.0**60).astype(np.int64))
+        device.write(address, values)
         arguments += [address, WORD_BYTES, FORMAT_NUMBERS["int64"]]
     arguments += [1, addresses[0], 0]  # nothing is counted
     launcher = states_on(device)
@@ -90,6 +101,40 @@ def time_sum_into_state(device: Any, kernel: str, both: list[np.ndarray], repeat
     for address in addresses:
         device.free(address)
     return seconds / n * 1e9
+
+
+def time_operation(
+    device: Any, kernel: str, both: list[np.ndarray], repeats: int, launcher: Any
+) -> float:
+    """Nanoseconds an element, or a multiply-add, of a kernel as an operation launches it."""
+    with DriverMemory(device) as memory:
+        done = made(memory, kernel, *both)
+
+        def launch_all_before() -> None:
+            for name, arguments in done.before:
+                launcher.launch(name, *arguments)
+
+        name, arguments = done.call
+        seconds = median_seconds(
+            device, lambda: launcher.launch(name, *arguments), repeats, launch_all_before
+        )
+    return seconds / done.count * 1e9
+
+
+def rows_of_states(
+    device: Any, both: list[np.ndarray], repeats: int, predictions: dict[str, dict[str, Any]]
+) -> Iterator[dict[str, Any]]:
+    """Sums into a state everywhere; what the host library has no part for, on a GPU alone."""
+    launcher = states_on(device)
+    integers = [(values * 2.0**60).astype(np.int64) for values in both]
+    for kernel in (name for name in WORK if name in kernel_table.of_states()):
+        if kernel not in OPERATIONS:
+            time = time_sum_into_state(device, kernel, integers, repeats)
+        elif device.is_gpu:
+            time = time_operation(device, kernel, integers, repeats, launcher)
+        else:
+            continue
+        yield row_of(kernel, time, predictions.get(kernel))
 
 
 def of_launches(
@@ -133,7 +178,7 @@ def cells(row: dict[str, Any]) -> list[str]:
 
 
 def all_rows(options: Any, predictions: dict[str, dict[str, Any]]) -> Iterator[dict[str, Any]]:
-    """Of the kernels that callers name, of those for the whole device, and of sums into a state."""
+    """Of the kernels that callers name, of those for the whole device, and of exact states."""
     table = HostDevice("base").kernels()
     both = operands(options.n)
     device = choose_device(options.emulated)
@@ -146,9 +191,7 @@ def all_rows(options: Any, predictions: dict[str, dict[str, Any]]) -> Iterator[d
         time = time_kernel(whole, table[kernel], both, sizes, options.repeats)
         predicted = of_launches(names, predictions)
         yield row_of(f"{kernel}, whole device", time, predicted, Threads.DEVICE)
-    for kernel in ("korvex_add_elements", "korvex_add_products"):
-        time = time_sum_into_state(device, kernel, both, options.repeats)
-        yield row_of(kernel, time, predictions.get(kernel))
+    yield from rows_of_states(device, both, options.repeats, predictions)
 
 
 def main() -> None:
@@ -160,7 +203,10 @@ def main() -> None:
         ["kernel", "measured", "predicted", "limited by", "ratio", "as predicted"],
         [cells(row) for row in rows],
     )
-    record_and_print("bench_gpu_kernels", options, {"device": device, "runs": rows})
+    for kernel, reason in WITHOUT_ELEMENTS.items():
+        print(f"{kernel}: not timed, {reason}")
+    content = {"device": device, "runs": rows, "not_timed": WITHOUT_ELEMENTS}
+    record_and_print("bench_gpu_kernels", options, content)
 
 
 if __name__ == "__main__":

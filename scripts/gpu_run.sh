@@ -7,7 +7,8 @@
 # GPU, else the first with a torch. --site names an installed korvex, and nothing is built then.
 # $KORVEX_COMMIT names the commit for the report where the tree was copied without its history.
 # --only names stages, or patterns of names, which join the report of an earlier run.
-# --dry-run prints the stages and tries on the emulated device what can be tried there.
+# --dry-run prints the stages and tries on the emulated device what can be tried there, with longer
+# limits.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -92,6 +92,21 @@ def test_time_for_everything_is_shared(options):
     assert {entry["outcome"] for entry in found.values()} == {"no time left"}
 
 
+def test_limits_are_wider_in_a_dry_run(tmp_path):
+    """It runs anywhere, on few processors and beside other work; a GPU is lent by the minute."""
+
+    def limits(*arguments):
+        options = report.parsed_options([*arguments, "--results", str(tmp_path)])
+        return options.seconds, {stage.name: stage.limit for stage in all_stages(options, tmp_path)}
+
+    seconds, on_gpu = limits()
+    assert seconds < 600 and all(limit < seconds for limit in on_gpu.values())
+    dry_seconds, dry = limits("--dry-run")
+    assert dry.keys() == on_gpu.keys() and dry["build"] >= 1800
+    assert all(dry[name] >= 6 * on_gpu[name] for name in dry) and dry_seconds >= 4 * dry["build"]
+    assert limits("--dry-run", "--seconds", "9")[0] == 9
+
+
 def test_exit_status_is_of_all_stages(options, monkeypatch, tmp_path):
     def status(*planted):
         monkeypatch.setattr(report, "all_stages", lambda *_: list(planted))

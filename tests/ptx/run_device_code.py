@@ -37,6 +37,8 @@ WITH_LAST_TRIES = tuple(
 FIGURES = ("PTX machine:", "Simulated grid:")
 SKIPPED = 77
 ORDINARY = (("nvcc", 90),)
+# Whose code for long numbers is not that of the others (KORVEX_UNROLL_WORDS).
+OF_FEW_REGISTERS = (("nvrtc", 53), ("nvrtc", 100))
 LONG = (
     ("nvcc", 90),
     ("nvcc", 75),
@@ -45,6 +47,7 @@ LONG = (
     ("nvrtc", 50),
     ("nvrtc", 75),
     ("nvrtc", 90),
+    *OF_FEW_REGISTERS,
 )
 LONG_SEEDS = (1, 1001, 2001)
 # Elements of an array, each of which takes a last try, in the ordinary run and in the long one.
@@ -110,10 +113,12 @@ def make_ptx(
     return target
 
 
-def make_last_tries(folder: Path, nvrtc: str) -> Path:
+def make_last_tries(wanted: tuple[tuple[str, int], ...], folder: Path, nvrtc: str) -> list[Path]:
+    """The kernels whose every element takes its last try, where their code differs."""
     tree = folder / "last_tries"
     subprocess.run([sys.executable, str(LAST_TRIES), str(tree)], check=True)
-    return make_ptx(SOURCES[0], *ORDINARY[0], tree, nvrtc, (tree,))
+    differing = [each for each in wanted if each in (*ORDINARY, *OF_FEW_REGISTERS)]
+    return [make_ptx(SOURCES[0], *each, tree, nvrtc, (tree,)) for each in differing]
 
 
 def last_tries_runs(command: list[str], is_long: bool) -> list[list[str]]:
@@ -122,7 +127,7 @@ def last_tries_runs(command: list[str], is_long: bool) -> list[list[str]]:
     return [[*command, *most, "--kernel", kernel] for kernel in WITH_LAST_TRIES]
 
 
-def runs_of(arguments: argparse.Namespace, files: list[Path], last: Path) -> list[list[str]]:
+def runs_of(arguments: argparse.Namespace, files: list[Path], last: list[Path]) -> list[list[str]]:
     """The command lines of the tool; the first files are those of the ordinary run."""
     tool = [arguments.tool, arguments.library]
     hard = ["--hard-cases", str(HARD_CASES)]
@@ -136,7 +141,8 @@ def runs_of(arguments: argparse.Namespace, files: list[Path], last: Path) -> lis
             for path in ordinary
         ]
         kernels += [[*tool, str(path), *hard, "--kernels-only"] for path in others]
-    kernels += last_tries_runs([*tool, str(last), "--kernels-only"], arguments.long)
+    for path in last:
+        kernels += last_tries_runs([*tool, str(path), "--kernels-only"], arguments.long)
     return {"kernels": kernels, "faults": faults, None: faults + kernels}[arguments.part]
 
 
@@ -193,7 +199,7 @@ def main() -> int:
             files = list(
                 pool.map(lambda each: make_ptx(*each, arguments.folder, arguments.nvrtc), jobs)
             )
-            last = make_last_tries(arguments.folder, arguments.nvrtc)
+            last = make_last_tries(wanted, arguments.folder, arguments.nvrtc)
             if arguments.part == "compile":
                 return 0
             runs = runs_of(arguments, files, last) + runs

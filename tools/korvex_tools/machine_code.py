@@ -50,6 +50,11 @@ def compiler_of(path: Path) -> str:
     return compilers[path.name].rpartition(".")[0]
 
 
+def row_name(cubin: Path) -> str:
+    """What a file's row in a golden table is called: "sm_90, nvcc 13.0"."""
+    return f"sm_{architecture(cubin)}, {compiler_of(cubin)}"
+
+
 def resources(cubin: Path) -> dict[str, dict[str, int]]:
     """Of each kernel: registers of a thread, bytes of stack, bytes of static shared memory."""
     text = _output("cuobjdump", "-res-usage", str(cubin))

@@ -1,20 +1,22 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Write down what the compiled kernels in some folders cost, as the golden table of the tests.
+"""Write down what the compiled kernels in some folders cost, as the golden tables of the tests.
 
 usage: python -P -m korvex_tools.record_machine_code FOLDER...
 
-A folder is that of the kernels in a build: build/wheel holds one for all architectures. Rows of
-other compilers and architectures stay as they are.
+A folder is that of the kernels in a build: build/wheel holds one for all architectures. The kernels
+of exact states are in its folder `states` and have a table of their own. Rows of other compilers
+and architectures stay as they are.
 """
 
 import json
 import sys
+from collections.abc import Callable
 from pathlib import Path
 
 from korvex_tools import machine_code
 from korvex_tools.source_tree import SOURCE_TREE
 
-GOLDEN = SOURCE_TREE / "tests" / "device_code" / "golden.json"
+TABLES = SOURCE_TREE / "tests" / "device_code"
 
 
 def row(cubin: Path) -> dict:
@@ -26,15 +28,22 @@ def row(cubin: Path) -> dict:
     return kernels
 
 
-def main(folders: list[str]) -> int:
-    golden = json.loads(GOLDEN.read_text()) if GOLDEN.exists() else {}
-    for folder in folders:
-        for cubin in sorted(Path(folder).glob("*.cubin"), key=machine_code.architecture):
-            key = f"sm_{machine_code.architecture(cubin)}, {machine_code.compiler_of(cubin)}"
-            golden[key] = row(cubin)
-            print(key)
+def record(table: Path, folder: Path, compilers: Path, row: Callable[[Path], dict]) -> None:
+    """The rows of all files in a folder; `compilers` has files of the same names and makers."""
+    golden = json.loads(table.read_text()) if table.exists() else {}
+    for cubin in sorted(folder.glob("*.cubin"), key=machine_code.architecture):
+        key = machine_code.row_name(compilers / cubin.name)
+        golden[key] = row(cubin)
+        print(f"{table.stem}: {key}")
     lines = [f"{json.dumps(key)}: {json.dumps(golden[key])}" for key in sorted(golden)]
-    GOLDEN.write_text("{\n" + ",\n".join(lines) + "\n}\n")
+    table.write_text("{\n" + ",\n".join(lines) + "\n}\n")
+
+
+def main(folders: list[str]) -> int:
+    for folder in map(Path, folders):
+        record(TABLES / "golden.json", folder, folder, row)
+        states = TABLES / "golden_states.json"
+        record(states, folder / "states", folder, machine_code.resources)
     return 0
 
 

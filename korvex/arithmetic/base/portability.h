@@ -24,6 +24,8 @@
 // over elements. KORVEX_COLD: the same, never inlined, for what runs once a chunk or less.
 // KORVEX_UNROLL_4, before a loop: a device takes four passes at a time, so that values which go
 // from one pass to the next stay in their registers instead of being copied. Nothing on a host.
+// KORVEX_UNROLL_WORDS, before a loop over the W words of a number, and KORVEX_ONE_IN_BLOCK, before
+// a number that one thread of a block works with: for devices of few registers, see below.
 // KORVEX_DEVICE_COMPILER: defined for a compiler that knows the instructions of devices.
 #ifdef __CUDACC__
 #define KORVEX_HD __host__ __device__
@@ -39,6 +41,30 @@
 #define KORVEX_INLINE inline __attribute__((always_inline))
 #define KORVEX_COLD __attribute__((noinline))
 #define KORVEX_UNROLL_4
+#endif
+
+// Where compilers would keep more than 512 bytes of long numbers on the stack of a thread. For 5.3,
+// 6.2 and 10.0 to 10.3 they load all words of a number before a loop over them, unrolled, uses the
+// first; so loops over more than nine words go four words at a time there. A block on 5.3 and 6.2
+// has 32768 registers, which is 32 for each of 1024 threads; so numbers that one thread of a block
+// works with lie in the memory of the block there.
+#ifdef __CUDA_ARCH__
+#define KORVEX_HALF_THE_REGISTERS (__CUDA_ARCH__ == 530 || __CUDA_ARCH__ == 620)
+#define KORVEX_LOADS_ALL_WORDS \
+  (KORVEX_HALF_THE_REGISTERS || (__CUDA_ARCH__ >= 1000 && __CUDA_ARCH__ < 1100))
+#else
+#define KORVEX_HALF_THE_REGISTERS 0
+#define KORVEX_LOADS_ALL_WORDS 0
+#endif
+#if KORVEX_LOADS_ALL_WORDS
+#define KORVEX_UNROLL_WORDS _Pragma("unroll (W > 9 ? 4 : W)")
+#else
+#define KORVEX_UNROLL_WORDS
+#endif
+#if KORVEX_HALF_THE_REGISTERS
+#define KORVEX_ONE_IN_BLOCK __shared__
+#else
+#define KORVEX_ONE_IN_BLOCK
 #endif
 
 // KORVEX_TABLE: before the type of a constant array that both targets read.

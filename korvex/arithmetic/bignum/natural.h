@@ -36,6 +36,7 @@ struct Natural {
 template <int W>
 KORVEX_HD bool is_zero(const Natural<W>& a) {
   std::uint64_t any = 0;
+  KORVEX_UNROLL_WORDS
   for (int i = 0; i < W; ++i) {
     any |= a.word[i];
   }
@@ -44,6 +45,7 @@ KORVEX_HD bool is_zero(const Natural<W>& a) {
 
 template <int W>
 KORVEX_HD bool operator<(const Natural<W>& a, const Natural<W>& b) {
+  KORVEX_UNROLL_WORDS
   for (int i = W - 1; i > 0; --i) {
     if (a.word[i] != b.word[i]) {
       return a.word[i] < b.word[i];
@@ -58,6 +60,7 @@ KORVEX_HD bool operator<(const Natural<W>& a, const Natural<W>& b) {
 template <int W>
 KORVEX_HD void add(const Natural<W>& a, const Natural<W>& b, Natural<W>& sum) {
   std::uint64_t carry = 0;
+  KORVEX_UNROLL_WORDS
   for (int i = 0; i < W; ++i) {
     const std::uint64_t addend = b.word[i];
     const std::uint64_t partial = a.word[i] + carry;
@@ -71,6 +74,7 @@ KORVEX_HD void add(const Natural<W>& a, const Natural<W>& b, Natural<W>& sum) {
 template <int W>
 KORVEX_HD void subtract(const Natural<W>& a, const Natural<W>& b, Natural<W>& difference) {
   std::uint64_t borrow = 0;
+  KORVEX_UNROLL_WORDS
   for (int i = 0; i < W; ++i) {
     const std::uint64_t partial = a.word[i] - b.word[i];
     const std::uint64_t below = a.word[i] < b.word[i] ? 1 : 0;
@@ -100,6 +104,7 @@ KORVEX_HD Natural<W> operator-(const Natural<W>& a, const Natural<W>& b) {
 // beyond the result are lost. The result may be x where position >= 0.
 template <class Number, int W>
 KORVEX_HD void shift_down(const Number& x, int position, Natural<W>& result) {
+  KORVEX_UNROLL_WORDS
   for (int i = 0; i < W; ++i) {
     result.word[i] = bits_from(x, position + 64 * i);
   }
@@ -115,6 +120,7 @@ KORVEX_HD Natural<W> shifted_down(const Number& x, int position) {
 // a * 2^count in place, but for the bits beyond the last word. Precondition: 0 < count < 64.
 template <int W>
 KORVEX_HD void shift_up(Natural<W>& a, int count) {
+  KORVEX_UNROLL_WORDS
   for (int i = W - 1; i > 0; --i) {
     a.word[i] = (a.word[i] << count) | (a.word[i - 1] >> (64 - count));
   }
@@ -180,6 +186,7 @@ template <int W, int R>
 KORVEX_HD void multiply(const Natural<W>& a, std::uint64_t factor, Natural<R>& product) {
   static_assert(R >= W);
   std::uint64_t carry = 0;
+  KORVEX_UNROLL_WORDS
   for (int i = 0; i < W; ++i) {
     product.word[i] = multiply_word(a.word[i], factor, carry);
   }

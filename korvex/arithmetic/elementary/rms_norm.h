@@ -47,13 +47,14 @@ KORVEX_HD inline InverseRoot root_of_quotient(std::int64_t n, const ProductAccum
   // units off.
   const auto numerator = fixed_from<kRootWords>(count, -count_exponent);
   const auto denominator = shifted_down<kRootWords>(t, top - kRootFraction);
-  RootFixed ratio = fixed_quotient(numerator, denominator);
+  KORVEX_ONE_IN_BLOCK RootFixed ratio;
+  ratio = fixed_quotient(numerator, denominator);
   int exponent = count_exponent - (top + ProductAccumulator::kLowestExponent);
   if ((exponent & 1) != 0) {
     shift_up(ratio, 1);
     --exponent;
   }
-  InverseRoot result;
+  KORVEX_ONE_IN_BLOCK InverseRoot result;
   fixed_square_root(ratio, result.root);
   result.exponent = exponent / 2;
   result.special = 1;

@@ -25,6 +25,9 @@ BUILD = SOURCE_TREE / "build" / "gpu"
 BUILT_SITE = BUILD / "site-packages"
 SANITIZER_TOOLS = ("memcheck", "racecheck", "initcheck", "synccheck")
 SANITIZER_FOUND = 99  # its exit status
+# Limits are for a machine that has a GPU and nothing else to do. A dry run tries the stages
+# anywhere: each has so many times as long, beside other work on few processors.
+DRY_RUN_TIMES = 6
 
 # Misaligned loads, blocks of less than a warp, atomic additions of a warp's digits, large stacks.
 MENDED = ("var", "norm", "cumsum", "rms_norm", "sum", "dot", "sigmoid", "tanh", "logsumexp")
@@ -58,7 +61,10 @@ def all_stages(options: argparse.Namespace, folder: Path) -> list[Stage]:
         whole_suite_stage(options, folder),
         large_stage(options),
     ]
-    return stages + [sanitizer_stage(tool, options) for tool in SANITIZER_TOOLS]
+    stages += [sanitizer_stage(tool, options) for tool in SANITIZER_TOOLS]
+    for stage in stages if options.dry_run else []:
+        stage.limit *= DRY_RUN_TIMES
+    return stages
 
 
 def kernels_in_order() -> list[str]:
