@@ -1,4 +1,4 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What launches the kernels of exact states: names and parameters are those of kernels/states.h."""
+"""What launches kernels: names and parameters are those of kernels/states.h and kernels/table.h."""
 
 def launch(kernel: str, device: int, stream: int, *arguments: int) -> None: ...

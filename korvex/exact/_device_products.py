@@ -17,15 +17,11 @@ import numpy as np
 
 from korvex.exact._arrays import Real
 from korvex.exact._device_state import DeviceState
-from korvex.exact._device_views import launch
+from korvex.exact._device_views import FINITE, REST, WHOLE, WIDE, doubles, launch
 from korvex.exact._devices import FORMAT_NUMBERS, Device, Run
-from korvex.exact._state import DOT, WORD_BYTES
+from korvex.exact._state import DOT
 
-# Numbered as in korvex/kernels/states.h, where the next two stand as well.
-WHOLE, REST, FINITE = range(3)
-BLOCK = 256  # threads
-
-_WIDE = {FORMAT_NUMBERS["int64"], FORMAT_NUMBERS["uint64"]}
+BLOCK = 256  # threads, as in korvex/kernels/table.h
 # An element of more products, and a product of one element, is a dot product of its own: the
 # kernel of products has one thread for each, and slices for no more.
 MOST_DEPTH = 1 << 17
@@ -102,11 +98,11 @@ def _terms(device: Device, pairs: list[tuple[Real, Real]]) -> list[Term]:
         a, b = device.run(x.values, True), device.run(y.values, True)
         terms.append((a, WHOLE, b, WHOLE))
         # An infinity or a NaN must meet the whole of an integer, and the rest of none.
-        if a.format in _WIDE:
-            terms.append((a, REST, b, WHOLE if b.format in _WIDE else FINITE))
-        if b.format in _WIDE:
-            terms.append((a, WHOLE if a.format in _WIDE else FINITE, b, REST))
-        if a.format in _WIDE and b.format in _WIDE:
+        if a.format in WIDE:
+            terms.append((a, REST, b, WHOLE if b.format in WIDE else FINITE))
+        if b.format in WIDE:
+            terms.append((a, WHOLE if a.format in WIDE else FINITE, b, REST))
+        if a.format in WIDE and b.format in WIDE:
             terms.append((a, REST, b, REST))
     return terms
 
@@ -121,8 +117,8 @@ def _multiply(
     form: str,
 ) -> None:
     rows, columns, depth = extents
-    a = _doubles(device, [(run, part) for run, part, _, _ in terms], 1)
-    b = _doubles(device, [(run, part) for _, _, run, part in terms], columns)
+    a = doubles(device, [(run, part) for run, part, _, _ in terms], 1)
+    b = doubles(device, [(run, part) for _, _, run, part in terms], columns)
     width = _tile_width(rows, columns)
     tiles = -(-columns // width) * -(-rows // (BLOCK // width))
     launch(
@@ -139,23 +135,6 @@ def _multiply(
         halves,
         FORMAT_NUMBERS[form],
     )
-
-
-def _doubles(device: Device, parts: list[tuple[Run, int]], inner: int) -> Run:
-    """Contiguous float64: the parts in turn, as many elements of each at a time as `inner` says."""
-    [(run, _), *others] = parts
-    number = FORMAT_NUMBERS["float64"]
-    is_contiguous = run.elements < 2 or run.byte_stride == WORD_BYTES
-    if not others and run.format == number and is_contiguous:
-        return run
-    made = device.empty(run.elements * len(parts), "float64")
-    address = device.address(made)
-    for place, (each, part) in enumerate(parts):
-        if each.elements:
-            first = address + place * inner * WORD_BYTES
-            arguments = (*each.arguments(), part, inner, len(parts), first)
-            launch(device, "korvex_widen", each.elements, *arguments)
-    return Run(run.elements * len(parts), address, WORD_BYTES, number, made)
 
 
 def _tile_width(rows: int, columns: int) -> int:

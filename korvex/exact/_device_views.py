@@ -14,7 +14,13 @@ from typing import Any, NamedTuple
 import numpy as np
 
 from korvex.exact._arrays import Real
-from korvex.exact._devices import FORMAT_NUMBERS, Device
+from korvex.exact._devices import FORMAT_NUMBERS, Device, Run
+from korvex.exact._state import WORD_BYTES
+
+# Parts of elements as doubles, numbered as in korvex/kernels/states.h.
+WHOLE, REST, FINITE = range(3)
+# Formats whose elements are two doubles, the whole rounded and the rest.
+WIDE = {FORMAT_NUMBERS["int64"], FORMAT_NUMBERS["uint64"]}
 
 
 class View(NamedTuple):
@@ -94,6 +100,23 @@ def merged(
         else:
             found.append((extent, own))
     return [n for n, _ in found], [[own[i] for _, own in found] for i in range(len(strides))]
+
+
+def doubles(device: Device, parts: list[tuple[Run, int]], inner: int = 1) -> Run:
+    """Contiguous float64: the parts in turn, as many elements of each at a time as `inner` says."""
+    [(run, _), *others] = parts
+    number = FORMAT_NUMBERS["float64"]
+    is_contiguous = run.elements < 2 or run.byte_stride == WORD_BYTES
+    if not others and run.format == number and is_contiguous:
+        return run
+    made = device.empty(run.elements * len(parts), "float64")
+    address = device.address(made)
+    for place, (each, part) in enumerate(parts):
+        if each.elements:
+            first = address + place * inner * WORD_BYTES
+            arguments = (*each.arguments(), part, inner, len(parts), first)
+            launch(device, "korvex_widen", each.elements, *arguments)
+    return Run(run.elements * len(parts), address, WORD_BYTES, number, made)
 
 
 def placed(device: Device, words: Sequence[int]) -> Any:

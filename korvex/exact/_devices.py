@@ -11,6 +11,7 @@ from __future__ import annotations
 import math
 import sys
 from collections.abc import Sequence
+from contextlib import AbstractContextManager, nullcontext
 from typing import Any, NamedTuple
 
 # Numbered as in korvex/kernels/states.h.
@@ -34,6 +35,11 @@ class Run(NamedTuple):
 
     def arguments(self) -> tuple[int, int, int]:
         return self.address, self.byte_stride, self.format
+
+    def part(self, first: int, elements: int) -> Run:
+        """Some of the elements, from the first on."""
+        address = self.address + first * self.byte_stride
+        return self._replace(elements=elements, address=address)
 
 
 class Device:
@@ -93,6 +99,28 @@ class Device:
 
     def joined(self, halves: Any) -> Any:
         """The complex numbers of which these are the halves, two and two, with one axis."""
+        raise NotImplementedError
+
+    # --- Elements
+
+    def entered(self) -> AbstractContextManager[Any]:
+        """In this the library's own functions work on this device."""
+        raise NotImplementedError
+
+    def reinterpreted(self, x: Any, form: str) -> Any:
+        """The same memory as elements of another format of the same size."""
+        raise NotImplementedError
+
+    def converted(self, x: Any, form: str) -> Any:
+        """The elements converted; integers keep their last bits."""
+        raise NotImplementedError
+
+    def transposed(self, x: Any, axes: Sequence[int]) -> Any:
+        """The axes in another order."""
+        raise NotImplementedError
+
+    def positions(self, mask: Any) -> Any:
+        """Where a mask with one axis is set, as numbers on the device; waits for them."""
         raise NotImplementedError
 
     # --- Streams
@@ -200,6 +228,21 @@ class TorchDevice(Device):
     def joined(self, halves: Any) -> Any:
         return self._torch.view_as_complex(halves.reshape(len(halves) // 2, 2))
 
+    def entered(self) -> AbstractContextManager[Any]:
+        return nullcontext()  # each function takes that of its operands
+
+    def reinterpreted(self, x: Any, form: str) -> Any:
+        return x.view(getattr(self._torch, form))
+
+    def converted(self, x: Any, form: str) -> Any:
+        return x.to(getattr(self._torch, form))
+
+    def transposed(self, x: Any, axes: Sequence[int]) -> Any:
+        return x.permute(tuple(axes))
+
+    def positions(self, mask: Any) -> Any:
+        return mask.nonzero().view(-1)
+
     def stream(self) -> Any:
         return self._torch.cuda.current_stream(self.ordinal)
 
@@ -267,6 +310,22 @@ class CupyDevice(Device):
 
     def joined(self, halves: Any) -> Any:
         return halves.view("complex64" if halves.itemsize == 4 else "complex128")
+
+    def entered(self) -> AbstractContextManager[Any]:
+        device: AbstractContextManager[Any] = self._cupy.cuda.Device(self.ordinal)
+        return device
+
+    def reinterpreted(self, x: Any, form: str) -> Any:
+        return x.view(form)
+
+    def converted(self, x: Any, form: str) -> Any:
+        return x.astype(form)
+
+    def transposed(self, x: Any, axes: Sequence[int]) -> Any:
+        return x.transpose(tuple(axes))
+
+    def positions(self, mask: Any) -> Any:
+        return mask.nonzero()[0]
 
     def stream(self) -> Any:
         with self._cupy.cuda.Device(self.ordinal):

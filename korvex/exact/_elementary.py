@@ -6,12 +6,13 @@ Results keep the order of axes in memory that the array has, as those of NumPy a
 
 from __future__ import annotations
 
+import functools
 from typing import Any
 
 import numpy as np
 
-from korvex.exact import _native, _threads
-from korvex.exact._arrays import Real, as_operand, refuse_cuda
+from korvex.exact import _device_elementary, _native, _threads
+from korvex.exact._arrays import Real, as_operand
 from korvex.exact._axes import viewable
 from korvex.exact._homes import Array, empty, format_of
 
@@ -153,15 +154,17 @@ def tanh(x: Any, /, *, dtype: Any = None) -> Any:
 
 def _mapped(name: str, function: int, x: Any, dtype: Any) -> Any:
     operand = as_operand(x, "x")
-    refuse_cuda(name, ("x", operand))
     if operand.is_complex:
         raise TypeError(f"x is complex, and {name} takes real arrays only")
     form = format_of(dtype)
     [half] = operand.halves()
-    return operand.home.give(_on_host(function, viewable(half, "x"), form), form)
+    on_host = functools.partial(_on_host, function, form)
+    if operand.device is not None:
+        return _device_elementary.mapped(operand.device, half.values, name, form, on_host)
+    return operand.home.give(on_host(viewable(half, "x")), form)
 
 
-def _on_host(function: int, x: Real, form: str) -> Array:
+def _on_host(function: int, form: str, x: Real) -> Array:
     """The result has the axes of x in the order in which they lie in memory."""
     storage = empty((), form).dtype
     out: Array = np.empty_like(x.values, storage, subok=False)

@@ -11,34 +11,31 @@
 #include "korvex/cpython/module_init.h"
 #include "korvex/cpython/object.h"
 #include "korvex/cubin_loader_native/python_border.h"
-#include "korvex/exact_cuda/state_launcher.h"
+#include "korvex/exact_cuda/launcher.h"
 
 namespace korvex::exact_cuda {
 namespace {
 
 using cubin_loader::DeviceFailure;
 using cubin_loader::DeviceOutOfMemory;
-using kernels::kStateKernelCount;
-using kernels::kStateKernels;
 
 constexpr char kUnavailable[] = "korvex.exact cannot use the GPU: ";
 
 // Kept to the end of the process, as the driver is: a module may be in use until then. After a
 // failure the next call tries again.
-StateLauncher& launcher() {
+Launcher& launcher() {
   static std::mutex mutex;
-  static StateLauncher* made = nullptr;
+  static Launcher* made = nullptr;
   const std::lock_guard guard(mutex);
   if (made == nullptr) {
-    made = new StateLauncher(cubin_loader::installed_folder());
+    made = new Launcher(cubin_loader::installed_folder());
   }
   return *made;
 }
 
-int row_of(Handle name) {
-  for (int row = 0; row < kStateKernelCount; ++row) {
-    if (PyUnicode_Check(name) != 0 &&
-        PyUnicode_CompareWithASCIIString(name, kStateKernels[row].name) == 0) {
+const LaunchRow& row_of(Handle name) {
+  for (const LaunchRow& row : kLaunchRows) {
+    if (PyUnicode_Check(name) != 0 && PyUnicode_CompareWithASCIIString(name, row.name) == 0) {
       return row;
     }
   }
@@ -54,18 +51,18 @@ std::uint64_t number(Handle value) {
   return bits;
 }
 
-StateLaunch read_launch(PyObject* const* values, Py_ssize_t count) {
+Launch read_launch(PyObject* const* values, Py_ssize_t count) {
   constexpr Py_ssize_t kLeading = 3;  // kernel, device, stream
   if (count < kLeading) {
     raise(PyExc_TypeError, "launch() takes kernel, device, stream and the kernel's arguments");
   }
-  StateLaunch launch;
-  launch.kernel = row_of(values[0]);
-  const auto& row = kStateKernels[launch.kernel];
+  const LaunchRow& row = row_of(values[0]);
   if (count - kLeading != row.parameter_count) {
     raise_formatted(PyExc_TypeError, "%s takes %d arguments (%s), but got %zd", row.name,
                     row.parameter_count, row.parameters, count - kLeading);
   }
+  Launch launch;
+  launch.row = &row;
   launch.ordinal = static_cast<int>(number(values[1]));
   launch.stream = reinterpret_cast<cubin_loader::Stream>(number(values[2]));
   for (Py_ssize_t i = kLeading; i < count; ++i) {
@@ -76,7 +73,7 @@ StateLaunch read_launch(PyObject* const* values, Py_ssize_t count) {
 
 PyObject* launch_function(PyObject* /*module*/, PyObject* const* values, Py_ssize_t count) {
   const auto body = [&] {
-    const StateLaunch launch = read_launch(values, count);
+    const Launch launch = read_launch(values, count);
     try {
       without_lock([&] { launcher().launch(launch); });
     } catch (const DeviceOutOfMemory& failure) {
@@ -104,7 +101,7 @@ PyModuleDef_Slot slots[] = {
 PyModuleDef definition = {
     PyModuleDef_HEAD_INIT,
     "_cuda",
-    "Launches of the kernels of exact states.",
+    "Launches of the kernels of korvex.exact.",
     0,
     methods,
     slots,

@@ -159,6 +159,18 @@ def test_running_sums_of_vectors_on_a_gpu(on_gpu, kernel, form):
             np.testing.assert_array_equal(found, exact.cumulative_sum(x, axis=axis), strict=True)
 
 
+@pytest.mark.parametrize("form", ["float64", "float32", "float16", "int64", "uint8"])
+@pytest.mark.parametrize("kernel", ["korvex_widen"])
+def test_functions_of_an_element_on_a_gpu(on_gpu, kernel, form):
+    kinds = ("normal", "any bits") if form.startswith("float") else ("normal",)
+    for n, kind in ((1, "normal"), *((300_001, kind) for kind in kinds)):
+        x = draw_values(form, n, kind)
+        for function in (exact.exp, exact.log, exact.sqrt, exact.sigmoid, exact.tanh):
+            for dtype in ("float64", "float32", "float16"):
+                found = function(on_gpu(x), dtype=dtype).cpu().numpy()
+                assert found.tobytes() == function(x, dtype=dtype).tobytes()
+
+
 def found_bytes(form: str) -> int:
     return bits_of(0.0, form).itemsize
 

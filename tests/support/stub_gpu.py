@@ -75,13 +75,17 @@ def build(folder):
 
 
 def install(folder, *files):
-    """The built launcher beside a `cubins` folder of dummy files, as in `sm_90`: its path."""
-    (folder / "cubins").mkdir(parents=True)
-    installed = Path(importlib.util.find_spec(NAME).origin)
-    (folder / installed.name).symlink_to(installed)
-    for name in files:
-        (folder / "cubins" / f"korvex_{name}.cubin").write_text(f"{name}\n")
-    return folder / installed.name
+    """The built launcher with dummy files of kernels, as in `sm_90`: its path.
+
+    Its own lie beside it, as in the package, and those of the table of kernels one folder up.
+    """
+    launcher = folder / "exact" / Path(importlib.util.find_spec(NAME).origin).name
+    for kernels, kind in ((launcher.parent / "cubins", ""), (folder / "cubins", "table ")):
+        kernels.mkdir(parents=True)
+        for name in files:
+            (kernels / f"korvex_{name}.cubin").write_text(f"{kind}{name}\n")
+    launcher.symlink_to(importlib.util.find_spec(NAME).origin)
+    return launcher
 
 
 def import_launcher(path):
@@ -97,10 +101,15 @@ class StubDriver:
     def __init__(self):
         self._library = ctypes.CDLL("libcuda.so.1")
         self._library.stub_take_log.restype = ctypes.c_char_p
-        self._library.stub_wait.argtypes = [ctypes.c_int, ctypes.c_uint64]
+        for function in (self._library.stub_wait, self._library.stub_settle):
+            function.argtypes = [ctypes.c_int, ctypes.c_uint64]
 
     def wait(self, device, stream):
         assert self._library.stub_wait(device, stream) == 0
+
+    def settle(self, device, stream):
+        """Run what is queued in a stream, before a function of a library that comes after it."""
+        assert self._library.stub_settle(device, stream) == 0
 
     def fail(self, call, result=2):
         """Make a function fail from now on; no more where the result is 0."""
@@ -156,7 +165,13 @@ class CupyArray:
         return len(self.values)
 
     def __getitem__(self, key):
-        return self._like(self.values[key])
+        if isinstance(key, CupyArray):
+            self._after_launches()
+        return self._like(self.values[_host(key)])
+
+    def __setitem__(self, key, values):
+        self._after_launches()
+        self.values[_host(key)] = _host(values)
 
     def __neg__(self):
         return self._like(-self.values)
@@ -172,7 +187,12 @@ class CupyArray:
     def copy(self):
         return self._like(self.values.copy())
 
+    def _after_launches(self):
+        """Functions of elements come after what the stream was given, on the current device."""
+        sys.modules["cupy"].settle(self.device.id)
+
     def astype(self, dtype):
+        self._after_launches()
         return self._like(self.values.astype(dtype))
 
     def min(self):
@@ -190,8 +210,32 @@ class CupyArray:
     def view(self, dtype):
         return self._like(self.values.view(dtype))
 
+    def transpose(self, axes):
+        return self._like(self.values.transpose(axes))
+
+    def nonzero(self):
+        self._after_launches()
+        return tuple(self._like(places) for places in self.values.nonzero())
+
     def ravel(self):
         return self._like(self.values.ravel())
+
+
+def _host(operand):
+    return operand.values if isinstance(operand, CupyArray) else operand
+
+
+def _of_elements(name):
+    def method(self, *operands):
+        self._after_launches()
+        return self._like(getattr(self.values, name)(*map(_host, operands)))
+
+    return method
+
+
+for _name in "abs add and eq mul ne or rshift sub".split():
+    setattr(CupyArray, f"__{_name}__", _of_elements(f"__{_name}__"))
+CupyArray.clip = _of_elements("clip")
 
 
 class CupyStream:
@@ -230,6 +274,11 @@ def cupy_module(driver):
         driver.wait(current[-1], stream.ptr)
         return array.values.copy()
 
+    def settle(device):
+        assert device == current[-1]
+        driver.settle(device, cupy.streams[device].ptr)
+
+    cupy.settle = settle
     cupy.cuda = types.SimpleNamespace(
         Device=Device, get_current_stream=lambda: cupy.streams[current[-1]]
     )
@@ -263,6 +312,7 @@ def pretend_torch_has_a_gpu(driver):
 
         @classmethod
         def __torch_function__(cls, *arguments):
+            driver.settle(0, streams[-1].cuda_stream)
             result = super().__torch_function__(*arguments)
             _kept.append(result)
             return result

@@ -7,13 +7,15 @@
 // other_functions.inc, which the build writes: each fails.
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
+#include "korvex/exact_cuda/launch_rows.h"
+#include "tests/exact/stub_cuda/map_kernels.h"
 #include "tests/exact/stub_cuda/state_kernels.h"
 
 #define STUB_API extern "C" __attribute__((visibility("default")))
@@ -25,12 +27,20 @@ STUB_API int stub_not_called() { return 801; }
 
 namespace {
 
+using korvex::exact_cuda::KernelFolder;
+using korvex::exact_cuda::kLaunchRows;
+
 constexpr int kDevices = 2;
 constexpr int kInvalidValue = 1;
+constexpr int kNotFound = 500;
 constexpr int kLaunchFailed = 719;
 
+// A module is its device and its folder, a function its row and its module.
+constexpr int kFolderFactor = 10;
+constexpr int kModuleFactor = 100;
+
 struct Queued {
-  int kernel;
+  int row;
   unsigned blocks;
   std::vector<std::uint64_t> values;
 };
@@ -54,7 +64,7 @@ int enter(const char* call, const Words&... words) {
   return failure == driver.failures.end() ? 0 : failure->second;
 }
 
-// Contexts and modules are numbers above 0, functions rows above 0.
+// Numbers above 0.
 void* handle(int number) { return reinterpret_cast<void*>(static_cast<std::intptr_t>(number + 1)); }
 int number(const void* handle) {
   return static_cast<int>(reinterpret_cast<std::intptr_t>(handle)) - 1;
@@ -111,33 +121,36 @@ STUB_API int cuCtxPopCurrent_v2(void** context) {
 }
 STUB_API int cuModuleLoadDataEx(void** module, const void* image, unsigned /*count*/,
                                 int* /*options*/, void** /*values*/) {
-  *module = handle(driver.contexts.back());
+  const std::string_view text(static_cast<const char*>(image));
+  const auto folder = text.starts_with("table") ? KernelFolder::kTable : KernelFolder::kStates;
+  *module = handle(driver.contexts.back() + kFolderFactor * static_cast<int>(folder));
   return enter("cuModuleLoadDataEx", static_cast<const char*>(image));
 }
 STUB_API int cuModuleUnload(void* /*module*/) { return enter("cuModuleUnload"); }
 STUB_API int cuModuleGetFunction(void** function, void* module, const char* name) {
-  for (int row = 0; row < korvex::kernels::kStateKernelCount; ++row) {
-    if (std::strcmp(korvex::kernels::kStateKernels[row].name, name) == 0) {
-      *function = handle(row + 100 * number(module));
+  for (std::size_t row = 0; row < kLaunchRows.size(); ++row) {
+    if (kLaunchRows[row].name == std::string_view(name) &&
+        static_cast<int>(kLaunchRows[row].folder) == number(module) / kFolderFactor) {
+      *function = handle(static_cast<int>(row) + kModuleFactor * number(module));
       return enter("cuModuleGetFunction", name);
     }
   }
-  return 500;
+  return kNotFound;
 }
 STUB_API int cuLaunchKernel(void* function, unsigned grid_x, unsigned grid_y, unsigned grid_z,
                             unsigned block_x, unsigned block_y, unsigned block_z, unsigned shared,
                             void* stream, void** arguments, void** extra) {
-  const int row = number(function) % 100;
-  const int device = number(function) / 100;
-  const auto& kernel = korvex::kernels::kStateKernels[row];
+  const int row = number(function) % kModuleFactor;
+  const int device = number(function) / kModuleFactor % kFolderFactor;
+  const auto& kernel = kLaunchRows[static_cast<std::size_t>(row)];
   const auto name = reinterpret_cast<std::uintptr_t>(stream);
   if (const int failed = enter("cuLaunchKernel", kernel.name, "device", device, "stream", name,
                                "blocks", grid_x)) {
     return failed;
   }
   if (driver.contexts.empty() || driver.contexts.back() != device || grid_x == 0 || grid_y != 1 ||
-      grid_z != 1 || block_x != korvex::kernels::kGridBlock || block_y != 1 || block_z != 1 ||
-      shared != 0 || extra != nullptr) {
+      grid_z != 1 || block_x != kernel.threads || block_y != 1 || block_z != 1 || shared != 0 ||
+      extra != nullptr) {
     return kInvalidValue;
   }
   Queued launch{row, grid_x, {}};
@@ -150,16 +163,26 @@ STUB_API int cuLaunchKernel(void* function, unsigned grid_x, unsigned grid_y, un
 
 // ---- what tests do with it ----
 
-// Waits for one stream of a device, as a library of arrays does.
-STUB_API int stub_wait(int device, std::uint64_t stream) {
-  const int failed = enter("wait", "device", device, "stream", stream);
+// Runs what is queued in one stream of a device.
+STUB_API int stub_settle(int device, std::uint64_t stream) {
   const auto queued = std::exchange(driver.streams[{device, stream}], {});
   for (const Queued& launch : queued) {
-    if (!korvex::kernels::run_state_kernel(launch.kernel, launch.blocks, launch.values.data())) {
+    const auto& row = kLaunchRows[static_cast<std::size_t>(launch.row)];
+    const bool is_done =
+        row.folder == KernelFolder::kTable
+            ? korvex::kernels::run_map_kernel(row.name, launch.blocks, launch.values.data())
+            : korvex::kernels::run_state_kernel(launch.row, launch.blocks, launch.values.data());
+    if (!is_done) {
       return kLaunchFailed;
     }
   }
-  return failed;
+  return 0;
+}
+// The same where the host waits for that, as a library of arrays does.
+STUB_API int stub_wait(int device, std::uint64_t stream) {
+  const int failed = enter("wait", "device", device, "stream", stream);
+  const int launched = stub_settle(device, stream);
+  return launched != 0 ? launched : failed;
 }
 // From now on, or no more where the result is 0.
 STUB_API void stub_fail(const char* call, int result) {
