@@ -92,6 +92,7 @@ wheel: environment ## a wheel in dist/, with the kernels for all GPUs
 	@scripts/fetch_cuda_compilers.sh $(PY) build/cuda-compilers
 	@CXX=$$(scripts/find_compiler.sh) $(PY) -m pip wheel --quiet --no-deps --no-build-isolation --no-index \
 	  --config-settings build-dir=build/wheel \
+	  --config-settings cmake.define.KORVEX_INSTRUCTION_SETS=all \
 	  --config-settings cmake.define.KORVEX_CUDA_ARCHITECTURES=all \
 	  --config-settings cmake.define.KORVEX_CUDA_COMPILERS=$(CURDIR)/build/cuda-compilers \
 	  --wheel-dir dist .
@@ -100,6 +101,8 @@ wheel: environment ## a wheel in dist/, with the kernels for all GPUs
 # Without device code, which no extra has to do with.
 extras: install ## each extra of the wheel, from the file, in an environment of its own (minutes, gigabytes)
 	@CXX=$$(scripts/find_compiler.sh) $(PY) -m pip wheel --quiet --no-deps --no-build-isolation --no-index \
+	  --config-settings cmake.define.KORVEX_INSTRUCTION_SETS=all \
+	  --config-settings cmake.define.KORVEX_QUICK_BUILD=OFF \
 	  --config-settings build-dir=$(BUILD) --wheel-dir build/extras .
 	@$(TOOL).try_extras build/extras/*.whl $(EXTRAS)
 

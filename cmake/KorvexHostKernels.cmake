@@ -2,6 +2,10 @@
 # The host kernels as a library, and the instruction sets for which it is compiled, from the oldest
 # processors on, with the options that allow them to the compiler.
 
+set(KORVEX_INSTRUCTION_SETS "all" CACHE STRING
+  "Host kernels to build: 'all', which run on every processor as fast as they can; 'native', the base \
+ones and those that this machine's processor takes; or a list that begins with base, as in base;fma")
+
 # Every 64-bit Arm processor has a fused multiply-add and vectors of two doubles (NEON), which are in
 # what compilers may use without an option: one library serves them all.
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
@@ -11,6 +15,39 @@ else()
   set(KORVEX_ON_ARM OFF)
   set(korvex_instruction_sets base fma avx512)
 endif()
+# korvex_best_instruction_set(RESULT): the last that the processor of this machine runs. When crossing,
+# CMake runs the program through CMAKE_CROSSCOMPILING_EMULATOR.
+function(korvex_best_instruction_set result)
+  get_filename_component(tree "${CMAKE_CURRENT_FUNCTION_LIST_DIR}/.." ABSOLUTE)
+  try_run(run_status compiles
+    SOURCES "${CMAKE_CURRENT_FUNCTION_LIST_DIR}/best_instruction_set.cpp"
+    NO_CACHE
+    CMAKE_FLAGS "-DINCLUDE_DIRECTORIES=${tree}"
+    COMPILE_OUTPUT_VARIABLE compiler_output
+    RUN_OUTPUT_STDOUT_VARIABLE best
+    CXX_STANDARD 20)
+  if(NOT compiles OR NOT run_status EQUAL 0)
+    message(FATAL_ERROR "best_instruction_set.cpp does not compile or run here.\n${compiler_output}")
+  endif()
+  set(${result} "${best}" PARENT_SCOPE)
+endfunction()
+
+set(korvex_known_instruction_sets ${korvex_instruction_sets})
+if(KORVEX_INSTRUCTION_SETS STREQUAL "native")
+  korvex_best_instruction_set(korvex_best)
+  set(korvex_instruction_sets base ${korvex_best})
+  list(REMOVE_DUPLICATES korvex_instruction_sets)
+elseif(NOT KORVEX_INSTRUCTION_SETS STREQUAL "all")
+  set(korvex_instruction_sets ${KORVEX_INSTRUCTION_SETS})
+  list(GET korvex_instruction_sets 0 korvex_first)
+  set(korvex_unknown ${korvex_instruction_sets})
+  list(REMOVE_ITEM korvex_unknown ${korvex_known_instruction_sets})
+  if(korvex_unknown OR NOT korvex_first STREQUAL "base")
+    message(FATAL_ERROR "KORVEX_INSTRUCTION_SETS is all, native, or a list that begins with base, out "
+      "of: ${korvex_known_instruction_sets}; not ${KORVEX_INSTRUCTION_SETS}.")
+  endif()
+endif()
+
 set(korvex_options_of_base)
 set(korvex_options_of_fma -mfma -mavx2 -mf16c)
 # Compilers prefer shorter registers, as early processors with AVX-512 slowed down for it. g++ 12 with
@@ -34,6 +71,7 @@ set(korvex_matrix_product_sources
   "${korvex_tree}/korvex/kernels/host/modular_plan.cpp"
   "${korvex_tree}/korvex/kernels/host/modular_product.cpp"
   "${korvex_tree}/korvex/kernels/host/some_lines.cpp"
+  "${korvex_tree}/korvex/kernels/host/threads.cpp"
   "${korvex_tree}/korvex/kernels/modular/double_products.cpp"
   "${korvex_tree}/korvex/kernels/modular/double_recombination.cpp"
   "${korvex_tree}/korvex/kernels/modular/double_residues.cpp"
@@ -47,6 +85,8 @@ set(korvex_matrix_product_sources
 function(korvex_add_host_kernels target)
   set(folder "${korvex_tree}/korvex/kernels/host")
   add_library(${target} SHARED
+    "${folder}/array_walk.cpp"
+    "${folder}/converted_block.cpp"
     "${folder}/dot.cpp"
     "${folder}/exact.cpp"
     "${folder}/exact_axes.cpp"

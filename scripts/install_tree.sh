@@ -3,14 +3,15 @@
 # usage: install_tree.sh PYTHON BUILD_FOLDER [TARGET_FOLDER [CMAKE_NAME=VALUE...]]
 # Builds the tree in BUILD_FOLDER (only what changed) and installs it for PYTHON, or, if given and
 # not empty, into TARGET_FOLDER for use through PYTHONPATH. Downloads nothing:
-# scikit-build-core, CMake and a compiler must be there already.
+# scikit-build-core, CMake and a compiler must be there already. The host kernels are those for all
+# processors, and sources are compiled one by one: a build here is tested, and repeated after changes.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
 python=$1
 build=$2
 target=${3:-}
-definitions=("${@:4}")
+definitions=(KORVEX_INSTRUCTION_SETS=all KORVEX_QUICK_BUILD=OFF "${@:4}")
 
 CXX=$(scripts/find_compiler.sh)
 export CXX

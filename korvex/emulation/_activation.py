@@ -122,7 +122,9 @@ def _activate_first(
     _check_torch()
     if instruction_set is None:
         instruction_set = (
-            _library.best_instruction_set() if path is None else _library.instruction_set_of(path)
+            _library.usable_instruction_sets()[-1]
+            if path is None
+            else _library.instruction_set_of(path)
         )
     if reason := _library.why_unusable(instruction_set):
         raise RuntimeError(reason)

@@ -64,7 +64,7 @@ class HostLibrary:
     """
 
     def __init__(self, instruction_set: str, threads: int, path: Path | None = None) -> None:
-        self.path = path or _path(instruction_set)
+        self.path = path or _installed(instruction_set)
         self.instruction_set = instruction_set
         self.threads = threads
         self._functions = _load(self.path, instruction_set)
@@ -110,18 +110,23 @@ class HostLibrary:
 
 
 def best_instruction_set() -> str:
-    """Return the one with the fastest kernels that this processor can run."""
+    """Return the last that this processor can run, whether its kernels are installed or not."""
     return _load(_path("base"), "base").korvex_host_best_instruction_set().decode()
 
 
 def usable_instruction_sets() -> tuple[str, ...]:
-    """Return those that this processor can run, the fastest last."""
-    return INSTRUCTION_SETS[: INSTRUCTION_SETS.index(best_instruction_set()) + 1]
+    """Return those that are installed and that this processor can run, the fastest last.
+
+    A build for one machine has the base kernels and those that are best there.
+    """
+    runnable = INSTRUCTION_SETS[: INSTRUCTION_SETS.index(best_instruction_set()) + 1]
+    return tuple(name for name in runnable if name == "base" or _path(name).exists())
 
 
 def why_unusable(instruction_set: str) -> str | None:
     """Return why this processor cannot run the kernels for one, or None where it can."""
-    if instruction_set in usable_instruction_sets():
+    best = INSTRUCTION_SETS.index(best_instruction_set())
+    if INSTRUCTION_SETS.index(instruction_set) <= best:
         return None
     return f"this processor has no {_NEEDED[instruction_set]} instructions"
 
@@ -133,6 +138,16 @@ def default_threads() -> int:
 
 def _path(instruction_set: str) -> Path:
     return Path(__file__).with_name(f"libkorvex_host_kernels_{instruction_set}.so")
+
+
+def _installed(instruction_set: str) -> Path:
+    path = _path(instruction_set)
+    if instruction_set != "base" and not path.exists():
+        raise ImportError(
+            f"this installation has no kernels for {instruction_set}: install korvex with "
+            "--config-settings=cmake.define.KORVEX_INSTRUCTION_SETS=all"
+        )
+    return path
 
 
 def instruction_set_of(path: Path) -> str:

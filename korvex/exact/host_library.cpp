@@ -3,6 +3,7 @@
 #include "korvex/exact/host_library.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <string>
@@ -14,6 +15,9 @@ namespace korvex::exact {
 namespace {
 
 constexpr const char* kInstructionSets[] = {"base", "fma", "avx512"};  // each runs those before it
+
+// A build for one machine holds the base library and the one that is best there.
+constexpr const char* kBase = kInstructionSets[0];
 
 struct HostLibrary {
   const korvex_exact_functions* functions;
@@ -33,6 +37,10 @@ std::string path_of(const char* instruction_set) {
   const std::size_t slash = own.rfind('/');
   const std::string folder = slash == std::string::npos ? "." : own.substr(0, slash);
   return folder + "/../emulation/libkorvex_host_kernels_" + instruction_set + ".so";
+}
+
+bool is_installed(const char* instruction_set) {
+  return instruction_set == kBase || access(path_of(instruction_set).c_str(), F_OK) == 0;
 }
 
 template <class Function>
@@ -55,6 +63,9 @@ HostLibrary open(const char* instruction_set) {
           symbol<Text>(library, "korvex_host_best_instruction_set")};
 }
 
+// The best instruction set of this processor: one of kInstructionSets by value.
+const char* best_of_processor() { return open(kBase).best_instruction_set(); }
+
 void use(const HostLibrary& library) {
   functions_in_use = library.functions;
   instruction_set_in_use = library.instruction_set;
@@ -64,8 +75,15 @@ void use(const HostLibrary& library) {
 
 void open_host_library() {
   if (functions_in_use == nullptr) {
-    const char* const best = open("base").best_instruction_set();
-    use(open(best));
+    const std::string_view best = best_of_processor();
+    const char* chosen = kBase;
+    for (const char* each : kInstructionSets) {
+      chosen = is_installed(each) ? each : chosen;
+      if (each == best) {
+        break;
+      }
+    }
+    use(open(chosen));
   }
 }
 
@@ -74,9 +92,12 @@ const korvex_exact_functions& host() { return *functions_in_use; }
 const char* instruction_set() { return instruction_set_in_use; }
 
 void set_instruction_set(Handle name) {
-  const char* const best = open("base").best_instruction_set();
+  const char* const best = best_of_processor();
   for (const char* each : kInstructionSets) {
     if (PyUnicode_Check(name) != 0 && PyUnicode_CompareWithASCIIString(name, each) == 0) {
+      if (!is_installed(each)) {
+        raise_formatted(PyExc_ValueError, messages::kNotInstalled, each);
+      }
       use(open(each));
       return;
     }

@@ -68,5 +68,8 @@ inline constexpr char kNegativeCount[] =
 inline constexpr char kLibrary[] = "the library of kernels does not load: %s";
 inline constexpr char kInstructionSet[] =
     "instruction set must be one that this processor runs (the best is %s), not %R";
+inline constexpr char kNotInstalled[] =
+    "this installation has no kernels for %s: install korvex with "
+    "--config-settings=cmake.define.KORVEX_INSTRUCTION_SETS=all";
 
 }  // namespace korvex::exact::messages

@@ -15,27 +15,7 @@ struct ConvertedBlock {
   bool has_low = false;
 
   // Precondition, here and below: count <= kBlock.
-  void convert(int format, const void* elements, std::int64_t count) {
-    with_format(format, [&](auto each) {
-      using Format = decltype(each);
-      const auto* x = static_cast<const typename Format::Storage*>(elements);
-      has_low = Format::kIsWide;
-      std::int64_t i = 0;
-      if constexpr (!Format::kIsInteger) {
-        for (; i + arithmetic::kHostLanes <= count; i += arithmetic::kHostLanes) {
-          HostLanes::store(high + i, Format::load(x + i));
-        }
-      }
-      for (; i < count; ++i) {
-        high[i] = Format::high(x[i]);
-      }
-      if constexpr (Format::kIsWide) {
-        for (i = 0; i < count; ++i) {
-          low[i] = Format::low(x[i]);
-        }
-      }
-    });
-  }
+  void convert(int format, const void* elements, std::int64_t count);
 
   // The same from memory where elements lie `stride` bytes apart.
   void gather(int format, const char* elements, std::int64_t stride, std::int64_t count) {

@@ -203,6 +203,7 @@ class MappedArray {
 
   void map_block(std::int64_t begin, std::int64_t end) const {
     alignas(64) char copied[kBlock * sizeof(double)];
+    copied[0] = 0;  // g++ warns without: it does not see that there is an element
     std::int64_t filled = 0;
     grid_.runs(begin, end, [&](const GridPosition<1>& at, std::int64_t count) {
       copy_elements(copied + filled * bytes_, base_ + at.offset[0], bytes_, grid_.last().stride[0],

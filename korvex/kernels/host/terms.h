@@ -101,7 +101,10 @@ class ElementAdder {
   void add(const Storage* x, std::int64_t n) { chunks_.add({{x}}, n); }
 
  private:
-  using Terms = arithmetic::CountedTerms<HostLanes, ConvertedElements<Format>, CountedSum>;
+  // Doubles are added by the loops that also add the copies of chunks.
+  using Source = std::conditional_t<std::is_same_v<Storage, double>, arithmetic::DoublesInMemory,
+                                    ConvertedElements<Format>>;
+  using Terms = arithmetic::CountedTerms<HostLanes, Source, CountedSum>;
   ChunkedSum<HostLanes, kCountedStreams, Terms> chunks_;
 };
 
@@ -112,7 +115,8 @@ class ElementAdder<Format> {
   using Storage = typename Format::Storage;
   explicit ElementAdder(CountedSum& sum) : sum_(sum) {}
 
-  void add(const Storage* x, std::int64_t n) {
+  // Out of line, as what follows from it in full is long, and the same for sums and moments.
+  KORVEX_COLD void add(const Storage* x, std::int64_t n) {
     if constexpr (Format::kIsWide) {
       add_integers([x](std::int64_t i) { return x[i]; }, n, sum_);
     } else if constexpr (sizeof(Storage) <= 2) {
@@ -143,7 +147,9 @@ class ProductAdder {
   explicit ProductAdder(CountedProductSum& sum) : chunks_(sum) {}
 
   // x[i] * y[i] for i = 0 to n - 1.
-  void add(const Storage* x, const Storage* y, std::int64_t n) { chunks_.add({{x, y}}, n); }
+  KORVEX_COLD void add(const Storage* x, const Storage* y, std::int64_t n) {
+    chunks_.add({{x, y}}, n);
+  }
 
  private:
   using Terms = arithmetic::CountedTerms<HostLanes, ConvertedProducts<Format>, CountedProductSum>;

@@ -4,12 +4,9 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <exception>
 #include <memory>
-#include <thread>
-#include <vector>
 
-#include "korvex/kernels/host/float_environment.h"
+#include "korvex/kernels/host/function_reference.h"
 
 namespace korvex::host {
 
@@ -26,44 +23,25 @@ constexpr int range_count(std::int64_t n, int threads) {
 template <class Part>
 struct alignas(128) Slot {
   Part part;
-  std::exception_ptr failure;  // what ended the work on it early
 };
 
-// Cuts [0, n) into so many ranges, calls work(begin, end, part) for each on a thread and with a
-// part of its own, then join(part) for all of them on the calling thread, in order. A range whose
-// thread cannot start, for want of threads or of memory, runs on the calling thread. What a range
-// throws is thrown here once all threads have ended: an exception that left a thread would end the
-// process.
+// Cuts [0, n) into so many ranges and calls work(range, begin, end) for each on a thread. A range
+// whose thread cannot start, for want of threads or of memory, runs on the calling thread. What a
+// range throws is thrown here once all threads have ended, that of the first of several: an
+// exception that left a thread would end the process.
+void run_ranges(std::int64_t n, int ranges,
+                FunctionReference<void(int, std::int64_t, std::int64_t)> work);
+
+// The same for work(begin, end, part), each with a part of its own; then calls join(part) for all
+// of them on the calling thread, in order.
 template <class Part, class Work, class Join>
 void for_each_of_ranges(std::int64_t n, int ranges, const Work& work, const Join& join) {
   const auto slots = std::make_unique<Slot<Part>[]>(static_cast<std::size_t>(ranges));
-  const auto run_range = [&](int range) noexcept {
-    Slot<Part>& slot = slots[static_cast<std::size_t>(range)];
-    const DefaultFloatEnvironment environment;
-    try {
-      work(n / ranges * range + std::min<std::int64_t>(range, n % ranges),
-           n / ranges * (range + 1) + std::min<std::int64_t>(range + 1, n % ranges), slot.part);
-    } catch (...) {
-      slot.failure = std::current_exception();
-    }
-  };
-  std::vector<std::jthread> workers;
-  workers.reserve(static_cast<std::size_t>(ranges));
-  for (int range = 1; range < ranges; ++range) {
-    try {
-      workers.emplace_back(run_range, range);
-    } catch (const std::exception&) {
-      run_range(range);
-    }
-  }
-  run_range(0);
-  workers.clear();  // joins them
+  run_ranges(n, ranges, [&](int range, std::int64_t begin, std::int64_t end) {
+    work(begin, end, slots[static_cast<std::size_t>(range)].part);
+  });
   for (int range = 0; range < ranges; ++range) {
-    const Slot<Part>& slot = slots[static_cast<std::size_t>(range)];
-    if (slot.failure != nullptr) {
-      std::rethrow_exception(slot.failure);
-    }
-    join(slot.part);
+    join(slots[static_cast<std::size_t>(range)].part);
   }
 }
 

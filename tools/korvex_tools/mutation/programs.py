@@ -54,6 +54,7 @@ PRODUCT_SOURCES = tuple(
     name
     for name in HOST_SOURCES
     if name.startswith((MODULAR, f"{HOST}/matrix_product", f"{HOST}/modular_", f"{HOST}/some_"))
+    or name == f"{HOST}/threads.cpp"
 )
 WITH_VNNI = "modular_product"  # runs in the build for AVX-512 only
 LIBRARY_CHECKS = ("host_kernels", "golden", "exact")
@@ -88,7 +89,7 @@ def all_programs() -> dict[str, Program]:
     for name in ("parallel_sum", "parallel_dot"):
         found[name] = Program(name, (f"tests/device_code/test_{name}.cpp",))
     found[WITH_VNNI] = Program(WITH_VNNI, ("tests/cpp/test_modular_product.cpp", *PRODUCT_SOURCES))
-    reductions = (f"{HOST}/reductions.cpp", f"{HOST}/rms_norm.cpp")
+    reductions = tuple(f"{HOST}/{name}.cpp" for name in ("reductions", "rms_norm", "threads"))
     found["quick_reductions"] = Program(
         "quick_reductions", ("tests/cpp/test_quick_reductions.cpp", *reductions)
     )

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Prints the best instruction set of this processor, for the configuration of the tests.
+// Prints the best instruction set of this processor, for CMake.
 #include <cstdio>
 
 #include "korvex/kernels/processor.h"
