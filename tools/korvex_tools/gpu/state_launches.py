@@ -129,9 +129,9 @@ Operation = Callable[[DriverMemory, np.ndarray, np.ndarray], Done]
 
 
 def _widen(memory: DriverMemory, x: np.ndarray, _: np.ndarray) -> Done:
-    from korvex.exact import _device_products as products
+    from korvex.exact import _device_views as views
 
-    products._doubles(memory, [(run(memory.from_host(x), "int64"), products.WHOLE)], 1)
+    views.doubles(memory, [(run(memory.from_host(x), "int64"), views.WHOLE)])
     return x.size, x.shape, memory.last
 
 
