@@ -21,11 +21,12 @@ MOST_THREADS = 2**31 - 1  # a C int
 
 _OUT_OF_MEMORY = 2  # what a launch returns then: korvex/kernels/host/launch.h
 
+Extent = ctypes.Array[ctypes.c_uint]
 _Extent = ctypes.c_uint * 3
 
 
 @functools.lru_cache(maxsize=256)
-def _extent(x: int, y: int, z: int) -> ctypes.Array[ctypes.c_uint]:
+def extent(x: int, y: int, z: int) -> Extent:
     """Return a grid or a block as C takes it; it only reads them."""
     return _Extent(x, y, z)
 
@@ -99,9 +100,13 @@ class HostLibrary:
             If the host has no memory for the kernel's workspace; its operands are as they were.
         """
         pointers = _pointers(len(values))(*map(ctypes.addressof, values))
+        self.run(kernel, extent(*grid), extent(*block), pointers)
+
+    def run(self, kernel: KernelRow, grid: Extent, block: Extent, pointers: Any) -> None:
+        """Do the same with a grid and a block as C takes them, and pointers to the arguments."""
         failed = call_and_survive_exit(
             self._functions.korvex_host_launch,
-            (kernel.number, _extent(*grid), _extent(*block), pointers, self.threads),
+            (kernel.number, grid, block, pointers, self.threads),
         )
         if failed == _OUT_OF_MEMORY:
             raise MemoryError(f"out of memory on the emulated device: {kernel.name}")

@@ -4,12 +4,15 @@
 from __future__ import annotations
 
 import ctypes
+import struct
+import sys
 import types
 from typing import Any
 
 import torch
 
-from korvex.emulation._library import HostLibrary, KernelRow
+from korvex.emulation._dispatch import as_host
+from korvex.emulation._library import Extent, HostLibrary, KernelRow, extent
 from korvex.emulation._signature import (
     check_arguments,
     check_block,
@@ -19,26 +22,27 @@ from korvex.emulation._signature import (
 )
 from korvex.emulation._tensor import Tensor, host_alias
 
-_C_TYPES: dict[str, Any] = {
-    "i64": ctypes.c_int64,
-    "f64": ctypes.c_double,
-    "array": lambda array: ctypes.c_void_p(array.pointer),
-}
-
-
-_MOST_EXTENTS = 64  # that a kernel remembers
+_MOST_LAUNCHES = 256  # that a kernel remembers
 
 
 class DeviceArray:
-    """A view of an emulated tensor, as a kernel takes it; it keeps the memory alive."""
+    """A view of a tensor's memory, as a kernel takes it; it keeps the memory alive.
 
-    def __init__(self, host: torch.Tensor) -> None:
-        self._host = host
-        is_usual = host.dtype is torch.float64
-        self.element_type = "float64" if is_usual else str(host.dtype).removeprefix("torch.")
-        self.element_count = host.numel()
-        self.is_contiguous = host.is_contiguous()
-        self.pointer = host.data_ptr()
+    An emulated tensor is read where torch treats it as the host tensor that it is.
+    """
+
+    def __init__(self, tensor: torch.Tensor) -> None:
+        self._memory = tensor.untyped_storage()
+        is_usual = tensor.dtype is torch.float64
+        self.element_type = "float64" if is_usual else str(tensor.dtype).removeprefix("torch.")
+        self.element_count: int = tensor.numel()
+        self.is_contiguous = tensor.is_contiguous()
+        self.pointer: int = tensor.data_ptr()
+        # All that a launch checks of it but its type: no kernel takes an array of another kind.
+        self.usual_count = self.element_count if is_usual and self.is_contiguous else -1
+
+
+_TYPES: dict[str, type] = {"i64": int, "f64": float, "array": DeviceArray}
 
 
 def from_dlpack(array: Any) -> DeviceArray:
@@ -57,11 +61,28 @@ def from_dlpack(array: Any) -> DeviceArray:
             "the emulated device takes its own tensors only, and no "
             f"{type(array).__name__}{device}: move it with .cuda()"
         )
+    with as_host():
+        is_lent = array.dtype is torch.float64 and array.layout is torch.strided
+        if is_lent and not (array.requires_grad or array.is_neg()):
+            return DeviceArray(array)
     host = host_alias(array)
-    is_lent = host.dtype is torch.float64 and host.layout is torch.strided
-    if not is_lent or host.requires_grad or host.is_neg():
-        host.__dlpack__()  # torch raises here what it would raise for a real device
+    host.__dlpack__()  # torch raises here what it would raise for a real device
     return DeviceArray(host)
+
+
+class _Words:
+    """Memory for the arguments of a launch, of 64 bits each, and pointers to them."""
+
+    def __init__(self, count: int) -> None:
+        self.values = (ctypes.c_int64 * count)()
+        first = ctypes.addressof(self.values)
+        self.pointers = (ctypes.c_void_p * count)(*range(first, first + 8 * count, 8))
+
+
+def _word_of(argument: DeviceArray | float) -> int:
+    if isinstance(argument, DeviceArray):
+        return argument.pointer
+    return int.from_bytes(struct.pack("=d", argument), sys.byteorder, signed=True)
 
 
 class Kernel:
@@ -76,8 +97,10 @@ class Kernel:
     def __init__(self, library: HostLibrary, row: KernelRow) -> None:
         self._library = library
         self._row = row
-        self._c_types = [_C_TYPES[parameter.kind] for parameter in row.parameters]
-        self._extents: dict[Any, tuple[Any, Any]] = {}  # checked before, by what was given
+        self._types = tuple(_TYPES[parameter.kind] for parameter in row.parameters)
+        self._free: list[_Words] = []  # for arguments, each in use by one launch at a time
+        # Grid and block of launches that were checked before, by what was checked.
+        self._known: dict[Any, tuple[Extent, Extent]] = {}
 
     def __repr__(self) -> str:
         return f"<emulated kernel {self._row.name}>"
@@ -104,30 +127,47 @@ class Kernel:
         self._run(grid, block, args)
 
     def _run(self, grid: Any, block: Any, arguments: Any) -> None:
+        shape = self._shape_of(grid, block, arguments)
+        extents = self._known.get(shape)
+        if extents is None:
+            grid, block, arguments = self._checked(grid, block, arguments)
+            if 0 in grid:
+                return
+            extents = (extent(*grid), extent(*block))
+            if shape is not None:
+                if len(self._known) >= _MOST_LAUNCHES:
+                    self._known.clear()
+                self._known[shape] = extents
+        try:
+            words = self._free.pop()
+        except IndexError:  # asked first, another thread might take the last ones in between
+            words = _Words(len(arguments))
+        words.values[:] = [each if type(each) is int else _word_of(each) for each in arguments]
+        self._library.run(self._row, *extents, words.pointers)
+        self._free.append(words)
+
+    def _shape_of(self, grid: Any, block: Any, arguments: Any) -> Any:
+        """Return all that the checks depend on; None unless each thing is of the very type."""
+        is_usual = (
+            type(arguments) is tuple
+            and tuple(map(type, arguments)) == self._types
+            and is_of_plain_ints(grid)
+            and is_of_plain_ints(block)
+        )
+        if not is_usual:
+            return None
+        counts = [each.usual_count if type(each) is DeviceArray else each for each in arguments]
+        return (grid, block, *counts)
+
+    def _checked(self, grid: Any, block: Any, arguments: Any) -> tuple[Any, Any, list[Any]]:
         row = self._row
-        grid_extent, block_extent = self._checked_extents(grid, block)
+        grid_extent = check_grid(row.name, grid, row.strides_along_y)
+        block_extent = check_block(row.name, block, row.block)
         items = arguments if type(arguments) is tuple else items_of(arguments)
         if items is None:
             raise TypeError(f"{row.name}: args must be a tuple, not {type(arguments).__name__}")
         checked = check_arguments(row.name, row.parameters, items, DeviceArray)
-        if 0 not in grid_extent:
-            values = [make(value) for make, value in zip(self._c_types, checked, strict=True)]
-            self._library.launch(row, grid_extent, block_extent, values)
-
-    def _checked_extents(self, grid: Any, block: Any) -> tuple[Any, Any]:
-        is_plain = is_of_plain_ints(grid) and is_of_plain_ints(block)
-        if is_plain and (seen := self._extents.get((grid, block))):
-            return seen
-        row = self._row
-        extents = (
-            check_grid(row.name, grid, row.strides_along_y),
-            check_block(row.name, block, row.block),
-        )
-        if is_plain:
-            if len(self._extents) >= _MOST_EXTENTS:
-                self._extents.clear()
-            self._extents[grid, block] = extents
-        return extents
+        return grid_extent, block_extent, checked
 
 
 def make_cupy() -> types.ModuleType:

@@ -247,6 +247,18 @@ def test_array_keeps_the_memory_of_its_tensor_alive(module):
     assert out.tolist() == [3000.0, 0.0, 0.0, 0.0]
 
 
+def test_array_keeps_the_memory_though_its_tensor_gets_another(module):
+    tensor = zeros(1000).fill_(3.0)
+    array = module.cp.from_dlpack(tensor)
+    tensor.data = zeros(1000).fill_(5.0)
+    zeros(1000).fill_(7.0)
+    out = zeros(4)
+    module._NATIVE_LOADER.get_kernel("tqx_sum_seq_kernel").function(
+        ONE, ONE, (array, module.cp.from_dlpack(out), 1000)
+    )
+    assert out.tolist() == [3000.0, 0.0, 0.0, 0.0]
+
+
 def test_extents_that_equal_checked_ones_are_checked_by_their_types(module):
     x, out = tensors_of(module, 8, 4)
     kernel = module._NATIVE_LOADER.get_kernel("tqx_sum_seq_kernel")
@@ -254,6 +266,45 @@ def test_extents_that_equal_checked_ones_are_checked_by_their_types(module):
     for grid, block in [((True, 1, 1), ONE), (ONE, (1, True, 1)), ((1.0, 1, 1), ONE)]:
         with pytest.raises(TypeError, match="must be a tuple of three int"):
             kernel.function(grid, block, (x, out, 8))
+
+
+def test_arguments_that_equal_checked_ones_are_checked_by_their_types(module):
+    x, out = tensors_of(module, 1, 4)
+    kernel = module._NATIVE_LOADER.get_kernel("tqx_sum_seq_kernel")
+    kernel.function(ONE, ONE, (x, out, 1))
+    for n in (True, 1.0):
+        with pytest.raises(TypeError, match="'n' must be of type int"):
+            kernel.function(ONE, ONE, (x, out, n))
+    with pytest.raises(TypeError, match="'x' must be of type DeviceArray"):
+        kernel.function(ONE, ONE, (1, out, 1))
+    with pytest.raises(TypeError, match="args must be a tuple"):
+        kernel.function(ONE, ONE, [x, out, 1])
+
+
+def test_arrays_as_long_as_checked_ones_are_checked(module):
+    x, out = tensors_of(module, 8, 4)
+    kernel = module._NATIVE_LOADER.get_kernel("tqx_sum_seq_kernel")
+    for _ in range(2):
+        kernel.function(ONE, ONE, (x, out, 8))
+        narrow, gaps = arrays(module, zeros(8).float(), zeros(16)[::2])
+        with pytest.raises(TypeError, match="'x' must hold float64 elements, not float32"):
+            kernel.function(ONE, ONE, (narrow, out, 8))
+        with pytest.raises(ValueError, match="'x' must be contiguous"):
+            kernel.function(ONE, ONE, (gaps, out, 8))
+        with pytest.raises(ValueError, match="'x' must have at least n = 9 elements, but has 8"):
+            kernel.function(ONE, ONE, (x, out, 9))
+
+
+def test_each_launch_reads_its_own_arguments(module):
+    kernel = module._NATIVE_LOADER.get_kernel("tqx_leaky_relu_kernel")
+    outs = [zeros(3) for _ in range(400)]
+    for place, out in enumerate(outs):
+        x = torch.full((3,), -float(place), dtype=torch.float64, device="cuda")
+        slope = place / 4
+        kernel.launch(*arrays(module, x), slope, *arrays(module, out), 3 - place % 2, grid=ONE)
+    for place, out in enumerate(outs):
+        value = -place * (place / 4)
+        assert out.tolist() == [value, value, 0.0 if place % 2 else value]
 
 
 def tensors_of(module, *counts):

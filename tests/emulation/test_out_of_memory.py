@@ -23,7 +23,7 @@ def address_space():
     with open("/proc/self/statm") as file:
         return int(file.read().split()[0]) * resource.getpagesize()
 
-def launch_without_room(*arguments, launch=HostLibrary.launch):
+def launch_without_room(*arguments, launch=HostLibrary.run):
     soft, hard = resource.getrlimit(resource.RLIMIT_AS)
     resource.setrlimit(resource.RLIMIT_AS, (address_space() + 1_000_000, hard))
     try:
@@ -31,8 +31,8 @@ def launch_without_room(*arguments, launch=HostLibrary.launch):
     finally:
         resource.setrlimit(resource.RLIMIT_AS, (soft, hard))
 
-launch = HostLibrary.launch
-HostLibrary.launch = launch_without_room
+launch = HostLibrary.run
+HostLibrary.run = launch_without_room
 a = torch.full((1, 1), 3.0, dtype=torch.float64, device="cuda")
 host = torch.arange(4_000_000.0, dtype=torch.float64)
 b = host.reshape(1, -1).cuda()
@@ -41,7 +41,7 @@ try:
 except MemoryError as error:
     print(error)
 roots = runtime.tqx_sqrt(b).cpu()
-HostLibrary.launch = launch
+HostLibrary.run = launch
 assert torch.equal(roots, runtime.tqx_sqrt(b).cpu())
 assert a.item() == 3.0
 assert torch.equal(b.cpu(), host.reshape(1, -1))

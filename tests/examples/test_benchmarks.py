@@ -85,6 +85,14 @@ def test_builds_are_compared_with_each_other():
     assert rows and all(float(figure) > 0 for row in rows for figure in row[2:])
 
 
+def test_emulated_devices_are_compared_with_each_other():
+    folder = Path(korvex.emulation.__file__).parents[2]
+    output = run("compare_emulation", folder, folder, "--repeats", 1, "--turns", 1)
+    assert "n = 100, microseconds" in output
+    rows = [line.split() for line in output.splitlines() if line.startswith("launch of tqx_sum")]
+    assert len(rows) == 1 and all(float(figure) > 0 for figure in rows[0][-3:])
+
+
 @pytest.mark.parametrize("path", RECORDS, ids=lambda path: path.stem)
 def test_kept_record_is_of_a_full_run_of_a_script(path):
     record = json.loads(path.read_text())
