@@ -2,6 +2,7 @@
 """Which instruction sets a build has kernels for, and what runs where some were left out."""
 
 import json
+import os
 import shutil
 import subprocess
 import sys
@@ -82,9 +83,12 @@ def installation(folder: Path, *left_out: str) -> Path:
 
 
 def run_there(folder: Path, script: str) -> str:
-    text = f"import sys\nsys.path.insert(0, {str(folder)!r})\n{textwrap.dedent(script)}"
     run = subprocess.run(
-        [sys.executable, "-P", "-c", text], capture_output=True, text=True, cwd=folder
+        [sys.executable, "-P", "-c", textwrap.dedent(script)],
+        capture_output=True,
+        text=True,
+        cwd=folder,
+        env=os.environ | {"PYTHONPATH": str(folder)},
     )
     assert run.returncode == 0, run.stderr
     return run.stdout.strip()
