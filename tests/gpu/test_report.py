@@ -102,8 +102,8 @@ def test_limits_are_wider_in_a_dry_run(tmp_path):
     seconds, on_gpu = limits()
     assert seconds < 600 and all(limit < seconds for limit in on_gpu.values())
     dry_seconds, dry = limits("--dry-run")
-    assert dry.keys() == on_gpu.keys() and dry["build"] >= 1800
-    assert all(dry[name] >= 6 * on_gpu[name] for name in dry) and dry_seconds >= 4 * dry["build"]
+    assert dry.keys() == on_gpu.keys() and dry["build"] >= 3600
+    assert all(dry[name] >= 6 * on_gpu[name] for name in dry) and dry_seconds >= 2 * dry["build"]
     assert limits("--dry-run", "--seconds", "9")[0] == 9
 
 

@@ -27,7 +27,7 @@ SANITIZER_TOOLS = ("memcheck", "racecheck", "initcheck", "synccheck")
 SANITIZER_FOUND = 99  # its exit status
 # Limits are for a machine that has a GPU and nothing else to do. A dry run tries the stages
 # anywhere: each has so many times as long, beside other work on few processors.
-DRY_RUN_TIMES = 6
+DRY_RUN_TIMES = 12
 
 # Misaligned loads, blocks of less than a warp, atomic additions of a warp's digits, large stacks.
 MENDED = ("var", "norm", "cumsum", "rms_norm", "sum", "dot", "sigmoid", "tanh", "logsumexp")
