@@ -228,6 +228,7 @@ def test_host_and_device_files_of_a_family_have_the_same_name():
         if "__global__" in path.read_text()
     }
     calls = {"launch"} | {name for name in shells if name.startswith("exact")}
+    calls |= {"array_walk", "converted_block", "threads"}
     calls |= {"modular_lines", "modular_plan", "modular_product", "some_lines"}
     calls |= {"array_walk", "converted_block", "threads"}  # what several of the files above share
     # What stands for kernels of families.
