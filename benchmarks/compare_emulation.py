@@ -11,6 +11,7 @@ What is printed is the least processor time of a call, after over before. Nothin
 import argparse
 import importlib
 import json
+import os
 import subprocess
 import sys
 import time
@@ -63,7 +64,9 @@ def times_of(folder: Path, options: argparse.Namespace) -> dict[str, float]:
     """The times in a process that imports korvex from a folder."""
     numbers = ["--n", str(options.n), "--repeats", str(options.repeats)]
     command = [sys.executable, "-P", __file__, str(folder), "-", *numbers]
-    done = subprocess.run(command, check=True, capture_output=True, text=True)
+    paths = [str(folder.resolve()), os.environ.get("PYTHONPATH")]
+    environment = os.environ | {"PYTHONPATH": os.pathsep.join(filter(None, paths))}
+    done = subprocess.run(command, check=True, capture_output=True, text=True, env=environment)
     times: dict[str, float] = json.loads(done.stdout)
     return times
 
@@ -79,7 +82,6 @@ def main() -> None:
     parser.add_argument("--turns", type=int, default=3, help="processes of each (3)")
     options = parser.parse_args()
     if options.after == "-":
-        sys.path.insert(0, str(options.before))
         found = importlib.import_module("korvex").__file__
         assert Path(str(found)).is_relative_to(options.before.resolve()), found
         print(json.dumps({k: least(f, options.repeats) for k, f in cases(options.n).items()}))

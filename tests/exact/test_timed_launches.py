@@ -5,8 +5,6 @@ They are those of `korvex.exact`, so what they leave is what the host library gi
 """
 
 PREAMBLE = """
-from pathlib import Path
-
 from korvex import exact
 from korvex.exact import _native
 from korvex_tools.gpu import predict
@@ -79,11 +77,15 @@ def test_every_kernel_with_a_predicted_time_is_timed(run):
     run(
         PREAMBLE,
         """
-        sys.path.insert(0, str(Path(predict.SOURCE_TREE) / "benchmarks"))
-        import bench_gpu_kernels as benchmark
+        from importlib.util import module_from_spec, spec_from_file_location
+
         from korvex_tools import kernel_table
         from korvex_tools.gpu.work import WITHOUT_ELEMENTS
 
+        path = predict.SOURCE_TREE / "benchmarks" / "bench_gpu_kernels.py"
+        spec = spec_from_file_location("bench_gpu_kernels", path)
+        benchmark = module_from_spec(spec)
+        spec.loader.exec_module(benchmark)
         predictions = predict.recorded()["predictions"]["H100 SXM"]
         both = benchmark.operands(5000)
         rows = list(benchmark.rows_of_states(device, both, 1, predictions))
