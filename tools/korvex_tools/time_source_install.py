@@ -61,9 +61,12 @@ def pip(python: Path, *arguments: object, path: str | None = None) -> str:
     if path is not None:
         environment["PATH"] = path
     command = [str(python), "-m", "pip", *map(str, arguments)]
-    process = subprocess.run(command, env=environment, capture_output=True, text=True)
+    # pip shows what the build prints among its errors.
+    process = subprocess.run(
+        command, env=environment, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT
+    )
     if process.returncode != 0:
-        raise SystemExit(process.stdout[-3000:] + process.stderr[-3000:])
+        raise SystemExit(process.stdout[-6000:])
     return process.stdout
 
 
