@@ -62,6 +62,20 @@ def test_instruction_sets_and_threads(name, specials, usable_instruction_sets):
         assert exact.Sum.from_chunks([x]).to_fraction() == sum_of_numbers(x)
 
 
+@pytest.mark.parametrize("threads", [1, 2])
+def test_any_thread_finds_what_is_not_finite(threads):
+    """Lines so long and few that threads share each of them; one element of each decides."""
+    exact.set_threads(threads)
+    for place in (0, FOR_THREADS - 1):
+        x = np.ones((3, FOR_THREADS))
+        x[:, place] = [np.inf, -np.inf, np.nan]
+        ones = np.ones_like(x)
+        for found in (exact.sum(x, axis=1), exact.mean(x, axis=1), exact.vecdot(x, ones)):
+            assert np.array_equal(found, [np.inf, -np.inf, np.nan], equal_nan=True)
+        norms = exact.vector_norm(x, axis=1)
+        assert np.array_equal(norms, [np.inf, np.inf, np.nan], equal_nan=True)
+
+
 def sum_of_numbers(x):
     from fractions import Fraction
 
