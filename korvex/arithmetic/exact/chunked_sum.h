@@ -179,7 +179,7 @@ class ChunkedSum : private WindowTrial<Lanes::kTriesWindow> {
   // For a window a plan is made from the first elements of a chunk, as short sums would otherwise
   // spend more on the plan than on the cascade, and holds elements so many binades above these.
   static constexpr std::int64_t kLook = 64;
-  static constexpr int kHeadroom = kHasWindow ? 2 : 0;
+  static constexpr int kHeadroom = 2;
   static_assert(!kHasWindow || kLook % kStep == 0);
 
   // The next chunk out of `rest` elements: a whole number of steps.
@@ -244,15 +244,15 @@ class ChunkedSum : private WindowTrial<Lanes::kTriesWindow> {
   KORVEX_COLD bool plan_afresh(const Terms& terms, std::int64_t count) {
     const std::int64_t looked_at = kHasWindow && count > kLook ? kLook : count;
     const ExponentRange range = terms.range(looked_at);
-    if (!range.is_finite || range.highest + kHeadroom + kBiasAboveExponent > Plan::kHighestBias) {
+    if (!range.is_finite || range.highest + kBiasAboveExponent > Plan::kHighestBias) {
       return false;
     }
-    const int top = range.highest + kHeadroom;
-    adopt({top, Terms::usual_bottom(top), Plan::kMinSlices});
+    int top = range.highest;
     if constexpr (kHasWindow) {
-      this->is_in_window_ =
-          ExponentWindow::bottom(top) >= Terms::kLeastInWindow && lies_in_window(terms, looked_at);
+      this->is_in_window_ = lies_in_window(terms, looked_at, top + kHeadroom);
+      top += this->is_in_window_ ? kHeadroom : 0;
     }
+    adopt({top, Terms::usual_bottom(top), Plan::kMinSlices});
     return true;
   }
 
@@ -311,9 +311,14 @@ class ChunkedSum : private WindowTrial<Lanes::kTriesWindow> {
     return true;
   }
 
-  // Whether so many elements are in the window: often they show that others are zeros.
-  KORVEX_COLD bool lies_in_window(const Terms& terms, std::int64_t count) const {
-    const typename Lanes::Value least(power_of_two(ExponentWindow::bottom(plan_.top)));
+  // Whether so many elements are in a window, and one may be planned: often they show that others
+  // are zeros.
+  KORVEX_COLD static bool lies_in_window(const Terms& terms, std::int64_t count, int top) {
+    const int bottom = ExponentWindow::bottom(top);
+    if (bottom < Terms::kLeastInWindow || top + kBiasAboveExponent > Plan::kHighestBias) {
+      return false;
+    }
+    const typename Lanes::Value least(power_of_two(bottom));
     typename Lanes::Bits seen{};
     for (std::int64_t i = 0; i < count; i += Lanes::kCount) {
       seen |= to_bits(terms.from(i).template load<Lanes>()) - to_bits(least);
