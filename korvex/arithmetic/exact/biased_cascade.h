@@ -130,7 +130,7 @@ class BiasedCascade {
   // Its exponent and sign bits are 0 while the first slices stay in their binade. In a window: its
   // bits above those of the window, but for the sign, are 0 while all elements are inside.
   Bits moved_{};
-  Bits window_bottom_;  // of kInWindow
+  Bits window_bottom_{};  // of kInWindow
   Bits lost_{};         // zero but for the sign bit while nothing is left below the last slices
 };
 
