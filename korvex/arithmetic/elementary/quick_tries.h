@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // First tries of exp, log, sigmoid and tanh for several lanes: fewer steps than the double-double
-// phases of the same functions, and an error that leaves few results undecided, of tanh
-// beside 2^-7 more. Second tries of exp, log and sigmoid for arguments or results that
-// are not usual: subnormal numbers, zeros, infinities, NaN.
+// phases of the same functions, and an error that leaves few results undecided, of tanh beside
+// 2^-7 more. Second tries of exp, log and sigmoid for arguments or results that are not usual:
+// subnormal numbers, zeros, infinities, NaN.
 //
 // Every sum here ends as high + low with |low| up to 2^-11 of high; the rounding test adds low to
 // high itself. Where no fused multiply-add is at hand, the steps marked "either" round twice; the

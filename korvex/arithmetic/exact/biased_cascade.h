@@ -131,7 +131,7 @@ class BiasedCascade {
   // bits above those of the window, but for the sign, are 0 while all elements are inside.
   Bits moved_{};
   Bits window_bottom_{};  // of kInWindow
-  Bits lost_{};         // zero but for the sign bit while nothing is left below the last slices
+  Bits lost_{};           // zero but for the sign bit while nothing is left below the last slices
 };
 
 }  // namespace korvex::arithmetic

@@ -6,8 +6,8 @@
 // at the chunk's exponents, plan anew and run it once more; where no plan suits, give each element
 // to the long accumulator, and do not try the cascade for a few chunks. So nothing is ever lost,
 // and the result does not depend on the plan. Counts of grid units are kept as integers over
-// many chunks and go into the ExactSum when the plan changes. On a host a
-// cascade for elements in a window of exponents is tried first, as it takes fewer steps.
+// many chunks and go into the ExactSum when the plan changes. On a host a cascade
+// for elements in a window of exponents is tried first, as it takes fewer steps.
 //
 // Once a NaN or an infinity was among the terms, finite ones cannot change what comes out: the rest
 // is only searched for what can, a NaN or an infinity of the other sign, and not added.
