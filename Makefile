@@ -167,8 +167,9 @@ sanitize: environment ## all tests on a build under AddressSanitizer and Undefin
 device-code: device-code-tools ## run the kernels and their PTX on the host, checked at every access (minutes)
 	@$(RUN_DEVICE_CODE)
 
-device-code-long: device-code-tools ## the same with larger arrays, more seeds and architectures
-	@$(RUN_DEVICE_CODE) --long --nvrtc "$(wildcard build/cuda-compilers/nvidia/cuda_nvrtc/lib/libnvrtc.so.12)"
+device-code-long: device-code-tools ## the same with larger arrays, more seeds and every architecture
+	@scripts/fetch_cuda_compilers.sh $(PY) build/cuda-compilers || true  # what is missing is said below
+	@$(RUN_DEVICE_CODE) --long --nvrtc build/cuda-compilers/nvidia/cuda_nvrtc/lib/libnvrtc.so.12
 
 RUN_DEVICE_CODE = $(PY) tests/ptx/run_device_code.py $(BUILD)/tests/ptx/run_ptx \
   $(BUILD)/korvex/kernels/host/libkorvex_host_kernels_base.so $(BUILD)/tests/ptx/ptx \

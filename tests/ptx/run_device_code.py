@@ -6,7 +6,8 @@ usage: run_device_code.py TOOL HOST_LIBRARY FOLDER [--long] [--part PART] [--nvr
 
 The ordinary run takes the PTX of one architecture, small arrays and all planted faults, and short
 arrays of which every element takes its last try (last_tries.py). The long one takes larger arrays
-and more seeds, and the PTX of further architectures, by NVRTC too where its library is given. With
+and more seeds, and the PTX of every architecture: by NVRTC, where its library is given, as a build
+of all architectures makes it, and by nvcc; files that differ in nothing that runs count once. With
 --grid the programs of the simulated grid in that folder run as well, which need no compiler for
 devices; the last line then has the figures of both. PART is compile, kernels or faults; without it
 all are done. PTX is kept in FOLDER and made anew when a source, a flag or the compiler has changed.
@@ -36,19 +37,11 @@ WITH_LAST_TRIES = tuple(
 )
 FIGURES = ("PTX machine:", "Simulated grid:")
 SKIPPED = 77
-ORDINARY = (("nvcc", 90),)
+ORDINARY = ("nvcc", 90)
 # Whose code for long numbers is not that of the others (KORVEX_UNROLL_WORDS).
 OF_FEW_REGISTERS = (("nvrtc", 53), ("nvrtc", 100))
-LONG = (
-    ("nvcc", 90),
-    ("nvcc", 75),
-    ("nvcc", 80),
-    ("nvcc", 120),
-    ("nvrtc", 50),
-    ("nvrtc", 75),
-    ("nvrtc", 90),
-    *OF_FEW_REGISTERS,
-)
+# Lines of PTX that say what it is for, and nothing that is done.
+HEAD = (b"//", b".version", b".target")
 LONG_SEEDS = (1, 1001, 2001)
 # Elements of an array, each of which takes a last try, in the ordinary run and in the long one.
 MOST_LAST_TRIES = ("33", "513")
@@ -113,11 +106,34 @@ def make_ptx(
     return target
 
 
-def make_last_tries(wanted: tuple[tuple[str, int], ...], folder: Path, nvrtc: str) -> list[Path]:
+def every_architecture(nvrtc: str) -> list[tuple[str, int]]:
+    """Compilers with the architectures that they know; the ordinary run's comes first."""
+    listed = subprocess.check_output(["nvcc", "--list-gpu-code"], text=True)
+    pairs = [ORDINARY, *(("nvcc", int(number)) for number in re.findall(r"sm_(\d+)", listed))]
+    if Path(nvrtc).is_file():
+        script = SOURCE_TREE / "cmake" / "compile_with_nvrtc.py"
+        listed = subprocess.check_output([sys.executable, script, nvrtc, "--list"], text=True)
+        pairs += [("nvrtc", int(number)) for number in listed.split()[1:]]
+    else:
+        print("PTX machine: what NVRTC makes is skipped, as its library is not there")
+    return list(dict.fromkeys(pairs))
+
+
+def distinct(files: list[Path]) -> list[Path]:
+    """The first of those whose text is the same but for the lines of its head."""
+    by_text: dict[bytes, Path] = {}
+    for path in files:
+        kept = [line for line in path.read_bytes().splitlines() if not line.startswith(HEAD)]
+        by_text.setdefault(hashlib.sha256(b"\n".join(kept)).digest(), path)
+    print(f"PTX of {len(files)} targets, {len(by_text)} of them distinct")
+    return list(by_text.values())
+
+
+def make_last_tries(wanted: list[tuple[str, int]], folder: Path, nvrtc: str) -> list[Path]:
     """The kernels whose every element takes its last try, where their code differs."""
     tree = folder / "last_tries"
     subprocess.run([sys.executable, str(LAST_TRIES), str(tree)], check=True)
-    differing = [each for each in wanted if each in (*ORDINARY, *OF_FEW_REGISTERS)]
+    differing = [each for each in wanted if each in (ORDINARY, *OF_FEW_REGISTERS)]
     return [make_ptx(SOURCES[0], *each, tree, nvrtc, (tree,)) for each in differing]
 
 
@@ -189,16 +205,15 @@ def main() -> int:
         print("PTX machine: skipped, as there is no nvcc on PATH")
         if arguments.grid is None:
             return SKIPPED
-    wanted = LONG if arguments.long else ORDINARY
-    if not Path(arguments.nvrtc).is_file():
-        wanted = tuple(each for each in wanted if each[0] != "nvrtc")
     with ThreadPoolExecutor(os.cpu_count()) as pool:
         runs = grid_runs(arguments)
         if has_nvcc:
+            wanted = every_architecture(arguments.nvrtc) if arguments.long else [ORDINARY]
             jobs = [(source, *each) for each in wanted for source in SOURCES]
             files = list(
                 pool.map(lambda each: make_ptx(*each, arguments.folder, arguments.nvrtc), jobs)
             )
+            files = distinct(files) if arguments.long else files
             last = make_last_tries(wanted, arguments.folder, arguments.nvrtc)
             if arguments.part == "compile":
                 return 0

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """The step that runs the device code on the host: what it says where nothing can be compiled."""
 
+import importlib.util
 import re
 import subprocess
 import sys
@@ -25,3 +26,19 @@ def test_every_kind_of_check_has_a_planted_fault():
     kinds += "|unknown instructions"
     missing = [kind for kind in kinds.split("|") if not re.search(rf'"[^"]*{kind}', faults)]
     assert missing == []
+
+
+def test_ptx_that_differs_in_its_head_alone_runs_once(tmp_path, capsys):
+    spec = importlib.util.spec_from_file_location("run_device_code", SCRIPT)
+    run_device_code = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(run_device_code)
+    texts = {
+        "first": "// by one\n.version 8.8\n.target sm_80\nadd.s32 %r1, %r2, %r3;\n",
+        "same": "// by another\n.version 9.0\n.target sm_86\nadd.s32 %r1, %r2, %r3;\n",
+        "other": "// by one\n.version 8.8\n.target sm_80\nadd.s32 %r1, %r2, %r4;\n",
+    }
+    files = [tmp_path / name for name in texts]
+    for path in files:
+        path.write_text(texts[path.name])
+    assert [path.name for path in run_device_code.distinct(files)] == ["first", "other"]
+    assert capsys.readouterr().out == "PTX of 3 targets, 2 of them distinct\n"
