@@ -18,8 +18,10 @@ from typing import Any
 import numpy
 import torch
 
+from korvex.emulation import _native
 from korvex.emulation._dispatch import Call, as_host
-from korvex.emulation._reciprocals import COMPUTED_IN, common_dtype
+from korvex.emulation._reciprocals import COMPUTED_IN, DTYPES, common_dtype
+from korvex.emulation._tensor import Tensor
 
 Function = Callable[..., Any]
 
@@ -38,6 +40,21 @@ _FUNCTIONS: dict[str, Function] = {
     "mod": _remainder,
     "__rmod__": lambda divisor, dividend: _remainder(dividend, divisor),
 }
+
+
+_ROOTS = {"sqrt", "sqrt_", "pow", "pow_", "__pow__", "__ipow__"}
+
+
+def short_way(function: Function, in_place: bool) -> Function:
+    """Take the roots of contiguous float64 and float32 tensors with few calls of torch.
+
+    Remainders go the whole way.
+    """
+    if function.__name__ not in _ROOTS:
+        return lambda *args, **kwargs: NotImplemented
+    host = torch._C.TensorBase
+    questions = (host.is_contiguous, host.is_neg, host.numel, host.data_ptr)
+    return _native.root(function, Tensor, *DTYPES, *questions)
 
 
 def run(call: Call) -> Any:

@@ -1,0 +1,12 @@
+// SPDX-License-Identifier: Apache-2.0
+// The names of the module korvex.emulation._native, by what they make.
+#pragma once
+
+#include "korvex/cpython/object.h"
+
+namespace korvex::emulation {
+
+PyMethodDef* torch_functions();
+PyMethodDef* short_ways();
+
+}  // namespace korvex::emulation
