@@ -6,6 +6,11 @@ from typing import Any
 
 import torch
 
+ROOT: int
+FMOD: int
+REMAINDER: int
+REFLECTED_REMAINDER: int
+
 def adopter(
     tensor: type[torch.Tensor], host_tensor: type[torch.Tensor], /
 ) -> Callable[[Any], Any]: ...
@@ -35,14 +40,16 @@ def division(
     float32: torch.dtype,
     /,
 ) -> Callable[..., Any]: ...
-def root(
+def replacing(
     function: Callable[..., Any],
+    kind: int,
     tensor: type[torch.Tensor],
     dtype_of: Callable[..., Any],
     float64: torch.dtype,
     float32: torch.dtype,
     is_contiguous: Callable[..., Any],
     is_neg: Callable[..., Any],
+    shape_of: Callable[..., Any],
     numel: Callable[..., Any],
     data_ptr: Callable[..., Any],
     /,

@@ -42,19 +42,17 @@ _FUNCTIONS: dict[str, Function] = {
 }
 
 
-_ROOTS = {"sqrt", "sqrt_", "pow", "pow_", "__pow__", "__ipow__"}
+_KINDS = dict.fromkeys(("sqrt", "sqrt_", "pow", "pow_", "__pow__", "__ipow__"), _native.ROOT)
+_KINDS |= dict.fromkeys(("fmod", "fmod_"), _native.FMOD)
+_KINDS |= dict.fromkeys(("remainder", "remainder_", "__mod__", "__imod__"), _native.REMAINDER)
+_KINDS |= {"__rmod__": _native.REFLECTED_REMAINDER}
 
 
 def short_way(function: Function, in_place: bool) -> Function:
-    """Take the roots of contiguous float64 and float32 tensors with few calls of torch.
-
-    Remainders go the whole way.
-    """
-    if function.__name__ not in _ROOTS:
-        return lambda *args, **kwargs: NotImplemented
+    """Work on contiguous float64 and float32 tensors in C++, with few calls of torch."""
     host = torch._C.TensorBase
-    questions = (host.is_contiguous, host.is_neg, host.numel, host.data_ptr)
-    return _native.root(function, Tensor, *DTYPES, *questions)
+    questions = (host.is_contiguous, host.is_neg, host.shape.__get__, host.numel, host.data_ptr)
+    return _native.replacing(function, _KINDS[function.__name__], Tensor, *DTYPES, *questions)
 
 
 def run(call: Call) -> Any:

@@ -8,5 +8,6 @@ namespace korvex::emulation {
 
 PyMethodDef* torch_functions();
 PyMethodDef* short_ways();
+void add_kinds(const Object& module);  // of operations whose values are replaced
 
 }  // namespace korvex::emulation

@@ -11,6 +11,7 @@ int exec_slot(PyObject* module) {
   const Object done = Object::steal(guarded([&] {
     checked(PyModule_AddFunctions(module, torch_functions()));
     checked(PyModule_AddFunctions(module, short_ways()));
+    add_kinds(object(module));
     return none();
   }));
   return done.empty() ? -1 : 0;

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Short ways of operations that are more than one operation of torch: division by a number, and
-// square roots.
+// Short ways of operations that are more than one operation of torch: division by a number, square
+// roots and remainders.
 //
 // torch calls them while it takes emulated tensors for host tensors, with plain operands alone.
 // They take float64 and float32 tensors, and answer NotImplemented, before anything is done, to
 // what the rule in Python must do. What they leave has the bits that the rule leaves.
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -99,25 +100,29 @@ PyObject* division_function(PyObject*, PyObject* arguments) {
   });
 }
 
-// ---- square roots ----
+// ---- operations whose values are replaced: square roots and remainders ----
 
-enum RootState : Py_ssize_t {
-  kRootFunction,
-  kRadicandType,
-  kRootDtype,
-  kRootFloat64,
-  kRootFloat32,
+enum ReplacingState : Py_ssize_t {
+  kOperation,
+  kKind,
+  kTensorType,
+  kDtype,
+  kFloat64,
+  kFloat32,
   kIsContiguous,
   kIsNeg,
+  kShape,
   kNumel,
   kDataPtr,
 };
+
+enum Kind : long long { kRoot, kFmod, kRemainder, kReflectedRemainder };
 
 // From so many elements on, other threads may go on meanwhile.
 constexpr std::size_t kLongCount = 10'000;
 
 // What a function of torch answers to a tensor.
-Object asked(Handle state, RootState question, const Object& tensor) {
+Object asked(Handle state, ReplacingState question, const Object& tensor) {
   return object(held(state, question)).call(tensor);
 }
 
@@ -139,92 +144,184 @@ void run_long(std::size_t count, const Work& work) {
   }
 }
 
-// torch does the operation, with all that belongs to it, and then gets other values: the roots of
-// what the operand held before, since the operation may write to it.
-template <class Float>
-Object rooted(Handle state, PyObject* const* values, Py_ssize_t count) {
-  const Object radicand = object(values[0]);
-  const Object element_count = asked(state, kNumel, radicand);
-  const auto n = static_cast<std::size_t>(as_integer(element_count));
-  const auto* numbers = static_cast<const Float*>(address_of(state, radicand));
-  const auto roots = std::make_unique_for_overwrite<Float[]>(n);
-  run_long(n, [&] {
-    for (std::size_t i = 0; i < n; ++i) {
-      roots[i] = std::sqrt(numbers[i]);  // correctly rounded
-    }
-  });
-  Object result = checked(PyObject_Vectorcall(held(state, kRootFunction), values,
-                                              static_cast<std::size_t>(count), nullptr));
-  if (n > 0) {
-    void* memory = address_of(state, result);
-    run_long(n, [&] { std::memcpy(memory, roots.get(), n * sizeof(Float)); });
-  }
-  return result;
-}
-
 bool is_dense(Handle state, const Object& tensor) {
   const Object contiguous = asked(state, kIsContiguous, tensor);
   const Object negated = asked(state, kIsNeg, tensor);  // when it is read, not in memory
   return truth(contiguous) && !truth(negated);
 }
 
-// Of one operand the root; of two a power, which is a root for the exponent 0.5.
-PyObject* take_root(PyObject* state, PyObject* const* values, Py_ssize_t count,
-                    PyObject* keywords) {
+Object run_operation(Handle state, PyObject* const* values, Py_ssize_t count) {
+  return checked(PyObject_Vectorcall(held(state, kOperation), values,
+                                     static_cast<std::size_t>(count), nullptr));
+}
+
+// torch does the operation, with all that belongs to it, and then gets other values: value(i) of
+// what the operands held before, since the operation may write to them.
+template <class Float, class Value>
+Object replaced(Handle state, PyObject* const* values, Py_ssize_t count, std::size_t n,
+                const Value& value) {
+  const auto kept = std::make_unique_for_overwrite<Float[]>(n);
+  run_long(n, [n, value, out = kept.get()] {  // copies, so that the loop may become vector code
+    for (std::size_t i = 0; i < n; ++i) {
+      out[i] = value(i);
+    }
+  });
+  Object result = run_operation(state, values, count);
+  if (n > 0) {
+    void* memory = address_of(state, result);
+    run_long(n, [&] { std::memcpy(memory, kept.get(), n * sizeof(Float)); });
+  }
+  return result;
+}
+
+// The remainder with the sign of the divisor, as torch defines it.
+template <class Float>
+Float remainder(Float dividend, Float divisor) {
+  const Float rest = std::fmod(dividend, divisor);  // exact
+  const bool has_other_sign = rest != 0 && (rest < 0) != (divisor < 0);
+  return has_other_sign ? rest + divisor : rest;  // may round once
+}
+
+// The second operand: elements beside those of the first, or one number.
+template <class Float>
+struct Operand {
+  const Float* elements = nullptr;
+  Float number{};
+
+  Float operator[](std::size_t i) const { return elements == nullptr ? number : elements[i]; }
+};
+
+template <class Float>
+Object replaced_by_kind(Handle state, PyObject* const* values, Py_ssize_t count,
+                        const Object& tensor, const Operand<Float>& other) {
+  const Object element_count = asked(state, kNumel, tensor);
+  const auto n = static_cast<std::size_t>(as_integer(element_count));
+  const auto* x = static_cast<const Float*>(address_of(state, tensor));
+  switch (as_integer(held(state, kKind))) {
+    case kRoot:
+      return replaced<Float>(state, values, count, n,
+                             [x](std::size_t i) { return std::sqrt(x[i]); });  // correctly rounded
+    case kFmod:
+      return replaced<Float>(state, values, count, n, [x, other](std::size_t i) {
+        return std::fmod(x[i], other[i]);
+      });  // exact
+    case kRemainder:
+      return replaced<Float>(state, values, count, n,
+                             [x, other](std::size_t i) { return remainder(x[i], other[i]); });
+    default:
+      return replaced<Float>(state, values, count, n,
+                             [x, other](std::size_t i) { return remainder(other[i], x[i]); });
+  }
+}
+
+// Whether a second operand can be read as it is: a tensor like the first one, or a number that a
+// double holds.
+template <class Float>
+bool read_operand(Handle state, const Object& tensor, const Object& value,
+                  Operand<Float>& operand) {
+  if (has_type(value, held(state, kTensorType))) {
+    const Object dtypes[] = {asked(state, kDtype, tensor), asked(state, kDtype, value)};
+    const Object shapes[] = {asked(state, kShape, tensor), asked(state, kShape, value)};
+    if (dtypes[0] != dtypes[1] || !equal(shapes[0], shapes[1]) || !is_dense(state, value)) {
+      return false;
+    }
+    operand.elements = static_cast<const Float*>(address_of(state, value));
+    return true;
+  }
+  double number = 0.0;
+  if (PyFloat_CheckExact(value)) {
+    number = PyFloat_AS_DOUBLE(value.handle());
+  } else if (PyLong_CheckExact(value)) {
+    constexpr long long kMost = 1LL << 53;
+    int overflow = 0;
+    const long long whole = PyLong_AsLongLongAndOverflow(value, &overflow);
+    if (overflow != 0 || whole < -kMost || whole > kMost) {
+      return false;
+    }
+    number = static_cast<double>(whole);  // exact
+  } else {
+    return false;
+  }
+  operand.number = static_cast<Float>(number);  // rounds once
+  return true;
+}
+
+template <class Float>
+Object of_type(Handle state, PyObject* const* values, Py_ssize_t count) {
+  const Object tensor = object(values[0]);
+  Operand<Float> other;
+  const bool has_other = as_integer(held(state, kKind)) != kRoot;
+  if (!is_dense(state, tensor) ||
+      (has_other && !read_operand(state, tensor, object(values[1]), other))) {
+    return not_implemented();
+  }
+  return replaced_by_kind(state, values, count, tensor, other);
+}
+
+// Roots have one operand, or two: then they are powers, and roots for the exponent 0.5. Remainders
+// have two.
+PyObject* replace(PyObject* state, PyObject* const* values, Py_ssize_t count, PyObject* keywords) {
   return guarded([&] {
-    if (keywords != nullptr || count < 1 || count > 2) {
+    const bool may_be_power = as_integer(held(state, kKind)) == kRoot;
+    if (keywords != nullptr || count > 2 || count < (may_be_power ? 1 : 2)) {
       return not_implemented();
     }
-    const bool is_tensor = has_type(values[0], held(state, kRadicandType));
-    const bool is_root = count == 1 || (PyFloat_CheckExact(values[1]) != 0 &&
-                                        PyFloat_AS_DOUBLE(values[1]) == 0.5 && is_tensor);
-    if (!is_root) {
-      return checked(PyObject_Vectorcall(held(state, kRootFunction), values,
-                                         static_cast<std::size_t>(count), nullptr));
+    const bool is_tensor = has_type(values[0], held(state, kTensorType));
+    const bool is_half =
+        count == 2 && PyFloat_CheckExact(values[1]) != 0 && PyFloat_AS_DOUBLE(values[1]) == 0.5;
+    if (may_be_power && count == 2 && !(is_tensor && is_half)) {
+      return run_operation(state, values, count);
     }
     if (!is_tensor) {
       return not_implemented();
     }
-    const Object radicand = object(values[0]);
-    const Object dtype = asked(state, kRootDtype, radicand);
-    const bool is_double = dtype == held(state, kRootFloat64);
-    if ((!is_double && dtype != held(state, kRootFloat32)) || !is_dense(state, radicand)) {
-      return not_implemented();
+    const Object dtype = asked(state, kDtype, object(values[0]));
+    if (dtype == held(state, kFloat64)) {
+      return of_type<double>(state, values, count);
     }
-    return is_double ? rooted<double>(state, values, count) : rooted<float>(state, values, count);
+    return dtype == held(state, kFloat32) ? of_type<float>(state, values, count)
+                                          : not_implemented();
   });
 }
 
-PyMethodDef root_row = method_row("root", take_root, "Take a square root as torch does on CUDA.");
+PyMethodDef replace_row =
+    method_row("replace", replace, "Do an operation of torch with the values that CUDA has.");
 
-PyObject* root_function(PyObject*, PyObject* arguments) {
+PyObject* replacing_function(PyObject*, PyObject* arguments) {
   return guarded([&] {
     PyObject* function = nullptr;
+    long long kind = 0;
     PyObject* type = nullptr;
-    PyObject* dtype_of = nullptr;
-    PyObject* float64 = nullptr;
-    PyObject* float32 = nullptr;
-    PyObject* is_contiguous = nullptr;
-    PyObject* is_neg = nullptr;
-    PyObject* numel = nullptr;
-    PyObject* data_ptr = nullptr;
-    if (PyArg_ParseTuple(arguments, "OO!OOOOOOO:root", &function, &PyType_Type, &type, &dtype_of,
-                         &float64, &float32, &is_contiguous, &is_neg, &numel, &data_ptr) == 0) {
+    std::array<PyObject*, kDataPtr - kDtype + 1> torch{};
+    if (PyArg_ParseTuple(arguments, "OLO!OOOOOOOO:replacing", &function, &kind, &PyType_Type, &type,
+                         &torch[0], &torch[1], &torch[2], &torch[3], &torch[4], &torch[5],
+                         &torch[6], &torch[7]) == 0) {
       throw PythonError{};
     }
-    return bound(&root_row, function, type, dtype_of, float64, float32, is_contiguous, is_neg,
-                 numel, data_ptr);
+    if (kind < kRoot || kind > kReflectedRemainder) {
+      raise(PyExc_ValueError, "replacing() takes a kind of the module");
+    }
+    return bound(&replace_row, function, integer(kind), type, torch[0], torch[1], torch[2],
+                 torch[3], torch[4], torch[5], torch[6], torch[7]);
   });
 }
 
 PyMethodDef rows[] = {
     {"division", division_function, METH_VARARGS, "division(...): a short way of a true division."},
-    {"root", root_function, METH_VARARGS, "root(...): a short way of a square root or a power."},
+    {"replacing", replacing_function, METH_VARARGS,
+     "replacing(...): a short way of a square root, a power or a remainder."},
     {nullptr, nullptr, 0, nullptr},
 };
 
 }  // namespace
 
 PyMethodDef* short_ways() { return rows; }
+
+void add_kinds(const Object& module) {
+  checked(PyModule_AddIntConstant(module, "ROOT", kRoot));
+  checked(PyModule_AddIntConstant(module, "FMOD", kFmod));
+  checked(PyModule_AddIntConstant(module, "REMAINDER", kRemainder));
+  checked(PyModule_AddIntConstant(module, "REFLECTED_REMAINDER", kReflectedRemainder));
+}
 
 }  // namespace korvex::emulation

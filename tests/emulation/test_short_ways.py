@@ -176,6 +176,43 @@ def test_root_of_too_many_operands_is_refused():
             device.tensor([4.0]).sqrt(0.5)
 
 
+# --- Remainders
+
+
+@pytest.mark.parametrize("dtype", TYPES, ids=str)
+def test_remainders_take_the_short_way_with_the_bits_of_the_rule(dtype):
+    x = device.tensor(DIVIDENDS, dtype)
+    numbers = [each for each in DIVISORS if type(each) is float or abs(each) <= 2**53]
+    for n in [*numbers, *(device.tensor([y] * len(DIVIDENDS), dtype) for y in (3.0, -0.1, 0.0))]:
+        for operation in (torch.fmod, torch.remainder, torch.Tensor.__mod__, torch.Tensor.__rmod__):
+            if torch.is_tensor(n) and operation is torch.Tensor.__rmod__ or type(n) is bool:
+                continue
+            short = short_way_of(operation, x, n)
+            assert bits(short.tolist()) == bits(_dispatch.dispatch(operation, (x, n), {}).tolist())
+            assert short.dtype == dtype
+
+
+def test_other_remainders_go_the_whole_way():
+    x = device.tensor([7.0, 8.0])
+    for other in (2**53 + 1, True, x[:1], x.float(), torch.stack([x, x], 1)[:, 0]):
+        assert short_way_of(torch.fmod, x, other) is NotImplemented
+    assert short_way_of(torch.remainder, 7.0, x) is NotImplemented
+
+
+def test_gradient_of_a_remainder():
+    x, y = (device.tensor([v]).requires_grad_() for v in (7.5, 2.0))
+    (x % y).backward()
+    assert (x.grad.item(), y.grad.item()) == (1.0, -3.0)
+
+
+def test_remainder_in_place_reads_before_it_writes():
+    x = device.tensor([7.0, -8.5])
+    x %= x.clone() - 4
+    assert x.tolist() == [1.0, -8.5 % -12.5]
+    x.fmod_(x)
+    assert x.tolist() == [0.0, 0.0]
+
+
 # --- What torch calls
 
 
@@ -249,24 +286,37 @@ def test_module_functions_check_what_they_are_given():
         _native.method(len, len, len, len, len)
     with pytest.raises(TypeError, match="division"):
         _native.division(torch.div)
-    with pytest.raises(TypeError, match="root"):
-        _native.root(torch.sqrt, torch.Tensor)
+    with pytest.raises(TypeError, match="replacing"):
+        _native.replacing(torch.sqrt, _native.ROOT, torch.Tensor)
+    with pytest.raises(ValueError, match="takes a kind"):
+        _native.replacing(torch.sqrt, 4, torch.Tensor, *range(8))
 
 
 # --- Methods and attributes of the class
 
 
-def test_methods_that_torch_has_in_c_stand_in_the_class(x):
+def test_methods_with_a_short_way_stand_in_the_class(x):
     own = vars(type(x))
     assert {"add", "add_", "__add__", "__iadd__", "__getitem__", "view", "div", "sqrt"} < own.keys()
+    assert {"__pow__", "__rsub__", "__rtruediv__", "__len__", "split"} < own.keys()
     assert {"shape", "dtype", "grad", "requires_grad", "T"} < own.keys()
-    assert not {"__rsub__", "__hash__", "cholesky", "new_zeros", "register_hook"} & own.keys()
+    assert not {"__rfloordiv__", "cholesky", "new_zeros", "register_hook"} & own.keys()
 
 
 def test_where_torch_sees_host_tensors_their_methods_make_host_tensors(x):
     with _dispatch.as_host():
         assert type(x.add(x)) is type(x + 1) is type(x[0]) is type(x.data) is torch.Tensor
     assert type(x.add(x)) is type(x + 1) is type(x[0]) is type(x.data) is type(x)
+
+
+def test_left_operand_is_asked_first(x):
+    number = torch.tensor(7.0, dtype=torch.float64)
+    for operation in (operator.sub, operator.add, operator.truediv, operator.pow, operator.mod):
+        expected = operation(number, x.cpu()).tolist()
+        assert operation(number, x).is_cuda and operation(number, x).tolist() == expected
+        with pytest.raises(RuntimeError, match="at least two devices"):
+            operation(x.cpu(), x)
+    assert (1 - x).tolist() == [0.0, -1.0, -2.0] and (6 / x).tolist() == [6.0, 3.0, 6 * (1 / 3)]
 
 
 def test_mode_sees_the_call_of_a_method(x):
@@ -337,6 +387,7 @@ def test_items_are_read_and_written(x):
         lambda x: x / 3,
         lambda x: x.sqrt(),
         lambda x: x**0.5,
+        lambda x: x % x,
         lambda x: torch.div(x, 3, out=torch.empty_like(x)),
         lambda x: x.split(1)[0],
         lambda x: torch.stack([x, x]),
