@@ -157,15 +157,11 @@ Object run_operation(Handle state, PyObject* const* values, Py_ssize_t count) {
 
 // torch does the operation, with all that belongs to it, and then gets other values: value(i) of
 // what the operands held before, since the operation may write to them.
-template <class Float, class Value>
+template <class Float, class Fill>
 Object replaced(Handle state, PyObject* const* values, Py_ssize_t count, std::size_t n,
-                const Value& value) {
+                const Fill& fill) {
   const auto kept = std::make_unique_for_overwrite<Float[]>(n);
-  run_long(n, [n, value, out = kept.get()] {  // copies, so that the loop may become vector code
-    for (std::size_t i = 0; i < n; ++i) {
-      out[i] = value(i);
-    }
-  });
+  run_long(n, [&] { fill(kept.get()); });
   Object result = run_operation(state, values, count);
   if (n > 0) {
     void* memory = address_of(state, result);
@@ -191,6 +187,15 @@ struct Operand {
   Float operator[](std::size_t i) const { return elements == nullptr ? number : elements[i]; }
 };
 
+// A function of its own, which the compiler makes vector code of: one by one, each root would wait
+// for the register of the one before.
+template <class Float>
+[[gnu::noinline]] void take_roots(const Float* x, std::size_t n, Float* __restrict roots) {
+  for (std::size_t i = 0; i < n; ++i) {
+    roots[i] = std::sqrt(x[i]);  // correctly rounded
+  }
+}
+
 template <class Float>
 Object replaced_by_kind(Handle state, PyObject* const* values, Py_ssize_t count,
                         const Object& tensor, const Operand<Float>& other) {
@@ -200,17 +205,25 @@ Object replaced_by_kind(Handle state, PyObject* const* values, Py_ssize_t count,
   switch (as_integer(held(state, kKind))) {
     case kRoot:
       return replaced<Float>(state, values, count, n,
-                             [x](std::size_t i) { return std::sqrt(x[i]); });  // correctly rounded
+                             [x, n](Float* roots) { take_roots(x, n, roots); });
     case kFmod:
-      return replaced<Float>(state, values, count, n, [x, other](std::size_t i) {
-        return std::fmod(x[i], other[i]);
-      });  // exact
+      return replaced<Float>(state, values, count, n, [x, n, other](Float* rests) {
+        for (std::size_t i = 0; i < n; ++i) {
+          rests[i] = std::fmod(x[i], other[i]);  // exact
+        }
+      });
     case kRemainder:
-      return replaced<Float>(state, values, count, n,
-                             [x, other](std::size_t i) { return remainder(x[i], other[i]); });
+      return replaced<Float>(state, values, count, n, [x, n, other](Float* rests) {
+        for (std::size_t i = 0; i < n; ++i) {
+          rests[i] = remainder(x[i], other[i]);
+        }
+      });
     default:
-      return replaced<Float>(state, values, count, n,
-                             [x, other](std::size_t i) { return remainder(other[i], x[i]); });
+      return replaced<Float>(state, values, count, n, [x, n, other](Float* rests) {
+        for (std::size_t i = 0; i < n; ++i) {
+          rests[i] = remainder(other[i], x[i]);
+        }
+      });
   }
 }
 
