@@ -18,6 +18,7 @@ SENTENCE = (
     "use the interpreter whose name does not end in t."
 )
 MODULES = ("cubin_loader_native", "exact/_cuda", "exact/_native", "tqx_runtime")
+MODULES += ("emulation/_native",)
 PACKAGE = Path(find_spec("korvex").origin).parent
 
 # Stands in for the interpreter's own function, which the module calls before anything else.

@@ -1,9 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 """Finds the rule for an operation of torch that has an operand on the emulated device.
 
-torch calls `dispatch` through the tensor class. The table in `_coverage.py` names the rule of each
-operation; the functions that carry the rules out register themselves here with `rule` and
-`accessor`. This module knows none of them, so that tensors and rules need not import each other.
+torch calls `dispatch` through the tensor class, for what has no short way yet. The table in
+`_coverage.py` names the rule of each operation; the functions that carry the rules out register
+themselves here with `rule` and `accessor`. This module knows none of them, so that tensors and
+rules need not import each other.
 """
 
 from __future__ import annotations
@@ -64,13 +65,17 @@ class Found(NamedTuple):
     rule: Rule
     name: str
     in_place: bool
-    # Whether the rule lets torch do it, and adopts the result, wherever all operands are emulated
-    # tensors and numbers.
-    is_plain: bool
+    makes_short_way: ShortWay | None = None
 
 
+# Makes of an operation, and of whether it is done in place, what stands for it where all operands
+# are emulated tensors and numbers. That is called while torch takes the tensors for host tensors,
+# and the tensors in its result are adopted; it may answer NotImplemented to what only the rule can.
+ShortWay = Callable[[Callable[..., Any], bool], Callable[..., Any]]
+
+SHORT_WAYS: dict[Callable[..., Any], Callable[..., Any]] = {}  # by the operation, as met
 RULES: dict[str, Rule] = {}  # by the key of the table
-_PLAIN_RULES: set[Rule] = set()
+_MAKERS: dict[Rule, ShortWay] = {}
 _ACCESSORS: dict[str, Rule] = {}  # by what Python calls on a property
 ANSWERED_BY_THE_CLASS = {"device", "is_cuda", "is_cpu", "__cuda_array_interface__"}
 
@@ -85,10 +90,18 @@ def accessor(*names: str) -> Callable[[Rule], Rule]:
     return functools.partial(_register, _ACCESSORS, names)
 
 
-def plain(function: Rule) -> Rule:
-    """Mark a rule that has nothing to check or to change where all operands are emulated."""
-    _PLAIN_RULES.add(function)
+def in_short(make: ShortWay) -> Callable[[Rule], Rule]:
+    """Give a rule a short way."""
+    return functools.partial(_register_maker, make)
+
+
+def _register_maker(make: ShortWay, function: Rule) -> Rule:
+    _MAKERS[function] = make
     return function
+
+
+# Of a rule that has nothing to check or to change where all operands are emulated.
+plain = in_short(lambda function, in_place: function)
 
 
 def _register(registry: dict[str, Rule], keys: tuple[str, ...], function: Rule) -> Rule:
@@ -109,6 +122,7 @@ def cover(name: str) -> None:
             raise ValueError(f"the emulated device already has {name!r} under the rule {key!r}")
     TABLE[SAME_DEVICE].add(name)
     rule_of.cache_clear()
+    SHORT_WAYS.clear()
 
 
 def not_covered(operation: str) -> NotImplementedError:
@@ -126,15 +140,29 @@ def refuse(call: Call) -> NoReturn:
 
 @functools.cache
 def rule_of(function: Callable[..., Any]) -> Found:
+    """Find the rule of an operation; from then on the operation takes its short way, if any."""
+    if (way := short_way(function)) is not None:
+        SHORT_WAYS[function] = way
+    return _find(function)
+
+
+def short_way(function: Callable[..., Any]) -> Callable[..., Any] | None:
+    """Make the short way of an operation."""
+    found = _find(function)
+    return found.makes_short_way and found.makes_short_way(function, found.in_place)
+
+
+def _find(function: Callable[..., Any]) -> Found:
     name = function.__name__
     if name in _ACCESSORS:
         rule, name = _ACCESSORS[name], _name_of_property(function)
-        return Found(rule, name, False, rule in _PLAIN_RULES and name not in ANSWERED_BY_THE_CLASS)
+        make = None if name in ANSWERED_BY_THE_CLASS else _MAKERS.get(rule)
+        return Found(rule, name, False, make)
     for form, in_place in _forms(name):
         for key, names in TABLE.items():
             if form in names:
-                return Found(RULES[key], form, in_place, RULES[key] in _PLAIN_RULES)
-    return Found(refuse, name, False, False)
+                return Found(RULES[key], form, in_place, _MAKERS.get(RULES[key]))
+    return Found(refuse, name, False)
 
 
 def _name_of_property(accessor: Callable[..., Any]) -> str:

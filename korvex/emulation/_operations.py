@@ -18,6 +18,7 @@ from korvex.emulation._dispatch import (
     Call,
     accessor,
     as_host,
+    in_short,
     plain,
     refuse,
     rule,
@@ -56,12 +57,14 @@ def _refuse_mixed_devices() -> NoReturn:
     )
 
 
+@in_short(_rounding.short_way)
 @rule("rounded as on CUDA")
 def _rounded(call: Call) -> Any:
     check_devices(call, numbers_pass=True)
     return adopt(_rounding.run(call))
 
 
+@in_short(_reciprocals.short_way)
 @rule("division")
 def _division(call: Call) -> Any:
     check_devices(call, numbers_pass=True)
@@ -69,6 +72,8 @@ def _division(call: Call) -> Any:
     operands = [*call.args, *(keywords.pop(k) for k in ("input", "other") if k in keywords)]
     if len(operands) != 2 or not _reciprocals.multiplies(*operands):
         return adopt(call.run())
+    if call.in_place and "out" in keywords:
+        return call.run()  # raises
     if keywords.pop("rounding_mode", None) is not None:
         refuse(call._replace(name=f"{call.name} by a number with rounding_mode"))
     with as_host():
@@ -136,6 +141,7 @@ def _check_assigned(container: torch.Tensor, value: Any) -> None:
             _refuse_mixed_devices()
 
 
+@plain
 @rule("copy")
 def _copy(call: Call) -> Any:
     return call.run()  # the tensor that was written, whichever device it is on
@@ -182,6 +188,7 @@ def _get(call: Call) -> Any:
     return adopt(call.run())
 
 
+@plain
 @accessor("__set__", "__delete__")
 def _set(call: Call) -> Any:
     check_devices(call, numbers_pass=False)

@@ -10,11 +10,13 @@ bfloat16, else the common type of the operands. Complex halves are divided.
 
 from __future__ import annotations
 
+from collections.abc import Callable
 from typing import Any
 
 import numpy
 import torch
 
+from korvex.emulation import _native
 from korvex.emulation._dispatch import as_host
 from korvex.emulation._tensor import Tensor
 
@@ -27,7 +29,8 @@ _TYPE_OF_NUMBER = {
     complex: torch.complex128,
 }
 
-
+# How C++ learns the type of a tensor, and the types that it knows.
+DTYPES = (torch._C.TensorBase.dtype.__get__, torch.float64, torch.float32)
 _NUMBERS = (int, float, complex, numpy.number)
 
 
@@ -63,6 +66,16 @@ def quotient(dividend: torch.Tensor, divisor: Any, **kwargs: Any) -> torch.Tenso
     computed_in = COMPUTED_IN.get(dtype, dtype)
     product = torch.mul(dividend.to(computed_in), _reciprocal(divisor, computed_in), **kwargs)
     return product if kwargs else product.to(dtype)
+
+
+def short_way(function: Callable[..., Any], in_place: bool) -> Callable[..., Any]:
+    """Divide float64 and float32 tensors by Python numbers with few calls of torch.
+
+    It forms the same reciprocal in C++ and multiplies by it as by a Python number, which changes no
+    bit: torch converts the number to the type of the tensor, exactly.
+    """
+    multiply = torch.Tensor.mul_ if in_place else torch.mul
+    return _native.division(function, multiply, Tensor, *DTYPES)
 
 
 def divide_in_place(dividend: torch.Tensor, divisor: Any) -> torch.Tensor:

@@ -18,8 +18,10 @@ from typing import Any
 import numpy
 import torch
 
+from korvex.emulation import _native
 from korvex.emulation._dispatch import Call, as_host
-from korvex.emulation._reciprocals import COMPUTED_IN, common_dtype
+from korvex.emulation._reciprocals import COMPUTED_IN, DTYPES, common_dtype
+from korvex.emulation._tensor import Tensor
 
 Function = Callable[..., Any]
 
@@ -38,6 +40,19 @@ _FUNCTIONS: dict[str, Function] = {
     "mod": _remainder,
     "__rmod__": lambda divisor, dividend: _remainder(dividend, divisor),
 }
+
+
+_KINDS = dict.fromkeys(("sqrt", "sqrt_", "pow", "pow_", "__pow__", "__ipow__"), _native.ROOT)
+_KINDS |= dict.fromkeys(("fmod", "fmod_"), _native.FMOD)
+_KINDS |= dict.fromkeys(("remainder", "remainder_", "__mod__", "__imod__"), _native.REMAINDER)
+_KINDS |= {"__rmod__": _native.REFLECTED_REMAINDER}
+
+
+def short_way(function: Function, in_place: bool) -> Function:
+    """Work on contiguous float64 and float32 tensors in C++, with few calls of torch."""
+    host = torch._C.TensorBase
+    questions = (host.is_contiguous, host.is_neg, host.shape.__get__, host.numel, host.data_ptr)
+    return _native.replacing(function, _KINDS[function.__name__], Tensor, *DTYPES, *questions)
 
 
 def run(call: Call) -> Any:

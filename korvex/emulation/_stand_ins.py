@@ -22,6 +22,12 @@ from korvex.emulation._signature import (
 )
 from korvex.emulation._tensor import Tensor, host_alias
 
+# Straight from torch's own class: that of emulated tensors would look first whether it is asked.
+_HOST = torch._C.TensorBase
+_dtype, _layout = _HOST.dtype.__get__, _HOST.layout.__get__
+_requires_grad, _is_neg = _HOST.requires_grad.__get__, _HOST.is_neg
+_numel, _is_contiguous, _data_ptr = _HOST.numel, _HOST.is_contiguous, _HOST.data_ptr
+
 _MOST_LAUNCHES = 256  # that a kernel remembers
 
 
@@ -33,11 +39,11 @@ class DeviceArray:
 
     def __init__(self, tensor: torch.Tensor) -> None:
         self._memory = tensor.untyped_storage()
-        is_usual = tensor.dtype is torch.float64
+        is_usual = _dtype(tensor) is torch.float64
         self.element_type = "float64" if is_usual else str(tensor.dtype).removeprefix("torch.")
-        self.element_count: int = tensor.numel()
-        self.is_contiguous = tensor.is_contiguous()
-        self.pointer: int = tensor.data_ptr()
+        self.element_count: int = _numel(tensor)
+        self.is_contiguous = _is_contiguous(tensor)
+        self.pointer: int = _data_ptr(tensor)
         # All that a launch checks of it but its type: no kernel takes an array of another kind.
         self.usual_count = self.element_count if is_usual and self.is_contiguous else -1
 
@@ -62,8 +68,8 @@ def from_dlpack(array: Any) -> DeviceArray:
             f"{type(array).__name__}{device}: move it with .cuda()"
         )
     with as_host():
-        is_lent = array.dtype is torch.float64 and array.layout is torch.strided
-        if is_lent and not (array.requires_grad or array.is_neg()):
+        is_lent = _dtype(array) is torch.float64 and _layout(array) is torch.strided
+        if is_lent and not (_requires_grad(array) or _is_neg(array)):
             return DeviceArray(array)
     host = host_alias(array)
     host.__dlpack__()  # torch raises here what it would raise for a real device

@@ -10,13 +10,13 @@ from __future__ import annotations
 
 import copy
 import enum
-from collections.abc import Callable, Iterable
+from collections.abc import Callable
 from typing import Any, NoReturn
 
 import torch
 
-from korvex.emulation import _device
-from korvex.emulation._dispatch import as_host, call_as_host, dispatch, rule_of
+from korvex.emulation import _device, _native
+from korvex.emulation._dispatch import SHORT_WAYS, as_host, call_as_host, dispatch
 
 DEVICE = torch.device("cuda", 0)
 
@@ -30,30 +30,6 @@ class Tensor(torch.Tensor):
     The class bears the name that a tensor on hardware has, since messages and printed tensors show
     it; and of the same length, since torch indents printed tensors by it.
     """
-
-    @classmethod
-    def __torch_function__(
-        cls,
-        func: Callable[..., Any],
-        types: Any,
-        args: tuple[Any, ...] = (),
-        kwargs: dict[str, Any] | None = None,
-    ) -> Any:
-        # Nearly all calls are of this kind, and a program makes many.
-        if rule_of(func).is_plain and (
-            _PLAIN_OPERANDS.issuperset(map(type, args)) or _are_plain(args)
-        ):
-            if not kwargs:
-                result = call_as_host(func, types, args, _NO_KEYWORDS)
-            elif _are_plain(kwargs.values()):
-                result = call_as_host(func, types, args, kwargs)
-            else:
-                return dispatch(func, args, kwargs)
-            if type(result) is torch.Tensor:
-                result.__class__ = cls
-                return result
-            return adopt(result)
-        return dispatch(func, args, kwargs or {})
 
     @property
     def device(self) -> torch.device:  # type: ignore[override]
@@ -138,31 +114,27 @@ class Tensor(torch.Tensor):
         return result
 
 
-_NO_KEYWORDS: dict[str, Any] = {}
-_PLAIN_OPERANDS = {
+# Makes the plain tensors in a result, one by one in place, tensors of the emulated device; returns
+# the result.
+adopt = _native.adopter(Tensor, torch.Tensor)
+
+
+def _whole_way(
+    func: Callable[..., Any],
+    types: Any,
+    args: tuple[Any, ...] = (),
+    kwargs: dict[str, Any] | None = None,
+) -> Any:
+    return dispatch(func, args, kwargs or {})
+
+
+# The types of operands that a rule need not look at: all these, and lists and tuples of them.
+_PLAIN_TYPES = (
     *(Tensor, bool, int, float, complex, str, slice),
     *(type(None), type(Ellipsis), torch.dtype, torch.Size),
-}
-
-
-def _are_plain(operands: Iterable[Any]) -> bool:
-    """Whether all are plain operands, or lists and tuples of them."""
-    return all(
-        _PLAIN_OPERANDS.issuperset(map(type, each))
-        if type(each) in (list, tuple)
-        else type(each) in _PLAIN_OPERANDS
-        for each in operands
-    )
-
-
-def adopt(value: Any) -> Any:
-    """Make the plain tensors in a result, one by one in place, tensors of the emulated device."""
-    if type(value) is torch.Tensor:
-        value.__class__ = Tensor
-    elif isinstance(value, (tuple, list)):
-        for item in value:
-            adopt(item)
-    return value
+)
+_torch_function = _native.torch_function(SHORT_WAYS, call_as_host, _whole_way, adopt, _PLAIN_TYPES)
+Tensor.__torch_function__ = _torch_function  # type: ignore[method-assign, assignment]
 
 
 def host_alias(tensor: torch.Tensor) -> torch.Tensor:

@@ -91,6 +91,9 @@ def test_emulated_devices_are_compared_with_each_other():
     assert "n = 100, microseconds" in output
     rows = [line.split() for line in output.splitlines() if line.startswith("launch of tqx_sum")]
     assert len(rows) == 1 and all(float(figure) > 0 for figure in rows[0][-3:])
+    assert "operations of torch, n = 100, microseconds" in output
+    [division] = [line.split() for line in output.splitlines() if line.startswith("x / 3.0")]
+    assert all(float(figure) > 0 for figure in division[-4:])
 
 
 @pytest.mark.parametrize("path", RECORDS, ids=lambda path: path.stem)
