@@ -1,12 +1,13 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Time `pip install SDIST` into a new environment, on a search path without a compiler for GPUs.
+"""Time `pip install SDIST` into a new environment, as on a machine without a compiler for GPUs.
 
 usage: python -P -m korvex_tools.time_source_install [--kernels]
 
 The sdist is made of the tree as it is. What pip fetches for the build is fetched before, so that
 the timed run finds it in pip's cache. Printed are seconds on the clock and of processor time, and
 the sentence that says which GPUs the result serves; with it missing the exit status is 1. --kernels
-leaves the search path as it is, and the build finds the compilers that are on it.
+lets the build compile kernels by what it finds; else it is told to make none, since it looks for
+compilers in other places than the search path too.
 """
 
 import argparse
@@ -21,12 +22,13 @@ from pathlib import Path
 from korvex_tools.source_tree import SOURCE_TREE
 
 MAKE_SDIST = "import sys; from scikit_build_core.build import build_sdist; build_sdist(sys.argv[1])"
+NO_KERNELS = "--config-settings=cmake.define.KORVEX_CUDA_ARCHITECTURES=none"
 TRY = "import numpy as np; from korvex import exact; print(exact.sum(np.array([1e16, 1, -1e16])))"
 
 
 def main(arguments: list[str]) -> int:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--kernels", action="store_true", help="with the compilers on the path")
+    parser.add_argument("--kernels", action="store_true", help="with the compilers of this machine")
     options = parser.parse_args(arguments)
     with tempfile.TemporaryDirectory() as folder:
         subprocess.run([sys.executable, "-c", MAKE_SDIST, folder], check=True, cwd=SOURCE_TREE)
@@ -35,7 +37,8 @@ def main(arguments: list[str]) -> int:
         needed = [*build_requirements(), "numpy", "cmake", "ninja"]
         pip(python, "wheel", "--quiet", "--no-deps", "--wheel-dir", folder, *needed)
         begin, used = time.monotonic(), processor_time()
-        output = pip(python, "install", "-v", sdist, path=None if options.kernels else bare_path())
+        without = () if options.kernels else (NO_KERNELS,)
+        output = pip(python, "install", "-v", *without, sdist)
         seconds, used = time.monotonic() - begin, processor_time() - used
         sums = subprocess.check_output([python, "-P", "-c", TRY], text=True, cwd=folder).strip()
     print(f"pip install SDIST: {seconds:.0f} s, {used:.0f} s of processor time")
@@ -55,11 +58,9 @@ def build_requirements() -> list[str]:
     return subprocess.check_output([sys.executable, script], text=True).split()
 
 
-def pip(python: Path, *arguments: object, path: str | None = None) -> str:
+def pip(python: Path, *arguments: object) -> str:
     environment = os.environ | {"PIP_DISABLE_PIP_VERSION_CHECK": "1"}
     environment.pop("CMAKE_CXX_COMPILER_LAUNCHER", None)
-    if path is not None:
-        environment["PATH"] = path
     command = [str(python), "-m", "pip", *map(str, arguments)]
     # pip shows what the build prints among its errors.
     process = subprocess.run(
@@ -68,12 +69,6 @@ def pip(python: Path, *arguments: object, path: str | None = None) -> str:
     if process.returncode != 0:
         raise SystemExit(process.stdout[-6000:])
     return process.stdout
-
-
-def bare_path() -> str:
-    """The search path without the folders that hold a compiler for GPUs."""
-    folders = os.environ["PATH"].split(os.pathsep)
-    return os.pathsep.join(folder for folder in folders if not (Path(folder) / "nvcc").exists())
 
 
 def processor_time() -> float:
