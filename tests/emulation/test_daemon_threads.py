@@ -33,15 +33,16 @@ class Late:
         sleep(seconds)
 
 late = Late()
-inside = threading.Event()
+inside = threading.Semaphore(0)
 
 def compute():
-    inside.set()
+    inside.release()
     {call}
 
 for _ in range({daemons}):
     threading.Thread(target=compute, daemon=True).start()
-inside.wait()
+for _ in range({daemons}):
+    inside.acquire()
 time.sleep(duration / 3)
 print("done")
 """
