@@ -53,9 +53,12 @@ def read(group: dict) -> str:
 
 
 def test_every_module_has_a_group_of_several_sources(groups):
-    modules = {Path(group["file"]).parents[1].name.removesuffix(".dir") for group in groups}
+    modules = {
+        Path(group["file"]).parents[1].name.removesuffix(".dir")
+        for group in groups
+        if len(sources_of(group)) > 1
+    }
     assert modules >= {"tqx_runtime", "cubin_loader_native", "exact_native", "exact_cuda"}
-    assert all(len(sources_of(group)) > 1 for group in groups)
 
 
 def test_no_name_of_one_source_is_in_the_way_of_another(groups):

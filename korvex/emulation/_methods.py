@@ -21,12 +21,24 @@ from korvex.emulation._dispatch import ANSWERED_BY_THE_CLASS, short_way
 from korvex.emulation._tensor import Tensor
 
 _FUNCTIONS = (types.MethodDescriptorType, types.WrapperDescriptorType, types.FunctionType)
+# To call a method of a class the interpreter makes an object; where it has no memory for that, it
+# takes a class for one without these methods, and forgets the MemoryError.
+_LEFT_TO_TORCH = {
+    "__eq__",
+    "__ge__",
+    "__gt__",
+    "__hash__",
+    "__iter__",
+    "__le__",
+    "__lt__",
+    "__ne__",
+}
 
 
 def install() -> None:
     """Give the class of emulated tensors what torch's class has of short ways."""
     names = set(dir(torch.Tensor))
-    for name in sorted(names - vars(Tensor).keys() - ANSWERED_BY_THE_CLASS):
+    for name in sorted(names - vars(Tensor).keys() - ANSWERED_BY_THE_CLASS - _LEFT_TO_TORCH):
         found = inspect.getattr_static(torch.Tensor, name)
         if getattr(found, "__objclass__", torch._C.TensorBase) is not torch._C.TensorBase:
             continue  # of every object
