@@ -126,13 +126,10 @@ Object short_way(Handle short_ways, Handle operation) {
   return object(found);
 }
 
-// The result where the short way leads to one, else an empty object.
-Object try_short_way(Handle state, Handle operation, Handle types, Handle arguments,
-                     Handle keywords) {
-  const Object way = short_way(held(state, kShortWays), operation);
-  if (way.empty() || !are_plain(held(state, kPlainTypes), arguments, keywords)) {
-    return {};
-  }
+// Goes a way while torch takes the tensors for host tensors, without keywords where they are null;
+// an empty object where it leads nowhere.
+Object go(Handle state, Handle way, Handle operation, Handle types, Handle arguments,
+          Handle keywords) {
   const Object call_as_host = object(held(state, kCallAsHost));
   Object result = keywords == nullptr ? call_as_host.call(way, types, arguments)
                                       : call_as_host.call(way, types, arguments, keywords);
@@ -142,6 +139,16 @@ Object try_short_way(Handle state, Handle operation, Handle types, Handle argume
   }
   adopt(held(state, kAdopting), result);
   return result;
+}
+
+// The result where the short way leads to one, else an empty object.
+Object try_short_way(Handle state, Handle operation, Handle types, Handle arguments,
+                     Handle keywords) {
+  const Object way = short_way(held(state, kShortWays), operation);
+  if (way.empty() || !are_plain(held(state, kPlainTypes), arguments, keywords)) {
+    return {};
+  }
+  return go(state, way, operation, types, arguments, keywords);
 }
 
 // __torch_function__(func, types, args=(), kwargs=None). Not a method: it needs no class, and
@@ -221,23 +228,12 @@ Object try_method(Handle state, PyObject* const* values, Py_ssize_t count, Handl
   for (Py_ssize_t i = 0; i < count; ++i) {
     PyTuple_SET_ITEM(arguments.handle(), i, object(values[i]).release());
   }
-  const Object call_as_host = object(held(operation, kCallAsHost));
-  const Handle way = held(state, kMethodWay);
-  Object result;
-  if (keyword_count == 0) {
-    result = call_as_host.call(way, Py_None, arguments);
-  } else {
-    const Object keywords = checked(PyDict_New());
-    for (Py_ssize_t i = 0; i < keyword_count; ++i) {
-      set_item(keywords, PyTuple_GET_ITEM(keyword_names, i), values[count + i]);
-    }
-    result = call_as_host.call(way, Py_None, arguments, keywords);
+  const Object keywords = keyword_count == 0 ? Object{} : checked(PyDict_New());
+  for (Py_ssize_t i = 0; i < keyword_count; ++i) {
+    set_item(keywords, PyTuple_GET_ITEM(keyword_names, i), values[count + i]);
   }
-  if (result == Py_NotImplemented && way != held(state, kMethod)) {
-    return {};
-  }
-  adopt(held(operation, kAdopting), result);
-  return result;
+  return go(operation, held(state, kMethodWay), held(state, kMethod), Py_None, arguments,
+            keywords.handle());
 }
 
 PyObject* call_method(PyObject* state, PyObject* const* values, Py_ssize_t count,

@@ -6,8 +6,8 @@ usage: python -P -m korvex_tools.time_source_install [--kernels]
 The sdist is made of the tree as it is. What pip fetches for the build is fetched before, so that
 the timed run finds it in pip's cache. Printed are seconds on the clock and of processor time, and
 the sentence that says which GPUs the result serves; with it missing the exit status is 1. --kernels
-lets the build compile kernels by what it finds; else it is told to make none, since it looks for
-compilers in other places than the search path too.
+lets the build compile kernels by what it finds; else an option leaves them out, since the build
+looks for compilers in other places than the search path too.
 """
 
 import argparse
