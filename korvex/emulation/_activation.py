@@ -18,7 +18,7 @@ from pathlib import Path
 import torch
 
 import korvex.emulation._operations  # noqa: F401  (registers the rules of all operations)
-from korvex.emulation import _autograd, _cuda, _factories, _library, _methods, _stand_ins
+from korvex.emulation import _autograd, _cuda, _factories, _library, _stand_ins
 from korvex.emulation._device import EmulatedDevice
 from korvex.emulation._patches import Patches
 
@@ -132,7 +132,6 @@ def _activate_first(
     device = EmulatedDevice(library)
     patches = Patches()
     try:
-        _methods.install()
         _factories.install(patches)
         _autograd.install(patches)
         _cuda.install(patches, device.name)

@@ -22,15 +22,6 @@ def torch_function(
     plain_types: tuple[type, ...],
     /,
 ) -> Callable[..., Any]: ...
-def method(
-    method: Callable[..., Any],
-    way: Callable[..., Any],
-    is_enabled: Callable[[], bool],
-    is_mode_enabled: Callable[[], bool],
-    torch_function: Callable[..., Any],
-    /,
-) -> Callable[..., Any]: ...
-def bindable(function: Callable[..., Any], /) -> Any: ...
 def division(
     function: Callable[..., Any],
     multiply: Callable[..., Any],

@@ -196,94 +196,12 @@ PyObject* torch_function_function(PyObject*, PyObject* arguments) {
   });
 }
 
-// ---- methods ----
-
-enum MethodState : Py_ssize_t { kMethod, kMethodWay, kIsEnabled, kIsModeEnabled, kOperation };
-
-bool answers(Handle question) {
-  const Object answer = object(question).call();
-  return truth(answer);
-}
-
-bool are_plain(Handle plain_types, PyObject* const* values, Py_ssize_t count) {
-  for (Py_ssize_t i = 0; i < count; ++i) {
-    if (!is_plain_operand(plain_types, values[i])) {
-      return false;
-    }
-  }
-  return true;
-}
-
-// What a method gives without torch looking for __torch_function__, which would take longer than
-// the rest; else an empty object. Where torch already takes the tensors for host tensors, and where
-// a mode wants to see the call, it is torch's.
-Object try_method(Handle state, PyObject* const* values, Py_ssize_t count, Handle keyword_names) {
-  const Handle operation = held(state, kOperation);
-  const Py_ssize_t keyword_count = keyword_names == nullptr ? 0 : PyTuple_GET_SIZE(keyword_names);
-  if (!are_plain(held(operation, kPlainTypes), values, count + keyword_count) ||
-      !answers(held(state, kIsEnabled)) || answers(held(state, kIsModeEnabled))) {
-    return {};
-  }
-  const Object arguments = checked(PyTuple_New(count));
-  for (Py_ssize_t i = 0; i < count; ++i) {
-    PyTuple_SET_ITEM(arguments.handle(), i, object(values[i]).release());
-  }
-  const Object keywords = keyword_count == 0 ? Object{} : checked(PyDict_New());
-  for (Py_ssize_t i = 0; i < keyword_count; ++i) {
-    set_item(keywords, PyTuple_GET_ITEM(keyword_names, i), values[count + i]);
-  }
-  return go(operation, held(state, kMethodWay), held(state, kMethod), Py_None, arguments,
-            keywords.handle());
-}
-
-PyObject* call_method(PyObject* state, PyObject* const* values, Py_ssize_t count,
-                      PyObject* keyword_names) {
-  return guarded([&] {
-    Object result = try_method(state, values, count, keyword_names);
-    if (!result.empty()) {
-      return result;
-    }
-    return checked(PyObject_Vectorcall(held(state, kMethod), values,
-                                       static_cast<std::size_t>(count), keyword_names));
-  });
-}
-
-PyMethodDef method_definition = method_row("method", call_method, "A method of torch.Tensor.");
-
-PyObject* method_function(PyObject*, PyObject* arguments) {
-  return guarded([&] {
-    PyObject* method = nullptr;
-    PyObject* way = nullptr;
-    PyObject* is_enabled = nullptr;
-    PyObject* is_mode_enabled = nullptr;
-    PyObject* operation = nullptr;
-    if (PyArg_ParseTuple(arguments, "OOOOO!:method", &method, &way, &is_enabled, &is_mode_enabled,
-                         &PyCFunction_Type, &operation) == 0) {
-      throw PythonError{};
-    }
-    auto* const expected = reinterpret_cast<void (*)()>(torch_function);
-    if (reinterpret_cast<void (*)()>(PyCFunction_GET_FUNCTION(operation)) != expected) {
-      raise(PyExc_TypeError, "method() takes what torch_function() made");
-    }
-    return bound(&method_definition, method, way, is_enabled, is_mode_enabled,
-                 PyCFunction_GET_SELF(operation));
-  });
-}
-
-// A function of C does not become a method where it is found in a class.
-PyObject* bindable_function(PyObject*, PyObject* function) {
-  return guarded([&] { return checked(PyInstanceMethod_New(function)); });
-}
-
 PyMethodDef rows[] = {
     {"adopter", adopter_function, METH_VARARGS,
      "adopter(tensor, host_tensor): a function that changes the class of tensors in a result."},
     {"torch_function", torch_function_function, METH_VARARGS,
      "torch_function(short_ways, call_as_host, whole_way, adopt, plain_types): "
      "__torch_function__."},
-    {"method", method_function, METH_VARARGS,
-     "method(method, way, is_enabled, is_mode_enabled, torch_function): the method in short."},
-    {"bindable", bindable_function, METH_O, "bindable(function): as a method in a class."},
     {nullptr, nullptr, 0, nullptr},
 };
 
