@@ -17,8 +17,10 @@ SENTENCE = (
     "korvex needs CPython with its global interpreter lock, and this is a free-threaded build: "
     "use the interpreter whose name does not end in t."
 )
-MODULES = ("cubin_loader_native", "exact/_cuda", "exact/_native", "tqx_runtime")
-MODULES += ("emulation/_native",)
+MODULES = (
+    *("cubin_loader_native", "emulation/_native", "exact/_cuda", "exact/_native"),
+    "tqx_runtime",
+)
 PACKAGE = Path(find_spec("korvex").origin).parent
 
 # Stands in for the interpreter's own function, which the module calls before anything else.

@@ -300,8 +300,10 @@ def test_scripts_are_executable():
 
 # --- The check of a wheel as a file
 
-BUILT = ("cubin_loader_native", "exact/_cuda", "exact/_native", "tqx_runtime")
-BUILT += ("emulation/_native",)
+BUILT = (
+    *("cubin_loader_native", "emulation/_native", "exact/_cuda", "exact/_native"),
+    "tqx_runtime",
+)
 LIBRARIES = "korvex/emulation/libkorvex_host_kernels_"
 
 

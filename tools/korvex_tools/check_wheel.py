@@ -22,8 +22,10 @@ from korvex_tools.elf_file import ElfFile
 from korvex_tools.source_tree import SOURCE_TREE
 
 SUFFIXES = {".cubin", ".json", ".ptx", ".py", ".pyi", ".so", ".typed"}
-MODULES = ("cubin_loader_native", "exact/_cuda", "exact/_native", "tqx_runtime")
-MODULES += ("emulation/_native",)
+MODULES = (
+    *("cubin_loader_native", "emulation/_native", "exact/_cuda", "exact/_native"),
+    "tqx_runtime",
+)
 INSTRUCTION_SETS = {"x86_64": ("base", "fma", "avx512"), "aarch64": ("base",)}
 # As in tests/test_00_installed_package.py: the C++ runtime is in, where its archive is installed.
 LIBRARIES = {"libc.so.6", "libdl.so.2", "libm.so.6", "libpthread.so.0"}
