@@ -17,6 +17,11 @@ import tempfile
 
 import torch
 import torch.distributed as dist
+
+# The functions of this module keep the group of its import, and an optimizer imports it: before
+# there is a group, that is none. Otherwise destroy_process_group would not end the group's
+# threads, and one that still ran as the interpreter ended would abort the process.
+import torch.distributed.nn
 import torch.multiprocessing as processes
 
 from korvex import exact

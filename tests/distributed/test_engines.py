@@ -133,3 +133,25 @@ def test_training_on_any_number_of_processes():
     assert len(set(found["exact"])) == 1 and len(set(found["plain"])) > 1
     single = checksums("--processes", 2, "--micro-batch", 1)
     assert single["exact"] != found["exact"][:1]  # another cut has other addends
+
+
+@pytest.mark.skipif(not torch.distributed.is_available(), reason="this torch has no processes")
+def test_training_leaves_no_thread_of_its_group(tmp_path):
+    """A thread of the engine that still runs as the interpreter ends can abort the process."""
+    program = """
+import argparse, pathlib, runpy, sys
+example = runpy.run_path(sys.argv[1])
+options = argparse.Namespace(steps=1, micro_batch=8)
+example["run_rank"](0, 1, sys.argv[2], options)
+for thread in pathlib.Path("/proc/self/task").iterdir():
+    print("thread", (thread / "comm").read_text().strip())
+"""
+    finished = subprocess.run(
+        [sys.executable, "-P", "-c", program, str(EXAMPLES / "train_over_processes.py"), tmp_path],
+        capture_output=True,
+        text=True,
+        timeout=300,
+    )
+    assert finished.returncode == 0, finished.stderr
+    threads = [line.split()[1] for line in finished.stdout.splitlines() if "thread" in line]
+    assert threads and not [name for name in threads if "gloo" in name]
