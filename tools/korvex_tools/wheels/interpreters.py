@@ -83,6 +83,10 @@ def make_runnable(root: Path, version: str) -> Path:
     packages = f"{root}/usr/share/python-wheels/"
     for path in (root / "usr" / "lib" / f"python{version}").glob("_sysconfigdata_*.py"):
         path.write_text(path.read_text().replace("'/usr/share/python-wheels/'", repr(packages)))
+    # Debian's pyconfig.h names that of the processor in a folder that its compilers search.
+    headers = root / "usr" / "include"
+    name = f"python{version}"
+    shutil.copy2(headers / "x86_64-linux-gnu" / name / "pyconfig.h", headers / name / "pyconfig.h")
     subprocess.run([python, "-I", "-c", "import ensurepip, ssl"], check=True, capture_output=True)
     return python
 
