@@ -84,26 +84,26 @@ KORVEX_INLINE QuickGrowth<Real> table_growth(Real head, Real head_low, Real r, R
 }
 
 // exp(x) / 2^k as high + low; k, modulo 2^12, times 2^52.
-template <class Real, class Bits>
+template <class Real>
 struct QuickExp {
   Real high;
   Real low;
-  Bits exponent;
+  decltype(to_bits(Real())) exponent;
 };
 
 // x = (16 k + j) log(2)/16 + r, |r| <= 0.02167. Precondition: |x| < 746. Error of high + low below
 // 2^-61.
 template <class Real>
-KORVEX_INLINE auto quick_exp(Real x) {
+KORVEX_INLINE QuickExp<Real> quick_exp(Real x) {
   constexpr double kRoundToInt = 0x1.8p+52;
   const Real shifted = multiply_add(x, Real(kExpEntriesPerLn2 / 4), Real(kRoundToInt));  // either
   const Real count = sub_rn(shifted, kRoundToInt);  // exact: an integer below 2^15
   const auto n = to_bits(shifted);                  // its last bits are those of that integer
   const Real first =
-      multiply_add(-count, Real(4 * kExpStepHigh), x);  // exact, also if rounded twice
-  const Real r = multiply_add(-count, Real(4 * kExpStepLow), first);
+      multiply_add(count, Real(-4 * kExpStepHigh), x);  // exact, also if rounded twice
+  const Real r = multiply_add(count, Real(-4 * kExpStepLow), first);
   // The difference is exact but for 2^-82, where first is the smaller; the product is off by 2^-83.
-  const Real r_low = multiply_add(-count, Real(4 * kExpStepLow), sub_rn(first, r));
+  const Real r_low = multiply_add(count, Real(-4 * kExpStepLow), sub_rn(first, r));
   // 1/2 + r/6 + ... + r^6/40320; the first term left out is below 2^-68.
   const Real square = mul_rn(r, r);
   const Real tail = paired_series(r, square, kExpSeries);
@@ -111,8 +111,7 @@ KORVEX_INLINE auto quick_exp(Real x) {
   const auto& t = sixteenth_power(n);
   const auto product = table_growth(Real(t.high), Real(t.low), r, rest);
   const auto sum = fast_two_sum(Real(t.high), product.growth);  // exact
-  return QuickExp<Real, decltype(to_bits(x))>{sum.value, add_rn(product.low, sum.error),
-                                              (n >> 4) << kFractionBits};
+  return {sum.value, add_rn(product.low, sum.error), (n >> 4) << kFractionBits};
 }
 
 constexpr double kQuickExpError = 0x1.1p-61;  // proved: 2^-61
@@ -181,11 +180,20 @@ constexpr double kLogSeries[7] = {-0x1p-1,
 
 constexpr double kLogBias = 0x1p+52 + kExponentBias;
 
-// log(x 2^(kLogBias - bias)); x = m 2^k as of normal_log_argument(), by integers of 64 bits. Error
-// of value + error below 2^-58.8 of the logarithm, and below 2^-66.9. Precondition: x is positive
-// and normal.
+// x = m 2^k as of normal_log_argument(), by integers of 64 bits: m times the reciprocal of its
+// entry is 1 + r + r_low, and high + low the logarithm of the entry.
 template <class Real>
-KORVEX_INLINE ValueAndErrorOf<Real> quick_log(Real x, Real bias = Real(kLogBias)) {
+struct QuickLogArgument {
+  Real r;
+  Real r_low;
+  Real k;
+  Real high;
+  Real low;
+};
+
+// Of x 2^(kLogBias - bias). Precondition: x is positive and normal.
+template <class Real>
+KORVEX_INLINE QuickLogArgument<Real> quick_log_argument(Real x, Real bias = Real(kLogBias)) {
   const auto bits = to_bits(x);
   constexpr int kEntryPlace = kFractionBits - 8;
   // From entry kLogHalfFrom on, this carries over to the exponent.
@@ -198,16 +206,22 @@ KORVEX_INLINE ValueAndErrorOf<Real> quick_log(Real x, Real bias = Real(kLogBias)
   constexpr std::uint64_t kPlaces = std::uint64_t{kLogEntries - 1} * kLogEntryBytes;
   const auto& t = quick_log_entry((bits >> (kEntryPlace - 5)) & kPlaces);
   const Real product = mul_rn(m, Real(t.reciprocal));
-  const Real rl = short_product_error(m, Real(t.reciprocal), product);
-  const Real rh = sub_rn(product, 1.0);  // exact (Sterbenz)
+  const Real r_low = short_product_error(m, Real(t.reciprocal), product);
+  const Real r = sub_rn(product, 1.0);  // exact (Sterbenz)
+  return {r, r_low, k, Real(t.high), Real(t.low)};
+}
+
+// Error of value + error below 2^-58.8 of the logarithm, and below 2^-66.9.
+template <class Real>
+KORVEX_INLINE ValueAndErrorOf<Real> quick_log(const QuickLogArgument<Real>& x) {
   // -1/2 + r/3 - ... ; the first term left out is below 2^-66 |r|.
-  const Real square = mul_rn(rh, rh);
-  const Real tail = paired_series(rh, square, kLogSeries);
-  const Real cross = multiply_add(-rh, rl, rl);  // rl / (1 + r), cut
+  const Real square = mul_rn(x.r, x.r);
+  const Real tail = paired_series(x.r, square, kLogSeries);
+  const Real cross = multiply_add(-x.r, x.r_low, x.r_low);  // r_low / (1 + r), cut
   const Real rest = multiply_add(square, tail, cross);
-  const auto table = fast_two_sum(mul_rn(k, kLn2High), Real(t.high));  // exact
-  const auto sum = fast_two_sum(table.value, rh);                      // exact
-  const Real small = add_rn(table.error, multiply_add(k, Real(kLn2Low), Real(t.low)));
+  const auto table = fast_two_sum(mul_rn(x.k, kLn2High), x.high);  // exact
+  const auto sum = fast_two_sum(table.value, x.r);                 // exact
+  const Real small = add_rn(table.error, multiply_add(x.k, Real(kLn2Low), x.low));
   return {sum.value, add_rn(add_rn(sum.error, small), rest)};
 }
 
@@ -222,10 +236,20 @@ KORVEX_INLINE RoundedOf<Real> round_quick_log(const ValueAndErrorOf<Real>& y) {
 
 // Undecided for what is not a positive normal number, and where the rounding test fails.
 template <class Real>
-KORVEX_INLINE RoundedOf<Real> quick_logarithm(Real x) {
+KORVEX_INLINE RoundedOf<Real> quick_logarithm_of(Real x, const QuickLogArgument<Real>& argument) {
   const auto is_usual = both(x >= 0x1p-1022, x <= kLargest);
-  const auto sum = round_quick_log(quick_log(x));
+  const auto sum = round_quick_log(quick_log(argument));
   return {sum.value, both(is_usual, sum.is_decided)};
+}
+
+template <class Real>
+KORVEX_INLINE QuickLogArgument<Real> usual_log_argument(Real x) {
+  return quick_log_argument(x);
+}
+
+template <class Real>
+KORVEX_INLINE RoundedOf<Real> quick_logarithm(Real x) {
+  return quick_logarithm_of(x, usual_log_argument(x));
 }
 
 // The second try, of every x.
@@ -234,8 +258,8 @@ KORVEX_INLINE RoundedOf<Real> any_logarithm(Real x) {
   const auto is_small = x < 0x1p-1022;
   // By their bits, as a processor may take long for subnormal operands.
   const Real whole = sub_rn(from_bits(to_bits(x) | to_bits(0x1p+52)), 0x1p+52);  // x 2^1074
-  const auto sum = round_quick_log(quick_log(
-      selected(is_small, whole, x), selected(is_small, Real(kLogBias + 1074), Real(kLogBias))));
+  const auto sum = round_quick_log(quick_log(quick_log_argument(
+      selected(is_small, whole, x), selected(is_small, Real(kLogBias + 1074), Real(kLogBias)))));
   const auto is_number = both(x > 0.0, x <= kLargest);
   const Real endless = selected(x == 0.0, Real(-infinity()), x);  // of 0 and infinity
   const Real unusual = selected(x >= 0.0, endless, Real(canonical_nan()));
@@ -302,30 +326,40 @@ KORVEX_INLINE QuickQuotient<Real> quick_quotient(Real n, Real d, Real inverse) {
   }
 }
 
-// sigmoid(x) = 1 / (1 + exp(-x)) as unit / (unit + power), exp(-x) = power / unit.
-// Precondition: -650 <= x <= kSigmoidOne. Relative error of value + error below 2^-61.
+// exp(-x), at kSigmoidOne for what lies above it: there the sigmoid is 1 already.
 template <class Real>
-KORVEX_INLINE ValueAndErrorOf<Real> quick_sigmoid_pair(Real x) {
-  const auto e = quick_exp(-x);
+KORVEX_INLINE QuickExp<Real> quick_sigmoid_power(Real x) {
+  return quick_exp(-lesser(x, Real(kSigmoidOne)));
+}
+
+// sigmoid(x) = 1 / (1 + exp(-x)) as unit / (unit + power), exp(-x) = power / unit.
+// Precondition: -650 <= x. Relative error of value + error below 2^-61.
+template <class Real>
+KORVEX_INLINE ValueAndErrorOf<Real> quick_sigmoid_pair(const QuickExp<Real>& e) {
   const auto power = fast_two_sum(e.high, e.low);                                        // exact
   const Real unit = from_bits(to_bits(Real(1.0)) - e.exponent);                          // 2^-k
   const auto sum = fast_two_sum(greater(power.value, unit), lesser(power.value, unit));  // exact
   const Real low = add_rn(sum.error, power.error);                                       // rounded
   const Real inverse = div_rn(Real(1.0), sum.value);
   const auto ratio = quick_quotient(unit, sum.value, inverse);
-  const Real rest = multiply_add(-ratio.quotient, low, ratio.rest);
+  const Real rest = multiply_add(ratio.quotient, -low, ratio.rest);
   return {ratio.quotient, mul_rn(rest, inverse)};
 }
 
 constexpr double kQuickSigmoidError = 0x1.1p-61;  // proved: 2^-61
 
 // Undecided below -650, where the low part may be subnormal, for NaN, and where the rounding test
-// fails. At kSigmoidOne it is 1 already.
+// fails.
 template <class Real>
-KORVEX_INLINE RoundedOf<Real> quick_sigmoid(Real x) {
-  const auto y = quick_sigmoid_pair(lesser(x, Real(kSigmoidOne)));
+KORVEX_INLINE RoundedOf<Real> quick_sigmoid_of(Real x, const QuickExp<Real>& power) {
+  const auto y = quick_sigmoid_pair(power);
   const auto sum = rounding_test(y.value, y.error, mul_rn(y.value, kQuickSigmoidError));
   return {sum.value, both(x > -650.0, sum.is_decided)};
+}
+
+template <class Real>
+KORVEX_INLINE RoundedOf<Real> quick_sigmoid(Real x) {
+  return quick_sigmoid_of(x, quick_sigmoid_power(x));
 }
 
 // The second try, of those below -600, where the sigmoid is the exponential but for 2^-865 of it,
@@ -340,12 +374,17 @@ KORVEX_INLINE RoundedOf<Real> any_sigmoid(Real x) {
 
 constexpr double kQuickTanhOne = 20.0;  // 2 exp(-40) is far below 2^-54, as the test needs it
 
-// tanh(x) = (E - 1) / (E + 1), E = exp(2 x) = 2^k power. Precondition: 0 <= x <= kQuickTanhOne.
-// Error of value + error below 2^-62.5, and below 2^-49.5 of y^2 + 2^-23 y, y the result, where x
-// is not below kTanhLeast.
+// exp(2 |x|), at kQuickTanhOne for what lies above it: there tanh is 1 already.
 template <class Real>
-KORVEX_INLINE ValueAndErrorOf<Real> quick_tanh_pair(Real x) {
-  const auto e = quick_exp(add_rn(x, x));
+KORVEX_INLINE QuickExp<Real> quick_tanh_power(Real x) {
+  const Real magnitude = lesser(Real(kQuickTanhOne), absolute(x));  // NaN stays
+  return quick_exp(add_rn(magnitude, magnitude));
+}
+
+// tanh(|x|) = (E - 1) / (E + 1), E = exp(2 |x|) = 2^k power. Error of value + error below 2^-62.5,
+// and below 2^-49.5 of y^2 + 2^-23 y, y the result, where |x| is not below kTanhLeast.
+template <class Real>
+KORVEX_INLINE ValueAndErrorOf<Real> quick_tanh_pair(const QuickExp<Real>& e) {
   const auto power = fast_two_sum(e.high, e.low);                // exact
   const Real unit = from_bits(to_bits(Real(1.0)) - e.exponent);  // 2^-k
   const auto less = fast_two_sum(power.value, -unit);            // exact
@@ -354,19 +393,18 @@ KORVEX_INLINE ValueAndErrorOf<Real> quick_tanh_pair(Real x) {
   const Real inverse = div_rn(Real(1.0), more.value);
   const auto ratio = quick_quotient(less.value, more.value, inverse);
   const Real more_low = add_rn(more.error, power.error);  // rounded
-  const Real rest = multiply_add(-ratio.quotient, more_low, add_rn(ratio.rest, low));
+  const Real rest = multiply_add(ratio.quotient, -more_low, add_rn(ratio.rest, low));
   return {ratio.quotient, mul_rn(rest, inverse)};
 }
 
 constexpr double kQuickTanhError = 0x1p-62;            // proved: 2^-62.5, absolute
 constexpr double kQuickTanhRelativeError = 0x1.cp-50;  // proved: 2^-49.5, of y^2 + 2^-23 y
 
-// x itself below kTanhLeast. Undecided for NaN, and where the rounding test fails. At
-// kQuickTanhOne it is 1 already.
+// x itself below kTanhLeast. Undecided for NaN, and where the rounding test fails.
 template <class Real>
-KORVEX_INLINE RoundedOf<Real> quick_tanh(Real x) {
+KORVEX_INLINE RoundedOf<Real> quick_tanh_of(Real x, const QuickExp<Real>& power) {
   const Real magnitude = absolute(x);
-  const auto y = quick_tanh_pair(lesser(Real(kQuickTanhOne), magnitude));  // NaN stays
+  const auto y = quick_tanh_pair(power);
   const Real relative =
       multiply_add(y.value, Real(kQuickTanhRelativeError), Real(0x1p-23 * kQuickTanhRelativeError));
   const Real error = lesser(mul_rn(y.value, relative), kQuickTanhError);
@@ -374,6 +412,11 @@ KORVEX_INLINE RoundedOf<Real> quick_tanh(Real x) {
   const auto is_least = magnitude < kTanhLeast;
   return {with_sign_of(x, selected(is_least, magnitude, sum.value)),
           either(is_least, sum.is_decided)};
+}
+
+template <class Real>
+KORVEX_INLINE RoundedOf<Real> quick_tanh(Real x) {
+  return quick_tanh_of(x, quick_tanh_power(x));
 }
 
 }  // namespace korvex::arithmetic

@@ -6,6 +6,7 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <new>
 
 #include "korvex/arithmetic/elementary/logarithm.h"
 #include "korvex/arithmetic/elementary/logistic.h"
@@ -20,8 +21,11 @@ namespace korvex::host {
 namespace {
 
 using arithmetic::ElementLanes;
+using arithmetic::HostDoubles;
 using arithmetic::HostLanes;
 using arithmetic::RoundedOf;
+
+constexpr int kLanes = HostLanes::kCount;
 
 // Arguments: x, out, n.
 template <double (*Function)(double)>
@@ -121,15 +125,44 @@ class WithoutSubnormals {
   WithoutSubnormals& operator=(const WithoutSubnormals&) = delete;
 };
 
-// A function of its own, so that no operation moves to where subnormal numbers count.
-template <RoundedOf<arithmetic::HostDoubles> (*Try)(arithmetic::HostDoubles)>
-__attribute__((noinline)) void try_registers(const double* x, double* out, int registers,
-                                             std::uint8_t* decided) {
-  constexpr int kLanes = HostLanes::kCount;
+// A first try of so many registers. Functions of their own, so that no operation moves to where
+// subnormal numbers count.
+using FirstTry = void(const double* x, double* out, int registers, std::uint8_t* decided);
+
+template <RoundedOf<HostDoubles> (*Try)(HostDoubles)>
+__attribute__((noinline)) void in_one_pass(const double* x, double* out, int registers,
+                                           std::uint8_t* decided) {
   for (int i = 0; i < registers; ++i) {
     const auto tried = Try(HostLanes::load(x + std::int64_t{i} * kLanes));
     HostLanes::store(out + std::int64_t{i} * kLanes, tried.value);
     decided[i] = arithmetic::lanes_with(tried.is_decided);
+  }
+}
+
+// Try(x) as End(x, Begin(x)), a few registers at a time. A long chain of operations waits for its
+// own results; how many elements a processor works on meanwhile depends on how many operations each
+// has. Halves of it have half the chain and twice as many elements.
+template <auto Begin, auto End>
+__attribute__((noinline)) void in_two_passes(const double* x, double* out, int registers,
+                                             std::uint8_t* decided) {
+  using Half = decltype(Begin(HostDoubles()));
+  constexpr int kAtOnce = 16;
+  Half halves[kAtOnce];
+  for (int first = 0; first < registers; first += kAtOnce) {
+    const int members = std::min(kAtOnce, registers - first);
+    const double* const arguments = x + std::int64_t{first} * kLanes;
+    double* const results = out + std::int64_t{first} * kLanes;
+    for (int i = 0; i < members; ++i) {
+      // Made in place: g++ 12 copies such a struct by its halves, through other registers.
+      ::new (static_cast<void*>(halves + i))
+          Half(Begin(HostLanes::load(arguments + std::int64_t{i} * kLanes)));
+    }
+    for (int i = 0; i < members; ++i) {
+      const std::int64_t place = std::int64_t{i} * kLanes;
+      const auto tried = End(HostLanes::load(arguments + place), halves[i]);
+      HostLanes::store(results + place, tried.value);
+      decided[first + i] = arithmetic::lanes_with(tried.is_decided);
+    }
   }
 }
 
@@ -150,16 +183,15 @@ __attribute__((noinline)) void try_all_again(const double* x, double* out, int r
 // A function of which a first try decides most elements, several at a time, for a chunk that x and
 // out do not share. What it leaves open is gathered and finished together: a branch for each
 // register would be mispredicted where a lane is open, and wait for the try to end.
-template <RoundedOf<arithmetic::HostDoubles> (*Try)(arithmetic::HostDoubles), class LanesAgain,
+template <FirstTry* First, class LanesAgain,
           RoundedOf<typename LanesAgain::Value> (*Again)(typename LanesAgain::Value),
           double (*Function)(double)>
 void tried_chunk(const double* x, double* out, int members) {
-  constexpr int kLanes = HostLanes::kCount;
   std::uint8_t decided[kChunk / kLanes + 7];
   const int registers = members / kLanes;
   {
     const WithoutSubnormals scope;
-    try_registers<Try>(x, out, registers, decided);
+    First(x, out, registers, decided);
   }
   std::memset(decided + registers, 0xff, 7);  // up to a multiple of 8
   if constexpr (LanesAgain::kCount > 1) {
@@ -177,7 +209,7 @@ void tried_chunk(const double* x, double* out, int members) {
   }
 }
 
-template <RoundedOf<arithmetic::HostDoubles> (*Try)(arithmetic::HostDoubles), class LanesAgain,
+template <FirstTry* First, class LanesAgain,
           RoundedOf<typename LanesAgain::Value> (*Again)(typename LanesAgain::Value),
           double (*Function)(double)>
 void tried_range(const double* x, double* out, std::int64_t count) {
@@ -189,7 +221,7 @@ void tried_range(const double* x, double* out, std::int64_t count) {
       std::memcpy(copied, arguments, static_cast<std::size_t>(members) * sizeof(double));
       arguments = copied;
     }
-    tried_chunk<Try, LanesAgain, Again, Function>(arguments, out + first, members);
+    tried_chunk<First, LanesAgain, Again, Function>(arguments, out + first, members);
   }
 }
 
@@ -209,12 +241,17 @@ void run_relu(const Arguments& arguments) { run_unary<arithmetic::relu>(argument
 void run_neg(const Arguments& arguments) { run_unary<arithmetic::negated>(arguments); }
 
 void exp_range(const double* x, double* out, std::int64_t count) {
-  tried_range<arithmetic::quick_exponential, HostLanes, arithmetic::any_exponential,
+  tried_range<in_one_pass<arithmetic::quick_exponential>, HostLanes, arithmetic::any_exponential,
               arithmetic::exponential>(x, out, count);
 }
 void log_range(const double* x, double* out, std::int64_t count) {
-  tried_range<arithmetic::quick_logarithm, HostLanes, arithmetic::any_logarithm,
-              arithmetic::logarithm_beside_one>(x, out, count);
+  // Two passes are slower where a fused multiply-add makes the chain short.
+  constexpr FirstTry* kFirst = arithmetic::kFmaIsFast
+                                   ? in_one_pass<arithmetic::quick_logarithm>
+                                   : in_two_passes<arithmetic::usual_log_argument<HostDoubles>,
+                                                   arithmetic::quick_logarithm_of<HostDoubles>>;
+  tried_range<kFirst, HostLanes, arithmetic::any_logarithm, arithmetic::logarithm_beside_one>(
+      x, out, count);
 }
 void sqrt_range(const double* x, double* out, std::int64_t count) {
   for (std::int64_t i = 0; i < count; ++i) {
@@ -222,12 +259,15 @@ void sqrt_range(const double* x, double* out, std::int64_t count) {
   }
 }
 void sigmoid_range(const double* x, double* out, std::int64_t count) {
-  tried_range<arithmetic::quick_sigmoid, HostLanes, arithmetic::any_sigmoid, arithmetic::sigmoid>(
-      x, out, count);
+  constexpr FirstTry* kFirst = in_two_passes<arithmetic::quick_sigmoid_power<HostDoubles>,
+                                             arithmetic::quick_sigmoid_of<HostDoubles>>;
+  tried_range<kFirst, HostLanes, arithmetic::any_sigmoid, arithmetic::sigmoid>(x, out, count);
 }
 void tanh_range(const double* x, double* out, std::int64_t count) {
-  tried_range<arithmetic::quick_tanh, ElementLanes, arithmetic::try_tanh,
-              arithmetic::hyperbolic_tangent>(x, out, count);
+  constexpr FirstTry* kFirst = in_two_passes<arithmetic::quick_tanh_power<HostDoubles>,
+                                             arithmetic::quick_tanh_of<HostDoubles>>;
+  tried_range<kFirst, ElementLanes, arithmetic::try_tanh, arithmetic::hyperbolic_tangent>(x, out,
+                                                                                          count);
 }
 
 void run_exp(const Arguments& arguments) { run_range<exp_range>(arguments); }

@@ -57,10 +57,12 @@ void quick_exp_phase(double x, double* out) {
   out[2] = static_cast<double>(static_cast<std::int64_t>(e.exponent) >> kFractionBits);
 }
 
-void quick_log_phase(double x, double* out) { write(quick_log(x), out); }
+void quick_log_phase(double x, double* out) { write(quick_log(quick_log_argument(x)), out); }
 
-void quick_sigmoid_phase(double x, double* out) { write(quick_sigmoid_pair(x), out); }
-void quick_tanh_phase(double x, double* out) { write(quick_tanh_pair(x), out); }
+void quick_sigmoid_phase(double x, double* out) {
+  write(quick_sigmoid_pair(quick_sigmoid_power(x)), out);
+}
+void quick_tanh_phase(double x, double* out) { write(quick_tanh_pair(quick_tanh_power(x)), out); }
 
 constexpr Phase kPhases[] = {
     exp_phase,  reduced_exp_phase, log_phase,       expm1_phase,         sigmoid_phase,
