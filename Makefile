@@ -196,7 +196,6 @@ VERIFY_ARM_TESTS ?= tests/limbs tests/reductions tests/elementwise tests/golden
 verify-arm: install ## the same on 64-bit Arm, emulated by qemu, and Python tests there; adds a report
 	@scripts/verify_arm.sh $(PY) "$(or $(SITE),$(shell $(PY) -I -c \
 	  'import sysconfig; print(sysconfig.get_path("platlib"))'))" $(JOBS) $(VERIFY_ARM_TESTS)
-	@$(TOOL).verify.report
 
 # Some minutes: error bounds worked out anew, then ten million arguments of each function.
 verify-elementary: install ## exp, log, sqrt, sigmoid and tanh against MPFR, bit for bit

@@ -58,4 +58,5 @@ results=build/verify
 [ -n "$(git status --porcelain)" ] || results=docs/verification
 run_there python3 -P -m korvex_tools.verify --only base-1 base-all --results "$results" \
   --library "$folder"/levels/libkorvex_host_kernels_base_{O0,O2}.so
+PYTHONPATH=tools "$python" -P -m korvex_tools.verify.report
 run_there python3 -P -m pytest -q -p no:cacheprovider -n "$jobs" "${tests[@]}"
