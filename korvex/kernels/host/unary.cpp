@@ -166,6 +166,17 @@ __attribute__((noinline)) void in_two_passes(const double* x, double* out, int r
   }
 }
 
+constexpr FirstTry* kTryExp = in_one_pass<arithmetic::quick_exponential>;
+// Two passes are slower where a fused multiply-add makes the chain short.
+constexpr FirstTry* kTryLog = arithmetic::kFmaIsFast
+                                  ? in_one_pass<arithmetic::quick_logarithm>
+                                  : in_two_passes<arithmetic::usual_log_argument<HostDoubles>,
+                                                  arithmetic::quick_logarithm_of<HostDoubles>>;
+constexpr FirstTry* kTrySigmoid = in_two_passes<arithmetic::quick_sigmoid_power<HostDoubles>,
+                                                arithmetic::quick_sigmoid_of<HostDoubles>>;
+constexpr FirstTry* kTryTanh = in_two_passes<arithmetic::quick_tanh_power<HostDoubles>,
+                                             arithmetic::quick_tanh_of<HostDoubles>>;
+
 // The second try of all registers of a chunk with an open lane, in place: less than gathering where
 // a good part is open.
 template <class Lanes, RoundedOf<typename Lanes::Value> (*Again)(typename Lanes::Value)>
@@ -241,16 +252,11 @@ void run_relu(const Arguments& arguments) { run_unary<arithmetic::relu>(argument
 void run_neg(const Arguments& arguments) { run_unary<arithmetic::negated>(arguments); }
 
 void exp_range(const double* x, double* out, std::int64_t count) {
-  tried_range<in_one_pass<arithmetic::quick_exponential>, HostLanes, arithmetic::any_exponential,
-              arithmetic::exponential>(x, out, count);
+  tried_range<kTryExp, HostLanes, arithmetic::any_exponential, arithmetic::exponential>(x, out,
+                                                                                        count);
 }
 void log_range(const double* x, double* out, std::int64_t count) {
-  // Two passes are slower where a fused multiply-add makes the chain short.
-  constexpr FirstTry* kFirst = arithmetic::kFmaIsFast
-                                   ? in_one_pass<arithmetic::quick_logarithm>
-                                   : in_two_passes<arithmetic::usual_log_argument<HostDoubles>,
-                                                   arithmetic::quick_logarithm_of<HostDoubles>>;
-  tried_range<kFirst, HostLanes, arithmetic::any_logarithm, arithmetic::logarithm_beside_one>(
+  tried_range<kTryLog, HostLanes, arithmetic::any_logarithm, arithmetic::logarithm_beside_one>(
       x, out, count);
 }
 void sqrt_range(const double* x, double* out, std::int64_t count) {
@@ -259,15 +265,11 @@ void sqrt_range(const double* x, double* out, std::int64_t count) {
   }
 }
 void sigmoid_range(const double* x, double* out, std::int64_t count) {
-  constexpr FirstTry* kFirst = in_two_passes<arithmetic::quick_sigmoid_power<HostDoubles>,
-                                             arithmetic::quick_sigmoid_of<HostDoubles>>;
-  tried_range<kFirst, HostLanes, arithmetic::any_sigmoid, arithmetic::sigmoid>(x, out, count);
+  tried_range<kTrySigmoid, HostLanes, arithmetic::any_sigmoid, arithmetic::sigmoid>(x, out, count);
 }
 void tanh_range(const double* x, double* out, std::int64_t count) {
-  constexpr FirstTry* kFirst = in_two_passes<arithmetic::quick_tanh_power<HostDoubles>,
-                                             arithmetic::quick_tanh_of<HostDoubles>>;
-  tried_range<kFirst, ElementLanes, arithmetic::try_tanh, arithmetic::hyperbolic_tangent>(x, out,
-                                                                                          count);
+  tried_range<kTryTanh, ElementLanes, arithmetic::try_tanh, arithmetic::hyperbolic_tangent>(x, out,
+                                                                                            count);
 }
 
 void run_exp(const Arguments& arguments) { run_range<exp_range>(arguments); }
