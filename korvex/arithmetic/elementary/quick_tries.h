@@ -125,10 +125,14 @@ KORVEX_INLINE RoundedOf<Real> quick_exponential(Real x) {
   return {from_bits(to_bits(sum.value) + e.exponent), both(is_usual, sum.is_decided)};
 }
 
+template <class Real>
+KORVEX_INLINE QuickExp<Real> any_power(Real x) {
+  return quick_exp(greater(lesser(x, Real(710.0)), Real(-746.0)));
+}
+
 // The second try, of every x: subnormal results are rounded on their own grid.
 template <class Real>
-KORVEX_INLINE RoundedOf<Real> any_exponential(Real x) {
-  const auto e = quick_exp(-lesser(Real(746.0), -lesser(x, Real(710.0))));
+KORVEX_INLINE RoundedOf<Real> any_exponential_of(Real x, const QuickExp<Real>& e) {
   const auto power = fast_two_sum(e.high, e.low);  // exact
   const auto sum = rounding_test(power.value, power.error, Real(kQuickExpError));
   const Real normal = from_bits(to_bits(sum.value) + e.exponent);
@@ -150,6 +154,11 @@ KORVEX_INLINE RoundedOf<Real> any_exponential(Real x) {
   const Real result = selected(is_too_large, Real(infinity()), value);
   return {selected(is_no_number, Real(canonical_nan()), result),
           either(is_decided, either(is_too_large, is_no_number))};
+}
+
+template <class Real>
+KORVEX_INLINE RoundedOf<Real> any_exponential(Real x) {
+  return any_exponential_of(x, any_power(x));
 }
 
 // By its place among entries of 32 bytes, as lanes have them.
@@ -365,9 +374,14 @@ KORVEX_INLINE RoundedOf<Real> quick_sigmoid(Real x) {
 // The second try, of those below -600, where the sigmoid is the exponential but for 2^-865 of it,
 // and of NaN.
 template <class Real>
-KORVEX_INLINE RoundedOf<Real> any_sigmoid(Real x) {
-  const auto e = any_exponential(x);
+KORVEX_INLINE RoundedOf<Real> any_sigmoid_of(Real x, const QuickExp<Real>& power) {
+  const auto e = any_exponential_of(x, power);
   return {e.value, both(either(x < -600.0, x != x), e.is_decided)};
+}
+
+template <class Real>
+KORVEX_INLINE RoundedOf<Real> any_sigmoid(Real x) {
+  return any_sigmoid_of(x, any_power(x));
 }
 
 // ---- tanh ----
