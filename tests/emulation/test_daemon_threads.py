@@ -26,7 +26,7 @@ korvex.emulation.activate(threads={threads})
 import threading, time
 import torch, korvex.tqx_runtime as runtime
 from korvex.emulation import _library
-a = torch.randn(1000, 1000, dtype=torch.float64).cuda()  # nearly all time is in the kernel
+a = torch.randn(1600, 1600, dtype=torch.float64).cuda()  # nearly all time is in the kernel
 begin = time.monotonic()
 runtime.tqx_matmul(a, a)
 duration = time.monotonic() - begin
