@@ -3,6 +3,7 @@
 // data against exact bits, in scalar and in vector lanes, whole and in slices.
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <vector>
 
@@ -55,6 +56,22 @@ void empty_and_zero_sums_are_plus_zero() {
   Limbs4 out = {7.0, 7.0, 7.0, 7.0};
   arithmetic::sum_sequential<HostLanes>(nullptr, out.data(), -5);
   CHECK(same_limbs(out, std::vector<double>(4, 0.0)));
+}
+
+void exponents_are_of_the_largest_and_the_smallest_that_is_not_zero() {
+  const auto range = [](const std::vector<double>& x) {
+    return arithmetic::ExponentRange::of(x.data(), static_cast<std::int64_t>(x.size()));
+  };
+  const auto is = [&](const std::vector<double>& x, int lowest, int highest) {
+    const auto found = range(x);
+    return found.lowest == lowest && found.highest == highest && found.is_finite;
+  };
+  CHECK(is({3.0, 1.5, 0.0, -40.0}, 0, 5));  // a zero after the smallest
+  CHECK(is({1.0, std::nextafter(1.0, 0.0)}, -1, 0));
+  CHECK(is({std::nextafter(1.0, 0.0), 1.0}, -1, 0));
+  CHECK(is({0x1p-1074, -0x1p-1022}, -1022, -1022));
+  CHECK(is({kMax, 0x1p-1074}, -1022, 1023));
+  CHECK(!range({1.0, -kInf}).is_finite);
 }
 
 void a_sum_that_overflows_midway_comes_back() {
@@ -366,6 +383,7 @@ void test_sum() {
   windows_are_kept();
   plans_cover_their_elements();
   empty_and_zero_sums_are_plus_zero();
+  exponents_are_of_the_largest_and_the_smallest_that_is_not_zero();
   a_sum_that_overflows_midway_comes_back();
   six_levels_each_a_limb_apart();
   more_than_four_limbs_round_the_last();
