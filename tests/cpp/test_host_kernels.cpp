@@ -290,6 +290,30 @@ void dots_on_several_threads_are_those_on_one(const Library& library) {
   }
 }
 
+// On several threads, whose ranges end inside the array and at its end.
+void elements_beyond_the_array_stay(const Library& library) {
+  constexpr std::int64_t kElements = 200001;
+  Random random(56);
+  const std::vector<double> x = draw_many(random, Shape::kNarrow, 2 * kElements, false);
+  for (const char* kernel :
+       {"tqx_relu_kernel", "tqx_neg_kernel", "tqx_exp_kernel", "tqx_log_kernel", "tqx_sqrt_kernel",
+        "tqx_sigmoid_kernel", "tqx_tanh_kernel"}) {
+    const auto results = [&](int threads) {
+      std::vector<double> out(x.size(), 7.0);
+      const double* x_pointer = x.data();
+      double* out_pointer = out.data();
+      std::int64_t n = kElements;
+      CHECK(library.launch(library.index_of(kernel), kOne,
+                           {static_cast<void*>(&x_pointer), static_cast<void*>(&out_pointer), &n},
+                           threads) == 0);
+      const std::vector<double> beyond(out.begin() + kElements, out.end());
+      CHECK(same_limbs(beyond, std::vector<double>(beyond.size(), 7.0)));
+      return out;
+    };
+    CHECK(same_limbs(results(3), results(1)));
+  }
+}
+
 // By the system's own account, where there is one.
 const char* best_instruction_set() {
   const FlagsOfSystem flags;
@@ -333,6 +357,7 @@ int run(const char* path, const char* instruction_set) {
   empty_arrays_give_zeros(library);
   the_callers_float_environment_neither_acts_nor_changes(library);
   pairs_are_those_of_the_bodies(library);
+  elements_beyond_the_array_stay(library);
   reductions_on_several_threads_are_those_on_one(library);
   dots_on_several_threads_are_those_on_one(library);
   return Tally::all().finish();

@@ -167,9 +167,9 @@ __attribute__((noinline)) void finish_open(Pass* again, const double* x, double*
   int done = 0;
   while (again != nullptr && count - done >= kLeastTogether) {
     const int members = std::min(count - done, kLanes);
-    double together[kLanes];
-    for (int i = 0; i < kLanes; ++i) {
-      together[i] = x[places[done + std::min(i, members - 1)]];
+    double together[kLanes] = {};
+    for (int i = 0; i < members; ++i) {
+      together[i] = x[places[done + i]];
     }
     double results[kLanes] = {};
     std::uint8_t decided = 0;
