@@ -30,9 +30,11 @@ class QuickSquares {
   static constexpr std::int64_t kMostElements = std::int64_t{1} << 27;
 
   // Adds the squares of x[0] to x[n - 1]; false where the sum is not one of this kind: an element
-  // is not finite, or too large or too small for it.
-  KORVEX_COLD bool add(const double* x, std::int64_t n) {
+  // is not finite, or too large or too small for it. Hints of what will be read lie `further`
+  // elements on than usual, for a caller whose cache holds these already.
+  KORVEX_COLD bool add(const double* x, std::int64_t n, std::int64_t further = 0) {
     count_ += n;
+    further_ = further;
     std::int64_t begin = 0;
     for (; n - begin >= kStep && is_usable_; begin += chunk_size(n - begin)) {
       add_chunk(x + begin, chunk_size(n - begin));
@@ -73,6 +75,7 @@ class QuickSquares {
   static constexpr int kSteps = 64;
   static constexpr int kStep = Lanes::kCount * kStreams;
   static constexpr std::int64_t kChunk = std::int64_t{kStep} * kSteps;
+  static constexpr int kLine = 8;             // elements of a cache line
   static constexpr double kLeast = 0x1p-600;  // of a sum
   static constexpr int kLeastExponent = -600;
   static constexpr int kMostExponent = 960;
@@ -105,8 +108,12 @@ class QuickSquares {
       sum[stream] = bias;
       rests[stream] = Value(0.0);
     }
+    // Of elements read in turn, a processor sees by itself what follows the line of a hint.
+    const int hinted = further_ == 0 ? kLine : kStep;
     for (std::int64_t i = 0; i < count; i += kStep) {
-      Lanes::look_ahead(x + i);
+      for (int line = 0; line < hinted; line += kLine) {
+        Lanes::look_ahead(x + i + line + further_);
+      }
 #pragma GCC unroll 4
       for (int stream = 0; stream < kStreams; ++stream) {
         add_square(Lanes::load(x + i + std::int64_t{stream} * Lanes::kCount), sum[stream],
@@ -148,6 +155,7 @@ class QuickSquares {
   bool is_usable_ = true;
   int exponent_ = kLeastExponent;
   std::int64_t count_ = 0;
+  std::int64_t further_ = 0;
   LaneSums lanes_;
   TripleSum<double> joined_;
 };

@@ -55,6 +55,9 @@ ExactProductSum exact_squares(const double* x, std::int64_t n, int threads) {
 // The exact sum of some elements, and the quick one of their squares.
 struct QuickMoments {
   static constexpr std::int64_t kBlock = 2048;  // elements that the first cache holds for both
+  // While a block is squared, the next one comes from memory.
+  static constexpr std::int64_t kFurther =
+      kBlock - HostLanes::kLookAhead / std::int64_t{sizeof(double)};
 
   ExactSum sum;
   QuickSquares squares;
@@ -69,7 +72,7 @@ struct QuickMoments {
     for (std::int64_t begin = 0; begin < n; begin += kBlock) {
       const std::int64_t count = std::min(kBlock, n - begin);
       chunks.add({x + begin}, count);
-      squares.add(x + begin, count);
+      squares.add(x + begin, count, kFurther);
     }
   }
 

@@ -185,6 +185,10 @@ __attribute__((noinline)) void finish_open(Pass* again, const double* x, double*
   }
 }
 
+// Where more of a chunk is open, its second try takes all registers, decided or not: of few lanes
+// little is gained by that.
+constexpr int kQuartersOpen = kLanes > 2 ? 1 : 3;
+
 // Registers whose second try shows whether that of the others is worth it: beside 1, say, it
 // decides no logarithm.
 constexpr int kRegistersToAsk = 8;
@@ -217,7 +221,7 @@ void tried_chunk(const double* x, double* out, int members) {
   }
   std::memset(decided + registers, 0xff, 7);  // up to a multiple of 8
   Pass* again = Again;
-  if (again != nullptr && open_lanes(decided, registers) > members / 4 &&
+  if (again != nullptr && open_lanes(decided, registers) > members / 4 * kQuartersOpen &&
       !try_all_again(again, x, out, registers, decided)) {
     again = nullptr;
   }
