@@ -82,6 +82,15 @@ def launches(module, monkeypatch):
     return counting.launches
 
 
+@pytest.fixture
+def every_warning():
+    """torch gives most of its warnings once in a process, in whichever test comes first."""
+    before = torch.is_warn_always_enabled()
+    torch.set_warn_always(True)
+    yield
+    torch.set_warn_always(before)
+
+
 def pytest_terminal_summary(terminalreporter):
     """How many faults were injected, over all tests that say so."""
     reports = [r for group in terminalreporter.stats.values() for r in group]

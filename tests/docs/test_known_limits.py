@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """The known limits that docs/numerics.md and docs/provenance.md state, each run as stated."""
 
-import contextlib
 import math
 import re
 from decimal import Decimal
@@ -36,15 +35,6 @@ def states(page, head, *sentences):
 @pytest.fixture
 def tensor():
     return lambda values, dtype=torch.float64: torch.tensor(values, device="cuda", dtype=dtype)
-
-
-@contextlib.contextmanager
-def every_warning():
-    """torch gives this one once in a process, and another test waits for it."""
-    before = torch.is_warn_always_enabled()
-    torch.set_warn_always(True)
-    yield
-    torch.set_warn_always(before)
 
 
 def limbs_of(result):
@@ -110,6 +100,7 @@ def test_integers_are_rounded_to_float64_first(module, tensor):
     assert tensor([2**53 + 1, -(2**53)], torch.int64).sum().item() == 1  # torch adds integers
 
 
+@pytest.mark.usefixtures("every_warning")
 def test_other_dtypes_keep_their_values_but_complex_ones(module, tensor):
     states(
         "numerics.md", "Integers and other", "float32, float16 and bfloat16 keep", "imaginary part"
@@ -117,7 +108,7 @@ def test_other_dtypes_keep_their_values_but_complex_ones(module, tensor):
     for dtype in (torch.float32, torch.float16, torch.bfloat16):
         x = tensor([0.1, 0.25, 3.0], dtype)
         assert module.tqx_sum_exact(x) == sum(map(Decimal, x.cpu().double().tolist()))
-    with every_warning(), pytest.warns(UserWarning, match="discards the imaginary part"):
+    with pytest.warns(UserWarning, match="discards the imaginary part"):
         assert module.tqx_sum(tensor([1 + 2j, 3 + 4j], torch.complex128)).item() == 4.0
 
 

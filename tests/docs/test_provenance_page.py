@@ -52,6 +52,7 @@ def test_odds_are_those_of_64_bits():
     assert f"about 2^32, {2**32:.1e}".replace("e+0", "e") in prose()
 
 
+@pytest.mark.usefixtures("every_warning")
 def test_complex_tensor_loses_its_imaginary_parts(module):
     z = torch.tensor([1 + 2j, 3 + 4j], dtype=torch.complex128)
     with pytest.warns(UserWarning, match="discards the imaginary part"):

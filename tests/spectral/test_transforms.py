@@ -239,15 +239,12 @@ def test_imaginary_part_is_gone_before_the_transform(module, name, n):
     assert host_bits(result) == host_bits(getattr(module, name)(z.real.clone()))
 
 
+@pytest.mark.usefixtures("every_warning")
 def test_loss_of_the_imaginary_part_is_reported_by_torch(module):
-    torch.set_warn_always(True)
-    try:
-        with pytest.warns(UserWarning, match=LOST):
-            module.tqx_fft(operand("complex", (4,)))
-        with pytest.warns(UserWarning, match=LOST):
-            module.tqx_ifft(operand("real", (4,)))
-    finally:
-        torch.set_warn_always(False)
+    with pytest.warns(UserWarning, match=LOST):
+        module.tqx_fft(operand("complex", (4,)))
+    with pytest.warns(UserWarning, match=LOST):
+        module.tqx_ifft(operand("real", (4,)))
 
 
 def test_real_operand_of_the_inverse_stays_real(module):
