@@ -33,7 +33,9 @@ def address(site):
 
 @pytest.fixture
 def open_page(driver, address, site):
-    return lambda name: browser.Page(driver, f"{address}/{name}", site)
+    """A page keeps its theme, and what was searched for, for the pages after it: not here."""
+    yield lambda name: browser.Page(driver, f"{address}/{name}", site)
+    driver.execute_script("localStorage.clear()")
 
 
 @pytest.mark.parametrize("name", PAGES)
@@ -70,16 +72,13 @@ def test_pictures_follow_the_system_and_then_the_button(open_page, driver, name)
     assert driver.execute_script(COLOURS) == ["auto", *BLACK]
     button = "document.querySelector('.theme-toggle-header button, button.theme-toggle').click()"
     driver.execute_script(button)
-    try:
-        # From a dark system the button goes to light first, then to dark, then back to the system.
-        assert driver.execute_script(COLOURS) == ["light", *WHITE]
-        page.show(1440, "light")
-        driver.execute_script(button)
-        assert driver.execute_script(COLOURS)[0] in ("dark", "auto")
-        driver.execute_script("document.body.dataset.theme = 'dark'")
-        assert driver.execute_script(COLOURS) == ["dark", *BLACK]
-    finally:
-        driver.execute_script("localStorage.clear()")
+    # From a dark system the button goes to light first, then to dark, then back to the system.
+    assert driver.execute_script(COLOURS) == ["light", *WHITE]
+    page.show(1440, "light")
+    driver.execute_script(button)
+    assert driver.execute_script(COLOURS)[0] in ("dark", "auto")
+    driver.execute_script("document.body.dataset.theme = 'dark'")
+    assert driver.execute_script(COLOURS) == ["dark", *BLACK]
 
 
 def test_search_finds_the_page_about_sums(open_page, driver):
